@@ -1,0 +1,1 @@
+// Keeps the support library a library while no other helper has a source file.
