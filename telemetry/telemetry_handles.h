@@ -1,0 +1,93 @@
+// Owners for what C libraries hand out: each is released when its scope ends, on every path.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <unistd.h>
+
+#include <cjson/cJSON.h>
+#include <curl/curl.h>
+
+#include "telemetry_platform_libs.h"
+
+template <auto Release> struct HandleRelease {
+    template <typename T> void operator()(T *handle) const {
+        Release(handle);
+    }
+};
+
+using JsonPtr = std::unique_ptr<cJSON, HandleRelease<cJSON_Delete>>;
+// Text from malloc: printed JSON, blobmsg_format_json.
+using TextPtr = std::unique_ptr<char, HandleRelease<free>>;
+using FilePtr = std::unique_ptr<FILE, HandleRelease<fclose>>;
+using PipePtr = std::unique_ptr<FILE, HandleRelease<pclose>>;
+using UciContextPtr = std::unique_ptr<uci_context, HandleRelease<uci_free_context>>;
+using BusContextPtr = std::unique_ptr<ubus_context, HandleRelease<ubus_free>>;
+using CurlSlistPtr = std::unique_ptr<curl_slist, HandleRelease<curl_slist_free_all>>;
+
+// A file descriptor that is closed with its scope.
+class FdHandle {
+  public:
+    explicit FdHandle(int fd) : fd_(fd) {
+    }
+    ~FdHandle() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    FdHandle(const FdHandle &) = delete;
+    FdHandle &operator=(const FdHandle &) = delete;
+    int get() const {
+        return fd_;
+    }
+    bool valid() const {
+        return fd_ >= 0;
+    }
+
+  private:
+    int fd_;
+};
+
+// A blobmsg buffer, initialised as an empty table.
+class BlobBuffer {
+  public:
+    BlobBuffer() {
+        memset(&buf_, 0, sizeof(buf_));
+        blob_buf_init(&buf_, 0);
+    }
+    ~BlobBuffer() {
+        blob_buf_free(&buf_);
+    }
+    BlobBuffer(const BlobBuffer &) = delete;
+    BlobBuffer &operator=(const BlobBuffer &) = delete;
+    blob_buf *get() {
+        return &buf_;
+    }
+    blob_attr *head() {
+        return buf_.head;
+    }
+
+  private:
+    blob_buf buf_;
+};
+
+// Copies a text into an array of N characters: at most N - 1 of them, always terminated. A null source empties it.
+template <size_t N> void copy_text(char (&destination)[N], const char *source) {
+    if (source == nullptr)
+        source = "";
+    const size_t length = strnlen(source, N - 1);
+    memmove(destination, source, length);
+    destination[length] = '\0';
+}
+
+// The same for a buffer of `size` characters (at least 1) behind a pointer.
+inline void copy_text(char *destination, size_t size, const char *source) {
+    if (size == 0)
+        return;
+    if (source == nullptr)
+        source = "";
+    const size_t length = strnlen(source, size - 1);
+    memmove(destination, source, length);
+    destination[length] = '\0';
+}
