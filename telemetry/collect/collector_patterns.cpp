@@ -1,0 +1,49 @@
+#include "collect/collector_patterns.h"
+
+#include <utility>
+
+#include "telemetry_log.h"
+
+int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows, const CollectorCountMessage &success,
+                                   cJSON *payload, uint32_t *count) {
+    if (telemetry_update_tmp_backup_config_by_telemetry_index(table, rows) == 0)
+        return 0;
+    telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(table, rows, count, payload);
+    if (telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
+        telemetry_log_write(success.file, success.function, success.line, success.text, static_cast<int>(*count));
+    return 0;
+}
+
+int telemetry_collect_digest_changed(const char *package, const char *name, const cJSON *object,
+                                     CollectorPlainMessage unchanged) {
+    if (telemetry_update_tmp_backup_config_md5(package, name, object) == 1)
+        return 1;
+    if (telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
+        telemetry_log_write(unchanged.file, unchanged.function, unchanged.line, "%s", unchanged.text);
+    return 0;
+}
+
+int telemetry_collect_changed_object(const char *package, const char *name, const char *key, JsonPtr object,
+                                     uint32_t items, CollectorPlainMessage unchanged, cJSON *payload,
+                                     uint32_t *count) {
+    if (telemetry_collect_digest_changed(package, name, object.get(), unchanged) == 0)
+        return 0;
+    if (!telemetry_attach_member(payload, key, std::move(object)))
+        return -1;
+    *count += items;
+    return 0;
+}
+
+bool telemetry_attach_member(cJSON *object, const char *key, JsonPtr item) {
+    if (!cJSON_AddItemToObject(object, key, item.get()))
+        return false;
+    static_cast<void>(item.release());
+    return true;
+}
+
+bool telemetry_attach_element(cJSON *array, JsonPtr item) {
+    if (!cJSON_AddItemToArray(array, item.get()))
+        return false;
+    static_cast<void>(item.release());
+    return true;
+}
