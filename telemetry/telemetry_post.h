@@ -93,6 +93,10 @@ void telemetry_post_init_state(TelemetryCtx *ctx);
 // Called by every failed call: doubles the wait, gives up after the fifth.
 void telemetry_post_retry(TelemetryCtx *ctx);
 void telemetry_post_reset_retry(TelemetryCtx *ctx);
+// Sets the state, resets the retries and runs the new state's action.
+void telemetry_post_enter_state(TelemetryCtx *ctx, TelemetryPostState state);
+// Runs the state machine again in `ms`.
+void telemetry_post_arm_retry_timer(TelemetryCtx *ctx, uint32_t ms);
 void post_state_FSM_retry_cb(uloop_timeout *timer);
 // What an `error_code` other than 0 means for the two signed calls.
 void get_strategy_handle_error_code(TelemetryCtx *ctx, int error_code);

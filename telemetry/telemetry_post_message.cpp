@@ -1,0 +1,410 @@
+// The three cloud calls: bodies, senders, and what their answers change.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <limits>
+#include <string>
+
+#include "telemetry_collect.h"
+#include "telemetry_handles.h"
+#include "telemetry_json.h"
+#include "telemetry_log.h"
+#include "telemetry_post.h"
+#include "telemetry_uci.h"
+#include "telemetry_utils.h"
+
+static constexpr char kDeviceType[] = "HOMEWIFISYSTEM";
+static constexpr char kContentType[] = "Content-Type: application/json";
+
+struct CloudCall {
+    const char *signed_path; // the path below the base URL, with a "/" in front
+    bool is_signed;
+    char *(*build_body)(const TelemetryCtx *ctx);
+    void (*on_complete)(PostRequest *request);
+};
+
+static constexpr CloudCall kRefreshKeyCall = {"/api/data/device/getAccessKey", false,
+                                              get_post_refresh_key_content, post_refresh_key_cb};
+static constexpr CloudCall kGetStrategyCall = {"/api/data/device/strategy/getDataCollectStrategy", true,
+                                               get_post_get_strategy_content, post_get_strategy_cb};
+static constexpr CloudCall kUploadCall = {"/api/data/device/uploadBasicData", true,
+                                          get_post_collect_data_content, post_upload_data_cb};
+
+// --- Bodies -------------------------------------------------------------------------------------------------------
+
+struct TextMember {
+    const char *key;
+    const char *value;
+};
+
+template <size_t N> static bool add_texts(cJSON *object, const TextMember (&members)[N]) {
+    for (const TextMember &member : members) {
+        if (cJSON_AddStringToObject(object, member.key, member.value) == nullptr)
+            return false;
+    }
+    return true;
+}
+
+static bool has_context(const TelemetryCtx *ctx) {
+    if (ctx != nullptr)
+        return true;
+    LOG_ERROR("param error");
+    return false;
+}
+
+static char *print_body(bool complete, const JsonPtr &body) {
+    if (!complete) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return nullptr;
+    }
+    char *text = telemetry_json_print(body.get()).release();
+    if (text == nullptr)
+        LOG_ERROR("cJSON_PrintUnformatted failed");
+    return text;
+}
+
+static bool add_source(const TelemetryCtx *ctx, cJSON *body) {
+    cJSON *source = cJSON_AddObjectToObject(body, "srp");
+    const TextMember members[] = {
+        {"di", ctx->dev_id},    {"dt", kDeviceType}, {"dhv", ctx->hw_version}, {"oemId", ctx->oem_id},
+        {"dfv", ctx->firmware}, {"dm", ctx->model},  {"dcg", "router"},
+    };
+    return source != nullptr && add_texts(source, members);
+}
+
+// The counts are bookkeeping: the list keeps them, the cloud never sees them.
+static bool add_records(const TelemetryCtx *ctx, cJSON *body) {
+    JsonPtr records(cJSON_Duplicate(ctx->collect_list, true));
+    if (records == nullptr)
+        return false;
+    cJSON *record = nullptr;
+    cJSON_ArrayForEach(record, records.get()) {
+        cJSON_DeleteItemFromObjectCaseSensitive(record, "cnt");
+    }
+    if (!cJSON_AddItemToObject(body, "el", records.get()))
+        return false;
+    records.release();
+    return true;
+}
+
+// --- Senders ------------------------------------------------------------------------------------------------------
+
+static int prepare_call(PostRequest *request, const CloudCall &call) {
+    const TelemetryCtx *ctx = request->owner;
+    telemetry_post_set_timeout(request, kPostTimeoutMs);
+    telemetry_post_set_url(request, ctx->post_api, call.signed_path + 1);
+    copy_text(request->headers[request->header_count], kContentType);
+    request->header_count++;
+    const TextPtr body(call.build_body(ctx));
+    if (body == nullptr) {
+        LOG_ERROR("cJSON_PrintUnformatted failed");
+        return -1;
+    }
+    if (call.is_signed &&
+        add_curl_request_signature(request, body.get(), ctx->access_secret, call.signed_path) != 0) {
+        LOG_ERROR("add_curl_request_signature failed");
+        return -1;
+    }
+    if (add_curl_request_content(request, body.get()) != 0) {
+        LOG_ERROR("add_curl_request_content failed");
+        return -1;
+    }
+    return 0;
+}
+
+// -1: nothing was sent, and no slot is held.
+static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
+    PostRequest *request = telemetry_post_alloc_request(ctx);
+    if (request == nullptr) {
+        LOG_ERROR("no available request");
+        return -1;
+    }
+    if (prepare_call(request, call) != 0) {
+        telemetry_post_free_request(request);
+        return -1;
+    }
+    request->on_complete = call.on_complete;
+    telemetry_request_send(request);
+    return 0;
+}
+
+// The two calls of the state machine: what could not be sent is tried again without counting as a retry.
+static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *closed_message) {
+    if (!has_context(ctx))
+        return;
+    if (telemetry_check_collect_condition() == 0)
+        LOG_DEBUG("%s", closed_message);
+    else if (send_call(ctx, call) == 0)
+        return;
+    telemetry_post_arm_retry_timer(ctx, kPostWaitMs);
+}
+
+// --- Answers ------------------------------------------------------------------------------------------------------
+
+// The parsed answer and its error_code; null when there is none that can be judged.
+static JsonPtr parse_answer(const PostRequest *request, int *error_code) {
+    if (request->request_status != POST_REQUEST_OK || request->response.data == nullptr ||
+        request->response.used == 0) {
+        LOG_ERROR("request_status error or response error");
+        return nullptr;
+    }
+    LOG_DEBUG("response:%s", request->response.data);
+    JsonPtr answer(cJSON_Parse(request->response.data));
+    if (answer == nullptr) {
+        LOG_ERROR("cJSON_Parse failed");
+        return nullptr;
+    }
+    const cJSON *code = cJSON_GetObjectItemCaseSensitive(answer.get(), "error_code");
+    if (!cJSON_IsNumber(code) || code->valuedouble != std::trunc(code->valuedouble)) {
+        LOG_ERROR("receive error, error_code invalid");
+        return nullptr;
+    }
+    *error_code = code->valueint;
+    return answer;
+}
+
+static bool has_owner(const PostRequest *request) {
+    if (request != nullptr && request->owner != nullptr)
+        return true;
+    LOG_ERROR("param error");
+    return false;
+}
+
+// Text of a member; null, with the message that fits, when it is missing or something else.
+static const char *get_text_member(const cJSON *object, const char *name, const char *missing,
+                                   const char *not_text) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
+    if (cJSON_IsString(item))
+        return item->valuestring;
+    LOG_ERROR("%s", item == nullptr ? missing : not_text);
+    return nullptr;
+}
+
+struct CredentialRow {
+    const char *name; // of the answer's member and of the option that keeps it
+    const char *missing;
+    const char *not_text;
+    char (TelemetryCtx::*field)[129];
+};
+
+static constexpr CredentialRow kCredentials[] = {
+    {"accessKey", "parse accessKey failed", "no accessKey", &TelemetryCtx::access_key},
+    {"accessSecret", "parse accessSecret failed", "no access_secret", &TelemetryCtx::access_secret},
+};
+
+// A credential stays stored when a later one is missing.
+static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_code) {
+    if (error_code != 0) {
+        LOG_ERROR("receive error, error_code=%d", error_code);
+        return -1;
+    }
+    const cJSON *result = cJSON_GetObjectItemCaseSensitive(answer, "result");
+    if (result == nullptr) {
+        LOG_ERROR("parse result failed");
+        return -1;
+    }
+    if (cJSON_GetObjectItemCaseSensitive(result, "expiresIn") == nullptr) {
+        LOG_ERROR("parse expiresIn failed");
+        return -1;
+    }
+    for (const CredentialRow &row : kCredentials) {
+        const char *value = get_text_member(result, row.name, row.missing, row.not_text);
+        if (value == nullptr)
+            return -1;
+        copy_text(ctx->*row.field, value);
+        if (telemetry_set_uci_value("telemetry", "cloud", row.name, ctx->*row.field, TELEMETRY_UCI_SYSTEM) != 0)
+            LOG_ERROR("telemetry_set_uci_value error");
+    }
+    return 0;
+}
+
+static int store_strategy(TelemetryCtx *ctx, const cJSON *answer) {
+    const cJSON *result = cJSON_GetObjectItemCaseSensitive(answer, "result");
+    if (result == nullptr) {
+        LOG_DEBUG("strategy not changed");
+        return 0;
+    }
+    const char *id = get_text_member(result, "strategyId", "parse strategyId failed", "non strategyId");
+    if (id == nullptr)
+        return -1;
+    if (strcmp(id, ctx->strategy_id) == 0) {
+        LOG_DEBUG("strategyID not changed");
+        return 0;
+    }
+    // Before the content is looked at: a strategy that cannot be applied is not offered again.
+    copy_text(ctx->strategy_id, id);
+    LOG_DEBUG("new strategy, ID=%s", ctx->strategy_id);
+    const char *content =
+        get_text_member(result, "strategyContent", "parse strategyContent failed", "non content");
+    if (content == nullptr)
+        return -1;
+    if (telemetry_update_strategy(ctx, content) != 0) {
+        LOG_ERROR("handle strategy content failed");
+        return -1;
+    }
+    return 0;
+}
+
+struct StrategyMinutes {
+    int32_t collect1;
+    int32_t collect2;
+    int32_t post;
+};
+
+// A value that is not there, or does not fit, counts as 0.
+static StrategyMinutes parse_strategy(const char *content) {
+    long long values[3] = {};
+    sscanf(content, "collect_interval_strategy1=%lld,collect_interval_strategy2=%lld,post_interval=%lld\n",
+           &values[0], &values[1], &values[2]);
+    for (long long &value : values) {
+        if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max())
+            value = 0;
+    }
+    return {static_cast<int32_t>(values[0]), static_cast<int32_t>(values[1]), static_cast<int32_t>(values[2])};
+}
+
+static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes) {
+    const struct {
+        const char *option;
+        std::string value;
+    } rows[] = {
+        {"strategyID", ctx->strategy_id},
+        {"collect_interval", std::to_string(minutes.collect1)},
+        {"collect_interval_2", std::to_string(minutes.collect2)},
+        {"post_interval", std::to_string(minutes.post)},
+    };
+    for (const auto &row : rows) {
+        if (telemetry_set_uci_value("telemetry", "strategy", row.option, row.value.c_str(),
+                                    TELEMETRY_UCI_SYSTEM) != 0) {
+            LOG_ERROR("telemetry_set_uci_value error");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// 32-bit arithmetic, which wraps; the timers refuse what makes no interval.
+static uint32_t minutes_to_ms(int32_t minutes) {
+    return static_cast<uint32_t>(minutes) * kMinuteMs;
+}
+
+// --- Interface ----------------------------------------------------------------------------------------------------
+
+char *get_post_refresh_key_content(const TelemetryCtx *ctx) {
+    if (!has_context(ctx))
+        return nullptr;
+    const JsonPtr body(cJSON_CreateObject());
+    const TextMember members[] = {{"deviceId", ctx->dev_id}, {"hwId", ctx->hw_id}, {"mac", ctx->dev_mac}};
+    return print_body(add_texts(body.get(), members), body);
+}
+
+char *get_post_get_strategy_content(const TelemetryCtx *ctx) {
+    if (!has_context(ctx))
+        return nullptr;
+    const JsonPtr body(cJSON_CreateObject());
+    const TextMember members[] = {{"deviceId", ctx->dev_id}, {"deviceType", kDeviceType}};
+    bool complete = add_texts(body.get(), members);
+    if (complete && ctx->strategy_id[0] != '\0') {
+        LOG_DEBUG("strategyId %s", ctx->strategy_id);
+        complete = cJSON_AddStringToObject(body.get(), "strategyId", ctx->strategy_id) != nullptr;
+    }
+    return print_body(complete, body);
+}
+
+char *get_post_collect_data_content(const TelemetryCtx *ctx) {
+    if (!has_context(ctx))
+        return nullptr;
+    const JsonPtr body(cJSON_CreateObject());
+    const TextMember members[] = {{"sr", "device"}};
+    const bool complete = add_texts(body.get(), members) && add_source(ctx, body.get()) &&
+                          add_records(ctx, body.get());
+    return print_body(complete, body);
+}
+
+void telemetry_post_refresh_key(TelemetryCtx *ctx) {
+    send_or_wait(ctx, kRefreshKeyCall, "dont refresh key! wait for a while");
+}
+
+void telemetry_post_get_strategy(TelemetryCtx *ctx) {
+    send_or_wait(ctx, kGetStrategyCall, "dont get strategy! wait for a while");
+}
+
+void telemetry_post_data(uloop_timeout *timer) {
+    if (timer == nullptr) {
+        LOG_ERROR("param error");
+        return;
+    }
+    TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
+    bool sent = false;
+    if (telemetry_check_collect_condition() == 0)
+        LOG_DEBUG("skip upload");
+    else if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0)
+        LOG_DEBUG("insufficient state or no data, skip upload");
+    else
+        sent = send_call(ctx, kUploadCall) == 0;
+    telemetry_arm_post_timer(ctx, ctx->post_interval);
+    if (sent)
+        write_post_done_to_file(2);
+}
+
+void post_refresh_key_cb(PostRequest *request) {
+    if (!has_owner(request))
+        return;
+    int error_code = 0;
+    const JsonPtr answer = parse_answer(request, &error_code);
+    if (answer == nullptr || store_credentials(request->owner, answer.get(), error_code) != 0)
+        telemetry_post_retry(request->owner);
+    else
+        telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);
+}
+
+void post_get_strategy_cb(PostRequest *request) {
+    if (!has_owner(request))
+        return;
+    int error_code = 0;
+    const JsonPtr answer = parse_answer(request, &error_code);
+    if (answer != nullptr && error_code != 0)
+        get_strategy_handle_error_code(request->owner, error_code);
+    else if (answer == nullptr || store_strategy(request->owner, answer.get()) != 0)
+        telemetry_post_retry(request->owner);
+    else
+        telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_READY_FOR_UPLOAD);
+}
+
+void post_upload_data_cb(PostRequest *request) {
+    if (!has_owner(request))
+        return;
+    int error_code = 0;
+    const JsonPtr answer = parse_answer(request, &error_code);
+    if (answer == nullptr) {
+        telemetry_post_retry(request->owner);
+    } else if (error_code != 0) {
+        upload_data_handle_error_code(request->owner, error_code);
+    } else {
+        telemetry_clear_collect_list(request->owner);
+        telemetry_post_reset_retry(request->owner);
+    }
+}
+
+int telemetry_update_strategy(TelemetryCtx *ctx, const char *content) {
+    if (ctx == nullptr || content == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    const StrategyMinutes minutes = parse_strategy(content);
+    if (minutes.collect1 < 1 || minutes.collect2 < 1 || minutes.post <= 0) {
+        LOG_ERROR("strategyContent failed");
+        return -1;
+    }
+    if (save_strategy(ctx, minutes) != 0)
+        return -1;
+    const uint32_t collect1_ms = minutes_to_ms(minutes.collect1);
+    if (collect1_ms != ctx->collect_interval_strategy1) {
+        ctx->collect_interval_strategy1 = collect1_ms;
+        telemetry_arm_collect_timer(ctx, collect1_ms);
+    }
+    ctx->collect_interval_strategy2 = minutes_to_ms(minutes.collect2);
+    ctx->post_interval = minutes_to_ms(minutes.post);
+    return 0;
+}
