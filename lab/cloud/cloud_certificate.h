@@ -1,0 +1,36 @@
+// The lab's own certificate authority and the certificates that its cloud can show.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+struct X509Delete {
+    void operator()(X509 *certificate) const {
+        X509_free(certificate);
+    }
+    void operator()(EVP_PKEY *key) const {
+        EVP_PKEY_free(key);
+    }
+};
+
+struct Credentials {
+    std::unique_ptr<X509, X509Delete> certificate;
+    std::unique_ptr<EVP_PKEY, X509Delete> key;
+};
+
+struct CloudCertificates {
+    Credentials authority;
+    Credentials good;       // for 127.0.0.1 and localhost, signed by the authority
+    Credentials unknown_ca; // the same, signed by an authority that nobody knows
+    Credentials wrong_host; // signed by the authority for another host
+    Credentials expired;    // signed by the authority, over since yesterday
+};
+
+// Makes them all anew; throws std::runtime_error when libcrypto fails.
+CloudCertificates cloud_make_certificates();
+
+// PEM text of a certificate.
+std::string cloud_certificate_text(const X509 *certificate);

@@ -1,0 +1,141 @@
+#include "lab_files.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace lab {
+
+namespace {
+
+// The janitor lives in a process of its own and outlives whatever happens to this one: the closing end of the pipe tells
+// it that nobody needs the directory any more.
+[[noreturn]] void janitor_run(int pipe_end, const std::string &path) {
+    setpgid(0, 0);
+    signal(SIGINT, SIG_IGN);
+    signal(SIGTERM, SIG_IGN);
+    if (pipe_end != 3)
+        dup2(pipe_end, 3);
+    close_range(4, ~0U, 0);
+    char byte;
+    while (read(3, &byte, 1) < 0 && errno == EINTR) {
+    }
+    // Processes of the lab that are still dying may write once more.
+    for (int attempt = 0; attempt < 20; attempt++) {
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+        if (!std::filesystem::exists(path, error))
+            break;
+        usleep(50000);
+    }
+    _exit(0);
+}
+
+} // namespace
+
+JsonTree parse_json(const std::string &text, const std::string &what) {
+    JsonTree tree(cJSON_Parse(text.c_str()));
+    if (!tree)
+        throw std::runtime_error(what + ": not JSON");
+    return tree;
+}
+
+std::string print_json(const cJSON *tree) {
+    std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(tree), cJSON_free);
+    return text ? text.get() : "";
+}
+
+std::string json_text(const cJSON *object, const char *name, const std::string &fallback) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
+    return cJSON_IsString(item) ? item->valuestring : fallback;
+}
+
+double json_number(const cJSON *object, const char *name, double fallback) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
+    return cJSON_IsNumber(item) ? item->valuedouble : fallback;
+}
+
+bool json_flag(const cJSON *object, const char *name, bool fallback) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
+    return cJSON_IsBool(item) ? cJSON_IsTrue(item) != 0 : fallback;
+}
+
+bool file_exists(const std::string &path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0;
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+void write_file(const std::string &path, const std::string &text, unsigned mode) {
+    std::string temporary = path + ".new";
+    {
+        std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+        file << text;
+        if (!file.flush())
+            throw std::runtime_error("cannot write " + path);
+    }
+    if (chmod(temporary.c_str(), mode) != 0 || rename(temporary.c_str(), path.c_str()) != 0)
+        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
+}
+
+void make_directories(const std::string &path) {
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error)
+        throw std::runtime_error("cannot make " + path + ": " + error.message());
+}
+
+bool wait_until(const std::function<bool()> &condition, int timeout_ms) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end)
+            return condition();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+RunDirectory::RunDirectory() {
+    char name[] = "/tmp/tl-XXXXXX";
+    if (!mkdtemp(name))
+        throw std::runtime_error(std::string("cannot make a directory below /tmp: ") + strerror(errno));
+    path_ = name;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        throw std::runtime_error(std::string("pipe: ") + strerror(errno));
+    janitor_ = fork();
+    if (janitor_ == 0) {
+        close(ends[1]);
+        janitor_run(ends[0], path_);
+    }
+    close(ends[0]);
+    alive_pipe_ = ends[1];
+    if (janitor_ < 0)
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+}
+
+RunDirectory::~RunDirectory() {
+    close(alive_pipe_);
+    while (waitpid(janitor_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+} // namespace lab

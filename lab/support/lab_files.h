@@ -1,0 +1,58 @@
+// Files, directories and waiting, as the lab and the tests need them. Failures throw std::runtime_error: a lab that
+// cannot write its own directory has nothing better to do than to say so and end.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <cjson/cJSON.h>
+
+namespace lab {
+
+struct JsonDelete {
+    void operator()(cJSON *tree) const {
+        cJSON_Delete(tree);
+    }
+};
+using JsonTree = std::unique_ptr<cJSON, JsonDelete>;
+
+// Parses `text`; throws with `what` in the message when it is not JSON.
+JsonTree parse_json(const std::string &text, const std::string &what);
+// Compact text of a tree.
+std::string print_json(const cJSON *tree);
+// Member `name` of an object as text or number; the fallback when it is missing or of another type.
+std::string json_text(const cJSON *object, const char *name, const std::string &fallback = "");
+double json_number(const cJSON *object, const char *name, double fallback = 0);
+bool json_flag(const cJSON *object, const char *name, bool fallback);
+
+bool file_exists(const std::string &path);
+// Whole content; empty when the file cannot be read.
+std::string read_file(const std::string &path);
+// Writes through a temporary file and a rename, so that a reader sees the old or the new content.
+void write_file(const std::string &path, const std::string &text, unsigned mode = 0644);
+void make_directories(const std::string &path);
+
+// Asks `condition` every few milliseconds until it holds or `timeout_ms` have passed; returns whether it held.
+bool wait_until(const std::function<bool()> &condition, int timeout_ms);
+
+// A directory of its own below /tmp with a short name (socket paths are limited to 107 bytes), removed when the object
+// goes or when this process dies in whatever way.
+class RunDirectory {
+  public:
+    RunDirectory();
+    ~RunDirectory();
+    RunDirectory(const RunDirectory &) = delete;
+    RunDirectory &operator=(const RunDirectory &) = delete;
+    const std::string &path() const {
+        return path_;
+    }
+
+  private:
+    std::string path_;
+    int alive_pipe_ = -1;
+    int janitor_ = -1;
+};
+
+} // namespace lab
