@@ -1,4 +1,5 @@
-/* A balanced tree whose nodes stand inside the records; all nodes are also linked in the order of their keys. */
+/* A balanced tree whose nodes stand inside the records; all nodes are also linked in the order of their keys.
+ */
 #ifndef LIBUBOX_AVL_H
 #define LIBUBOX_AVL_H
 
@@ -40,7 +41,8 @@ struct avl_node *avl_find_greaterequal(const struct avl_tree *tree, const void *
 /* The last node whose key is not above `key`, or null. */
 struct avl_node *avl_find_lessequal(const struct avl_tree *tree, const void *key);
 
-/* 0, or -1 when the key is there already and the tree allows no duplicates. Equal keys keep insertion order. */
+/* 0, or -1 when the key is there already and the tree allows no duplicates. Equal keys keep insertion order.
+ */
 int avl_insert(struct avl_tree *tree, struct avl_node *node);
 
 /* The node must be in this tree. */
@@ -64,24 +66,24 @@ static inline void *avl_container(struct avl_node *node, size_t offset) {
 }
 
 /* `element` only lends its type. */
-#define avl_find_element(tree, key, element, node_element)                                                   \
-    ((__typeof__(*(element)) *)avl_container(avl_find(tree, key),                                            \
+#define avl_find_element(tree, key, element, node_element)        \
+    ((__typeof__(*(element)) *)avl_container(avl_find(tree, key), \
                                              offsetof(__typeof__(*(element)), node_element)))
-#define avl_first_element(tree, element, node_member)                                                        \
+#define avl_first_element(tree, element, node_member) \
     list_first_entry(&(tree)->list_head, __typeof__(*(element)), node_member.list)
-#define avl_last_element(tree, element, node_member)                                                         \
+#define avl_last_element(tree, element, node_member) \
     list_last_entry(&(tree)->list_head, __typeof__(*(element)), node_member.list)
-#define avl_next_element(element, node_member)                                                               \
+#define avl_next_element(element, node_member) \
     list_entry((element)->node_member.list.next, __typeof__(*(element)), node_member.list)
-#define avl_prev_element(element, node_member)                                                               \
+#define avl_prev_element(element, node_member) \
     list_entry((element)->node_member.list.prev, __typeof__(*(element)), node_member.list)
 
-#define avl_for_each_element(tree, element, node_member)                                                     \
+#define avl_for_each_element(tree, element, node_member) \
     list_for_each_entry(element, &(tree)->list_head, node_member.list)
-#define avl_for_each_element_reverse(tree, element, node_member)                                             \
+#define avl_for_each_element_reverse(tree, element, node_member) \
     list_for_each_entry_reverse(element, &(tree)->list_head, node_member.list)
 /* The body may delete (and free) the element that it is given. */
-#define avl_for_each_element_safe(tree, element, node_member, next)                                          \
+#define avl_for_each_element_safe(tree, element, node_member, next) \
     list_for_each_entry_safe(element, next, &(tree)->list_head, node_member.list)
 
 #endif

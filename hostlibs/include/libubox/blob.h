@@ -1,6 +1,6 @@
 /*
- * Attributes: a 32-bit big-endian word (bit 31 "extended", bits 24-30 the id, bits 0-23 the length with these 4 bytes
- * and without padding) and data, padded with zeros to a multiple of 4 bytes. Attributes nest.
+ * Attributes: a 32-bit big-endian word (bit 31 "extended", bits 24-30 the id, bits 0-23 the length with these
+ * 4 bytes and without padding) and data, padded with zeros to a multiple of 4 bytes. Attributes nest.
  */
 #ifndef LIBUBOX_BLOB_H
 #define LIBUBOX_BLOB_H
@@ -44,7 +44,8 @@ struct blob_attr_info {
     bool (*validate)(const struct blob_attr_info *info, struct blob_attr *attr);
 };
 
-/* `head` is the attribute being filled. Starts as all zeros; `buf` keeps its memory from one init to the next. */
+/* `head` is the attribute being filled. Starts as all zeros; `buf` keeps its memory from one init to the
+ * next. */
 struct blob_buf {
     struct blob_attr *head;
     bool (*grow)(struct blob_buf *buf, int minlen);
@@ -165,8 +166,8 @@ void blob_nest_end(struct blob_buf *buf, void *cookie);
 bool blob_check_type(const void *ptr, unsigned int len, int type);
 
 /*
- * Sorts the attributes inside `attr` into `data[0..max)` by id; of several with one id the last stays. Those that do
- * not fit `info[id]` (null: take all) are left out. Returns how many entries were filled.
+ * Sorts the attributes inside `attr` into `data[0..max)` by id; of several with one id the last stays. Those
+ * that do not fit `info[id]` (null: take all) are left out. Returns how many entries were filled.
  */
 int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info, int max);
 
@@ -209,17 +210,17 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 #define blob_put_int64 blob_put_u64
 
 /* Steps of the walks below; the casts keep them free of warnings for any integer type of `rem`. */
-#define blob_walk(pos, list, rem)                                                                            \
-    (pos) = (struct blob_attr *)(list);                                                                      \
-    blob_attr_fits(pos, (size_t)(rem));                                                                      \
-    (rem) = (__typeof__(rem))((size_t)(rem) - blob_pad_len(pos)), (pos) = blob_next(pos)
+#define blob_walk(pos, list, rem)       \
+    (pos) = (struct blob_attr *)(list); \
+    blob_attr_fits(pos, (size_t)(rem)); \
+    (rem) = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), (pos) = blob_next(pos)
 
 /* Walks the attributes in `rem` bytes from `list`, up to the first that does not fit; `rem` counts down. */
 #define __blob_for_each_attr(pos, list, rem) for (blob_walk(pos, list, rem))
 
 /* Walks the attributes inside `attr` (may be null); `rem` is a variable for the bytes that remain. */
-#define blob_for_each_attr(pos, attr, rem)                                                                   \
-    for ((rem) = (__typeof__(rem))((attr) ? blob_len(attr) : 0),                                             \
-         blob_walk(pos, (attr) ? blob_data(attr) : NULL, rem))
+#define blob_for_each_attr(pos, attr, rem)                       \
+    for ((rem) = (__typeof__(rem))((attr) ? blob_len(attr) : 0), \
+        blob_walk(pos, (attr) ? blob_data(attr) : NULL, rem))
 
 #endif

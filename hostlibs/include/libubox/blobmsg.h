@@ -1,6 +1,7 @@
 /*
- * Named, typed values in attributes. The data of each starts with a 16-bit big-endian name length, the name and a zero
- * byte, padded together to a multiple of 4; then the value. Elements of an array have the empty name.
+ * Named, typed values in attributes. The data of each starts with a 16-bit big-endian name length, the name
+ * and a zero byte, padded together to a multiple of 4; then the value. Elements of an array have the empty
+ * name.
  */
 #ifndef LIBUBOX_BLOBMSG_H
 #define LIBUBOX_BLOBMSG_H
@@ -51,8 +52,8 @@ static inline int blobmsg_type(const struct blob_attr *attr) {
 }
 
 /*
- * The parts of an attribute whose own length is sound. A name that does not fit its attribute reads as "", and the
- * value as empty. An attribute that is not extended is all value.
+ * The parts of an attribute whose own length is sound. A name that does not fit its attribute reads as "",
+ * and the value as empty. An attribute that is not extended is all value.
  */
 const char *blobmsg_name(const struct blob_attr *attr);
 void *blobmsg_data(const struct blob_attr *attr);
@@ -64,8 +65,9 @@ static inline size_t blobmsg_len(const struct blob_attr *attr) {
 }
 
 /*
- * Whether name and value are sound: the name ends inside the attribute, the type is known, numbers have the size of
- * their type, text ends with its zero. `name`: the name must not be empty. Contents of tables are not looked at.
+ * Whether name and value are sound: the name ends inside the attribute, the type is known, numbers have the
+ * size of their type, text ends with its zero. `name`: the name must not be empty. Contents of tables are not
+ * looked at.
  */
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 
@@ -79,15 +81,15 @@ bool blobmsg_check_attr_list(const struct blob_attr *attr, int type);
 bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t len);
 
 /*
- * Finds each policy entry's attribute in a list of `len` bytes: tb[i] is null where it is missing or of another type;
- * the first of a name counts. 0, or -1 for an empty list or at the first malformed attribute.
+ * Finds each policy entry's attribute in a list of `len` bytes: tb[i] is null where it is missing or of
+ * another type; the first of a name counts. 0, or -1 for an empty list or at the first malformed attribute.
  */
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);
 
 /* The same by position: tb[i] is the i-th element when it has the type of policy[i]. */
-int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
-                        unsigned int len);
+int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
+                        void *data, unsigned int len);
 
 /* Appends a value; null names are empty. 0, or -1 without memory or beyond the limits of the form. */
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data, unsigned int len);
@@ -97,8 +99,8 @@ int blobmsg_add_double(struct blob_buf *buf, const char *name, double val);
 void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array);
 
 /*
- * Room for a text of up to `maxlen` bytes and its zero, to be filled in and then added. Nothing else may be added in
- * between. Realloc keeps what was written. Null without memory.
+ * Room for a text of up to `maxlen` bytes and its zero, to be filled in and then added. Nothing else may be
+ * added in between. Realloc keeps what was written. Null without memory.
  */
 void *blobmsg_alloc_string_buffer(struct blob_buf *buf, const char *name, unsigned int maxlen);
 void *blobmsg_realloc_string_buffer(struct blob_buf *buf, unsigned int maxlen);
@@ -177,8 +179,8 @@ static inline bool blobmsg_get_bool(struct blob_attr *attr) {
 }
 
 /* Walks the values in a table, an array or a whole message (`attr` may be null). */
-#define blobmsg_for_each_attr(pos, attr, rem)                                                                \
-    for ((rem) = (__typeof__(rem))((attr) ? blobmsg_data_len(attr) : 0),                                     \
-         blob_walk(pos, (attr) ? blobmsg_data(attr) : NULL, rem))
+#define blobmsg_for_each_attr(pos, attr, rem)                            \
+    for ((rem) = (__typeof__(rem))((attr) ? blobmsg_data_len(attr) : 0), \
+        blob_walk(pos, (attr) ? blobmsg_data(attr) : NULL, rem))
 
 #endif

@@ -9,9 +9,9 @@
 struct json_object;
 
 /*
- * Add JSON values to a message: integers within the signed 32-bit range as int32 and others as int64, booleans as
- * int8, reals as double, null as type 0. False (and nothing added) for anything but an object, for bad text, for
- * values nested too deeply or for a message that becomes too long.
+ * Add JSON values to a message: integers within the signed 32-bit range as int32 and others as int64,
+ * booleans as int8, reals as double, null as type 0. False (and nothing added) for anything but an object,
+ * for bad text, for values nested too deeply or for a message that becomes too long.
  */
 bool blobmsg_add_object(struct blob_buf *b, struct json_object *obj);
 bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str);
@@ -24,15 +24,17 @@ bool blobmsg_add_json_element(struct blob_buf *b, const char *name, struct json_
 typedef const char *(*blobmsg_json_format_t)(void *priv, struct blob_attr *attr);
 
 /*
- * The JSON text of a message or value, to be released with free. `list`: the contents as an object (an array for a
- * value that is one); else the value with its name in front. `indent` < 0: compact; else that many tabs around it.
- * int8 prints as true or false. Malformed values are left out; null without memory or when nested too deeply.
+ * The JSON text of a message or value, to be released with free. `list`: the contents as an object (an array
+ * for a value that is one); else the value with its name in front. `indent` < 0: compact; else that many tabs
+ * around it. int8 prints as true or false. Malformed values are left out; null without memory or when nested
+ * too deeply.
  */
 char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,
                                   int indent);
 
 /* The value alone, without its name. */
-char *blobmsg_format_json_value_with_cb(struct blob_attr *attr, blobmsg_json_format_t cb, void *priv, int indent);
+char *blobmsg_format_json_value_with_cb(struct blob_attr *attr, blobmsg_json_format_t cb, void *priv,
+                                        int indent);
 
 static inline char *blobmsg_format_json(struct blob_attr *attr, bool list) {
     return blobmsg_format_json_with_cb(attr, list, NULL, NULL, -1);

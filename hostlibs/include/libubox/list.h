@@ -6,7 +6,7 @@
 #include <stddef.h>
 
 #ifndef container_of
-#define container_of(ptr, type, member) ((type *)(void *)((char *)(ptr) - offsetof(type, member)))
+#define container_of(ptr, type, member) ((type *)(void *)((char *)(ptr)-offsetof(type, member)))
 #endif
 
 struct list_head {
@@ -16,7 +16,8 @@ struct list_head {
 
 /* <sys/queue.h> has another macro of this name. */
 #undef LIST_HEAD
-#define LIST_HEAD_INIT(name) {&(name), &(name)}
+#define LIST_HEAD_INIT(name) \
+    { &(name), &(name) }
 #define LIST_HEAD(name) struct list_head name = LIST_HEAD_INIT(name)
 
 static inline void INIT_LIST_HEAD(struct list_head *head) {
@@ -107,19 +108,19 @@ static inline void list_splice_tail_init(struct list_head *list, struct list_hea
 
 #define list_for_each(p, head) for ((p) = (head)->next; (p) != (head); (p) = (p)->next)
 #define list_for_each_prev(p, head) for ((p) = (head)->prev; (p) != (head); (p) = (p)->prev)
-#define list_for_each_safe(p, n, head)                                                                       \
+#define list_for_each_safe(p, n, head) \
     for ((p) = (head)->next, (n) = (p)->next; (p) != (head); (p) = (n), (n) = (p)->next)
 
 /* The _safe forms allow the body to remove (and free) the entry that it is given. */
-#define list_for_each_entry(p, head, field)                                                                  \
-    for ((p) = list_first_entry(head, __typeof__(*(p)), field); &(p)->field != (head);                       \
+#define list_for_each_entry(p, head, field)                                            \
+    for ((p) = list_first_entry(head, __typeof__(*(p)), field); &(p)->field != (head); \
          (p) = list_entry((p)->field.next, __typeof__(*(p)), field))
-#define list_for_each_entry_reverse(p, head, field)                                                          \
-    for ((p) = list_last_entry(head, __typeof__(*(p)), field); &(p)->field != (head);                        \
+#define list_for_each_entry_reverse(p, head, field)                                   \
+    for ((p) = list_last_entry(head, __typeof__(*(p)), field); &(p)->field != (head); \
          (p) = list_entry((p)->field.prev, __typeof__(*(p)), field))
-#define list_for_each_entry_safe(p, n, head, field)                                                          \
-    for ((p) = list_first_entry(head, __typeof__(*(p)), field),                                              \
-        (n) = list_entry((p)->field.next, __typeof__(*(p)), field);                                          \
+#define list_for_each_entry_safe(p, n, head, field)                 \
+    for ((p) = list_first_entry(head, __typeof__(*(p)), field),     \
+        (n) = list_entry((p)->field.next, __typeof__(*(p)), field); \
          &(p)->field != (head); (p) = (n), (n) = list_entry((n)->field.next, __typeof__(*(n)), field))
 
 #endif

@@ -18,7 +18,8 @@ typedef void (*uloop_timeout_handler)(struct uloop_timeout *t);
 #define ULOOP_WRITE (1 << 1)
 #define ULOOP_EDGE_TRIGGER (1 << 2)
 #define ULOOP_BLOCKING (1 << 3)
-/* Stay in the loop after an error or a hang-up; without it the fd leaves the loop just before its callback. */
+/* Stay in the loop after an error or a hang-up; without it the fd leaves the loop just before its callback.
+ */
 #define ULOOP_ERROR_CB (1 << 6)
 #define ULOOP_EVENT_MASK (ULOOP_READ | ULOOP_WRITE)
 
@@ -41,14 +42,15 @@ struct uloop_timeout {
 extern bool uloop_cancelled;
 
 /*
- * Creates the loop's descriptors, ignores SIGPIPE and lets SIGINT and SIGTERM end the loop (each only where the default
- * action is in force). Further calls change nothing. 0 or -1.
+ * Creates the loop's descriptors, ignores SIGPIPE and lets SIGINT and SIGTERM end the loop (each only where
+ * the default action is in force). Further calls change nothing. 0 or -1.
  */
 int uloop_init(void);
 
 /*
- * Runs until uloop_end or a signal. With a time-out of 0 or more ms: one pass only, which runs what is due and then
- * waits at most that long for descriptors. Returns 0 or the number of the signal that ended the loop.
+ * Runs until uloop_end or a signal. With a time-out of 0 or more ms: one pass only, which runs what is due
+ * and then waits at most that long for descriptors. Returns 0 or the number of the signal that ended the
+ * loop.
  */
 int uloop_run_timeout(int timeout);
 
