@@ -1,0 +1,112 @@
+// "client_info": counters over all confirmed clients of the mesh, and one entry a client.
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "collect/collectors.h"
+#include "telemetry_handles.h"
+#include "telemetry_log.h"
+#include "telemetry_pre_collect.h"
+#include "telemetry_utils.h"
+
+// By client_type. Code 0 is "unknown" in the table and goes out as "other", like codes beyond it.
+static constexpr const char *kDeviceTypes[] = {"unknown", "pc",      "phone",         "laptop",
+                                               "tablet",  "entertainment", "printer", "iot_device"};
+
+static const char *device_type_name(uint32_t client_type) {
+    return client_type == 0 || client_type >= std::size(kDeviceTypes) ? "other" : kDeviceTypes[client_type];
+}
+
+static constexpr uint32_t kIotNetwork = 2;
+
+struct ClientCounters {
+    int wired;
+    int wireless;
+    int iot_network;
+    int guest;
+    int mlo;
+};
+
+static void count_client(const PreClientInfo *client, ClientCounters *counters) {
+    if (strncmp(client->wire_type, "wired", 5) == 0)
+        ++counters->wired;
+    else if (strncmp(client->wire_type, "wireless", 8) == 0)
+        ++counters->wireless;
+    if (client->network_type == kIotNetwork)
+        ++counters->iot_network;
+    if (client->is_guest != 0)
+        ++counters->guest;
+    if (client->is_mlo != 0)
+        ++counters->mlo;
+}
+
+static void add_text_or_null(cJSON *object, const char *key, const char *text) {
+    if (text != nullptr)
+        cJSON_AddStringToObject(object, key, text);
+    else
+        cJSON_AddNullToObject(object, key);
+}
+
+static JsonPtr build_client_entry(const PreClientInfo *client) {
+    JsonPtr entry(cJSON_CreateObject());
+    if (!entry)
+        return nullptr;
+    cJSON *object = entry.get();
+    telemetry_add_mac_md5_to_cJSON_object(object, "mk", client->mac);
+    telemetry_add_mac_md5_to_cJSON_object(object, "am", client->ap_mac);
+    cJSON_AddStringToObject(object, "type", device_type_name(client->client_type));
+    add_text_or_null(object, "iname", client->iot_module);
+    add_text_or_null(object, "itype", client->iot_category);
+    cJSON_AddStringToObject(object, "ctype", client->connection_type);
+    cJSON_AddNumberToObject(object, "ngtx", static_cast<int32_t>(client->txrate));
+    cJSON_AddNumberToObject(object, "ngrx", static_cast<int32_t>(client->rxrate));
+    cJSON_AddNumberToObject(object, "retx", static_cast<double>(client->retx_byte));
+    cJSON_AddNumberToObject(object, "rerx", static_cast<double>(client->rerx_byte));
+    cJSON_AddNumberToObject(object, "sl", std::max(client->signal_level_5g, client->signal_level_2g));
+    cJSON_AddNumberToObject(object, "sm", static_cast<int32_t>(client->phymode));
+    return entry;
+}
+
+int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    if (ctx->collect_periodic_now == 0) {
+        LOG_DEBUG("dont need to collect client info!");
+        return 0;
+    }
+    const PreClientInfo *clients = telemetry_get_client_info_list();
+    const int client_num = telemetry_get_client_num();
+    if (clients == nullptr || client_num < 1) {
+        LOG_ERROR("no clients info!");
+        return -1;
+    }
+    JsonPtr list(cJSON_CreateArray());
+    if (!list) {
+        LOG_ERROR("cJSON_CreateArray failed");
+        return -1;
+    }
+    ClientCounters counters = {};
+    uint32_t listed = 0;
+    for (const PreClientInfo *client = clients; client < clients + client_num; ++client) {
+        if (client->is_exist == 0)
+            continue;
+        count_client(client, &counters);
+        JsonPtr entry = build_client_entry(client);
+        if (!entry) {
+            LOG_ERROR("cJSON_CreateObject failed");
+            return -1;
+        }
+        cJSON_AddItemToArray(list.get(), entry.release());
+        ++listed;
+    }
+    cJSON_AddNumberToObject(payload, "wn", counters.wired);
+    cJSON_AddNumberToObject(payload, "wln", counters.wireless);
+    cJSON_AddNumberToObject(payload, "in", counters.iot_network);
+    cJSON_AddNumberToObject(payload, "gn", counters.guest);
+    cJSON_AddNumberToObject(payload, "mn", counters.mlo);
+    cJSON_AddItemToObject(payload, "cl", list.release());
+    *count += listed;
+    return 0;
+}
