@@ -1,0 +1,319 @@
+// The bus object: its methods, the commands among them, and the connection that carries it.
+#include "telemetry_ubus.h"
+
+#include <cstring>
+#include <iterator>
+
+#include "telemetry_collect.h"
+#include "telemetry_handles.h"
+#include "telemetry_json.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_post.h"
+
+static constexpr int kReconnectMs = 2000;
+// A bus that drops the connection sooner than this after it was made is not tried again at once.
+static constexpr int64_t kQuickLossMs = 100;
+
+static TelemetryCtx *telemetry_bus_ctx;
+static ubus_context *telemetry_bus;
+
+// --- Commands -----------------------------------------------------------------------------------------------------
+
+// A command without arguments; its result is the reply's err_code.
+using BusCommand = int (*)(TelemetryCtx *ctx);
+
+template <BusCommand Command>
+static int ubus_run_command(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+    BlobBuffer reply;
+    return telemetry_ubus_reply(bus, request, reply.get(), Command(telemetry_bus_ctx));
+}
+
+static int collect_now(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    telemetry_arm_collect_timer(ctx, kSoonMs);
+    return 0;
+}
+
+static int post_now(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    telemetry_post_soon(ctx);
+    return 0;
+}
+
+static int clear(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    telemetry_clear_collect_list(ctx);
+    return 0;
+}
+
+static int toggle_debug(TelemetryCtx *) {
+    telemetry_debug_enable = telemetry_debug_enable == 0 ? 1 : 0;
+    return 0;
+}
+
+static int collect_all_next_time(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    ctx->collect_stgy2_now = 1;
+    ctx->collect_periodic_now = 1;
+    return 0;
+}
+
+static int collect_stgy2_and_post_now(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    ctx->collect_stgy2_now = 1;
+    telemetry_arm_collect_timer(ctx, kSoonMs);
+    telemetry_post_soon(ctx);
+    return 0;
+}
+
+// --- State dump ---------------------------------------------------------------------------------------------------
+
+// Identity texts that fill their field have no terminator, so each has its field's size as precision.
+static void print_ctx(const TelemetryCtx *ctx) {
+    TELEMETRY_PRINT("-----------telemetry ctx start-----------");
+    TELEMETRY_PRINT("dev id: %.65s", ctx->dev_id);
+    TELEMETRY_PRINT("hw id: %.65s", ctx->hw_id);
+    TELEMETRY_PRINT("dev mac: %.65s", ctx->dev_mac);
+    TELEMETRY_PRINT("hw version: %.65s", ctx->hw_version);
+    TELEMETRY_PRINT("firmware: %.65s", ctx->firmware);
+    TELEMETRY_PRINT("model: %.65s", ctx->model);
+    TELEMETRY_PRINT("strategyId: %.129s", ctx->strategy_id);
+    TELEMETRY_PRINT("post api: %.2049s", ctx->post_api);
+    TELEMETRY_PRINT("access key: %.129s", ctx->access_key);
+    TELEMETRY_PRINT("access secret: %.129s", ctx->access_secret);
+    TELEMETRY_PRINT("post state: %d", static_cast<int>(ctx->post_state));
+    TELEMETRY_PRINT("data_collect_count: %d", static_cast<int>(ctx->data_collect_count));
+    TELEMETRY_PRINT("collect_count: %d", static_cast<int>(ctx->collect_count));
+    TELEMETRY_PRINT("collect_interval_strategy1: %d", static_cast<int>(ctx->collect_interval_strategy1));
+    TELEMETRY_PRINT("collect_interval_strategy2: %d", static_cast<int>(ctx->collect_interval_strategy2));
+    TELEMETRY_PRINT("post_interval: %d", static_cast<int>(ctx->post_interval));
+    TELEMETRY_PRINT("post retry count: %d", static_cast<int>(ctx->post_retry_count));
+    TELEMETRY_PRINT("post_retry_interval: %d", static_cast<int>(ctx->post_retry_interval));
+    TELEMETRY_PRINT("-----------telemetry ctx end-----------");
+}
+
+static void print_collect_list(const CollectedDataList *list) {
+    TELEMETRY_PRINT("-----------telemetry data start-----------");
+    if (list != nullptr) {
+        const long length = telemetry_json_length(list);
+        const TextPtr text = telemetry_json_print_formatted(list);
+        TELEMETRY_PRINT("backup data total str len: %lu", static_cast<unsigned long>(length < 0 ? 0 : length));
+        TELEMETRY_PRINT("%s", text ? text.get() : "");
+    }
+    TELEMETRY_PRINT("-----------telemetry data end-----------");
+}
+
+static const char *buffer_text(const PostBuffer &buffer) {
+    return buffer.data == nullptr ? "" : buffer.data;
+}
+
+static void print_post_request(int number, const PostRequest *request) {
+    TELEMETRY_PRINT("[post request %d]", number);
+    if (request == nullptr)
+        return;
+    TELEMETRY_PRINT("used: %d", static_cast<int>(request->in_use));
+    TELEMETRY_PRINT("url: %.2049s", request->url);
+    TELEMETRY_PRINT("request status: %d", request->request_status);
+    TELEMETRY_PRINT("finished: %d", request->finished);
+    TELEMETRY_PRINT("request buffer: %s", buffer_text(request->body));
+    TELEMETRY_PRINT("request buffer len: %d", request->body.capacity);
+    TELEMETRY_PRINT("request data len: %d", request->body.used);
+    TELEMETRY_PRINT("receive buffer: %s", buffer_text(request->response));
+    TELEMETRY_PRINT("receive buffer len: %d", request->response.capacity);
+    TELEMETRY_PRINT("receive data len: %d", request->response.used);
+}
+
+static int ubus_print(TelemetryCtx *ctx) {
+    if (ctx == nullptr)
+        return -1;
+    if (!telemetry_log_enabled(TELEMETRY_LOG_INFO))
+        return 0;
+    print_ctx(ctx);
+    print_collect_list(ctx->collect_list);
+    TELEMETRY_PRINT("-----------telemetry post start-----------");
+    for (int i = 0; i < kPostRequestCount; ++i)
+        print_post_request(i, ctx->post_requests[i]);
+    TELEMETRY_PRINT("-----------telemetry post end-----------");
+    return 0;
+}
+
+// --- Log level ----------------------------------------------------------------------------------------------------
+
+namespace {
+struct LogLevelName {
+    const char *name;
+    uint32_t level;
+};
+} // namespace
+
+static constexpr LogLevelName kLogLevels[] = {
+    {"debug", TELEMETRY_LOG_DEBUG},
+    {"info", TELEMETRY_LOG_INFO},
+    {"error", TELEMETRY_LOG_ERROR},
+};
+
+enum { LEVEL_ARGUMENT, LEVEL_ARGUMENT_COUNT };
+static constexpr blobmsg_policy kLevelPolicy[LEVEL_ARGUMENT_COUNT] = {
+    {"level", BLOBMSG_TYPE_STRING},
+};
+
+static void set_log_level(const char *name) {
+    for (const LogLevelName &known : kLogLevels) {
+        if (strcmp(name, known.name) == 0) {
+            telemetry_debug_level = known.level;
+            return;
+        }
+    }
+    LOG_ERROR("param error! debug/info/error");
+}
+
+static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                          blob_attr *message) {
+    blob_attr *arguments[LEVEL_ARGUMENT_COUNT] = {};
+    if (message == nullptr || blobmsg_parse(kLevelPolicy, LEVEL_ARGUMENT_COUNT, arguments, blob_data(message),
+                                            static_cast<unsigned>(blob_len(message))) != 0)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (arguments[LEVEL_ARGUMENT] == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    set_log_level(blobmsg_get_string(arguments[LEVEL_ARGUMENT]));
+    BlobBuffer reply;
+    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+}
+
+// --- Object -------------------------------------------------------------------------------------------------------
+
+// Published for `debug` and `collect_device_info` only; `set_debug` takes its argument undeclared.
+static constexpr blobmsg_policy kAddressPolicy[] = {
+    {"ip_ap_addr", BLOBMSG_TYPE_STRING},
+};
+
+static const ubus_method kMethods[] = {
+    {"collect_now", ubus_run_command<collect_now>, 0, 0, nullptr, 0},
+    {"post_now", ubus_run_command<post_now>, 0, 0, nullptr, 0},
+    {"clear", ubus_run_command<clear>, 0, 0, nullptr, 0},
+    {"toggle_debug", ubus_run_command<toggle_debug>, 0, 0, nullptr, 0},
+    {"set_debug", ubus_set_debug, 0, 0, nullptr, 0},
+    {"print", ubus_run_command<ubus_print>, 0, 0, nullptr, 0},
+    {"collect_all_next_time", ubus_run_command<collect_all_next_time>, 0, 0, nullptr, 0},
+    {"collect_stgy2_and_post_now", ubus_run_command<collect_stgy2_and_post_now>, 0, 0, nullptr, 0},
+    {"collect_client_info", ubus_collect_client_info, 0, 0, nullptr, 0},
+    {"collect_system_info", ubus_collect_system_info, 0, 0, nullptr, 0},
+    {"collect_usb_info", ubus_collect_usb_info, 0, 0, nullptr, 0},
+    {"collect_afc_info", ubus_collect_afc_info, 0, 0, nullptr, 0},
+    {"debug", ubus_set_debug, 0, 0, kLevelPolicy, static_cast<int>(std::size(kLevelPolicy))},
+    {"collect_device_info", ubus_collect_device_info, 0, 0, kAddressPolicy,
+     static_cast<int>(std::size(kAddressPolicy))},
+};
+
+static ubus_object_type telemetry_object_type = {"telemetry", 0, kMethods, static_cast<int>(std::size(kMethods))};
+
+static ubus_object telemetry_object = [] {
+    ubus_object object = {};
+    object.name = "telemetry";
+    object.type = &telemetry_object_type;
+    object.methods = kMethods;
+    object.n_methods = static_cast<int>(std::size(kMethods));
+    return object;
+}();
+
+// --- Connection ---------------------------------------------------------------------------------------------------
+
+static uloop_timeout reconnect_timer;
+static int64_t connected_at_ms;
+static bool reconnecting;
+
+static int64_t monotonic_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// A connection without the object is of no use: it counts as lost, and the next try starts afresh.
+static bool restore_connection() {
+    reconnecting = true;
+    int status = ubus_reconnect(telemetry_bus, telemetry_bus_default_socket());
+    if (status == UBUS_STATUS_OK && telemetry_object.id == 0)
+        status = ubus_add_object(telemetry_bus, &telemetry_object);
+    reconnecting = false;
+    if (status != UBUS_STATUS_OK) {
+        LOG_DEBUG("ubus reconnect failed: %s", ubus_strerror(status));
+        return false;
+    }
+    ubus_add_uloop(telemetry_bus);
+    connected_at_ms = monotonic_ms();
+    LOG_INFO("ubus connection is back");
+    return true;
+}
+
+static void handle_reconnect_timer(uloop_timeout *timer) {
+    if (!restore_connection())
+        uloop_timeout_set(timer, kReconnectMs);
+}
+
+static void handle_connection_lost(ubus_context *bus) {
+    // The library may notice the loss of a connection that is just being made: its caller sees that too.
+    if (reconnecting)
+        return;
+    LOG_ERROR("ubus connection is lost");
+    if (bus->sock.registered)
+        uloop_fd_delete(&bus->sock);
+    const bool at_once = monotonic_ms() - connected_at_ms >= kQuickLossMs;
+    if (at_once && restore_connection())
+        return;
+    reconnect_timer.cb = handle_reconnect_timer;
+    uloop_timeout_set(&reconnect_timer, kReconnectMs);
+}
+
+// --- Public -------------------------------------------------------------------------------------------------------
+
+int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code) {
+    blobmsg_add_u32(reply, "err_code", static_cast<uint32_t>(err_code));
+    return ubus_send_reply(bus, request, reply->head);
+}
+
+TelemetryCtx *telemetry_ubus_ctx() {
+    return telemetry_bus_ctx;
+}
+
+const ubus_object *telemetry_ubus_object() {
+    return &telemetry_object;
+}
+
+int telemetry_init_ubus(TelemetryCtx *ctx) {
+    telemetry_free_ubus();
+    telemetry_bus = ubus_connect(telemetry_bus_default_socket());
+    if (telemetry_bus == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    telemetry_bus->connection_lost = handle_connection_lost;
+    telemetry_bus_ctx = ctx;
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    connected_at_ms = monotonic_ms();
+    ubus_add_uloop(telemetry_bus);
+    const int status = ubus_add_object(telemetry_bus, &telemetry_object);
+    if (status != UBUS_STATUS_OK) {
+        LOG_ERROR("registration of the bus object failed: %s", ubus_strerror(status));
+        return -1;
+    }
+    return 0;
+}
+
+void telemetry_free_ubus() {
+    uloop_timeout_cancel(&reconnect_timer);
+    if (telemetry_bus != nullptr)
+        ubus_free(telemetry_bus);
+    telemetry_bus = nullptr;
+    telemetry_bus_ctx = nullptr;
+    telemetry_object.id = 0;
+    telemetry_object_type.id = 0;
+}
