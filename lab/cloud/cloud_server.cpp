@@ -33,7 +33,7 @@ std::string header_text(const httplib::Headers &headers) {
     std::string text;
     for (const auto &[name, value] : headers) {
         // The library adds these of its own; they did not come over the wire.
-        if (name != "REMOTE_ADDR" && name != "REMOTE_PORT")
+        if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" && name != "LOCAL_PORT")
             text += name + ": " + value + "\n";
     }
     return text;
