@@ -69,7 +69,8 @@ static constexpr ErrorCodeRow kErrorCodes[] = {
     {-20000, "no strategy, use default strategy!", go_ready, telemetry_post_retry},
     {-29004, "no strategy, use default strategy!", go_ready, telemetry_post_retry},
 };
-static constexpr ErrorCodeRow kOtherErrorCode = {0, nullptr, telemetry_post_retry, telemetry_post_reset_retry};
+static constexpr ErrorCodeRow kOtherErrorCode = {0, nullptr, telemetry_post_retry,
+                                                 telemetry_post_reset_retry};
 
 static const ErrorCodeRow &find_error_code(int error_code) {
     for (const ErrorCodeRow &row : kErrorCodes) {

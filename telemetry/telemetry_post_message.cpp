@@ -31,7 +31,8 @@ static constexpr CloudCall kGetStrategyCall = {"/api/data/device/strategy/getDat
 static constexpr CloudCall kUploadCall = {"/api/data/device/uploadBasicData", true,
                                           get_post_collect_data_content, post_upload_data_cb};
 
-// --- Bodies -------------------------------------------------------------------------------------------------------
+// --- Bodies
+// -------------------------------------------------------------------------------------------------------
 
 struct TextMember {
     const char *key;
@@ -88,7 +89,8 @@ static bool add_records(const TelemetryCtx *ctx, cJSON *body) {
     return true;
 }
 
-// --- Senders ------------------------------------------------------------------------------------------------------
+// --- Senders
+// ------------------------------------------------------------------------------------------------------
 
 static int prepare_call(PostRequest *request, const CloudCall &call) {
     const TelemetryCtx *ctx = request->owner;
@@ -140,7 +142,8 @@ static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *c
     telemetry_post_arm_retry_timer(ctx, kPostWaitMs);
 }
 
-// --- Answers ------------------------------------------------------------------------------------------------------
+// --- Answers
+// ------------------------------------------------------------------------------------------------------
 
 // The parsed answer and its error_code; null when there is none that can be judged.
 static JsonPtr parse_answer(const PostRequest *request, int *error_code) {
@@ -213,7 +216,8 @@ static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_c
         if (value == nullptr)
             return -1;
         copy_text(ctx->*row.field, value);
-        if (telemetry_set_uci_value("telemetry", "cloud", row.name, ctx->*row.field, TELEMETRY_UCI_SYSTEM) != 0)
+        if (telemetry_set_uci_value("telemetry", "cloud", row.name, ctx->*row.field, TELEMETRY_UCI_SYSTEM) !=
+            0)
             LOG_ERROR("telemetry_set_uci_value error");
     }
     return 0;
@@ -261,7 +265,8 @@ static StrategyMinutes parse_strategy(const char *content) {
         if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max())
             value = 0;
     }
-    return {static_cast<int32_t>(values[0]), static_cast<int32_t>(values[1]), static_cast<int32_t>(values[2])};
+    return {static_cast<int32_t>(values[0]), static_cast<int32_t>(values[1]),
+            static_cast<int32_t>(values[2])};
 }
 
 static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes) {
@@ -289,7 +294,8 @@ static uint32_t minutes_to_ms(int32_t minutes) {
     return static_cast<uint32_t>(minutes) * kMinuteMs;
 }
 
-// --- Interface ----------------------------------------------------------------------------------------------------
+// --- Interface
+// ----------------------------------------------------------------------------------------------------
 
 char *get_post_refresh_key_content(const TelemetryCtx *ctx) {
     if (!has_context(ctx))
@@ -317,8 +323,8 @@ char *get_post_collect_data_content(const TelemetryCtx *ctx) {
         return nullptr;
     const JsonPtr body(cJSON_CreateObject());
     const TextMember members[] = {{"sr", "device"}};
-    const bool complete = add_texts(body.get(), members) && add_source(ctx, body.get()) &&
-                          add_records(ctx, body.get());
+    const bool complete =
+        add_texts(body.get(), members) && add_source(ctx, body.get()) && add_records(ctx, body.get());
     return print_body(complete, body);
 }
 
