@@ -1,5 +1,6 @@
 #include "collect/collector_patterns.h"
 
+#include <string>
 #include <utility>
 
 #include "telemetry_log.h"
@@ -46,4 +47,15 @@ bool telemetry_attach_element(cJSON *array, JsonPtr item) {
         return false;
     static_cast<void>(item.release());
     return true;
+}
+
+uint32_t telemetry_move_members(cJSON *from, cJSON *to) {
+    uint32_t moved = 0;
+    while (from->child != nullptr) {
+        JsonPtr item(cJSON_DetachItemViaPointer(from, from->child));
+        const std::string key = item->string;
+        if (telemetry_attach_member(to, key.c_str(), std::move(item)))
+            ++moved;
+    }
+    return moved;
 }

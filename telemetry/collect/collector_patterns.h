@@ -72,3 +72,6 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
 // missing or memory ran out.
 bool telemetry_attach_member(cJSON *object, const char *key, JsonPtr item);
 bool telemetry_attach_element(cJSON *array, JsonPtr item);
+
+// Moves every member of `from` to the end of `to`, in order; their number.
+uint32_t telemetry_move_members(cJSON *from, cJSON *to);

@@ -1,0 +1,39 @@
+// "advanced_info": VPN servers and client, and what is opened towards the internet, when it changed.
+#include "collect/collector_patterns.h"
+#include "collect/collectors.h"
+#include "collect/setting_rows.h"
+#include "telemetry_log.h"
+
+static constexpr SettingRow kAdvancedRows[] = {
+    {"ovs", SETTING_FLAG, "openvpn", "server", "enabled", nullptr},
+    {"pps", SETTING_FLAG, "pptpd", "server", "enabled", nullptr},
+    {"l2s", SETTING_FLAG, "l2tp", "server", "enabled", nullptr},
+    {"ips", SETTING_FLAG, "ipsec", "server", "enabled", nullptr},
+    {"wgs", SETTING_ANY, "network", "interface", "proto", "wireguard"},
+    {"vc", SETTING_FLAG, "vpn", "client", "enabled", nullptr},
+    {"vk", SETTING_TEXT, "vpn", "client", "kind", nullptr},
+    {"vn", SETTING_SECTIONS, "vpn", "server", nullptr, nullptr},
+    {"vd", SETTING_SECTIONS, "vpn", "device", nullptr, nullptr},
+    {"pf", SETTING_SECTIONS, "firewall", "redirect", nullptr, nullptr},
+    {"dm", SETTING_FLAG, "firewall", "dmz", "enabled", nullptr},
+    {"up", SETTING_FLAG, "upnpd", "config", "enabled", nullptr},
+    {"dd", SETTING_ANY, "ddns", "service", "enabled", "1"},
+};
+
+int collect_advanced_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx->collect_stgy2_now == 0) {
+        LOG_DEBUG("dont need to collect advanced info!");
+        return 0;
+    }
+    JsonPtr settings(cJSON_CreateObject());
+    if (!settings) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
+    }
+    const uint32_t added = telemetry_add_settings(kAdvancedRows, settings.get());
+    if (added == 0 ||
+        telemetry_collect_digest_changed("advanced", "settings", settings.get(), "md5 same, don't collect!") == 0)
+        return 0;
+    *count += telemetry_move_members(settings.get(), payload);
+    return 0;
+}

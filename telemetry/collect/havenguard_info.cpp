@@ -1,0 +1,67 @@
+// "havenguard_info_v2": settings of the security suite when they changed, its counters always.
+#include "collect/collector_patterns.h"
+#include "collect/collectors.h"
+#include "collect/setting_rows.h"
+#include "telemetry_json_read.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_utils.h"
+
+static constexpr size_t kStatsSize = 4096;
+
+static constexpr SettingRow kHavenguardRows[] = {
+    {"wp", SETTING_FLAG, "havenguard", "web", "enable", nullptr},
+    {"ac", SETTING_FLAG, "access_control", "settings", "enable", nullptr},
+    {"am", SETTING_TEXT, "access_control", "settings", "mode", nullptr},
+    {"an", SETTING_SECTIONS, "access_control", "device", nullptr, nullptr},
+    {"cs", SETTING_FLAG, "havenguard", "camera", "enable", nullptr},
+    {"cn", SETTING_SECTIONS, "havenguard", "camera_device", nullptr, nullptr},
+    {"di", SETTING_FLAG, "havenguard", "isolation", "enable", nullptr},
+    {"dn", SETTING_SECTIONS, "havenguard", "isolated_device", nullptr, nullptr},
+    {"pn", SETTING_SECTIONS, "parental", "profile", nullptr, nullptr},
+    {"ps", SETTING_SECTIONS, "parental", "profile", "schedule", "1"},
+    {"pt", SETTING_SECTIONS, "parental", "profile", "time_limit", "1"},
+    {"ab", SETTING_FLAG, "havenguard", "application", "enable", nullptr},
+    {"bn", SETTING_SECTIONS, "havenguard", "blocked_application", nullptr, nullptr},
+};
+
+static int add_changed_settings(cJSON *payload, uint32_t *count) {
+    JsonPtr settings(cJSON_CreateObject());
+    if (!settings) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
+    }
+    const uint32_t added = telemetry_add_settings(kHavenguardRows, settings.get());
+    if (added == 0 ||
+        telemetry_collect_digest_changed("havenguard", "settings", settings.get(), "md5 same, don't collect!") == 0)
+        return 0;
+    *count += telemetry_move_members(settings.get(), payload);
+    return 0;
+}
+
+static void add_counters(cJSON *payload, uint32_t *count) {
+    char text[kStatsSize];
+    if (telemetry_parse_file(kHavenguardStatsPath, text, sizeof(text)) != 0)
+        return;
+    const JsonPtr stats(cJSON_Parse(text));
+    int64_t blocked = 0;
+    if (!json_int64(stats.get(), "blocked_pages", &blocked)) {
+        LOG_ERROR("%s has no \"blocked_pages\"", kHavenguardStatsPath);
+        return;
+    }
+    cJSON_AddNumberToObject(payload, "wb", static_cast<double>(blocked));
+    ++*count;
+}
+
+int collect_havenguard_v2_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx->collect_stgy2_now == 0) {
+        LOG_DEBUG("dont need to collect havenguard info!");
+        return 0;
+    }
+    if (check_is_tm_shn_support() == 0)
+        return 0;
+    if (add_changed_settings(payload, count) != 0)
+        return -1;
+    add_counters(payload, count);
+    return 0;
+}

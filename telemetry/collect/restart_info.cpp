@@ -1,0 +1,63 @@
+// "restart_info": why and when the router restarted, its restart schedule, uptime and starts of this daemon.
+#include "collect/restart_info.h"
+
+#include <cstdint>
+#include <iterator>
+
+#include "collect/collector_patterns.h"
+#include "collect/collectors.h"
+#include "telemetry_handles.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_uci.h"
+#include "telemetry_utils.h"
+
+static constexpr TelemetryIndexEntry kRestartTable[] = {
+    {0, "rr", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "reason", TELEMETRY_VALUE_STRING},
+    {1, "rn", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "count", TELEMETRY_VALUE_INT},
+    {2, "rt", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "timestamp", TELEMETRY_VALUE_INT64},
+};
+
+static constexpr TelemetryIndexEntry kScheduleTable[] = {
+    {0, "rs", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "enable", TELEMETRY_VALUE_INT},
+    {1, "rw", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "days", TELEMETRY_VALUE_LIST_STRING},
+};
+
+static int read_start_count() {
+    char text[32] = {};
+    if (telemetry_file_exists(kRestartPath) == 0 || telemetry_parse_file(kRestartPath, text, sizeof(text)) != 0)
+        return 0;
+    return telemetry_text_to_int(text);
+}
+
+void telemetry_count_daemon_start() {
+    const int starts = read_start_count();
+    const FilePtr file(fopen(telemetry_path(kRestartPath).c_str(), "w"));
+    if (!file) {
+        LOG_ERROR("open file %s failed", kRestartPath);
+        return;
+    }
+    fprintf(file.get(), "%d\n", starts < 0 || starts == INT32_MAX ? 1 : starts + 1);
+}
+
+int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx->collect_stgy2_now == 0) {
+        LOG_DEBUG("dont need to collect restart info!");
+        return 0;
+    }
+    telemetry_get_duration_config_cJSON_object_by_telemetry_index(kRestartTable, std::size(kRestartTable), count,
+                                                                  payload);
+    telemetry_collect_watched_table(
+        kScheduleTable, "collect restart info successfully, now data collect count is: %d!", payload, count);
+    char uptime[64] = {};
+    if (telemetry_parse_file(kProcUptimePath, uptime, sizeof(uptime)) == 0) {
+        cJSON_AddNumberToObject(payload, "ut", telemetry_text_to_int(uptime));
+        ++*count;
+    }
+    const int starts = read_start_count();
+    if (starts > 0) {
+        cJSON_AddNumberToObject(payload, "tn", starts);
+        ++*count;
+    }
+    return 0;
+}
