@@ -1,0 +1,321 @@
+#include "telemetry_json.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+// Containers inside each other. cJSON refuses to parse deeper texts, so nobody could read what lies beyond.
+static constexpr size_t kMaxDepth = CJSON_NESTING_LIMIT;
+// "%.2f" of the largest double: sign, 309 digits, point, 2 digits.
+static constexpr size_t kNumberSize = 320;
+
+// What a byte of a text becomes: 0 itself, 'u' a \u00xx, any other letter a backslash and that letter.
+struct EscapeTable {
+    char letter[256];
+};
+
+static constexpr EscapeTable make_escape_table() {
+    EscapeTable table{};
+    for (int c = 0; c < 0x20; c++)
+        table.letter[c] = 'u';
+    constexpr struct {
+        unsigned char c;
+        char letter;
+    } kShort[] = {{'\b', 'b'}, {'\f', 'f'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}, {'"', '"'}, {'\\', '\\'}};
+    for (const auto &row : kShort)
+        table.letter[row.c] = row.letter;
+    return table;
+}
+
+static constexpr EscapeTable kEscapes = make_escape_table();
+
+static char escape_of(char c) {
+    return kEscapes.letter[static_cast<unsigned char>(c)];
+}
+
+// High bit of every byte of the word that may need an escape; a false alarm only costs a look into the table.
+static uint64_t bytes_to_escape(uint64_t word) {
+    constexpr uint64_t kOnes = 0x0101010101010101u;
+    constexpr uint64_t kHighs = 0x8080808080808080u;
+    const uint64_t quote = word ^ (kOnes * '"');
+    const uint64_t backslash = word ^ (kOnes * '\\');
+    const uint64_t control = (word - kOnes * 0x20) & ~word;
+    return (control | ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
+}
+
+// Number of leading characters that stand for themselves, `length` when all do.
+static size_t plain_length(const char *text, size_t length) {
+    size_t at = 0;
+    for (; at + 8 <= length; at += 8) {
+        uint64_t word;
+        memcpy(&word, text + at, sizeof(word));
+        if (bytes_to_escape(word) != 0)
+            break;
+    }
+    while (at < length && escape_of(text[at]) == 0)
+        at++;
+    return at;
+}
+
+static char *write_digits(char *end, uint64_t value) {
+    do {
+        *--end = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    return end;
+}
+
+static size_t count_digits(uint64_t value) {
+    size_t digits = 1;
+    for (; value >= 10; value /= 10)
+        digits++;
+    return digits;
+}
+
+// A number as text, in parts, so that measuring whole numbers needs no text at all.
+struct NumberForm {
+    bool whole;         // magnitude and sign hold it
+    bool fraction_zero; // ".00" follows
+    bool negative;
+    uint64_t magnitude;
+};
+
+static NumberForm number_form(double value) {
+    // Up to 2^53 every whole number has its own double.
+    constexpr double kExact = 9007199254740992.0;
+    NumberForm form{};
+    if (!(value > -kExact && value < kExact))
+        return form;
+    const int64_t whole = static_cast<int64_t>(value);
+    if (static_cast<double>(whole) != value)
+        return form;
+    form.whole = true;
+    form.fraction_zero = whole < INT32_MIN || whole > INT32_MAX;
+    form.negative = whole < 0;
+    form.magnitude = static_cast<uint64_t>(form.negative ? -whole : whole);
+    return form;
+}
+
+static size_t write_fraction(char *buffer, double value) {
+    if (!std::isfinite(value)) {
+        memcpy(buffer, "null", 4);
+        return 4;
+    }
+    const std::to_chars_result result =
+        std::to_chars(buffer, buffer + kNumberSize, value, std::chars_format::fixed, 2);
+    return static_cast<size_t>(result.ptr - buffer);
+}
+
+// Adds up lengths.
+struct LengthSink {
+    size_t length = 0;
+
+    void put(char) {
+        length++;
+    }
+    void fill(char, size_t count) {
+        length += count;
+    }
+    void raw(const char *, size_t count) {
+        length += count;
+    }
+    void quoted(const char *text, size_t count) {
+        length += count + 2;
+        for (size_t at = plain_length(text, count); at < count;
+             at += 1 + plain_length(text + at + 1, count - at - 1))
+            length += escape_of(text[at]) == 'u' ? 5 : 1;
+    }
+    void number(double value) {
+        const NumberForm form = number_form(value);
+        if (form.whole) {
+            length += count_digits(form.magnitude) + (form.negative ? 1 : 0) + (form.fraction_zero ? 3 : 0);
+            return;
+        }
+        char buffer[kNumberSize];
+        length += write_fraction(buffer, value);
+    }
+};
+
+// Writes to a buffer that LengthSink has measured.
+struct TextSink {
+    char *at;
+
+    void put(char c) {
+        *at++ = c;
+    }
+    void fill(char c, size_t count) {
+        memset(at, c, count);
+        at += count;
+    }
+    void raw(const char *text, size_t count) {
+        memcpy(at, text, count);
+        at += count;
+    }
+    void escape(char c) {
+        constexpr char kHex[] = "0123456789abcdef";
+        const char letter = escape_of(c);
+        put('\\');
+        put(letter);
+        if (letter == 'u') {
+            raw("00", 2);
+            put(kHex[(c >> 4) & 0xf]);
+            put(kHex[c & 0xf]);
+        }
+    }
+    void quoted(const char *text, size_t count) {
+        put('"');
+        for (;;) {
+            const size_t plain = plain_length(text, count);
+            raw(text, plain);
+            if (plain == count)
+                break;
+            escape(text[plain]);
+            text += plain + 1;
+            count -= plain + 1;
+        }
+        put('"');
+    }
+    void number(double value) {
+        const NumberForm form = number_form(value);
+        if (!form.whole) {
+            char buffer[kNumberSize];
+            raw(buffer, write_fraction(buffer, value));
+            return;
+        }
+        char digits[20];
+        char *const end = digits + sizeof(digits);
+        const char *const start = write_digits(end, form.magnitude);
+        if (form.negative)
+            put('-');
+        raw(start, static_cast<size_t>(end - start));
+        if (form.fraction_zero)
+            raw(".00", 3);
+    }
+};
+
+template <typename Sink> static void put_text(Sink &out, const char *text) {
+    if (text == nullptr)
+        text = "";
+    out.quoted(text, strlen(text));
+}
+
+static int type_of(const cJSON *item) {
+    return item->type & 0xff;
+}
+
+template <typename Sink> static bool put_scalar(Sink &out, const cJSON *item) {
+    switch (type_of(item)) {
+    case cJSON_NULL:
+        out.raw("null", 4);
+        return true;
+    case cJSON_False:
+        out.raw("false", 5);
+        return true;
+    case cJSON_True:
+        out.raw("true", 4);
+        return true;
+    case cJSON_Number:
+        out.number(item->valuedouble);
+        return true;
+    case cJSON_String:
+        put_text(out, item->valuestring);
+        return true;
+    case cJSON_Raw:
+        if (item->valuestring == nullptr)
+            return false;
+        out.raw(item->valuestring, strlen(item->valuestring));
+        return true;
+    default:
+        return false;
+    }
+}
+
+// What stands before an item of an object: indentation and key.
+template <bool Formatted, typename Sink> static void put_key(Sink &out, const cJSON *item, size_t depth) {
+    if (Formatted)
+        out.fill('\t', depth);
+    put_text(out, item->string);
+    out.put(':');
+    if (Formatted)
+        out.put('\t');
+}
+
+template <bool Formatted, typename Sink> static void put_separator(Sink &out, bool object) {
+    out.put(',');
+    if (Formatted)
+        out.put(object ? '\n' : ' ');
+}
+
+template <bool Formatted, typename Sink>
+static void put_close(Sink &out, bool object, bool empty, size_t outer_depth) {
+    if (Formatted && object) {
+        if (!empty)
+            out.put('\n');
+        out.fill('\t', outer_depth);
+    }
+    out.put(object ? '}' : ']');
+}
+
+// The open containers stand in an array of fixed size, so that no tree, however deep, can exhaust the stack.
+template <bool Formatted, typename Sink> static bool put_tree(Sink &out, const cJSON *root) {
+    const cJSON *open[kMaxDepth];
+    size_t depth = 0;
+    for (const cJSON *item = root; item != nullptr;) {
+        if (depth > 0 && type_of(open[depth - 1]) == cJSON_Object)
+            put_key<Formatted>(out, item, depth);
+        const int type = type_of(item);
+        if (type == cJSON_Array || type == cJSON_Object) {
+            if (depth == kMaxDepth)
+                return false;
+            out.put(type == cJSON_Object ? '{' : '[');
+            if (Formatted && type == cJSON_Object)
+                out.put('\n');
+            open[depth++] = item;
+            if (item->child != nullptr) {
+                item = item->child;
+                continue;
+            }
+            put_close<Formatted>(out, type == cJSON_Object, true, --depth);
+        } else if (!put_scalar(out, item)) {
+            return false;
+        }
+        while (depth > 0 && item->next == nullptr) {
+            item = open[--depth];
+            put_close<Formatted>(out, type_of(item) == cJSON_Object, false, depth);
+        }
+        if (depth == 0)
+            return true;
+        put_separator<Formatted>(out, type_of(open[depth - 1]) == cJSON_Object);
+        item = item->next;
+    }
+    return false;
+}
+
+template <bool Formatted> static TextPtr print_tree(const cJSON *item, size_t *length) {
+    LengthSink measure;
+    if (!put_tree<Formatted>(measure, item))
+        return nullptr;
+    TextPtr text(static_cast<char *>(malloc(measure.length + 1)));
+    if (text == nullptr)
+        return nullptr;
+    TextSink write{text.get()};
+    put_tree<Formatted>(write, item);
+    *write.at = '\0';
+    if (length != nullptr)
+        *length = measure.length;
+    return text;
+}
+
+TextPtr telemetry_json_print(const cJSON *item, size_t *length) {
+    return print_tree<false>(item, length);
+}
+
+TextPtr telemetry_json_print_formatted(const cJSON *item) {
+    return print_tree<true>(item, nullptr);
+}
+
+long telemetry_json_length(const cJSON *item) {
+    LengthSink measure;
+    return put_tree<false>(measure, item) ? static_cast<long>(measure.length) : -1;
+}

@@ -1,0 +1,307 @@
+#include "telemetry_main.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "telemetry_collect.h"
+#include "telemetry_handles.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_post.h"
+#include "telemetry_ubus.h"
+#include "telemetry_uci.h"
+#include "telemetry_utils.h"
+
+// Room for an option's value, terminator included.
+static constexpr int kOptionSize = 2048;
+static constexpr int kAccessTextSize = 128;
+static constexpr int kIdentitySize = 65;
+
+// --- Output and heartbeat
+// -----------------------------------------------------------------------------------------
+
+int telemetry_redirect_output(const char *path) {
+    const std::string target = telemetry_path(path);
+    // A stream whose reopening fails is closed: try the path first, so that the message still has a way out.
+    const FdHandle probe(open(target.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666));
+    if (!probe.valid() || freopen(target.c_str(), "a", stderr) == nullptr ||
+        freopen(target.c_str(), "a", stdout) == nullptr) {
+        fprintf(stderr, "Failed to redirect stdout/stderr to %s: %s", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+void telemetry_create_heartbeat_timeout_file() {
+    const std::string path = telemetry_path(kHeartbeatTimeoutPath);
+    if (telemetry_file_exists(kHeartbeatTimeoutPath)) {
+        const FilePtr file(fopen(path.c_str(), "we"));
+        if (file == nullptr || fputs("0\n", file.get()) < 0)
+            LOG_ERROR("init %s failed", kHeartbeatTimeoutPath);
+        return;
+    }
+    const FdHandle file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0777));
+    if (!file.valid() || write(file.get(), "0", 1) != 1)
+        LOG_ERROR("init %s failed", kHeartbeatTimeoutPath);
+}
+
+void telemetry_remove_heartbeat_timeout_file() {
+    if (!telemetry_file_exists(kHeartbeatTimeoutPath))
+        return;
+    char command[256];
+    const int length =
+        snprintf(command, sizeof(command), "rm %s", telemetry_path(kHeartbeatTimeoutPath).c_str());
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(command) || system(command) != 0)
+        LOG_ERROR("remove %s failed", kHeartbeatTimeoutPath);
+}
+
+// --- Steps of telemetry_init_ctx
+// ----------------------------------------------------------------------------------
+
+int telemetry_init_collect_param(TelemetryCtx *ctx) {
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    memset(ctx, 0, sizeof(*ctx));
+    ctx->post_state = TELEMETRY_POST_STATE_INIT;
+    return 0;
+}
+
+int telemetry_init_tmp_backup_config() {
+    if (!telemetry_file_exists(kBackupConfigDir)) {
+        mkdir(telemetry_path(kBackupConfigDir).c_str(), 0777);
+        if (!telemetry_file_exists(kBackupConfigDir)) {
+            LOG_ERROR("mkdir %s failed", kBackupConfigDir);
+            return -1;
+        }
+    }
+    if (telemetry_file_exists(kBackupConfigFile))
+        return 0;
+    const FilePtr file(fopen(telemetry_path(kBackupConfigFile).c_str(), "w+e"));
+    if (file == nullptr) {
+        LOG_ERROR("create %s failed", kBackupConfigFile);
+        return -1;
+    }
+    return 0;
+}
+
+struct AccessTextOption {
+    const char *section;
+    const char *option;
+    char (TelemetryCtx::*field)[129];
+    const char *missing; // message
+    const char *name;    // of the debug line
+};
+
+static constexpr AccessTextOption kAccessTextOptions[] = {
+    {"cloud", "accessKey", &TelemetryCtx::access_key, "uci_get_value access_key error", "access_key"},
+    {"cloud", "accessSecret", &TelemetryCtx::access_secret, "uci_get_value access_secret error",
+     "access_secret"},
+    {"strategy", "strategyID", &TelemetryCtx::strategy_id, "uci_get_value startegyId error", "strategyId"},
+};
+
+struct IntervalOption {
+    const char *option;
+    uint32_t TelemetryCtx::*field;
+    uint32_t fallback; // ms
+    const char *missing;
+    const char *name;
+};
+
+static constexpr IntervalOption kIntervalOptions[] = {
+    {"collect_interval", &TelemetryCtx::collect_interval_strategy1, kDefaultCollectInterval1Ms,
+     "uci_get_value collect_interval error", "collect_interval_strategy1"},
+    {"collect_interval_2", &TelemetryCtx::collect_interval_strategy2, kDefaultCollectInterval2Ms,
+     "uci_get_value collect_interval error", "collect_interval_strategy2"},
+    {"post_interval", &TelemetryCtx::post_interval, kDefaultPostIntervalMs,
+     "uci_get_value post_interval error", "post_interval"},
+};
+
+static int read_option(const char *section, const char *option, char *buffer, int size) {
+    return telemetry_get_uci_value("telemetry", section, option, buffer, size, TELEMETRY_UCI_SYSTEM);
+}
+
+static void load_cloud_url(TelemetryCtx *ctx) {
+    char url[kOptionSize] = {};
+    if (read_option("cloud", "cloud_url", url, sizeof(url)) != 0) {
+        LOG_ERROR("uci_get_value buffer error");
+        copy_text(ctx->post_api, TELEMETRY_CLOUD_ENDPOINT);
+    } else {
+        if (strlen(url) == sizeof(url) - 1)
+            LOG_ERROR("cloud_url has %d characters or more, the rest is cut off", kOptionSize - 1);
+        const std::string prefix = strncmp(url, "http", 4) == 0 ? "" : "https://";
+        copy_text(ctx->post_api, (prefix + url).c_str());
+    }
+    LOG_DEBUG("post_api:%s", ctx->post_api);
+}
+
+static void load_access_text(TelemetryCtx *ctx, const AccessTextOption &row) {
+    char text[kAccessTextSize] = {};
+    if (read_option(row.section, row.option, text, sizeof(text)) != 0)
+        LOG_ERROR("%s", row.missing);
+    copy_text(ctx->*row.field, text);
+    LOG_DEBUG("%s:%s", row.name, ctx->*row.field);
+}
+
+static void load_interval(TelemetryCtx *ctx, const IntervalOption &row) {
+    char text[kOptionSize] = {};
+    if (read_option("strategy", row.option, text, sizeof(text)) != 0) {
+        LOG_ERROR("%s", row.missing);
+        ctx->*row.field = row.fallback;
+    } else {
+        const int32_t minutes = telemetry_text_to_int(text);
+        if (minutes < 1 || minutes > static_cast<int32_t>(INT32_MAX / kMinuteMs))
+            LOG_ERROR("%s is not a usable number of minutes: %.32s", row.option, text);
+        ctx->*row.field = static_cast<uint32_t>(minutes) * kMinuteMs;
+    }
+    LOG_DEBUG("%s:%d", row.name, static_cast<int>(ctx->*row.field));
+}
+
+int telemetry_load_uci_config(TelemetryCtx *ctx) {
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    load_cloud_url(ctx);
+    for (const AccessTextOption &row : kAccessTextOptions)
+        load_access_text(ctx, row);
+    for (const IntervalOption &row : kIntervalOptions)
+        load_interval(ctx, row);
+    ctx->collect_interval_periodic = kPeriodicCollectIntervalMs;
+    return 0;
+}
+
+struct IdentityCommand {
+    const char *command;
+    char (TelemetryCtx::*field)[kIdentitySize];
+    const char *failed; // message
+};
+
+// The last one goes through mac_to_format, and has the message of the one before it.
+static constexpr IdentityCommand kIdentityCommands[] = {
+    {"getfirm DEV_ID", &TelemetryCtx::dev_id, "shell_get_value dev_id error"},
+    {"getfirm HW_ID", &TelemetryCtx::hw_id, "shell_get_value hw_id error"},
+    {"getfirm HARDVERSION", &TelemetryCtx::hw_version, "shell_get_value hw_version error"},
+    {"getfirm OEM_ID", &TelemetryCtx::oem_id, "shell_get_value oem_id error"},
+    {"getfirm SOFTVERSION", &TelemetryCtx::firmware, "shell_get_value firm_version error"},
+    {"getfirm MODEL", &TelemetryCtx::model, "shell_get_value device_model error"},
+    {"getfirm MAC", &TelemetryCtx::dev_mac, "shell_get_value device_model error"},
+};
+
+static bool is_printable(const char *text) {
+    for (; *text != '\0'; text++)
+        if (static_cast<unsigned char>(*text) < ' ' || *text == 0x7f)
+            return false;
+    return true;
+}
+
+// Runs one command. Whatever it prints is kept, terminated inside `text`; what is no identity gets a line.
+static int read_identity(const IdentityCommand &row, char (&text)[kIdentitySize]) {
+    if (shell_get_value(row.command, text, kIdentitySize) != 0) {
+        LOG_ERROR("%s", row.failed);
+        text[0] = '\0';
+        return -1;
+    }
+    if (text[kIdentitySize - 1] != '\0') {
+        text[kIdentitySize - 1] = '\0';
+        LOG_ERROR("%s prints more than %d characters", row.command, kIdentitySize - 1);
+    }
+    if (text[0] == '\0')
+        LOG_ERROR("%s prints nothing", row.command);
+    if (!is_printable(text))
+        LOG_ERROR("%s prints control characters", row.command);
+    return 0;
+}
+
+int telemetry_get_device_info(TelemetryCtx *ctx) {
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    int result = 0;
+    for (const IdentityCommand &row : kIdentityCommands) {
+        char text[kIdentitySize];
+        if (read_identity(row, text) != 0)
+            result = -1;
+        else if (row.field == &TelemetryCtx::dev_mac)
+            mac_to_format(ctx->dev_mac, text);
+        else
+            copy_text(ctx->*row.field, text);
+    }
+    return result;
+}
+
+int telemetry_init_timers(TelemetryCtx *ctx) {
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    ctx->collect_timer.cb = telemetry_collect_data;
+    ctx->post_timer.cb = telemetry_post_data;
+    telemetry_arm_collect_timer(ctx, ctx->collect_interval_strategy1);
+    return 0;
+}
+
+// --- The whole
+// ----------------------------------------------------------------------------------------------------
+
+struct InitStep {
+    int (*run)(TelemetryCtx *ctx);
+    const char *failed; // message
+};
+
+static constexpr InitStep kInitSteps[] = {
+    {telemetry_init_collect_param, "telemetry_init_collect_param error"},
+    {[](TelemetryCtx *) { return telemetry_init_tmp_backup_config(); },
+     "telemetry_init_tmp_backup_config error"},
+    {telemetry_init_post_request, "telemetry_init_post_request error"},
+    {telemetry_load_uci_config, "telemetry_load_uci_config error"},
+    {telemetry_get_device_info, "telemetry_get_device_info error"},
+    {telemetry_init_timers, "telemetry_init_tmp_backup_config error"},
+};
+
+int telemetry_init_ctx(TelemetryCtx *ctx) {
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
+        return -2;
+    }
+    for (const InitStep &step : kInitSteps) {
+        if (step.run(ctx) != 0) {
+            LOG_ERROR("%s", step.failed);
+            return -2;
+        }
+    }
+    return 0;
+}
+
+static void start_and_run(TelemetryCtx *ctx) {
+    telemetry_create_heartbeat_timeout_file();
+    uloop_init();
+    if (telemetry_init_ctx(ctx) != 0 || telemetry_init_ubus(ctx) != 0) {
+        LOG_ERROR("telemetry_init_ctx error, stop");
+        return;
+    }
+    telemetry_post_state_FSM(ctx);
+    uloop_run();
+
+    uloop_done();
+    telemetry_free_ubus();
+    telemetry_remove_heartbeat_timeout_file();
+}
+
+// Not on the stack, so that its slots and list stay reachable until the process is gone.
+static TelemetryCtx telemetry_ctx;
+
+int main() {
+    memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
+    telemetry_redirect_output(kConsolePath);
+    LOG_DEBUG("telemetry start");
+    start_and_run(&telemetry_ctx);
+    LOG_DEBUG("telemetry end");
+    return 0;
+}

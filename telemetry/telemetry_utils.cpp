@@ -1,0 +1,270 @@
+#include "telemetry_utils.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "telemetry_handles.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_uci.h"
+
+int telemetry_post_done = -1;
+
+// A MAC text has 12 characters without separators, 17 with them.
+static constexpr size_t kMacDigits = 12;
+static constexpr size_t kMacTextSize = 18;
+static constexpr size_t kShellReadSize = 2048;
+static constexpr size_t kWorkModeSize = 2048;
+static constexpr size_t kPingCommandSize = 256;
+static constexpr size_t kPingOutputSize = 128;
+static constexpr size_t kHostNameLength = 253;
+
+int32_t telemetry_text_to_int(const char *text) {
+    return text == nullptr ? 0 : static_cast<int32_t>(strtoll(text, nullptr, 10));
+}
+
+static bool is_mac_separator(char c) {
+    return c == '-' || c == ':';
+}
+
+// At most `limit` characters besides the terminator.
+static int format_mac(char *destination, size_t limit, const char *source) {
+    if (destination == nullptr || source == nullptr) {
+        LOG_ERROR("params error");
+        return -1;
+    }
+    size_t used = 0;
+    for (; *source != '\0' && used < limit; source++) {
+        if (is_mac_separator(*source))
+            continue;
+        const bool lower = *source >= 'a' && *source <= 'z';
+        destination[used++] = lower ? static_cast<char>(*source - 'a' + 'A') : *source;
+    }
+    destination[used] = '\0';
+    return 0;
+}
+
+int mac_to_format(char *destination, const char *source) {
+    return format_mac(destination, SIZE_MAX, source);
+}
+
+int mac_to_short_line(char *destination, const char *source) {
+    if (destination == nullptr || source == nullptr) {
+        LOG_ERROR("params error");
+        return -1;
+    }
+    for (size_t at = 0; source[at] != '\0'; at++) {
+        if (at > 0 && at % 2 == 0)
+            *destination++ = '-';
+        *destination++ = source[at];
+    }
+    *destination = '\0';
+    return 0;
+}
+
+int mac_to_upper_short_line(char *destination, const char *source) {
+    char digits[kMacTextSize];
+    if (format_mac(digits, kMacDigits, source) != 0) {
+        LOG_ERROR("-----mac to format----------");
+        return -1;
+    }
+    if (mac_to_short_line(destination, digits) != 0) {
+        LOG_ERROR("-----mac_to_short_line----------");
+        return -1;
+    }
+    return 0;
+}
+
+int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, size_t n) {
+    if (destination == nullptr || bytes == nullptr) {
+        LOG_ERROR("params error");
+        return -1;
+    }
+    if (length == 0 || (length - 1) / 2 < n) {
+        LOG_ERROR("target len is not enough");
+        return -1;
+    }
+    constexpr char kHex[] = "0123456789abcdef";
+    for (size_t i = 0; i < n; i++) {
+        *destination++ = kHex[bytes[i] >> 4];
+        *destination++ = kHex[bytes[i] & 0xf];
+    }
+    *destination = '\0';
+    return 0;
+}
+
+int shell_get_value(const char *command, char *output, int size) {
+    if (command == nullptr || *command == '\0' || output == nullptr || size <= 0) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    const PipePtr pipe(popen(command, "re"));
+    if (pipe == nullptr) {
+        LOG_ERROR("error: popen exe [%s] failed", command);
+        return -1;
+    }
+    char text[kShellReadSize + 1] = {};
+    ssize_t got;
+    do {
+        got = read(fileno(pipe.get()), text, kShellReadSize);
+    } while (got < 0 && errno == EINTR);
+
+    size_t length = strlen(text);
+    if (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
+        text[--length] = '\0';
+    const size_t room = static_cast<size_t>(size);
+    if (length > room)
+        length = room;
+    memcpy(output, text, length);
+    memset(output + length, 0, room - length);
+    return 0;
+}
+
+int telemetry_parse_file(const char *path, char *buffer, size_t size) {
+    if (path == nullptr || buffer == nullptr || size == 0) {
+        LOG_ERROR("invalid input");
+        return -1;
+    }
+    const FilePtr file(fopen(telemetry_path(path).c_str(), "re"));
+    if (file == nullptr) {
+        LOG_ERROR("error: open file %s failed", path);
+        return -1;
+    }
+    memset(buffer, 0, size);
+    // The result of fread is of no use here: what came is in the zeroed buffer.
+    [[maybe_unused]] const size_t got = fread(buffer, 1, size - 1, file.get());
+    return 0;
+}
+
+int telemetry_file_exists(const char *path) {
+    return path != nullptr && access(telemetry_path(path).c_str(), F_OK) == 0;
+}
+
+int check_telemetry_enable() {
+    if (telemetry_get_uci_enabled_value("telemetry", "basic", "enable", TELEMETRY_UCI_SYSTEM) != 1) {
+        LOG_DEBUG("telemetry disable!");
+        return 0;
+    }
+    return 1;
+}
+
+int check_ntp_synced() {
+    return telemetry_file_exists(kNtpSyncedPath);
+}
+
+int check_if_device_is_FAP() {
+    char text[kWorkModeSize];
+    if (telemetry_parse_file(kWorkModePath, text, sizeof(text)) != 0) {
+        LOG_ERROR("parse file %s failed", kWorkModePath);
+        return 0;
+    }
+    const JsonPtr json(cJSON_Parse(text));
+    if (json == nullptr) {
+        LOG_ERROR("parse work_mode");
+        return 0;
+    }
+    const char *mode = cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "work_mode"));
+    return mode != nullptr && strcmp(mode, "FAP") == 0;
+}
+
+int telemetry_check_collect_condition() {
+    return check_telemetry_enable() && check_ntp_synced() && check_if_device_is_FAP();
+}
+
+// `unreadable` is the answer for a profile that cannot be read or does not know the feature.
+static int check_feature(const char *feature, int unreadable) {
+    char value[128] = {};
+    int supported = unreadable;
+    if (uci_get_profile_option(feature, "support", value, sizeof(value) - 1) == 0)
+        supported = strncmp(value, "yes", 3) == 0;
+    LOG_DEBUG("device %s %s!", supported ? "support" : "not support", feature);
+    return supported;
+}
+
+int check_is_tm_shn_support() {
+    char wan_type[128] = {};
+    if (telemetry_get_uci_value("network", "wan", "wan_type", wan_type, sizeof(wan_type),
+                                TELEMETRY_UCI_SYSTEM) == 0 &&
+        strncmp(wan_type, "dslite", 6) == 0) {
+        LOG_DEBUG("device not support tm_shn!");
+        return 0;
+    }
+    // Boards older than the profile's section have the feature.
+    return check_feature("tm_shn", 1);
+}
+
+int check_is_afc_support() {
+    return check_feature("afc", 0);
+}
+
+int check_is_eco_mode_support() {
+    return check_feature("eco_mode", 0);
+}
+
+int check_is_auto_upgrade_support() {
+    return check_feature("auto_upgrade", 0);
+}
+
+int telemetry_is_ip_address(const char *text) {
+    uint8_t address[sizeof(in6_addr)];
+    return text != nullptr &&
+           (inet_pton(AF_INET, text, address) == 1 || inet_pton(AF_INET6, text, address) == 1);
+}
+
+int telemetry_is_host(const char *text) {
+    if (telemetry_is_ip_address(text))
+        return 1;
+    if (text == nullptr || *text == '\0' || *text == '-' ||
+        strnlen(text, kHostNameLength + 1) > kHostNameLength)
+        return 0;
+    for (; *text != '\0'; text++) {
+        const bool letter = (*text >= 'a' && *text <= 'z') || (*text >= 'A' && *text <= 'Z');
+        if (!letter && !(*text >= '0' && *text <= '9') && *text != '-' && *text != '.')
+            return 0;
+    }
+    return 1;
+}
+
+// Average of three echoes: field `field` of what the command prints, split at slashes.
+static int ping_delay(char *output, const char *host, const char *command, int field) {
+    if (output == nullptr || host == nullptr) {
+        LOG_ERROR("params error");
+        return -1;
+    }
+    char line[kPingCommandSize];
+    const int length =
+        snprintf(line, sizeof(line), "%s -c 3 %s |awk -F'/' '{print $%d}'", command, host, field);
+    // The host comes from other services; only what can be an address or a name may reach the shell, and only
+    // whole.
+    if (!telemetry_is_host(host) || length < 0 || static_cast<size_t>(length) >= sizeof(line)) {
+        LOG_ERROR("params error");
+        return -1;
+    }
+    char text[kPingOutputSize + 1] = {};
+    if (shell_get_value(line, text, kPingOutputSize) == 0)
+        snprintf(output, kPingOutputSize, "%f", strtod(text, nullptr));
+    return 0;
+}
+
+int telemetry_ping_delay_v4(char *output, const char *host) {
+    return ping_delay(output, host, "ping", 4);
+}
+
+int telemetry_ping_delay_v6(char *output, const char *host) {
+    return ping_delay(output, host, "ping6", 5);
+}
+
+int write_post_done_to_file(int flags) {
+    telemetry_post_done = (flags >> 1) & 1;
+    const FilePtr file(fopen(telemetry_path(kPostDonePath).c_str(), "we"));
+    if (file == nullptr) {
+        LOG_ERROR("Failed to open %s", kPostDonePath);
+        return -1;
+    }
+    fprintf(file.get(), "%d\n", telemetry_post_done);
+    return 0;
+}
