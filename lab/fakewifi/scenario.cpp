@@ -133,6 +133,29 @@ const char *fault_of(const cJSON *interface, const char *member) {
     return fault == nullptr ? "" : fault;
 }
 
+// Radio of an access point interface ("rax5" is one of "rax0"), empty for other names.
+std::string radio_of(const std::string &ifname) {
+    for (const char *prefix : {"rax", "ra"}) {
+        const size_t length = strlen(prefix);
+        if (ifname.size() == length + 1 && ifname.compare(0, length, prefix) == 0 && ifname.back() >= '0' &&
+            ifname.back() <= '5')
+            return std::string(prefix) + "0";
+    }
+    return {};
+}
+
+// What the scenario says of an interface: its own object, or an empty one for an access point that only its radio
+// vouches for. Null: there is no such interface.
+const cJSON *find_interface(const cJSON *scenario, const std::string &ifname) {
+    static const cJSON *const kUnlisted = cJSON_CreateObject();
+    const cJSON *interfaces = cJSON_GetObjectItemCaseSensitive(scenario, "interfaces");
+    const cJSON *found = cJSON_GetObjectItemCaseSensitive(interfaces, ifname.c_str());
+    if (found != nullptr)
+        return found;
+    const std::string radio = radio_of(ifname);
+    return !radio.empty() && cJSON_HasObjectItem(interfaces, radio.c_str()) ? kUnlisted : nullptr;
+}
+
 } // namespace
 
 const cJSON *scenario_current() {
@@ -155,8 +178,8 @@ const cJSON *scenario_current() {
 
 int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcommand, uint8_t *answer, size_t length,
                     size_t *answered) {
-    const cJSON *interfaces = cJSON_GetObjectItemCaseSensitive(scenario, "interfaces");
-    const cJSON *interface = cJSON_GetObjectItemCaseSensitive(interfaces, ifname);
+    static const cJSON *const kNoStations = cJSON_CreateArray();
+    const cJSON *interface = find_interface(scenario, ifname);
     if (interface == nullptr)
         return ENODEV;
     const Subcommand *known = nullptr;
@@ -165,6 +188,8 @@ int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcomma
             known = &candidate;
     }
     const cJSON *value = known == nullptr ? nullptr : cJSON_GetObjectItemCaseSensitive(interface, known->member);
+    if (value == nullptr && known != nullptr && known->fill == fill_stations && !radio_of(ifname).empty())
+        value = kNoStations;
     if (value == nullptr)
         return EOPNOTSUPP;
     if (length != known->length)
