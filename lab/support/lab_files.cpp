@@ -1,5 +1,6 @@
 #include "lab_files.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -19,6 +20,8 @@
 namespace lab {
 
 namespace {
+
+std::atomic<bool> interrupted = false;
 
 // The janitor lives in a process of its own and outlives whatever happens to this one: the closing end of the pipe tells
 // it that nobody needs the directory any more.
@@ -105,12 +108,23 @@ void make_directories(const std::string &path) {
 
 bool wait_until(const std::function<bool()> &condition, int timeout_ms) {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!condition()) {
+    for (;;) {
+        if (interrupted.exchange(false))
+            throw std::runtime_error("interrupted");
+        if (condition())
+            return true;
         if (std::chrono::steady_clock::now() >= end)
             return condition();
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return true;
+}
+
+void interrupt_waits() {
+    interrupted = true;
+}
+
+bool interrupt_is_pending() {
+    return interrupted;
 }
 
 RunDirectory::RunDirectory() {

@@ -193,7 +193,7 @@ CommandResult run_command(const std::vector<std::string> &argv,
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         pollfd wanted = {ends[0], POLLIN, 0};
         int ready = poll(&wanted, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0 && errno == EINTR && !interrupt_is_pending())
             continue;
         if (ready <= 0) {
             in_time = false;

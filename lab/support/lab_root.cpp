@@ -147,6 +147,37 @@ void build_board(const std::string &root, const ScenarioNode &node) {
                                     root + "/lib/telemetry/wire_port_info.sh");
 }
 
+// The file of the simulated driver: the node's "driver", and the scenario's wireless clients as stations of the AP
+// interfaces that they are on.
+std::string driver_file(const Scenario &scenario, const ScenarioNode &node) {
+    JsonTree file(cJSON_Duplicate(member(node.json, "driver"), 1));
+    if (!file)
+        file.reset(cJSON_CreateObject());
+    cJSON *interfaces = cJSON_GetObjectItemCaseSensitive(file.get(), "interfaces");
+    if (!interfaces)
+        interfaces = cJSON_AddObjectToObject(file.get(), "interfaces");
+    auto stations_of = [&](const std::string &name) {
+        cJSON *interface = cJSON_GetObjectItemCaseSensitive(interfaces, name.c_str());
+        if (!interface)
+            interface = cJSON_AddObjectToObject(interfaces, name.c_str());
+        cJSON *stations = cJSON_GetObjectItemCaseSensitive(interface, "stations");
+        return stations ? stations : cJSON_AddArrayToObject(interface, "stations");
+    };
+    for (const char *name : {"ra2", "ra4", "ra5", "rax2", "rax4", "rax5"})
+        stations_of(name);
+    for (const ScenarioClient &client : scenario.clients) {
+        if (client.node != node.device_id || client.interface.empty())
+            continue;
+        cJSON *station = cJSON_CreateObject();
+        cJSON_AddItemToArray(stations_of(client.interface), station);
+        cJSON_AddStringToObject(station, "mac", client.mac.c_str());
+        cJSON_AddNumberToObject(station, "tx", client.tx);
+        cJSON_AddNumberToObject(station, "rx", client.rx);
+        cJSON_AddNumberToObject(station, "phymode", client.phymode);
+    }
+    return print_json(file.get());
+}
+
 void build_state_files(const std::string &root, const Scenario &scenario, size_t index) {
     const ScenarioNode &node = scenario.nodes[index];
     JsonTree work_mode(cJSON_CreateObject());
@@ -155,6 +186,7 @@ void build_state_files(const std::string &root, const Scenario &scenario, size_t
         cJSON_AddStringToObject(work_mode.get(), "parent_mac", parent->mac.c_str());
     root_write(root, "/tmp/work_mode", print_json(work_mode.get()) + "\n");
     root_write(root, "/tmp/run/ntpd.uptime", "1\n");
+    root_write(root, "/tmp/fakewifi.json", driver_file(scenario, node));
     if (index == 0) {
         root_write(root, "/tmp/sync-server/mesh_dev_list", root_mesh_device_list(scenario) + "\n");
         root_write(root, "/tmp/client_mgmt/re_client_list", root_satellite_clients(scenario) + "\n");

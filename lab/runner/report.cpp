@@ -1,0 +1,224 @@
+#include "report.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <map>
+
+#include <openssl/evp.h>
+
+namespace {
+
+constexpr size_t kLineWidth = 110;
+constexpr size_t kMaxRows = 12; // of one list; the rest is counted
+
+using NamesByDigest = std::map<std::string, std::string>;
+
+std::string digest(const std::string &text) {
+    unsigned char bytes[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(text.data(), text.size(), bytes, &length, EVP_md5(), nullptr);
+    std::string out;
+    for (unsigned i = 0; i < length; i++) {
+        char digits[3];
+        snprintf(digits, sizeof(digits), "%02x", bytes[i]);
+        out += digits;
+    }
+    return out;
+}
+
+// "02:00:00:01:00:0a" as the records digest it: "02-00-00-01-00-0A".
+std::string digested_form(std::string mac) {
+    for (char &c : mac)
+        c = c == ':' ? '-' : static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    return mac;
+}
+
+NamesByDigest names_of(const lab::Scenario &scenario) {
+    NamesByDigest names;
+    for (const lab::ScenarioNode &node : scenario.nodes)
+        names[digest(digested_form(node.mac))] = node.nickname.empty() ? node.mac : node.nickname;
+    for (const lab::ScenarioClient &client : scenario.clients)
+        names[digest(digested_form(client.mac))] = client.hostname.empty() ? client.mac : client.hostname;
+    return names;
+}
+
+std::string name_of(const NamesByDigest &names, const cJSON *object, const char *key) {
+    std::string text = lab::json_text(object, key);
+    auto found = names.find(text);
+    return found != names.end() ? found->second : text.empty() ? "-" : text.substr(0, 8);
+}
+
+std::string value_text(const cJSON *item) {
+    if (!item || cJSON_IsNull(item))
+        return "-";
+    return cJSON_IsString(item) ? item->valuestring : lab::print_json(item);
+}
+
+std::string value_of(const cJSON *object, const char *key) {
+    return value_text(cJSON_GetObjectItemCaseSensitive(object, key));
+}
+
+// Columns as wide as their widest cell.
+std::string table(const std::vector<std::vector<std::string>> &rows) {
+    std::vector<size_t> widths;
+    for (const auto &row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); i++)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const auto &row : rows) {
+        std::string line = "   ";
+        for (size_t i = 0; i < row.size(); i++)
+            line += " " + row[i] + std::string(widths[i] - row[i].size() + 1, ' ');
+        text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+    }
+    return text;
+}
+
+struct Column {
+    const char *heading;
+    const char *key;   // "tem.cpu": member of a member; '#' in front: a digest, shown by name
+    const char *unit;  // behind the value
+};
+
+std::string cell(const cJSON *entry, const Column &column, const NamesByDigest &names) {
+    std::string key = column.key;
+    if (key[0] == '#')
+        return name_of(names, entry, column.key + 1);
+    size_t dot = key.find('.');
+    std::string value;
+    if (dot == key.npos)
+        value = value_of(entry, column.key);
+    else
+        value = value_of(cJSON_GetObjectItemCaseSensitive(entry, key.substr(0, dot).c_str()), column.key + dot + 1);
+    return value == "-" ? value : value + column.unit;
+}
+
+// A list of the payload, an entry a row.
+std::string list_table(const cJSON *list, const std::vector<Column> &columns, const NamesByDigest &names) {
+    std::vector<std::vector<std::string>> rows = {{}};
+    for (const Column &column : columns)
+        rows[0].push_back(column.heading);
+    const cJSON *entry;
+    size_t more = 0;
+    cJSON_ArrayForEach(entry, list) {
+        if (rows.size() > kMaxRows) {
+            more++;
+            continue;
+        }
+        rows.emplace_back();
+        for (const Column &column : columns)
+            rows.back().push_back(cell(entry, column, names));
+    }
+    std::string text = table(rows);
+    return more ? text + "    ... and " + std::to_string(more) + " more\n" : text;
+}
+
+// Members that are no lists, as key=value, broken at the line's width.
+std::string plain_members(const cJSON *payload) {
+    std::string text, line = "   ";
+    const cJSON *item;
+    cJSON_ArrayForEach(item, payload) {
+        std::string member = std::string(" ") + item->string + "=" + value_text(item);
+        if (line.size() + member.size() > kLineWidth && line.size() > 3) {
+            text += line + "\n";
+            line = "   ";
+        }
+        line += member;
+    }
+    return text + line + "\n";
+}
+
+struct ListLayout {
+    const char *eid, *list;
+    std::vector<Column> columns;
+};
+
+const std::vector<ListLayout> &layouts() {
+    static const std::vector<ListLayout> all = {
+        {"system_info",
+         "sl",
+         {{"node", "#dm", ""},
+          {"mode", "wm", ""},
+          {"cpu", "cu", " %"},
+          {"freq", "cfq", " kHz"},
+          {"memory", "mt", " kB"},
+          {"used", "mu", " %"},
+          {"free", "mf", " kB"},
+          {"wifi temp", "tem.w0", " C"},
+          {"cpu temp", "tem.cpu", " C"},
+          {"connections", "natn", ""},
+          {"low power", "lad", " s"}}},
+        {"device_info",
+         "dl",
+         {{"node", "#dm", ""},
+          {"model", "dmodel", ""},
+          {"firmware", "fw", ""},
+          {"hw", "hv", ""},
+          {"parent", "#pm", ""},
+          {"delay", "ddl", " ms"},
+          {"ports", "wpn", ""},
+          {"lan", "lpn", ""},
+          {"backhaul", "bh", ""}}},
+        {"client_info",
+         "cl",
+         {{"client", "#mk", ""},
+          {"node", "#am", ""},
+          {"type", "type", ""},
+          {"link", "ctype", ""},
+          {"tx", "ngtx", ""},
+          {"rx", "ngrx", ""},
+          {"signal", "sl", ""},
+          {"mode", "sm", ""},
+          {"IoT", "iname", ""},
+          {"category", "itype", ""}}},
+    };
+    return all;
+}
+
+// Backhaul links in one cell: "2.4G ch 6 287/258 -> rssi".
+std::string backhaul_text(const cJSON *links) {
+    std::string text;
+    const cJSON *link;
+    cJSON_ArrayForEach(link, links) {
+        text += (text.empty() ? "" : ", ") + value_of(link, "bt") + " ch " + value_of(link, "bc") + " " +
+                value_of(link, "btx") + "/" + value_of(link, "brx") + " util " + value_of(link, "cu") + "%";
+    }
+    return text;
+}
+
+std::string payload_text(const std::string &eid, cJSON *payload, const NamesByDigest &names) {
+    for (const ListLayout &layout : layouts()) {
+        cJSON *list = cJSON_GetObjectItemCaseSensitive(payload, layout.list);
+        if (eid != layout.eid || !cJSON_IsArray(list))
+            continue;
+        cJSON *entry;
+        cJSON_ArrayForEach(entry, list) {
+            cJSON *links = cJSON_GetObjectItemCaseSensitive(entry, "bh");
+            if (links)
+                cJSON_ReplaceItemInObjectCaseSensitive(entry, "bh",
+                                                       cJSON_CreateString(backhaul_text(links).c_str()));
+        }
+        std::string text = list_table(list, layout.columns, names);
+        cJSON_DeleteItemFromObjectCaseSensitive(payload, layout.list);
+        return payload->child ? plain_members(payload) + text : text;
+    }
+    return plain_members(payload);
+}
+
+} // namespace
+
+std::string report_records(const std::vector<lab::CloudRecord> &records, const lab::Scenario &scenario) {
+    NamesByDigest names = names_of(scenario);
+    std::string text;
+    size_t number = 0;
+    for (const lab::CloudRecord &record : records) {
+        text += "record " + std::to_string(++number) + "  " + record.eid + "  (post " + std::to_string(record.post) +
+                ", collected at " + record.ct + ", " + std::to_string(record.payload.size()) + " bytes)\n";
+        lab::JsonTree payload(cJSON_Parse(record.payload.c_str()));
+        text += payload ? payload_text(record.eid, payload.get(), names) : "    not JSON\n";
+    }
+    return text;
+}

@@ -1,0 +1,200 @@
+// lab-runner: a mesh on this machine, from a scenario.
+//   lab-runner [--scenario NAME|FILE] [--once]
+// Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one collection and one
+// upload, prints what the cloud received and the verdict; exit status 0 only when everything was as it should be.
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include <unistd.h>
+
+#include "lab.h"
+#include "report.h"
+
+namespace {
+
+constexpr int kReadyMs = 60000;
+// A cycle measures the processor for three seconds, and may wait for each of several services.
+constexpr int kCycleMs = 180000;
+constexpr int kUploadMs = 20000;
+constexpr size_t kLogTail = 4000;
+
+struct Options {
+    std::string scenario = "one";
+    bool once = false;
+};
+
+void on_signal(int) {
+    lab::interrupt_waits();
+}
+
+// The first signal ends the lab in order, a second one at once.
+void catch_signals() {
+    struct sigaction action = {};
+    action.sa_handler = on_signal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(number, &action, nullptr);
+}
+
+bool parse_options(int argc, char **argv, Options &options) {
+    for (int i = 1; i < argc; i++) {
+        std::string argument = argv[i];
+        if (argument == "--once")
+            options.once = true;
+        else if (argument == "--scenario" && i + 1 < argc)
+            options.scenario = argv[++i];
+        else
+            return false;
+    }
+    return true;
+}
+
+[[noreturn]] void fail(lab::Lab &lab, const std::string &what) {
+    std::string log = lab.node().console();
+    if (log.size() > kLogTail)
+        log = "..." + log.substr(log.size() - kLogTail);
+    throw std::runtime_error(what + "\nlog of the main node:\n" + log + lab.node().read("/lab/daemon.log"));
+}
+
+void require_status(lab::Lab &lab, const char *method) {
+    lab::BusReply reply = lab.node().call(method);
+    if (reply.status != 0 || lab::json_number(reply.json.get(), "err_code", -1) != 0)
+        fail(lab, std::string("the bus method ") + method + " failed: status " + std::to_string(reply.status) + " " +
+                      reply.text);
+}
+
+long number_of(const std::map<std::string, std::string> &state, const char *line) {
+    auto found = state.find(line);
+    return found == state.end() ? -1 : strtol(found->second.c_str(), nullptr, 10);
+}
+
+void collect_once(lab::Lab &lab) {
+    lab::LabNode &node = lab.node();
+    long before = number_of(node.state(), "collect_count");
+    require_status(lab, "collect_all_next_time");
+    require_status(lab, "collect_now");
+    long after = before, items = 0;
+    bool collected = lab::wait_until(
+        [&] {
+            auto state = node.state();
+            after = number_of(state, "collect_count");
+            items = number_of(state, "data_collect_count");
+            return !node.daemon.running() || after > before;
+        },
+        kCycleMs);
+    if (!node.daemon.running())
+        fail(lab, "the daemon ended while it collected");
+    if (!collected)
+        fail(lab, "no collection cycle ended within " + std::to_string(kCycleMs / 1000) + " s");
+    if (items <= 0)
+        fail(lab, "the collection cycle brought nothing");
+    printf("collected %ld items in one cycle\n", items);
+}
+
+void upload_once(lab::Lab &lab) {
+    long posts = lab.cloud().count("posts");
+    require_status(lab, "post_now");
+    if (!lab.cloud().wait_for_count("posts", posts + 1, kUploadMs)) {
+        std::string seen;
+        for (const lab::CloudRequest &request : lab.cloud().requests())
+            seen += "\n  " + request.call + ": " + request.verdict + ", error_code " +
+                    std::to_string(request.error_code);
+        fail(lab, "the cloud accepted no upload; it saw:" + (seen.empty() ? " nothing" : seen));
+    }
+    if (!lab.node().wait_for_state("data_collect_count", "0", 5000))
+        fail(lab, "the cloud accepted the upload, but the daemon still holds its records");
+}
+
+void run_once(lab::Lab &lab) {
+    if (!lab.node().wait_for_state("post state", lab::kReadyForUpload, kReadyMs))
+        fail(lab, "key and strategy were not fetched: post state " + lab.node().state()["post state"]);
+    collect_once(lab);
+    upload_once(lab);
+
+    std::vector<lab::CloudRecord> records = lab.cloud().records();
+    long posts = lab.cloud().count("posts");
+    long invalid = lab.cloud().count("invalid_signatures");
+    printf("\n%s\n", report_records(records, lab.scenario()).c_str());
+    if (invalid != 0)
+        fail(lab, std::to_string(invalid) + " requests came without a valid signature");
+    if (records.empty())
+        fail(lab, "the upload held no record");
+    for (size_t index = 0; index < lab.node_count(); index++) {
+        int status = lab.node(index).daemon.stop();
+        if (status != 0)
+            fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " + std::to_string(status));
+    }
+    printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
+}
+
+void print_help(lab::Lab &lab) {
+    lab::LabNode &node = lab.node();
+    std::string ubus = lab::default_bin_dir() + "/ubus -s " + node.bus_socket();
+    printf("The lab is up: %zu nodes in %s, the cloud at https://%s\n", lab.node_count(), lab.directory().c_str(),
+           lab.cloud().address().c_str());
+    printf("Bus of the main node: %s\n\n", node.bus_socket().c_str());
+    for (size_t index = 1; index < lab.node_count(); index++)
+        printf("Bus of satellite %zu: %s\n", index, lab.node(index).bus_socket().c_str());
+    printf("  %s call telemetry debug '{\"level\":\"debug\"}'\n", ubus.c_str());
+    for (const char *method : {"print", "collect_all_next_time", "collect_now", "post_now"})
+        printf("  %s call telemetry %s\n", ubus.c_str(), method);
+    printf("  sqlite3 %s 'select eid, payload from records'\n\n", lab.cloud().database().c_str());
+    printf("The main node's log follows; Ctrl-C ends the lab.\n");
+}
+
+// Copies the log to the terminal until a signal comes; the daemon's end is a failure.
+void follow(lab::Lab &lab) {
+    size_t shown = 0;
+    lab::wait_until(
+        [&] {
+            std::string news = lab.node().console(shown);
+            fwrite(news.data(), 1, news.size(), stdout);
+            fflush(stdout);
+            shown += news.size();
+            usleep(200000);
+            return !lab.node().daemon.running();
+        },
+        INT32_MAX);
+    throw std::runtime_error("the daemon ended");
+}
+
+void run(const Options &options) {
+    lab::Lab lab(options.scenario);
+    lab.start();
+    printf("lab \"%s\": %s; all daemons are on their buses\n", lab.scenario().name.c_str(),
+           lab.scenario().description.c_str());
+    fflush(stdout);
+    if (options.once) {
+        run_once(lab);
+    } else {
+        print_help(lab);
+        follow(lab);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    if (!parse_options(argc, argv, options)) {
+        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once]\n");
+        return 2;
+    }
+    catch_signals();
+    try {
+        run(options);
+    } catch (const std::exception &error) {
+        fflush(stdout);
+        if (!options.once && std::string(error.what()) == "interrupted") {
+            printf("\nthe lab has ended\n");
+            return 0;
+        }
+        fprintf(stderr, "lab-runner: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
