@@ -120,7 +120,7 @@ struct ubus_request {
 
     int status_code;
     bool status_msg; /* the status has arrived */
-    bool blocked;    /* nobody waits for it in the loop */
+    bool blocked;    /* a blocking call waits for it */
     bool cancelled;
 
     uint32_t peer;
