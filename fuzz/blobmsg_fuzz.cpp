@@ -1,0 +1,91 @@
+// The bytes as a message from the bus (parse, walk, print) and as JSON text from a user (convert, print
+// again).
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
+struct text_release {
+    void operator()(char *text) const {
+        free(text);
+    }
+};
+using text_handle = std::unique_ptr<char, text_release>;
+
+static const blobmsg_policy policy[] = {
+    {"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32},  {"c", BLOBMSG_TYPE_TABLE},
+    {"d", BLOBMSG_TYPE_ARRAY},  {"e", BLOBMSG_TYPE_UNSPEC}, {"f", BLOBMSG_CAST_INT64},
+};
+static constexpr int policy_len = static_cast<int>(ARRAY_SIZE(policy));
+
+static void require(bool holds) {
+    if (!holds)
+        abort();
+}
+
+// Every accessor on everything, checked or not; what a walk yields is sound in its length only.
+static void read_all(blob_attr *list, int depth) {
+    size_t rem = 0;
+    blob_attr *pos = nullptr;
+    volatile uint64_t sink = 0;
+    blobmsg_for_each_attr(pos, list, rem) {
+        sink = sink + strlen(blobmsg_name(pos)) + strlen(blobmsg_get_string(pos)) + blobmsg_get_u8(pos) +
+               blobmsg_get_u16(pos) + blobmsg_get_u32(pos) + blobmsg_cast_u64(pos);
+        blobmsg_check_array(pos, BLOBMSG_TYPE_UNSPEC);
+        text_handle value(blobmsg_format_json_value(pos));
+        if (depth < 4)
+            read_all(pos, depth + 1);
+    }
+}
+
+static void try_message(const uint8_t *data, size_t size) {
+    std::vector<char> exact(sizeof(blob_attr) + size);
+    auto *head = reinterpret_cast<blob_attr *>(exact.data());
+    head->id_len = 0;
+    blob_set_raw_len(head, static_cast<unsigned int>(exact.size()));
+    memcpy(blob_data(head), data, size);
+    blob_attr *tb[policy_len];
+    bool sound = blobmsg_parse(policy, policy_len, tb, blob_data(head), static_cast<unsigned int>(size)) == 0;
+    for (int i = 0; i < policy_len; i++)
+        require(!tb[i] || blobmsg_check_attr(tb[i], true));
+    if (sound && tb[0])
+        require(strlen(blobmsg_get_string(tb[0])) < blobmsg_data_len(tb[0]));
+    blobmsg_parse_array(policy, policy_len, tb, blob_data(head), static_cast<unsigned int>(size));
+    blob_parse_untrusted(head, exact.size(), tb, nullptr, policy_len);
+    read_all(head, 0);
+    text_handle compact(blobmsg_format_json(head, true));
+    text_handle indented(blobmsg_format_json_indent(head, true, 0));
+    require(!compact == !indented);
+}
+
+// What was converted is a sound message, and its text converts to a message with the same text.
+static void try_text(const std::string &text) {
+    blob_buf b = {};
+    blob_buf again = {};
+    require(blob_buf_init(&b, 0) == 0 && blob_buf_init(&again, 0) == 0);
+    if (blobmsg_add_json_from_string(&b, text.c_str()) && blob_len(b.head) > 0) {
+        blob_attr *tb[policy_len];
+        require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head),
+                              static_cast<unsigned int>(blob_len(b.head))) == 0);
+        text_handle first(blobmsg_format_json(b.head, true));
+        require(first && blobmsg_add_json_from_string(&again, first.get()));
+        text_handle second(blobmsg_format_json(again.head, true));
+        require(second && strcmp(first.get(), second.get()) == 0);
+    } else {
+        require(blob_len(b.head) == 0);
+    }
+    blob_buf_free(&b);
+    blob_buf_free(&again);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    try_message(data, size);
+    try_text(std::string(reinterpret_cast<const char *>(data), size));
+    return 0;
+}
