@@ -1,4 +1,5 @@
-// Changes that are staged in the save directory: a line a change, `[prefix]package.section[.option][='value']`.
+// Changes that are staged in the save directory: a line a change,
+// `[prefix]package.section[.option][='value']`.
 #include "uci_internal.h"
 
 #include <cstdlib>
@@ -19,7 +20,7 @@ struct command_prefix {
 };
 
 constexpr command_prefix prefixes[] = {
-    {'+', UCI_CMD_ADD},     {'-', UCI_CMD_REMOVE},   {'@', UCI_CMD_RENAME}, {'^', UCI_CMD_REORDER},
+    {'+', UCI_CMD_ADD},      {'-', UCI_CMD_REMOVE},   {'@', UCI_CMD_RENAME},  {'^', UCI_CMD_REORDER},
     {'|', UCI_CMD_LIST_ADD}, {'~', UCI_CMD_LIST_DEL}, {'\0', UCI_CMD_CHANGE},
 };
 

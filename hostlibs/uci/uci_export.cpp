@@ -80,6 +80,6 @@ int uci_export(uci_context *ctx, FILE *stream, uci_package *package, bool header
             uci_foreach_element(&ctx->root, e) print_package(out, uci_to_package(e), header, all_names);
         }
         return static_cast<int>(fwrite(out.data(), 1, out.size(), stream) == out.size() ? UCI_OK
-                                                                                         : UCI_ERR_IO);
+                                                                                        : UCI_ERR_IO);
     });
 }

@@ -93,8 +93,7 @@ int change_reorder(uci_section *s, int pos);
 // Files (uci_file.cpp).
 class file_handle {
   public:
-    explicit file_handle(int fd = -1) : fd_(fd) {
-    }
+    explicit file_handle(int fd = -1) : fd_(fd) {}
     file_handle(file_handle &&other) noexcept : fd_(other.fd_) {
         other.fd_ = -1;
     }
@@ -112,7 +111,8 @@ class file_handle {
 };
 // Opens a regular file. 0, UCI_ERR_NOTFOUND or UCI_ERR_IO.
 int file_open(const std::string &path, int flags, file_handle &file);
-// Opens and locks (LOCK_SH or LOCK_EX); what is locked is what the path names then. Waits a few seconds at most.
+// Opens and locks (LOCK_SH or LOCK_EX); what is locked is what the path names then. Waits a few seconds at
+// most.
 int file_open_locked(const std::string &path, int flags, int lock, file_handle &file);
 // 0, UCI_ERR_IO, or UCI_ERR_PARSE when the file is larger than limit.
 int file_read(int fd, size_t limit, std::string &text);
@@ -124,8 +124,8 @@ int file_replace(const std::string &path, const std::string &package, int old, s
 std::string delta_path(const std::string &dir, std::string_view package);
 // Reads and applies one text of staged changes; the number of good lines is added to count.
 void delta_apply(uci_package *p, std::string_view text, bool keep, size_t &count);
-// Opens savedir's file with the lock. A load holds it while it reads the configuration, so that a commit by another
-// is seen whole or not at all. UCI_ERR_NOTFOUND when nothing was ever staged.
+// Opens savedir's file with the lock. A load holds it while it reads the configuration, so that a commit by
+// another is seen whole or not at all. UCI_ERR_NOTFOUND when nothing was ever staged.
 int delta_open(uci_context *ctx, const char *package, int lock, file_handle &file);
 // Applies all directories' changes; `own` is savedir's file or closed.
 int delta_load(uci_context *ctx, uci_package *p, const file_handle &own, size_t &count);

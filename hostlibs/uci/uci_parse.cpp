@@ -59,8 +59,7 @@ bool run_config(parse_state &state, const std::array<std::string, 2> &words) {
             return refuse(state, "invalid section name");
         state.section = uci_lookup_section(state.ctx, state.package, name.c_str());
         if (state.section)
-            return type == state.section->type ||
-                   refuse(state, "section of another type has the same name");
+            return type == state.section->type || refuse(state, "section of another type has the same name");
     }
     state.section = section_new(state.package, type, name);
     return state.section || refuse(state, "too many sections");
