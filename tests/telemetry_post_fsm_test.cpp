@@ -90,8 +90,8 @@ class PostFsmTest : public PostTest {
 
 // Answers that no call can judge.
 static std::vector<AnswerCase> unusable_answers(const Outcome &retry) {
-    constexpr char kNoAnswer[] = "request_status error or response error";
-    constexpr char kNoCode[] = "receive error, error_code invalid";
+    static constexpr char kNoAnswer[] = "request_status error or response error";
+    static constexpr char kNoCode[] = "receive error, error_code invalid";
     return {
         {POST_REQUEST_TIMED_OUT, R"({"error_code":0})", retry, kNoAnswer},
         {POST_REQUEST_FAILED, R"({"error_code":0})", retry, kNoAnswer},

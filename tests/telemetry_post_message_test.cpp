@@ -72,11 +72,11 @@ TEST_F(PostMessageTest, requests_carry_the_headers_that_their_call_needs) {
         const char *url;
         uint32_t headers;
     } cases[] = {
-        {TELEMETRY_POST_STATE_REFRESH_KEY, post_refresh_key_cb, "http:///api/data/device/getAccessKey", 1},
+        {TELEMETRY_POST_STATE_REFRESH_KEY, post_refresh_key_cb, "http://no host/api/data/device/getAccessKey", 1},
         {TELEMETRY_POST_STATE_GET_STRATEGY, post_get_strategy_cb,
-         "http:///api/data/device/strategy/getDataCollectStrategy", 2},
+         "http://no host/api/data/device/strategy/getDataCollectStrategy", 2},
         {TELEMETRY_POST_STATE_READY_FOR_UPLOAD, post_upload_data_cb,
-         "http:///api/data/device/uploadBasicData", 2},
+         "http://no host/api/data/device/uploadBasicData", 2},
     };
     add_record(R"({"eid":"a","ct":1,"ep":{},"cnt":1})");
     for (const auto &c : cases) {

@@ -233,7 +233,7 @@ TEST_F(PostRequestTest, debug_level_shows_the_request) {
     telemetry_debug_level = TELEMETRY_LOG_INFO;
     const std::vector<std::string> expected = {
         "buffer not enough! need to re malloc 1024!",
-        "POST: http:///x",
+        "POST: http://no host/x",
         "Content-Type: application/json",
         "{\"a\":1}",
         "buf_len:7",

@@ -15,7 +15,7 @@
 
 class PostTest : public SysrootTest {
   protected:
-    static constexpr char kNoHost[] = "http://";
+    static constexpr char kNoHost[] = "http://no host";
 
     PostTest() {
         uloop_init();
