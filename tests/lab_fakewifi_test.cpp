@@ -1,0 +1,161 @@
+// The daemon's driver code against the simulated driver, preloaded as in the lab: the program starts itself again with
+// the library in front.
+#include <cerrno>
+#include <cstring>
+#include <linux/wireless.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <gmock/gmock.h>
+
+#include "collect/mtk/telemetry_platform_mtk.h"
+#include "sysroot.h"
+#include "telemetry_handles.h"
+#include "telemetry_log.h"
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr char kScenario[] = R"({"interfaces": {
+    "ra0": {"channel": 6, "utilisation": 31, "temperature": 52},
+    "rax0": {"channel": 165, "bandwidth": 3},
+    "apclix0": {"utilisation": 12, "uplink": {"mac": "02:00:00:00:01:05", "tx": 1201, "rx": 70000, "rssi": -52}},
+    "rax2": {"stations": [{"mac": "02-00-00-00-02-01", "tx": 866, "rx": 780, "phymode": 4},
+                          {"mac": "02:00:00:00:02:02", "tx": 6, "rx": 7, "phymode": 0}]},
+    "ra2": {"stations": [{"mac": "02:00:00:00:02:03", "tx": 1, "rx": 2, "phymode": 1}]}}})";
+
+class FakeWifi : public SysrootTest {
+  protected:
+    FakeWifi() {
+        telemetry_debug_level = TELEMETRY_LOG_ERROR;
+        set_scenario(kScenario);
+        list.capacity = 100;
+        list.stations = stations;
+    }
+    // As the lab does it: a new file in the place of the old one.
+    void set_scenario(const std::string &text) {
+        root.write("/tmp/fakewifi.new", text);
+        std::filesystem::rename(root.path("/tmp/fakewifi.new"), root.path("/tmp/fakewifi.json"));
+    }
+    void set_fault(const std::string &member, const std::string &fault) {
+        const std::string faults = "\"faults\": {\"" + member + "\": \"" + fault + "\"}, ";
+        std::string text = kScenario;
+        for (const char *name : {"ra0\": {", "rax0\": {", "apclix0\": {", "rax2\": {", "ra2\": {"})
+            text.insert(text.find(name) + strlen(name), faults);
+        set_scenario(text);
+    }
+    ClientStaInfo stations[100] = {};
+    ClientStaList list = {};
+    uint32_t count = 0;
+    uint32_t number = 0;
+    uint8_t byte = 0;
+    double temperature = 0;
+    BackhaulStats stats = {};
+};
+
+TEST_F(FakeWifi, AnswersEveryQuestion) {
+    EXPECT_EQ(wlan_get_device_temperature("wifi1", &temperature), 1);
+    EXPECT_EQ(temperature, 52);
+    EXPECT_EQ(wlan_get_backhaul_ap_channel(1, &number), 1);
+    EXPECT_EQ(number, 165U);
+    EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 1);
+    EXPECT_EQ(number, 160U);
+    EXPECT_EQ(wlan_get_uplink_rate("apclix0", &stats, &byte), 1);
+    EXPECT_EQ(stats.tx, 1201);
+    EXPECT_EQ(stats.rx, 70000 - 65536);
+    EXPECT_THAT(stats.mac, ElementsAre(2, 0, 0, 0, 1, 5));
+    EXPECT_EQ(byte, 40);
+    EXPECT_EQ(wlan_get_channel_util("apclix0", &byte, 3, 1), 1);
+    EXPECT_EQ(byte, 12);
+
+    for (const char *ifname : {"rax2", "ra5", "ra2"})
+        EXPECT_EQ(wlan_get_band_client_sta_info(ifname, &list, &count), 1) << ifname;
+    ASSERT_EQ(count, 3U);
+    EXPECT_THAT(stations[0].mac, ElementsAre(2, 0, 0, 0, 2, 1));
+    EXPECT_EQ(stations[0].txrate, 866U);
+    EXPECT_EQ(stations[0].rxrate, 780U);
+    EXPECT_EQ(stations[0].phymode, 6U);
+    EXPECT_EQ(stations[1].phymode, 3U);
+    EXPECT_THAT(stations[2].mac, ElementsAre(2, 0, 0, 0, 2, 3));
+}
+
+TEST_F(FakeWifi, RefusesWhatADriverWouldRefuse) {
+    const struct {
+        const char *what, *ifname;
+        unsigned flags, length;
+        bool buffer;
+        int domain;
+        int expected;
+    } cases[] = {
+        {"an interface that is not there", "wlan0", 0x7B0, 1, true, AF_INET, ENODEV},
+        {"an access point beyond the radio's", "ra6", 0x7B1, 2056, true, AF_INET, ENODEV},
+        {"an unknown sub-command", "ra0", 0x7B5, 1, true, AF_INET, EOPNOTSUPP},
+        {"a question to the wrong interface", "ra0", 0x7B4, 32, true, AF_INET, EOPNOTSUPP},
+        {"stations of an uplink", "apclix0", 0x7B1, 2056, true, AF_INET, EOPNOTSUPP},
+        {"a wrong length", "ra0", 0x7B0, 4, true, AF_INET, EINVAL},
+        {"no buffer", "ra0", 0x7B0, 1, false, AF_INET, EFAULT},
+        {"a wrong kind of socket", "ra0", 0x7B0, 1, true, AF_UNIX, ENOTTY},
+        {"nothing wrong", "ra0", 0x7B0, 1, true, AF_INET, 0},
+    };
+    for (const auto &one : cases) {
+        uint8_t answer[2056] = {};
+        iwreq block = {};
+        copy_text(block.ifr_name, one.ifname);
+        block.u.data.pointer = one.buffer ? answer : nullptr;
+        block.u.data.length = static_cast<uint16_t>(one.length);
+        block.u.data.flags = static_cast<uint16_t>(one.flags);
+        const FdHandle fd(socket(one.domain, SOCK_DGRAM, 0));
+        const int result = ioctl(fd.get(), kMtkPrivateRequest, &block);
+        EXPECT_EQ(result == 0 ? 0 : errno, one.expected) << one.what;
+    }
+    int waiting = -1;
+    const FdHandle fd(socket(AF_INET, SOCK_DGRAM, 0));
+    EXPECT_EQ(ioctl(fd.get(), FIONREAD, &waiting), 0) << "other requests reach the kernel";
+    EXPECT_EQ(waiting, 0);
+}
+
+TEST_F(FakeWifi, FaultsComeAndGoWhileTheProgramRuns) {
+    for (const char *fault : {"nodev", "busy", "short"}) {
+        for (const char *member : {"all", "utilisation"}) {
+            set_fault(member, fault);
+            EXPECT_EQ(wlan_get_channel_util("apclix0", &byte, 3, 1), 0) << fault << member;
+            EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), strcmp(member, "all") == 0 ? 0 : 1) << fault;
+        }
+    }
+    set_fault("stations", "count");
+    const auto said = logged_messages([&] { EXPECT_EQ(wlan_get_band_client_sta_info("rax2", &list, &count), 1); });
+    EXPECT_EQ(said.front(),
+              "wlan_get_band_client_sta_info_mtk: ifname = rax2, the driver tells 65535 stations, kept 64");
+    EXPECT_EQ(count, 64U);
+
+    count = 0;
+    set_fault("stations", "short");
+    EXPECT_EQ(wlan_get_band_client_sta_info("rax2", &list, &count), 1);
+    EXPECT_EQ(count, 2U) << "the two stations stand in the first half of the table";
+
+    set_scenario("{]");
+    EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), 0);
+    root.remove("/tmp/fakewifi.json");
+    EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), 0);
+    set_scenario(kScenario);
+    EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), 1);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::string library = std::string(TEST_BIN_DIR) + "/libfakewifi.so";
+    if (getenv("FAKEWIFI_PRELOADED") == nullptr) {
+        setenv("FAKEWIFI_PRELOADED", "1", 1);
+        setenv("LD_PRELOAD", library.c_str(), 1);
+        const char *options = getenv("ASAN_OPTIONS");
+        setenv("ASAN_OPTIONS", (std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0").c_str(),
+               1);
+        execv("/proc/self/exe", argv);
+        perror("execv");
+        return 1;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
