@@ -142,11 +142,11 @@ void bus_put_data(bus_builder &out, int id, const blob_attr *attr) {
         bus_put(out, id, attr->data, blob_len(attr));
 }
 
-bool bus_finish(bus_builder &out, ubus_msg_type type, uint16_t seq, uint32_t peer) {
+bool bus_finish(bus_builder &out, uint8_t type, uint16_t seq, uint32_t peer) {
     size_t len = out.bytes.size() - bus_header_size;
     if (len > UBUS_MAX_MSGLEN)
         return false;
-    ubus_msghdr hdr = {UBUS_MSG_VERSION, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
+    ubus_msghdr hdr = {UBUS_MSG_VERSION, type, cpu_to_be16(seq), cpu_to_be32(peer)};
     uint32_t word = cpu_to_be32(static_cast<uint32_t>(len));
     std::memcpy(out.bytes.data(), &hdr, sizeof(hdr));
     std::memcpy(out.bytes.data() + sizeof(hdr), &word, sizeof(word));

@@ -78,4 +78,4 @@ void bus_put_text(bus_builder &out, int id, std::string_view text);
 void bus_put_data(bus_builder &out, int id, const blob_attr *attr);
 
 // Writes the header. False when the message is longer than UBUS_MAX_MSGLEN: it must not be sent.
-bool bus_finish(bus_builder &out, ubus_msg_type type, uint16_t seq, uint32_t peer);
+bool bus_finish(bus_builder &out, uint8_t type, uint16_t seq, uint32_t peer);

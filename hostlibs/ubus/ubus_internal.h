@@ -44,7 +44,7 @@ bool ubus_wait_readable(ubus_context *ctx, int64_t ms);
 bool ubus_send(ubus_context *ctx, const bus_builder &msg);
 
 // ubus_req.cpp. A status code: CONNECTION_FAILED, or INVALID_ARGUMENT for a message that is too long.
-int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, ubus_msg_type type,
+int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type,
                        uint32_t peer);
 void ubus_dispatch(ubus_context *ctx);
 void ubus_fail_requests(ubus_context *ctx, int status);

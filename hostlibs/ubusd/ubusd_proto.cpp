@@ -46,7 +46,7 @@ int handle_answer(ubusd_client &client, bus_frame &frame, const bus_attrs &attrs
     bus_builder out;
     out.bytes.reserve(out.bytes.size() + frame.body.size());
     out.bytes.insert(out.bytes.end(), frame.body.begin() + sizeof(blob_attr), frame.body.end());
-    if (bus_finish(out, static_cast<ubus_msg_type>(frame.type), frame.seq, object->first))
+    if (bus_finish(out, frame.type, frame.seq, object->first))
         ubusd_client_send_or_drop(*caller->second, std::move(out.bytes));
     return no_status;
 }
