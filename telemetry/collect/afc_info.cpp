@@ -2,7 +2,11 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
+#include "collect/collector_patterns.h"
+#include "collect/collectors.h"
+#include "collect/node_list.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -26,24 +30,34 @@ static JsonPtr read_afc_status() {
     return status;
 }
 
-// A channel without its number is left out.
-static void add_channel(cJSON *array, const cJSON *channel) {
-    const cJSON *number = cJSON_GetObjectItemCaseSensitive(channel, "channel");
-    const cJSON *op_class = cJSON_GetObjectItemCaseSensitive(channel, "op_class");
-    const cJSON *power = cJSON_GetObjectItemCaseSensitive(channel, "max_eirp");
-    if (!cJSON_IsNumber(number))
-        return;
-    JsonPtr entry(cJSON_CreateObject());
-    if (cJSON_IsNumber(op_class))
-        cJSON_AddNumberToObject(entry.get(), "oc", op_class->valuedouble);
-    cJSON_AddNumberToObject(entry.get(), "ch", number->valuedouble);
-    if (cJSON_IsNumber(power))
-        cJSON_AddNumberToObject(entry.get(), "pw", power->valuedouble);
-    if (cJSON_AddItemToArray(array, entry.get()))
-        entry.release();
+namespace {
+// How a source names the members of a channel.
+struct ChannelKeys {
+    const char *op_class, *channel, *power;
+};
+} // namespace
+
+static constexpr ChannelKeys kAgentChannel = {"op_class", "channel", "max_eirp"};
+static constexpr ChannelKeys kReportedChannel = {"oc", "ch", "pw"};
+
+static void add_number(cJSON *object, const char *key, const cJSON *number) {
+    if (cJSON_IsNumber(number))
+        cJSON_AddNumberToObject(object, key, number->valuedouble);
 }
 
-static void add_channels(cJSON *object, const cJSON *channels) {
+// A channel without its number is left out.
+static void add_channel(cJSON *array, const cJSON *channel, const ChannelKeys &keys) {
+    const cJSON *number = cJSON_GetObjectItemCaseSensitive(channel, keys.channel);
+    JsonPtr entry(cJSON_CreateObject());
+    if (!cJSON_IsNumber(number) || !entry)
+        return;
+    add_number(entry.get(), kReportedChannel.op_class, cJSON_GetObjectItemCaseSensitive(channel, keys.op_class));
+    add_number(entry.get(), kReportedChannel.channel, number);
+    add_number(entry.get(), kReportedChannel.power, cJSON_GetObjectItemCaseSensitive(channel, keys.power));
+    telemetry_attach_element(array, std::move(entry));
+}
+
+static void add_channels(cJSON *object, const cJSON *channels, const ChannelKeys &keys) {
     if (!cJSON_IsArray(channels))
         return;
     cJSON *array = cJSON_AddArrayToObject(object, "cl");
@@ -54,7 +68,7 @@ static void add_channels(cJSON *object, const cJSON *channels) {
             LOG_ERROR("AFC status has more than %d channels, the rest is left out", kAfcChannelCount);
             return;
         }
-        add_channel(array, channel);
+        add_channel(array, channel, keys);
     }
 }
 
@@ -70,9 +84,53 @@ int collect_myself_afc_info(cJSON *object) {
         return 0;
     if (const char *state = json_text(status.get(), "state"); state != nullptr)
         cJSON_AddStringToObject(object, "st", state);
-    const cJSON *expires = cJSON_GetObjectItemCaseSensitive(status.get(), "expires_in");
-    if (cJSON_IsNumber(expires))
-        cJSON_AddNumberToObject(object, "ex", expires->valuedouble);
-    add_channels(object, cJSON_GetObjectItemCaseSensitive(status.get(), "channels"));
+    add_number(object, "ex", cJSON_GetObjectItemCaseSensitive(status.get(), "expires_in"));
+    add_channels(object, cJSON_GetObjectItemCaseSensitive(status.get(), "channels"), kAgentChannel);
+    return 0;
+}
+
+// --- Every node ---------------------------------------------------------------------------------------------------
+
+// What a satellite sent is copied member by member: nothing that is not known passes on to the cloud.
+static void apply_afc_result(const cJSON *result, void *user) {
+    JsonPtr entry(cJSON_CreateObject());
+    const cJSON *enabled = cJSON_GetObjectItemCaseSensitive(result, "en");
+    if (!entry)
+        return;
+    cJSON_AddNumberToObject(entry.get(), "en", cJSON_IsNumber(enabled) && enabled->valuedouble != 0 ? 1 : 0);
+    if (const char *state = json_text(result, "st"); state != nullptr)
+        cJSON_AddStringToObject(entry.get(), "st", state);
+    add_number(entry.get(), "ex", cJSON_GetObjectItemCaseSensitive(result, "ex"));
+    add_channels(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "cl"), kReportedChannel);
+    telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
+}
+
+int collect_afc_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    if (ctx->collect_stgy2_now == 0) {
+        LOG_DEBUG("dont need to collect afc info!");
+        return 0;
+    }
+    if (check_is_afc_support() != 1)
+        return 0;
+    JsonPtr list(cJSON_CreateArray());
+    JsonPtr own(cJSON_CreateObject());
+    if (!list || !own || collect_myself_afc_info(own.get()) != 0) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
+    }
+    telemetry_node_list_add(list.get(), ctx->dev_mac, std::move(own));
+    if (telemetry_is_mesh_network() &&
+        telemetry_transfer_request(TELEMETRY_TRANSFER_AFC, true, nullptr, apply_afc_result, list.get()) != 0)
+        LOG_ERROR("get re afc info failed");
+    const auto items = static_cast<uint32_t>(cJSON_GetArraySize(list.get()));
+    if (items == 0)
+        return 0;
+    if (!telemetry_attach_member(payload, "al", std::move(list)))
+        return -1;
+    *count += items;
     return 0;
 }

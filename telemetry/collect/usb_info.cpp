@@ -4,10 +4,16 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <utility>
 
+#include "collect/collector_patterns.h"
+#include "collect/collectors.h"
+#include "collect/node_list.h"
 #include "telemetry_handles.h"
+#include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_pre_collect.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
@@ -114,4 +120,55 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
     copy_usb_id(record->vendor_id, read_attribute(device, "idVendor"));
     copy_usb_id(record->product_id, read_attribute(device, "idProduct"));
     return 0;
+}
+
+// --- Every node ---------------------------------------------------------------------------------------------------
+
+// Ids are there only with a device.
+static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
+    bool filled = cJSON_AddNumberToObject(entry, "ue", record.usb_enable) != nullptr &&
+                  cJSON_AddNumberToObject(entry, "cc", record.config_is_change) != nullptr &&
+                  cJSON_AddNumberToObject(entry, "ut", record.usb_type) != nullptr;
+    if (record.vendor_id[0] != '\0')
+        filled = cJSON_AddStringToObject(entry, "vi", record.vendor_id) != nullptr && filled;
+    if (record.product_id[0] != '\0')
+        filled = cJSON_AddStringToObject(entry, "pi", record.product_id) != nullptr && filled;
+    return filled;
+}
+
+static void apply_usb_result(const cJSON *result, void *user) {
+    UsbInfoRecord record = {};
+    json_number(result, "usb_enable", &record.usb_enable);
+    json_number(result, "config_is_change", &record.config_is_change);
+    json_number(result, "usb_type", &record.usb_type);
+    if (const char *id = json_text(result, "vendor_id"); id != nullptr && *id != '\0')
+        copy_usb_id(record.vendor_id, id);
+    if (const char *id = json_text(result, "product_id"); id != nullptr && *id != '\0')
+        copy_usb_id(record.product_id, id);
+    JsonPtr entry(cJSON_CreateObject());
+    if (entry && fill_entry(entry.get(), record))
+        telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
+}
+
+int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    JsonPtr list(cJSON_CreateArray());
+    JsonPtr own(cJSON_CreateObject());
+    UsbInfoRecord record = {};
+    if (!list || !own || collect_myself_usb_info(&record) != 0 || !fill_entry(own.get(), record)) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
+    }
+    telemetry_node_list_add(list.get(), ctx->dev_mac, std::move(own));
+    if (telemetry_is_mesh_network() &&
+        telemetry_transfer_request(TELEMETRY_TRANSFER_USB, true, nullptr, apply_usb_result, list.get()) != 0)
+        LOG_ERROR("get re usb info failed");
+    const auto items = static_cast<uint32_t>(cJSON_GetArraySize(list.get()));
+    if (items == 0)
+        return 0;
+    return telemetry_collect_changed_object("usb", "usb_info", "ul", std::move(list), items,
+                                            "md5 same, don't collect!", payload, count);
 }

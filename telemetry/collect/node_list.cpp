@@ -1,0 +1,40 @@
+#include "collect/node_list.h"
+
+#include <cstring>
+#include <utility>
+
+#include "collect/collector_patterns.h"
+#include "telemetry_json_read.h"
+#include "telemetry_log.h"
+#include "telemetry_utils.h"
+
+// More nodes than any mesh has.
+static constexpr int kMaxNodes = 64;
+
+static bool is_listed(const cJSON *list, const char *digest) {
+    const cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, list) {
+        const char *known = json_text(entry, "dm");
+        if (known != nullptr && digest != nullptr && strcmp(known, digest) == 0)
+            return true;
+    }
+    return false;
+}
+
+void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry) {
+    char text[18] = {};
+    const JsonPtr named(cJSON_CreateObject());
+    if (!named || mac == nullptr || mac_to_upper_short_line(text, mac) != 0 ||
+        telemetry_add_mac_md5_to_cJSON_object(named.get(), "dm", text) != 0) {
+        LOG_ERROR("cJSON_Add Mac Md5 failed");
+        return;
+    }
+    if (is_listed(list, json_text(named.get(), "dm")))
+        return;
+    if (cJSON_GetArraySize(list) >= kMaxNodes) {
+        LOG_ERROR("more than %d nodes answered, the rest is left out", kMaxNodes);
+        return;
+    }
+    cJSON_InsertItemInArray(entry.get(), 0, cJSON_DetachItemFromObjectCaseSensitive(named.get(), "dm"));
+    telemetry_attach_element(list, std::move(entry));
+}
