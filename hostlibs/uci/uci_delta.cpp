@@ -81,8 +81,9 @@ bool next_change(word_reader &reader, staged_change &change, bool &good) {
 int apply_add(uci_ptr *ptr) {
     if (ptr->option)
         return UCI_ERR_INVAL;
+    const bool exists = uci_lookup_section(nullptr, ptr->p, ptr->section);
     int rc = change_set(ptr);
-    if (rc == UCI_OK)
+    if (rc == UCI_OK && !exists)
         ptr->s->anonymous = true;
     return rc;
 }

@@ -48,6 +48,17 @@ bool run_package(parse_state &state, const std::array<std::string, 2> &words) {
     return true;
 }
 
+// A generated name that happens to be the same is no name in the file.
+uci_section *find_named(uci_package *p, const std::string &name) {
+    uci_element *e;
+    uci_foreach_element(&p->sections, e) {
+        auto *s = uci_to_section(e);
+        if (!s->anonymous && name == e->name)
+            return s;
+    }
+    return nullptr;
+}
+
 bool run_config(parse_state &state, const std::array<std::string, 2> &words) {
     const auto &[type, name] = words;
     if (!state.package)
@@ -57,7 +68,7 @@ bool run_config(parse_state &state, const std::array<std::string, 2> &words) {
     if (!name.empty()) {
         if (!valid_name(name))
             return refuse(state, "invalid section name");
-        state.section = uci_lookup_section(state.ctx, state.package, name.c_str());
+        state.section = find_named(state.package, name);
         if (state.section)
             return type == state.section->type || refuse(state, "section of another type has the same name");
     }

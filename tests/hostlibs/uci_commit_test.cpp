@@ -1,0 +1,272 @@
+// A commit leaves the old file or the new one, and no change of anybody is lost.
+#include "uci_fixture.h"
+
+#include <cerrno>
+#include <csignal>
+
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+namespace {
+
+enum class Step { none, sync, before_rename, after_rename, empty };
+Step kill_at = Step::none;
+Step fail_at = Step::none;
+
+// In the place of the C library's: the process dies here, as by a power cut, or the call fails.
+bool reached(Step step) {
+    if (kill_at == step)
+        raise(SIGKILL);
+    if (fail_at == step)
+        errno = ENOSPC;
+    return fail_at == step;
+}
+
+} // namespace
+
+extern "C" int fsync(int fd) {
+    return reached(Step::sync) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int rename(const char *from, const char *to) noexcept {
+    if (reached(Step::before_rename))
+        return -1;
+    const int rc = static_cast<int>(syscall(SYS_rename, from, to));
+    reached(Step::after_rename);
+    return rc;
+}
+
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+    return reached(Step::empty) ? -1 : static_cast<int>(syscall(SYS_ftruncate, fd, size));
+}
+
+namespace {
+
+constexpr char kOld[] = "\nconfig a 'x'\n\toption o 'old'\n\n";
+constexpr char kNew[] = "\nconfig a 'x'\n\toption o 'new'\n\n";
+
+class UciCommitTest : public UciTest {
+  protected:
+    UciCommitTest() {
+        kill_at = Step::none;
+        fail_at = Step::none;
+        root.write_config("p", kOld);
+    }
+
+    int set_and_commit(uci_context *ctx, const std::string &place) {
+        int rc = change(ctx, uci_set, place);
+        auto *p = uci_lookup_package(ctx, "p");
+        return rc == UCI_OK ? uci_commit(ctx, &p, false) : rc;
+    }
+
+    std::vector<std::string> temporary_files() const {
+        std::vector<std::string> names;
+        for (const auto &entry : std::filesystem::directory_iterator(root.path("/etc/config"))) {
+            if (entry.path().filename().string()[0] == '.')
+                names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+};
+
+TEST_F(UciCommitTest, KilledAtAnyStepLeavesOldOrNew) {
+    const struct {
+        Step step;
+        const char *file;
+    } cases[] = {
+        {Step::sync, kOld},
+        {Step::before_rename, kOld},
+        {Step::after_rename, kNew},
+        {Step::empty, kNew},
+    };
+    for (const auto &[step, file] : cases) {
+        SCOPED_TRACE(static_cast<int>(step));
+        root.write_config("p", kOld);
+        root.remove("/tmp/.uci");
+        const pid_t child = fork();
+        if (child == 0) {
+            kill_at = step;
+            set_and_commit(context().get(), "p.x.o=new");
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(root.read("/etc/config/p"), file);
+        // What was staged is not lost, and the next commit ends it.
+        EXPECT_EQ(seen(), kNew);
+        auto ctx = context();
+        uci_package *p = nullptr;
+        ASSERT_EQ(uci_load(ctx.get(), "p", &p), UCI_OK);
+        ASSERT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+        EXPECT_EQ(root.read("/etc/config/p"), kNew);
+        EXPECT_EQ(root.read("/tmp/.uci/p"), "");
+    }
+    // Left-over temporary files are no packages.
+    char **names = nullptr;
+    auto ctx = context();
+    ASSERT_EQ(uci_list_configs(ctx.get(), &names), UCI_OK);
+    EXPECT_STREQ(names[0], "p");
+    EXPECT_EQ(names[1], nullptr);
+    free(names);
+}
+
+TEST_F(UciCommitTest, FailedStepsKeepTheFileAndTheChange) {
+    for (Step step : {Step::sync, Step::before_rename}) {
+        SCOPED_TRACE(static_cast<int>(step));
+        auto ctx = context();
+        fail_at = step;
+        EXPECT_EQ(set_and_commit(ctx.get(), "p.x.o=new"), UCI_ERR_IO);
+        fail_at = Step::none;
+        EXPECT_EQ(root.read("/etc/config/p"), kOld);
+        EXPECT_EQ(seen(), kNew);
+        EXPECT_TRUE(temporary_files().empty());
+        root.remove("/tmp/.uci");
+    }
+}
+
+TEST_F(UciCommitTest, KeepsModeAndLink) {
+    root.write("/overlay/real", kOld);
+    root.remove("/etc/config/p");
+    std::filesystem::create_symlink(root.path("/overlay/real"), root.path("/etc/config/p"));
+    chmod(root.path("/overlay/real").c_str(), 0640);
+    EXPECT_EQ(set_and_commit(context().get(), "p.x.o=new"), UCI_OK);
+    EXPECT_EQ(root.read("/overlay/real"), kNew);
+    EXPECT_TRUE(std::filesystem::is_symlink(root.path("/etc/config/p")));
+    struct stat info;
+    ASSERT_EQ(stat(root.path("/overlay/real").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0640u);
+}
+
+TEST_F(UciCommitTest, AppliesWhatAnOperatorStaged) {
+    const struct {
+        const char *staged;
+        const char *expected;
+    } cases[] = {
+        {"p.x.o='two words'\n", "\nconfig a 'x'\n\toption o 'two words'\n\n"},
+        {"p.x.o='it'\\''s'\np.x.n='1\n2'\n", "\nconfig a 'x'\n\toption o 'it'\\''s'\n\toption n '1\n2'\n\n"},
+        {"p.y='b'\np.y.o='1'\n", "\nconfig a 'x'\n\toption o 'old'\n\nconfig b 'y'\n\toption o '1'\n\n"},
+        {"+p.cfg02dc81='zone'\np.cfg02dc81.o='1'\n",
+         "\nconfig a 'x'\n\toption o 'old'\n\nconfig zone\n\toption o '1'\n\n"},
+        {"+p.cfg02dc81='zone'\n@p.cfg02dc81='z'\np.z.o='1'\n",
+         "\nconfig a 'x'\n\toption o 'old'\n\nconfig zone 'z'\n\toption o '1'\n\n"},
+        {"@p.x.o='q'\n", "\nconfig a 'x'\n\toption q 'old'\n\n"},
+        {"-p.x.o\n", "\nconfig a 'x'\n\n"},
+        {"-p.x\n", "\n"},
+        {"p.x.o=''\n", "\nconfig a 'x'\n\n"},
+        {"|p.x.l='1'\n|p.x.l='2'\n~p.x.l='1'\n", "\nconfig a 'x'\n\toption o 'old'\n\tlist l '2'\n\n"},
+        {"p.y='b'\n^p.y='0'\n", "\nconfig b 'y'\n\nconfig a 'x'\n\toption o 'old'\n\n"},
+        // What is no change, or none of this package, disturbs nothing.
+        {"q.x.o='1'\np.x\n=\n+\np.x.o.q='1'\np.no.o='1'\n\x01\x02\n^p.x='-1'\np.x.o='new'\n", kNew},
+        {"p.x.o='new'\np.x.o='cut", kNew},
+    };
+    for (const auto &[staged, expected] : cases) {
+        SCOPED_TRACE(staged);
+        root.write_config("p", kOld);
+        root.write("/tmp/.uci/p", staged);
+        EXPECT_EQ(seen(), expected);
+        EXPECT_EQ(root.read("/etc/config/p"), kOld);
+        auto ctx = context();
+        uci_package *p = nullptr;
+        ASSERT_EQ(uci_load(ctx.get(), "p", &p), UCI_OK);
+        ASSERT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+        EXPECT_EQ(exported(ctx.get(), p), expected);
+        EXPECT_EQ(root.read("/etc/config/p"), expected);
+        EXPECT_EQ(root.read("/tmp/.uci/p"), "");
+    }
+}
+
+TEST_F(UciCommitTest, JoinsOwnAndForeignChanges) {
+    auto ctx = context();
+    uci_package *p = nullptr;
+    ASSERT_EQ(uci_load(ctx.get(), "p", &p), UCI_OK);
+    // Both came after the load: another program's commit, and a staged change.
+    root.write_config("p", "config a x\noption o old\noption committed 1\n");
+    root.write("/tmp/.uci/p", "p.x.staged='1'\n");
+    ASSERT_EQ(set_and_commit(ctx.get(), "p.x.o=new"), UCI_OK);
+    EXPECT_EQ(root.read("/etc/config/p"),
+              "\nconfig a 'x'\n\toption o 'new'\n\toption committed '1'\n\toption staged '1'\n\n");
+}
+
+TEST_F(UciCommitTest, CommitsOfSeveralProgramsLoseNothing) {
+    constexpr int kPrograms = 4, kRounds = 15;
+    for (int program = 0; program < kPrograms; program++) {
+        if (fork() == 0) {
+            int failed = 0;
+            for (int round = 0; round < kRounds; round++)
+                failed += set_and_commit(context().get(), "p.x.o" + std::to_string(program) + "_" +
+                                                              std::to_string(round) + "=1") != UCI_OK;
+            _exit(failed);
+        }
+    }
+    for (int status; wait(&status) > 0;)
+        EXPECT_EQ(status, 0);
+    const std::string file = root.read("/etc/config/p");
+    for (int program = 0; program < kPrograms; program++) {
+        for (int round = 0; round < kRounds; round++) {
+            const std::string option =
+                "\toption o" + std::to_string(program) + "_" + std::to_string(round) + " '1'\n";
+            EXPECT_NE(file.find(option), std::string::npos) << option;
+        }
+    }
+}
+
+TEST_F(UciCommitTest, UnusableSaveDirectoryFailsOnlyTheCommit) {
+    const struct {
+        const char *what;
+        void (*spoil)(const TestSysroot &);
+    } cases[] = {
+        {"a file in its place", [](const TestSysroot &r) { r.write("/tmp/.uci", "x"); }},
+        {"a directory in the place of the staged file",
+         [](const TestSysroot &r) { std::filesystem::create_directories(r.path("/tmp/.uci/p")); }},
+        {"a link in the place of the staged file",
+         [](const TestSysroot &r) {
+             r.write("/tmp/target", "p.x.o='stolen'\n");
+             std::filesystem::create_directories(r.path("/tmp/.uci"));
+             std::filesystem::create_symlink(r.path("/tmp/target"), r.path("/tmp/.uci/p"));
+         }},
+        {"too many staged changes",
+         [](const TestSysroot &r) { r.write("/tmp/.uci/p", "#" + std::string(2 << 20, 'x')); }},
+    };
+    for (const auto &[what, spoil] : cases) {
+        SCOPED_TRACE(what);
+        root.remove("/tmp/.uci");
+        spoil(root);
+        EXPECT_EQ(seen(), kOld);
+        EXPECT_NE(set_and_commit(context().get(), "p.x.o=new"), UCI_OK);
+        EXPECT_EQ(root.read("/etc/config/p"), kOld);
+    }
+}
+
+TEST_F(UciCommitTest, SaveDirectoriesAreApart) {
+    root.write("/tmp/telemetry/p", kOld);
+    root.write("/tmp/.uci/p", "p.x.o='staged'\n");
+    auto backup = context("/tmp/telemetry/.uci", "/tmp/telemetry");
+    uci_package *p = nullptr;
+    ASSERT_EQ(uci_load(backup.get(), "p", &p), UCI_OK);
+    EXPECT_EQ(exported(backup.get(), p), kOld);
+    ASSERT_EQ(set_and_commit(backup.get(), "p.x.o=new"), UCI_OK);
+    EXPECT_EQ(root.read("/tmp/telemetry/p"), kNew);
+    EXPECT_EQ(root.read("/tmp/.uci/p"), "p.x.o='staged'\n");
+}
+
+TEST_F(UciCommitTest, RevertDropsOnlyWhatIsNamed) {
+    const struct {
+        const char *place;
+        const char *left;
+    } cases[] = {
+        {"p.x.o", "p.x.n='2'\np.y='b'\n"},
+        {"p.x", "p.y='b'\n"},
+        {"p", ""},
+    };
+    for (const auto &[place, left] : cases) {
+        SCOPED_TRACE(place);
+        root.write("/tmp/.uci/p", "p.x.o='1'\np.x.n='2'\np.y='b'\n");
+        auto ctx = context();
+        EXPECT_EQ(change(ctx.get(), uci_revert, place), UCI_OK);
+        EXPECT_EQ(root.read("/tmp/.uci/p"), left);
+    }
+}
+
+} // namespace
