@@ -12,8 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/bus_daemon.h"
-#include "support/sysroot.h"
+#include "bus_daemon.h"
+#include "sysroot.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 

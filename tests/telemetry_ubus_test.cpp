@@ -15,8 +15,8 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/bus_daemon.h"
-#include "support/sysroot.h"
+#include "bus_daemon.h"
+#include "sysroot.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
