@@ -74,7 +74,8 @@ static uci_section *find_section(uci_context *uci, const char *package, const ch
     char path[kLookupSize];
     snprintf(path, sizeof(path), "%s.%s", package, section);
     uci_ptr place{};
-    if (uci_lookup_ptr(uci, &place, path, true) != UCI_OK || (place.flags & uci_ptr::UCI_LOOKUP_COMPLETE) == 0)
+    if (uci_lookup_ptr(uci, &place, path, true) != UCI_OK ||
+        (place.flags & uci_ptr::UCI_LOOKUP_COMPLETE) == 0)
         return nullptr;
     return place.s;
 }
@@ -156,8 +157,8 @@ uci_context *telemetry_uci_alloc_context(uint32_t source) {
     return uci;
 }
 
-int uci_get_value(uci_context *uci, const char *package, const char *section, const char *option, char *buffer,
-                  int size) {
+int uci_get_value(uci_context *uci, const char *package, const char *section, const char *option,
+                  char *buffer, int size) {
     if (uci == nullptr || !is_place(package, section, option) || buffer == nullptr || size <= 0) {
         LOG_ERROR("param error");
         return -1;
@@ -182,8 +183,8 @@ int uci_get_value(uci_context *uci, const char *package, const char *section, co
     return 0;
 }
 
-int uci_set_value(uci_context *uci, const char *package, const char *section, const char *option, const char *value,
-                  int commit) {
+int uci_set_value(uci_context *uci, const char *package, const char *section, const char *option,
+                  const char *value, int commit) {
     if (uci == nullptr || !is_place(package, section, option) || value == nullptr) {
         LOG_ERROR("param error");
         return -1;
@@ -222,8 +223,9 @@ int _telemetry_get_value_in_telemetry_config(uci_context *uci, const char *packa
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
-int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package, const char *section,
-                                                         const char *option, const char *value) {
+int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package,
+                                                         const char *section, const char *option,
+                                                         const char *value) {
     if (uci != nullptr)
         set_directories(uci, kSystemConfigDir, kSystemConfigSaveDir);
     return uci_set_value_with_create(uci, package, section, option, value, "device", 1);
@@ -255,8 +257,8 @@ int uci_get_profile_option(const char *section_type, const char *option, char *b
     return 0;
 }
 
-int telemetry_get_uci_value(const char *package, const char *section, const char *option, char *buffer, int size,
-                            uint32_t source) {
+int telemetry_get_uci_value(const char *package, const char *section, const char *option, char *buffer,
+                            int size, uint32_t source) {
     if (!is_place(package, section, option) || buffer == nullptr || size <= 0) {
         LOG_ERROR("param error");
         return -1;
@@ -280,7 +282,8 @@ int telemetry_set_uci_value(const char *package, const char *section, const char
         return -1;
     }
     const bool backup = source == TELEMETRY_UCI_BACKUP;
-    const UciContextPtr uci(telemetry_uci_alloc_context(backup ? TELEMETRY_UCI_BACKUP : TELEMETRY_UCI_SYSTEM));
+    const UciContextPtr uci(
+        telemetry_uci_alloc_context(backup ? TELEMETRY_UCI_BACKUP : TELEMETRY_UCI_SYSTEM));
     if (!uci) {
         LOG_ERROR("uci_alloc_context failed");
         return -1;
@@ -292,13 +295,15 @@ int telemetry_set_uci_value(const char *package, const char *section, const char
     return 0;
 }
 
-int telemetry_get_uci_enabled_value(const char *package, const char *section, const char *option, uint32_t source) {
+int telemetry_get_uci_enabled_value(const char *package, const char *section, const char *option,
+                                    uint32_t source) {
     if (!is_place(package, section, option)) {
         LOG_ERROR("param error");
         return 0;
     }
     const bool backup = source == TELEMETRY_UCI_BACKUP;
-    const UciContextPtr uci(telemetry_uci_alloc_context(backup ? TELEMETRY_UCI_BACKUP : TELEMETRY_UCI_SYSTEM));
+    const UciContextPtr uci(
+        telemetry_uci_alloc_context(backup ? TELEMETRY_UCI_BACKUP : TELEMETRY_UCI_SYSTEM));
     if (!uci) {
         LOG_ERROR("uci_alloc_context failed");
         return 0;
@@ -330,10 +335,12 @@ int telemetry_set_uci_value_in_telemetry_config(const char *section, const char 
         LOG_ERROR("uci_alloc_context failed");
         return -1;
     }
-    return _telemetry_set_value_in_telemetry_config_with_create(uci.get(), kConfigPackage, section, option, value);
+    return _telemetry_set_value_in_telemetry_config_with_create(uci.get(), kConfigPackage, section, option,
+                                                                value);
 }
 
-int telemetry_traverse_config_section_and_do(const char *package, TelemetrySectionCallback callback, void *user) {
+int telemetry_traverse_config_section_and_do(const char *package, TelemetrySectionCallback callback,
+                                             void *user) {
     if (is_empty(package) || callback == nullptr) {
         LOG_ERROR("params error");
         return -1;
@@ -349,7 +356,6 @@ int telemetry_traverse_config_section_and_do(const char *package, TelemetrySecti
         return -1;
     }
     uci_element *section = nullptr;
-    uci_foreach_element(&loaded.get()->sections, section)
-        callback(user, uci.get(), section);
+    uci_foreach_element(&loaded.get()->sections, section) callback(user, uci.get(), section);
     return 0;
 }

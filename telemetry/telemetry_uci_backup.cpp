@@ -31,7 +31,8 @@ static bool is_whole(const TelemetryIndexEntry &row) {
     return !is_empty(row.package) && !is_empty(row.section) && !is_empty(row.option);
 }
 
-// Reads the row's live option into `live`, empty when the option is missing. False when the row is to be skipped.
+// Reads the row's live option into `live`, empty when the option is missing. False when the row is to be
+// skipped.
 static bool read_live_value(uci_context *uci, const TelemetryIndexEntry &row, char *live) {
     const int result =
         _telemetry_get_value_in_telemetry_config(uci, row.package, row.section, row.option, live, kValueSize);
@@ -57,13 +58,14 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
     if (!read_live_value(live_uci, row, live))
         return false;
     const std::string section = backup_section(row.package, row.section);
-    _telemetry_get_value_in_tmp_backup_config(backup_uci, kBackupPackage, section.c_str(), row.option, recorded,
-                                              kValueSize);
+    _telemetry_get_value_in_tmp_backup_config(backup_uci, kBackupPackage, section.c_str(), row.option,
+                                              recorded, kValueSize);
     if (strncmp(live, recorded, kValueSize) == 0)
         return false;
-    LOG_DEBUG("%s %s %s config change!\nold %s\nnew %s", row.package, row.section, row.option, recorded, live);
-    _telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(), row.option,
-                                                          live);
+    LOG_DEBUG("%s %s %s config change!\nold %s\nnew %s", row.package, row.section, row.option, recorded,
+              live);
+    _telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
+                                                          row.option, live);
     return true;
 }
 
@@ -78,8 +80,9 @@ int _telemetry_get_value_in_tmp_backup_config(uci_context *uci, const char *pack
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
-int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, const char *package, const char *section,
-                                                          const char *option, const char *value) {
+int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, const char *package,
+                                                          const char *section, const char *option,
+                                                          const char *value) {
     if (uci != nullptr)
         use_backup_directories(uci);
     return uci_set_value_with_create(uci, package, section, option, value, "config", 1);
@@ -96,8 +99,8 @@ int telemetry_get_uci_value_in_tmp_backup_config(const char *package, const char
         LOG_ERROR("uci_alloc_context failed");
         return -1;
     }
-    return _telemetry_get_value_in_tmp_backup_config(uci.get(), kBackupPackage,
-                                                     backup_section(package, section).c_str(), option, buffer, size);
+    return _telemetry_get_value_in_tmp_backup_config(
+        uci.get(), kBackupPackage, backup_section(package, section).c_str(), option, buffer, size);
 }
 
 int telemetry_set_uci_value_in_tmp_backup_config(const char *package, const char *section, const char *option,
@@ -135,8 +138,9 @@ int telemetry_update_tmp_backup_config_by_telemetry_index(const TelemetryIndexEn
     return changed;
 }
 
-int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table, int rows,
-                                                                    uint32_t *count, cJSON *payload) {
+int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table,
+                                                                    int rows, uint32_t *count,
+                                                                    cJSON *payload) {
     if (!is_table(table, rows) || count == nullptr || payload == nullptr) {
         LOG_ERROR("param error");
         return -1;
@@ -144,8 +148,8 @@ int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const Teleme
     for (int i = 0; i < rows; i++) {
         const TelemetryIndexEntry &row = table[i];
         char value[kValueSize] = "";
-        if (telemetry_get_uci_value_in_tmp_backup_config(row.package, row.section, row.option, value, kValueSize) !=
-            0) {
+        if (telemetry_get_uci_value_in_tmp_backup_config(row.package, row.section, row.option, value,
+                                                         kValueSize) != 0) {
             LOG_ERROR("get %s %s %s backup uci config failed!", row.package, row.section, row.option);
             continue;
         }
@@ -179,7 +183,8 @@ int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const Telemetr
         telemetry_add_value_to_cJSON_object(payload, row.key, value, row.value_type);
         *count += 1;
         LOG_DEBUG("clean up duration data after collecting!");
-        _telemetry_set_value_in_telemetry_config_with_create(uci.get(), row.package, row.section, row.option, "");
+        _telemetry_set_value_in_telemetry_config_with_create(uci.get(), row.package, row.section, row.option,
+                                                             "");
     }
     return 0;
 }

@@ -171,6 +171,26 @@ int drop_staged(const std::string &path, const uci_ptr *ptr) {
     return file_write(file.get(), kept);
 }
 
+// A crash may have left half a change at the end: what is appended to an open quote would become part of it.
+int repair_end(int fd, const char *&separator) {
+    std::string text;
+    int rc = file_read(fd, max_delta_size, text);
+    if (rc != UCI_OK)
+        return rc;
+    word_reader reader{text};
+    staged_change change;
+    bool good;
+    size_t start = 0;
+    while (next_change(reader, change, good) && !reader.reason)
+        start = reader.pos;
+    separator = "";
+    if (reader.reason)
+        return ftruncate(fd, static_cast<off_t>(start)) == 0 ? UCI_OK : UCI_ERR_IO;
+    if (!text.empty() && text.back() != '\n')
+        separator = "\n";
+    return UCI_OK;
+}
+
 } // namespace
 
 std::string delta_path(const std::string &dir, std::string_view package) {
@@ -230,6 +250,11 @@ int delta_save(uci_context *ctx, uci_package *p) {
                               LOCK_EX, file);
     if (rc != UCI_OK)
         return UCI_ERR_IO;
+    const char *separator = nullptr;
+    rc = repair_end(file.get(), separator);
+    if (rc != UCI_OK)
+        return UCI_ERR_IO;
+    text.insert(0, separator);
     const off_t before = lseek(file.get(), 0, SEEK_END);
     if (before < 0 || static_cast<size_t>(before) + text.size() > max_delta_size)
         return UCI_ERR_IO;

@@ -177,6 +177,17 @@ TEST_F(UciCommitTest, AppliesWhatAnOperatorStaged) {
     }
 }
 
+TEST_F(UciCommitTest, HalfAStagedChangeSpoilsNoOther) {
+    for (const char *staged : {"p.x.n='1'\np.x.o='cut", "p.x.n='1'", "p.x.n='1'\np.x.o=\\"}) {
+        SCOPED_TRACE(staged);
+        root.write_config("p", "config a x\n");
+        root.write("/tmp/.uci/p", staged);
+        ASSERT_EQ(set_and_commit(context().get(), "p.x.q=2"), UCI_OK);
+        const std::string file = root.read("/etc/config/p");
+        EXPECT_EQ(file, "\nconfig a 'x'\n\toption n '1'\n\toption q '2'\n\n");
+    }
+}
+
 TEST_F(UciCommitTest, JoinsOwnAndForeignChanges) {
     auto ctx = context();
     uci_package *p = nullptr;

@@ -1,0 +1,240 @@
+// What was reported is remembered, and only changes count.
+#include "telemetry_uci.h"
+
+#include <gmock/gmock.h>
+
+#include "sysroot.h"
+#include "telemetry_handles.h"
+#include "telemetry_json.h"
+#include "telemetry_log.h"
+#include "telemetry_utils.h"
+
+namespace {
+
+using Messages = std::vector<std::string>;
+
+constexpr TelemetryIndexEntry kTable[] = {
+    {0, "np", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "wan_type", TELEMETRY_VALUE_STRING},
+    {1, "ase", 3, TELEMETRY_UCI_SYSTEM, 0, "auto_upgrade", "setting", "enable", TELEMETRY_VALUE_INT},
+    {2, "other", 3, TELEMETRY_UCI_PROFILE, 0, "network", "wan", "extra", TELEMETRY_VALUE_STRING},
+};
+constexpr int kRows = 3;
+
+class TelemetryUciBackupTest : public SysrootTest {
+  protected:
+    TelemetryUciBackupTest() {
+        root.write_config("network", "config interface wan\n\toption wan_type dhcp\n");
+        root.write_config("auto_upgrade", "config a setting\n\toption enable on\n");
+        root.write_backup("");
+    }
+
+    std::string backup() const {
+        return root.read("/tmp/telemetry/telemetry");
+    }
+
+    // What the table's collector would report: the payload and the count, empty when nothing changed.
+    static std::string report() {
+        if (telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows) != 1)
+            return "";
+        return recorded();
+    }
+    static std::string recorded() {
+        uint32_t count = 0;
+        const JsonPtr payload(cJSON_CreateObject());
+        EXPECT_EQ(telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(kTable, kRows, &count,
+                                                                                  payload.get()),
+                  0);
+        return telemetry_json_print(payload.get()).get() + (" " + std::to_string(count));
+    }
+};
+
+TEST_F(TelemetryUciBackupTest, ReportsChangesOnce) {
+    const std::string both = R"({"np":"dhcp","ase":1} 2)";
+    EXPECT_EQ(report(), both); // after boot everything counts as changed
+    EXPECT_EQ(backup(), "\nconfig config 'network_wan'\n\toption wan_type 'dhcp'\n\n"
+                        "config config 'auto_upgrade_setting'\n\toption enable 'on'\n\n");
+    EXPECT_EQ(report(), "");
+    root.write_config("network", "config interface wan\n\toption wan_type pppoe\n");
+    EXPECT_EQ(report(), R"({"np":"pppoe","ase":1} 2)");
+    EXPECT_EQ(report(), "");
+    // An option that went is a change to empty, and leaves the backup.
+    root.write_config("auto_upgrade", "config a setting\n");
+    EXPECT_EQ(report(), R"({"np":"pppoe"} 1)");
+    EXPECT_EQ(backup(), "\nconfig config 'network_wan'\n\toption wan_type 'pppoe'\n\n"
+                        "config config 'auto_upgrade_setting'\n\n");
+    EXPECT_EQ(report(), "");
+    // A package that went is no change.
+    root.remove("/etc/config/network");
+    EXPECT_EQ(report(), "");
+    // Rows of another source are not watched but reported when something is recorded.
+    ASSERT_EQ(telemetry_set_uci_value_in_tmp_backup_config("network", "wan", "extra", "x"), 0);
+    EXPECT_EQ(report(), "");
+    EXPECT_EQ(recorded(), R"({"np":"pppoe","other":"x"} 2)");
+}
+
+TEST_F(TelemetryUciBackupTest, MessagesOfRows) {
+    root.write_config("auto_upgrade", "config a setting\n");
+    root.remove("/etc/config/network");
+    EXPECT_EQ(logged_messages([] {
+                  EXPECT_EQ(telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows), 0);
+                  recorded();
+                  telemetry_update_tmp_backup_config_by_telemetry_index(nullptr, kRows);
+                  telemetry_update_tmp_backup_config_by_telemetry_index(kTable, 0);
+              }),
+              (Messages{"get network wan wan_type uci config failed!",
+                        "get auto_upgrade setting enable uci option failed!",
+                        "get network wan wan_type backup uci config failed!",
+                        "get auto_upgrade setting enable backup uci config failed!",
+                        "get network wan extra backup uci config failed!", "param error", "param error"}));
+    root.write_config("network", "config interface wan\n\toption wan_type dhcp\n");
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
+    const Messages log = logged_messages([] { report(); });
+    telemetry_debug_level = TELEMETRY_LOG_INFO;
+    EXPECT_THAT(log, ::testing::IsSupersetOf({"network wan wan_type config change!", "old ", "new dhcp"}));
+}
+
+TEST_F(TelemetryUciBackupTest, OperatorsStagedChangesAreNotItsOwn) {
+    // Staged for the system's package of the same name, by `uci set` without a commit.
+    const std::string staged = "telemetry.network_wan='config'\ntelemetry.network_wan.wan_type='staged'\n";
+    root.write_config("telemetry", "config basic 'basic'\n");
+    root.write("/tmp/.uci/telemetry", staged);
+    EXPECT_EQ(report(), R"({"np":"dhcp","ase":1} 2)");
+    EXPECT_EQ(report(), "");
+    EXPECT_EQ(root.read("/tmp/.uci/telemetry"), staged);
+    EXPECT_EQ(root.read("/etc/config/telemetry"), "config basic 'basic'\n");
+    EXPECT_EQ(backup().find("staged"), std::string::npos);
+    // On a live option they count, as for every program.
+    root.write("/tmp/.uci/network", "network.wan.wan_type='static'\n");
+    EXPECT_EQ(report(), R"({"np":"static","ase":1} 2)");
+    EXPECT_EQ(root.read("/tmp/.uci/network"), "network.wan.wan_type='static'\n");
+}
+
+TEST_F(TelemetryUciBackupTest, StrayFilesBesideTheBackupDisturbNothing) {
+    root.write("/tmp/telemetry/post_done", "1");
+    root.write("/tmp/telemetry/.telemetry.uci-a1B2c3", "config a 'half");
+    root.write("/tmp/telemetry/.uci/telemetry", "telemetry.network_wan.wan_type='x\n");
+    root.write("/tmp/telemetry/.uci/other", "other.a.b='c'\n");
+    EXPECT_EQ(report(), R"({"np":"dhcp","ase":1} 2)");
+    EXPECT_EQ(report(), "");
+    EXPECT_EQ(root.read("/tmp/telemetry/.uci/other"), "other.a.b='c'\n");
+}
+
+TEST_F(TelemetryUciBackupTest, BackupThatCannotBeWrittenCostsOneLineARow) {
+    const std::string both = "\nconfig config 'network_wan'\n\toption wan_type 'old'\n\n"
+                             "config config 'auto_upgrade_setting'\n\toption enable 'old'\n\n";
+    const struct {
+        const char *backup;
+        Messages log;
+    } cases[] = {
+        {both.c_str(), {"uci_commit failed", "uci_commit failed"}},
+        {"", {"uci commit failed!", "uci commit failed!"}},
+        {"config 'broken", {"Failed to uci_load package telemetry", "Failed to uci_load package telemetry"}},
+    };
+    for (const auto &[content, log] : cases) {
+        SCOPED_TRACE(content);
+        root.write_backup(content);
+        root.remove("/tmp/telemetry/.uci");
+        root.write("/tmp/telemetry/.uci", "no directory, as if nothing could be created");
+        int changed = -1;
+        EXPECT_EQ(logged_messages([&] {
+                      changed = telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows);
+                  }),
+                  log);
+        EXPECT_EQ(changed, 1);
+        EXPECT_EQ(backup(), content);
+        // Once it can be written again, all is as it should be.
+        root.remove("/tmp/telemetry/.uci");
+        root.write_backup("");
+        EXPECT_EQ(report(), R"({"np":"dhcp","ase":1} 2)");
+        EXPECT_EQ(report(), "");
+    }
+}
+
+TEST_F(TelemetryUciBackupTest, LongValuesCompareByTheirFirstPart) {
+    root.write_config("network",
+                      "config interface wan\n\toption wan_type '" + std::string(3000, 'x') + "'\n");
+    EXPECT_NE(report(), "");
+    EXPECT_EQ(report(), "");
+}
+
+TEST_F(TelemetryUciBackupTest, DurationsAreReportedOnce) {
+    constexpr TelemetryIndexEntry table[] = {
+        {0, "d", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "usage", "duration", TELEMETRY_VALUE_INT64},
+        {1, "n", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "usage", "none", TELEMETRY_VALUE_INT64},
+        {2, "s", 3, TELEMETRY_UCI_PROFILE, 1, "telemetry_info", "usage", "kept", TELEMETRY_VALUE_INT64},
+    };
+    root.write_config("telemetry_info", "config a usage\n\toption duration 1700000000123\n\toption kept 1\n");
+    for (const char *expected : {R"({"d":1700000000123.00})", "{}"}) {
+        uint32_t count = 0;
+        const JsonPtr payload(cJSON_CreateObject());
+        EXPECT_EQ(
+            telemetry_get_duration_config_cJSON_object_by_telemetry_index(table, 3, &count, payload.get()),
+            0);
+        EXPECT_STREQ(telemetry_json_print(payload.get()).get(), expected);
+        EXPECT_EQ(count, payload->child ? 1u : 0u);
+    }
+    EXPECT_EQ(root.read("/etc/config/telemetry_info"), "\nconfig a 'usage'\n\toption kept '1'\n\n");
+    uint32_t count = 0;
+    EXPECT_EQ(telemetry_get_duration_config_cJSON_object_by_telemetry_index(table, 3, &count, nullptr), -1);
+}
+
+TEST_F(TelemetryUciBackupTest, DigestOfAnObject) {
+    const struct {
+        const char *name, *json;
+        int changed;
+    } cases[] = {
+        {"host", R"({"a":1,"b":2})", 1},  {"host", R"({"a":1,"b":2})", 0},
+        {"host", R"({"b":2,"a":1})", 1}, // the order counts
+        {"guest", R"({"b":2,"a":1})", 1}, {"host", R"({"b":2,"a":1})", 0},
+    };
+    for (const auto &[name, json, changed] : cases) {
+        const JsonPtr object(cJSON_Parse(json));
+        EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", name, object.get()), changed)
+            << name << json;
+    }
+    char digest[33];
+    const std::string text = R"({"b":2,"a":1})";
+    md5_encode_str(reinterpret_cast<const uint8_t *>(text.data()), static_cast<int32_t>(text.size()), digest);
+    EXPECT_EQ(backup(), "\nconfig config 'wireless_host'\n\toption md5 '" + std::string(digest) +
+                            "'\n\nconfig config 'wireless_guest'\n\toption md5 '" + digest + "'\n\n");
+    cJSON invalid{};
+    EXPECT_EQ(logged_messages([&] {
+                  EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", nullptr, &invalid), 0);
+                  EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", "host", nullptr), 0);
+                  EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", "host", &invalid), 0);
+              }),
+              (Messages{"invalid input!", "invalid input!", "invalid cjson! format failed!"}));
+}
+
+TEST_F(TelemetryUciBackupTest, ReadsARowAndClearsIt) {
+    constexpr TelemetryIndexEntry kept = {0,         "k",   3,          TELEMETRY_UCI_SYSTEM,  0,
+                                          "network", "wan", "wan_type", TELEMETRY_VALUE_STRING};
+    constexpr TelemetryIndexEntry cleared = {0,         "k",   3,          TELEMETRY_UCI_SYSTEM,  1,
+                                             "network", "wan", "wan_type", TELEMETRY_VALUE_STRING};
+    constexpr TelemetryIndexEntry missing = {0,         "k",   3,          TELEMETRY_UCI_SYSTEM,  1,
+                                             "network", "lan", "wan_type", TELEMETRY_VALUE_STRING};
+    const struct {
+        const TelemetryIndexEntry *row;
+        int size;
+        int result;
+        Messages log;
+    } cases[] = {
+        {&kept, 16, 0, {}},
+        {&cleared, 16, 0, {}},
+        {&cleared, 16, -1, {"telemetry_get_uci_value error"}},
+        {&missing, 16, -1, {"telemetry_get_uci_value error", "uci_set_value error"}},
+        {&kept, 0, -1, {"param error"}},
+        {nullptr, 16, -1, {"param error"}},
+    };
+    for (const auto &[row, size, result, log] : cases) {
+        char buffer[16] = "";
+        EXPECT_EQ(logged_messages([&, r = row, s = size, expected = result] {
+                      EXPECT_EQ(telemetry_get_uci_value_by_telemetry_index(r, buffer, s), expected);
+                  }),
+                  log);
+        EXPECT_STREQ(buffer, result == 0 ? "dhcp" : "");
+    }
+    EXPECT_EQ(root.read("/etc/config/network"), "\nconfig interface 'wan'\n\n");
+}
+
+} // namespace
