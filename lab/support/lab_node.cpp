@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -86,14 +87,36 @@ void LabNode::start_services() {
 
 void LabNode::start_daemon() {
     auto env = environment();
-    std::string fake_driver = bin_dir_ + "/libfakewifi.so";
-    if (file_exists(fake_driver)) {
-        env.emplace_back("LD_PRELOAD", fake_driver);
-        // A sanitizer's runtime cannot be the first library then, and need not be: the driver wraps one call.
+    std::string preloads = bin_dir_ + "/libfakewifi.so";
+    if (!file_exists(preloads))
+        preloads.clear();
+    if (file_exists(clock_file())) {
+        preloads += (preloads.empty() ? "" : ":") + bin_dir_ + "/libfakeclock.so";
+        env.emplace_back("LAB_CLOCK_FILE", clock_file());
+    }
+    if (!preloads.empty()) {
+        env.emplace_back("LD_PRELOAD", preloads);
+        // A sanitizer's runtime cannot be the first library then, and need not be: these wrap single calls.
         std::string options = variable("ASAN_OPTIONS");
         env.emplace_back("ASAN_OPTIONS", options + (options.empty() ? "" : ":") + "verify_asan_link_order=0");
     }
     daemon.start({{bin_dir_ + "/telemetry"}, env, root_ + "/lab/daemon.log"});
+}
+
+std::string LabNode::clock_file() const {
+    return root_ + "/lab/clock";
+}
+
+void LabNode::advance_clock(int64_t ms) {
+    clock_ahead_ms_ += ms;
+    if (!file_exists(clock_file()))
+        write_file(clock_file(), std::string(sizeof(clock_ahead_ms_), '\0'));
+    // In place: the daemon has the file mapped.
+    const int fd = open(clock_file().c_str(), O_WRONLY | O_CLOEXEC);
+    const bool written = pwrite(fd, &clock_ahead_ms_, sizeof(clock_ahead_ms_), 0) == sizeof(clock_ahead_ms_);
+    close(fd);
+    if (!written)
+        throw std::runtime_error("cannot write " + clock_file());
 }
 
 void LabNode::stop() {

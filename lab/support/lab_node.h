@@ -1,6 +1,7 @@
 // One node of the lab: its root directory, its bus, its services and its daemon.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -34,6 +35,9 @@ class LabNode {
     void start_bus();
     void start_services(); // nothing when lab-services was not built
     void start_daemon();
+    // Moves the daemon's monotonic clock, so that its timers and time-outs are due. The first call must come before
+    // the daemon starts (0 will do); without one its clock is the machine's.
+    void advance_clock(int64_t ms);
     // SIGTERM to each, the daemon first.
     void stop();
     Process bus, services, daemon;
@@ -65,8 +69,10 @@ class LabNode {
     bool wait_for_state(const std::string &line, const std::string &value, int timeout_ms) const;
 
   private:
+    std::string clock_file() const;
     const Scenario &scenario_;
     size_t index_;
+    int64_t clock_ahead_ms_ = 0;
     std::string directory_, root_, bin_dir_;
 };
 

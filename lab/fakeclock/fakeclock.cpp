@@ -1,0 +1,66 @@
+// LD_PRELOAD for the daemon: its monotonic clock runs ahead of the machine's by what the first 8 bytes of
+// $LAB_CLOCK_FILE say (ms, signed, this machine's byte order). A test moves it, and whatever is due by then
+// happens at once: retries, upload intervals, time-outs. The wall clock stays.
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+// A waiting loop looks at the clock again after this time.
+constexpr int kMaxWaitMs = 10;
+// Sleeping is measuring something over real seconds; the lab has no need to be exact.
+constexpr unsigned kSleepScale = 50;
+
+const std::atomic<int64_t> *ahead_ms;
+
+__attribute__((constructor)) void map_clock_file() {
+    const char *path = getenv("LAB_CLOCK_FILE");
+    const int fd = path == nullptr ? -1 : open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    void *mapped = mmap(nullptr, sizeof(int64_t), PROT_READ, MAP_SHARED, fd, 0);
+    close(fd);
+    if (mapped != MAP_FAILED)
+        ahead_ms = static_cast<const std::atomic<int64_t> *>(mapped);
+}
+
+} // namespace
+
+extern "C" {
+
+int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    const bool monotonic = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_RAW;
+    if (result == 0 && monotonic && ahead_ms != nullptr) {
+        const int64_t ahead = ahead_ms->load(std::memory_order_relaxed);
+        now->tv_sec += ahead / 1000;
+        now->tv_nsec += ahead % 1000 * 1000000;
+        if (now->tv_nsec >= 1000000000) {
+            now->tv_nsec -= 1000000000;
+            now->tv_sec++;
+        }
+    }
+    return static_cast<int>(result);
+}
+
+int epoll_wait(int fd, epoll_event *events, int count, int timeout_ms) {
+    if (ahead_ms != nullptr && (timeout_ms < 0 || timeout_ms > kMaxWaitMs))
+        timeout_ms = kMaxWaitMs;
+    return static_cast<int>(syscall(SYS_epoll_pwait, fd, events, count, timeout_ms, nullptr, 0));
+}
+
+unsigned sleep(unsigned seconds) {
+    const uint64_t ms = seconds * uint64_t{1000} / (ahead_ms != nullptr ? kSleepScale : 1);
+    const timespec wait = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000)};
+    nanosleep(&wait, nullptr);
+    return 0;
+}
+}

@@ -1,0 +1,302 @@
+// The upload end to end: the daemon, its bus and the lab's cloud, over TLS. The daemon's clock is moved to
+// what it waits for, so that no test waits itself.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "lab.h"
+
+using ::testing::Contains;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr int kWaitMs = 30000;
+constexpr char kRefreshKey[] = "1";
+constexpr char kGetStrategy[] = "2";
+
+class UploadTest : public ::testing::Test {
+  protected:
+    UploadTest() {
+        node.advance_clock(0);
+    }
+
+    void TearDown() override {
+        if (!HasFailure()) {
+            EXPECT_EQ(node.daemon.stop(), 0);
+            return;
+        }
+        // Without the many lines of the state dumps.
+        std::istringstream lines(node.console() + node.read("/lab/daemon.log"));
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find("][print_") == line.npos)
+                printf("  %s\n", line.c_str());
+        }
+    }
+
+    void start_with_key() {
+        node.set_config("telemetry", "cloud", "accessKey", "ak-known");
+        node.set_config("telemetry", "cloud", "accessSecret", "known secret");
+        cloud.add_key("ak-known", "known secret");
+        lab.start();
+    }
+
+    void expect_ready() {
+        ASSERT_TRUE(node.wait_for_state("post state", lab::kReadyForUpload, kWaitMs));
+    }
+
+    void order(const char *method) {
+        const lab::BusReply reply = node.call(method);
+        ASSERT_EQ(reply.status, 0) << method << " " << reply.text;
+    }
+
+    // One cycle, so that there is something to upload.
+    void collect() {
+        order("collect_all_next_time");
+        order("collect_now");
+        ASSERT_TRUE(lab::wait_until([&] { return number("data_collect_count") > 0; }, kWaitMs));
+    }
+
+    long number(const char *line) {
+        return atol(node.state()[line].c_str());
+    }
+
+    // Moves the clock to the retry after the failure that was just counted, or after the fifth to the next
+    // upload.
+    void advance_to_retry() {
+        auto state = node.state();
+        const bool gave_up = state["post retry count"] == "0" && state["post state"] == lab::kReadyForUpload;
+        node.advance_clock(atol(state[gave_up ? "post_interval" : "post_retry_interval"].c_str()));
+    }
+
+    size_t console_lines(const std::string &message) {
+        const std::string text = node.console();
+        size_t count = 0;
+        for (size_t at = text.find(message); at != text.npos; at = text.find(message, at + 1))
+            count++;
+        return count;
+    }
+
+    bool wait_for_lines(const std::string &message, size_t count) {
+        return lab::wait_until([&] { return console_lines(message) >= count; }, kWaitMs);
+    }
+
+    // Runs into one failure after the other; each must be logged as told and cost no record.
+    void expect_failures(const std::vector<const char *> &messages) {
+        const long held = number("data_collect_count");
+        for (const char *message : messages) {
+            SCOPED_TRACE(message);
+            const size_t before = console_lines(message);
+            const long retries = number("post retry count");
+            advance_to_retry();
+            ASSERT_TRUE(wait_for_lines(message, before + 1));
+            ASSERT_TRUE(
+                lab::wait_until([&] { return number("post retry count") == (retries + 1) % 5; }, kWaitMs));
+            EXPECT_EQ(number("data_collect_count"), held);
+        }
+    }
+
+    // A request that is due reaches the cloud two polls of 100 ms later.
+    void expect_no_upload_after(long requests) {
+        EXPECT_FALSE(cloud.wait_for_count("upload.requests", requests + 1, 700));
+        EXPECT_EQ(number("post retry count"), 0);
+    }
+
+    void expect_upload(long posts) {
+        ASSERT_TRUE(cloud.wait_for_count("posts", posts, kWaitMs));
+        EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));
+        EXPECT_EQ(number("post retry count"), 0);
+        EXPECT_EQ(cloud.count("invalid_signatures"), 0);
+    }
+
+    lab::Lab lab;
+    lab::LabCloud &cloud = lab.cloud();
+    lab::LabNode &node = lab.node();
+};
+
+TEST_F(UploadTest, first_start_gets_key_and_strategy_and_uploads) {
+    cloud.set_strategy("s-7",
+                       "collect_interval_strategy1=20,collect_interval_strategy2=600,post_interval=30\n");
+    lab.start();
+    expect_ready();
+    ASSERT_EQ(cloud.requests().size(), 2U);
+    const lab::CloudRequest key = cloud.requests()[0], strategy = cloud.requests()[1];
+    const std::string id = lab.scenario().nodes[0].device_id;
+    EXPECT_EQ(key.call, "key");
+    EXPECT_THAT(key.body, StartsWith(R"({"deviceId":")" + id + R"(","hwId":")"));
+    EXPECT_THAT(key.headers, HasSubstr("Content-Type: application/json"));
+    EXPECT_THAT(key.headers, Not(HasSubstr("X-Authorization")));
+    EXPECT_EQ(strategy.call, "strategy");
+    EXPECT_EQ(strategy.body, R"({"deviceId":")" + id + R"(","deviceType":"HOMEWIFISYSTEM"})");
+    EXPECT_EQ(strategy.signature, 1);
+    EXPECT_EQ(node.config("telemetry", "cloud", "accessKey"), cloud.keys()[0].access_key);
+    EXPECT_EQ(node.config("telemetry", "cloud", "accessSecret"), cloud.keys()[0].access_secret);
+    EXPECT_EQ(node.config("telemetry", "strategy", "strategyID"), "s-7");
+    EXPECT_EQ(node.config("telemetry", "strategy", "post_interval"), "30");
+    EXPECT_EQ(number("collect_interval_strategy1"), 1200000);
+    EXPECT_EQ(number("collect_interval_strategy2"), 36000000);
+    EXPECT_EQ(number("post_interval"), 1800000);
+
+    collect();
+    EXPECT_EQ(node.read("/tmp/telemetry/post_done"), "0\n");
+    node.advance_clock(1800000);
+    expect_upload(1);
+    EXPECT_EQ(node.read("/tmp/telemetry/post_done"), "1\n");
+    EXPECT_THAT(cloud.records(), Contains(Field(&lab::CloudRecord::eid, "system_info")));
+    EXPECT_THAT(cloud.requests("upload")[0].body, Not(HasSubstr("\"cnt\"")));
+}
+
+TEST_F(UploadTest, start_with_key_asks_for_no_other) {
+    node.set_config("telemetry", "strategy", "strategyID", "lab-strategy-1");
+    start_with_key();
+    expect_ready();
+    EXPECT_EQ(cloud.count("key.requests"), 0);
+    EXPECT_THAT(cloud.requests("strategy")[0].body, HasSubstr(R"("strategyId":"lab-strategy-1"})"));
+    collect();
+    order("post_now");
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, key_that_expires_is_replaced) {
+    start_with_key();
+    expect_ready();
+    collect();
+    cloud.expire_keys();
+    order("post_now");
+    ASSERT_TRUE(node.wait_for_console("access_key overdue!", kWaitMs));
+    EXPECT_TRUE(node.wait_for_state("post state", kRefreshKey, kWaitMs));
+    EXPECT_GT(number("data_collect_count"), 0);
+    advance_to_retry();
+    expect_ready();
+    EXPECT_EQ(cloud.count("key.requests"), 1);
+    EXPECT_EQ(cloud.count("strategy.requests"), 2);
+    EXPECT_EQ(node.config("telemetry", "cloud", "accessKey"), cloud.keys().back().access_key);
+    node.advance_clock(number("post_interval"));
+    expect_upload(1);
+    EXPECT_EQ(cloud.requests("upload").back().access_key, cloud.keys().back().access_key);
+}
+
+TEST_F(UploadTest, without_strategy_the_intervals_stay) {
+    cloud.set_strategy("", "");
+    start_with_key();
+    expect_ready();
+    EXPECT_TRUE(node.wait_for_console("no strategy, use default strategy!", kWaitMs));
+    EXPECT_EQ(number("collect_interval_strategy1"), 900000);
+    EXPECT_EQ(number("post_interval"), 14400000);
+    EXPECT_EQ(cloud.count("strategy.requests"), 1);
+    collect();
+    order("post_now");
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, five_strategy_failures_give_up) {
+    cloud.script("strategy", R"([{"kind":"error_code","code":-10301},{"kind":"empty"},{"kind":"garbage"},
+                                 {"kind":"wrong_type"},{"kind":"huge"}])");
+    start_with_key();
+    ASSERT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));
+    EXPECT_EQ(node.state()["post state"], kGetStrategy);
+    long wait = number("post_retry_interval");
+    for (const char *count : {"2", "3", "4"}) {
+        advance_to_retry();
+        ASSERT_TRUE(node.wait_for_state("post retry count", count, kWaitMs));
+        wait = std::min(wait * 2, 60000L);
+        EXPECT_EQ(number("post_retry_interval"), wait);
+    }
+    advance_to_retry();
+    ASSERT_TRUE(node.wait_for_console("retry 5 times, use default strategy", kWaitMs));
+    expect_ready();
+    EXPECT_EQ(number("post_interval"), 14400000);
+    collect();
+    node.advance_clock(14400000);
+    expect_upload(1);
+    EXPECT_EQ(cloud.count("strategy.requests"), 5);
+}
+
+TEST_F(UploadTest, five_upload_failures_wait_for_the_next_interval) {
+    start_with_key();
+    expect_ready();
+    collect();
+    cloud.script("upload", R"([{"kind":"error_code","code":-20000,"times":4},
+                               {"kind":"error_code","code":-29004}])");
+    const std::vector<const char *> messages(5, "no strategy, use default strategy!");
+    expect_failures(messages);
+    EXPECT_EQ(console_lines("retry 5 times, stop retry uploading data"), 1U);
+    EXPECT_EQ(cloud.count("posts"), 0);
+    node.advance_clock(60000);
+    expect_no_upload_after(5);
+    advance_to_retry();
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, rejected_upload_is_not_repeated_before_its_time) {
+    start_with_key();
+    expect_ready();
+    collect();
+    cloud.script("upload", R"([{"kind":"error_code","code":-10306}])");
+    order("post_now");
+    ASSERT_TRUE(node.wait_for_console("request rejected!", kWaitMs));
+    node.advance_clock(60000);
+    expect_no_upload_after(1);
+    EXPECT_GT(number("data_collect_count"), 0);
+    node.advance_clock(number("post_interval"));
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, useless_answers_cost_no_record) {
+    start_with_key();
+    expect_ready();
+    collect();
+    cloud.script("upload",
+                 R"([{"kind":"empty"},{"kind":"garbage"},{"kind":"no_members"},{"kind":"wrong_type"},
+                               {"kind":"huge"},{"kind":"cut"},{"kind":"cut_body"},
+                               {"kind":"error_code","code":0,"status":500}])");
+    expect_failures({"request_status error or response error", "cJSON_Parse failed",
+                     "receive error, error_code invalid", "receive error, error_code invalid",
+                     "answer longer than 262144 bytes refused",
+                     "curl failed! code: ", "curl failed! code: "});
+    EXPECT_EQ(cloud.count("posts"), 0);
+    // The HTTP status decides nothing.
+    advance_to_retry();
+    EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));
+    EXPECT_EQ(cloud.count("invalid_signatures"), 0);
+}
+
+TEST_F(UploadTest, only_the_right_certificate_gets_the_records) {
+    start_with_key();
+    expect_ready();
+    collect();
+    cloud.script("connect",
+                 R"([{"kind":"unknown_ca"},{"kind":"wrong_host"},{"kind":"expired"},{"kind":"cut"}])");
+    expect_failures(
+        {"curl failed! code: 60", "curl failed! code: 60", "curl failed! code: 60", "curl failed! code: 35"});
+    EXPECT_EQ(cloud.count("upload.requests"), 0);
+    cloud.down();
+    expect_failures({"curl failed! code: 7"});
+    cloud.up();
+    advance_to_retry();
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, answer_is_awaited_for_8_seconds) {
+    start_with_key();
+    expect_ready();
+    collect();
+    const long connections = cloud.count("connections");
+    cloud.script("upload", R"([{"kind":"garbage","delay_ms":600000}])");
+    order("post_now");
+    ASSERT_TRUE(cloud.wait_for_count("connections", connections + 1, kWaitMs));
+    node.advance_clock(5000);
+    EXPECT_EQ(number("post retry count"), 0);
+    node.advance_clock(3000);
+    ASSERT_TRUE(node.wait_for_console("CURLE_OPERATION_TIMEDOUT", kWaitMs));
+    EXPECT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));
+    cloud.reset_script();
+    advance_to_retry();
+    expect_upload(1);
+}
