@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <map>
 
 #include <openssl/evp.h>
@@ -189,6 +190,24 @@ std::string backhaul_text(const cJSON *links) {
     return text;
 }
 
+bool is_list_of_objects(const cJSON *item) {
+    return cJSON_IsArray(item) && cJSON_IsObject(item->child);
+}
+
+// Any list of objects: a column a key, in the order in which the keys first appear.
+std::string any_list_table(const cJSON *list, const NamesByDigest &names) {
+    std::vector<Column> columns;
+    const cJSON *entry, *item;
+    cJSON_ArrayForEach(entry, list) {
+        cJSON_ArrayForEach(item, entry) {
+            const char *key = item->string;
+            if (std::none_of(columns.begin(), columns.end(), [&](const Column &c) { return !strcmp(c.key, key); }))
+                columns.push_back({key, key, ""});
+        }
+    }
+    return "    " + std::string(list->string) + "\n" + list_table(list, columns, names);
+}
+
 std::string payload_text(const std::string &eid, cJSON *payload, const NamesByDigest &names) {
     for (const ListLayout &layout : layouts()) {
         cJSON *list = cJSON_GetObjectItemCaseSensitive(payload, layout.list);
@@ -205,7 +224,15 @@ std::string payload_text(const std::string &eid, cJSON *payload, const NamesByDi
         cJSON_DeleteItemFromObjectCaseSensitive(payload, layout.list);
         return payload->child ? plain_members(payload) + text : text;
     }
-    return plain_members(payload);
+    std::string lists;
+    for (cJSON *item = payload->child, *next; item; item = next) {
+        next = item->next;
+        if (!is_list_of_objects(item))
+            continue;
+        lists += any_list_table(item, names);
+        cJSON_DeleteItemFromObjectCaseSensitive(payload, item->string);
+    }
+    return (payload->child ? plain_members(payload) : "") + lists;
 }
 
 } // namespace

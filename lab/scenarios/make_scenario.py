@@ -70,7 +70,11 @@ def node(rng, index, ids):
 
 
 def client(rng, number, ids, is_iot):
-    where = ids[number % len(ids)]
+    # A quarter on the main node, the others evenly on the satellites. Then 512 clients stay within what holds them: a
+    # station table has 64 entries, the satellites' client file 65,535 bytes.
+    satellites = len(ids) - 1
+    on_main = satellites == 0 or number % 4 == 0
+    where = ids[0] if on_main else ids[1 + (number // 4 * 3 + number % 4 - 1) % satellites]
     wired = not is_iot and number % 7 == 3
     guest = not is_iot and not wired and number % 11 == 5
     kind, kind_name = (7, "iot") if is_iot else KINDS[number % len(KINDS)]
@@ -87,7 +91,7 @@ def client(rng, number, ids, is_iot):
     if wired:
         entry["connection_type"] = "wired"
         return entry
-    five = not is_iot and number % 3 != 0
+    five = not is_iot and number // 4 % 2 == 0
     network = 2 if is_iot else 1 if guest else 0
     entry.update({
         "connection_type": "5G" if five else "2.4G",
@@ -108,7 +112,7 @@ def client(rng, number, ids, is_iot):
 
 def main(name, satellites, clients, iot):
     rng = random.Random(name)
-    ids = ["%040X" % rng.getrandbits(160) for _ in range(satellites + 1)]
+    ids = ["%016X" % rng.getrandbits(64) for _ in range(satellites + 1)]
     scenario = {
         "name": name,
         "description": "1 + %d nodes, %d clients, %d of them IoT devices" % (satellites, clients, iot),

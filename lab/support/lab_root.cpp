@@ -203,6 +203,16 @@ void build_extra_files(const std::string &root, const cJSON *files) {
     }
 }
 
+void add_text(cJSON *object, const char *name, const std::string &value) {
+    if (!value.empty())
+        cJSON_AddStringToObject(object, name, value.c_str());
+}
+
+void add_number(cJSON *object, const char *name, int value) {
+    if (value != 0)
+        cJSON_AddNumberToObject(object, name, value);
+}
+
 } // namespace
 
 std::string root_mesh_device_list(const Scenario &scenario) {
@@ -225,17 +235,20 @@ std::string root_satellite_clients(const Scenario &scenario) {
             continue;
         cJSON *entry = cJSON_CreateObject();
         cJSON_AddItemToArray(list.get(), entry);
-        cJSON_AddStringToObject(entry, "mac", client.mac.c_str());
-        cJSON_AddStringToObject(entry, "hostname", client.hostname.c_str());
-        cJSON_AddStringToObject(entry, "wire_type", client.wire_type.c_str());
-        cJSON_AddNumberToObject(entry, "is_guest", client.is_guest);
-        cJSON_AddNumberToObject(entry, "is_mlo", client.is_mlo);
-        cJSON_AddStringToObject(entry, "connection_type", client.connection_type.c_str());
-        cJSON_AddNumberToObject(entry, "network_type", client.network_type);
-        cJSON_AddStringToObject(entry, "device_id", client.node.c_str());
-        cJSON_AddNumberToObject(entry, "signal_level_2g", client.signal_level_2g);
-        cJSON_AddNumberToObject(entry, "signal_level_5g", client.signal_level_5g);
-        cJSON_AddNumberToObject(entry, "client_type", client.client_type);
+        // The file has 65,535 bytes for a whole mesh: short forms, and nothing that is empty or zero anyway.
+        std::string mac = client.mac;
+        std::erase(mac, ':');
+        add_text(entry, "mac", mac);
+        add_text(entry, "hostname", client.hostname);
+        add_text(entry, "wire_type", client.wire_type);
+        add_number(entry, "is_guest", client.is_guest);
+        add_number(entry, "is_mlo", client.is_mlo);
+        add_text(entry, "connection_type", client.connection_type);
+        add_number(entry, "network_type", client.network_type);
+        add_text(entry, "device_id", client.node);
+        add_number(entry, "signal_level_2g", client.signal_level_2g);
+        add_number(entry, "signal_level_5g", client.signal_level_5g);
+        add_number(entry, "client_type", client.client_type);
     }
     return print_json(list.get());
 }
