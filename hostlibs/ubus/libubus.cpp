@@ -91,14 +91,7 @@ constexpr ubus_method event_methods[] = {UBUS_METHOD_NOARG(nullptr, handle_event
 
 } // namespace
 
-ubus_context *ubus_connect(const char *path) {
-    auto ctx = std::make_unique<ubus_context>();
-    if (ubus_connect_ctx(ctx.get(), path) != 0)
-        return nullptr;
-    return ctx.release();
-}
-
-int ubus_connect_ctx(ubus_context *ctx, const char *path) {
+void ubus_init(ubus_context *ctx) {
     *ctx = {};
     INIT_LIST_HEAD(&ctx->requests);
     avl_init(&ctx->objects, compare_ids, false, nullptr);
@@ -107,6 +100,17 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path) {
     ctx->pending_timer.cb = run_pending;
     ctx->connection_lost = default_connection_lost;
     ctx->conn = new ubus_connection;
+}
+
+ubus_context *ubus_connect(const char *path) {
+    auto ctx = std::make_unique<ubus_context>();
+    if (ubus_connect_ctx(ctx.get(), path) != 0)
+        return nullptr;
+    return ctx.release();
+}
+
+int ubus_connect_ctx(ubus_context *ctx, const char *path) {
+    ubus_init(ctx);
     if (ubus_open(ctx, path))
         return 0;
     delete ctx->conn;

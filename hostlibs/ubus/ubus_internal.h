@@ -33,8 +33,13 @@ struct ubus_connection {
     std::vector<ubus_object *> objects; // all that are to be registered on each connection
 };
 
-// ubus_io.cpp. ubus_open: a fresh socket and the greeting, or false with the context unconnected.
+// libubus.cpp. Fills a context that is not connected yet.
+void ubus_init(ubus_context *ctx);
+
+// ubus_io.cpp. A fresh socket and the greeting, or false with the context unconnected.
 bool ubus_open(ubus_context *ctx, const char *path);
+// The second half of it: takes over a connected socket and waits for the greeting.
+bool ubus_adopt_socket(ubus_context *ctx, int fd, int hello_ms);
 void ubus_close(ubus_context *ctx);
 // Reads once without waiting; false when there was nothing to read (also at the end).
 bool ubus_receive(ubus_context *ctx);

@@ -149,15 +149,18 @@ bool ubus_open(ubus_context *ctx, const char *path) {
     std::memcpy(addr.sun_path, path, std::strlen(path) + 1);
 
     deadline end = deadline_in(bus_hello_ms);
-    ctx->sock.fd = connect_until(addr, end);
-    if (ctx->sock.fd < 0)
-        return false;
+    int fd = connect_until(addr, end);
+    return fd >= 0 && ubus_adopt_socket(ctx, fd, ms_until(end));
+}
+
+bool ubus_adopt_socket(ubus_context *ctx, int fd, int hello_ms) {
+    ctx->sock.fd = fd;
     ctx->sock.eof = false;
     ctx->sock.error = false;
     ctx->conn->ended = false;
     ctx->conn->loss_told = false;
     ctx->conn->generation++;
-    if (await_hello(ctx, end))
+    if (await_hello(ctx, deadline_in(hello_ms)))
         return true;
     ubus_close(ctx);
     return false;
