@@ -162,7 +162,7 @@ static const hostile hostile_attrs[] = {
     {"half a name header", be32(ext | 5u << 24 | 5) + "\0\0\0\0"s},
     {"name over the end", be32(ext | 3u << 24 | 12) + "\0\x20" + "abcdef"s},
     {"name of 65535 bytes", be32(ext | 3u << 24 | 12) + "\xff\xff" + "abcdef"s},
-    {"name without its zero", be32(ext | 3u << 24 | 12) + "\0\1ab" + "text"s},
+    {"name without its zero", be32(ext | 3u << 24 | 12) + "\0\1abtxt\0"s},
     {"name that leaves no room for its padding", be32(ext | 0u << 24 | 9) + "\0\2ab\0\0\0\0"s},
     {"string without terminator", be32(ext | 3u << 24 | 12) + "\0\1atext"s},
     {"string without a byte", be32(ext | 3u << 24 | 8) + "\0\1a\0"s},
