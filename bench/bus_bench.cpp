@@ -1,4 +1,5 @@
-// A call through the bus daemon and back: caller, ubusd and owner are processes (callers: threads) of their own.
+// A call through the bus daemon and back: caller, ubusd and owner are processes (callers: threads) of their
+// own.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -74,7 +75,8 @@ void bus_round_trip(benchmark::State &state) {
 
     const auto begin = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        if (ubus_invoke(caller.get(), object, "echo", arguments.head(), nullptr, nullptr, 10000) != UBUS_STATUS_OK)
+        if (ubus_invoke(caller.get(), object, "echo", arguments.head(), nullptr, nullptr, 10000) !=
+            UBUS_STATUS_OK)
             state.SkipWithError("the call failed");
     }
     const std::chrono::duration<double, std::micro> us = std::chrono::steady_clock::now() - begin;

@@ -1,5 +1,5 @@
-// The client library's input: everything that a bus sends after its greeting, while the client looks up, registers an
-// object, calls and waits. The first byte tells what the client does.
+// The client library's input: everything that a bus sends after its greeting, while the client looks up,
+// registers an object, calls and waits. The first byte tells what the client does.
 #include <cstdint>
 #include <cstdlib>
 #include <sys/socket.h>

@@ -1,8 +1,8 @@
 // The bus daemon's input: two hostile clients send what the input says, and a third must not notice.
 //
-// The input is pieces of a byte for length and sender (bit 7: which client, bits 0-6: length / 8) and the bytes. The
-// texts "OBJ0".."OBJ2" in a piece become the ids of the first objects of the clients, "CLI0".."CLI2" the clients' ids;
-// random as they are, no input could name them otherwise.
+// The input is pieces of a byte for length and sender (bit 7: which client, bits 0-6: length / 8) and the
+// bytes. The texts "OBJ0".."OBJ2" in a piece become the ids of the first objects of the clients,
+// "CLI0".."CLI2" the clients' ids; random as they are, no input could name them otherwise.
 #include <array>
 #include <cstdint>
 #include <cstdlib>

@@ -18,8 +18,8 @@ int compare_ids(const void *a, const void *b, void *) {
 }
 
 void default_connection_lost(ubus_context *ctx) {
-    (void)ctx;
-    uloop_end();
+    if (ctx->conn->in_loop)
+        uloop_end();
 }
 
 void connection_ended(ubus_context *ctx) {
@@ -27,6 +27,7 @@ void connection_ended(ubus_context *ctx) {
         return;
     ctx->conn->loss_told = true;
     // The loop would report the end of this socket again and again.
+    ctx->conn->in_loop |= ctx->sock.registered;
     if (ctx->sock.registered)
         uloop_fd_delete(&ctx->sock);
     ctx->sock.eof = true;
@@ -47,7 +48,7 @@ void socket_ready(uloop_fd *sock, unsigned int) {
     for (int turn = 0; (last_turn || turn < reads_per_turn) && ctx->conn->generation == generation; turn++) {
         bool more = ubus_receive(ctx);
         ubus_dispatch(ctx);
-        if (!more || uloop_cancelled)
+        if (!more || (!last_turn && uloop_cancelling()))
             break;
     }
     if (ctx->conn->ended && ctx->conn->generation == generation)
@@ -148,7 +149,7 @@ void ubus_free(ubus_context *ctx) {
 void ubus_add_uloop(ubus_context *ctx) {
     if (ctx->sock.fd < 0)
         return;
-    uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
+    ctx->conn->in_loop = uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ) == 0;
     // What a blocking call has read already makes the socket ready no more.
     if (!ctx->conn->held_calls.empty() || !ctx->conn->incoming.empty())
         uloop_timeout_set(&ctx->pending_timer, 1);

@@ -28,6 +28,7 @@ struct ubus_connection {
     std::deque<bus_frame> held_calls; // calls of our objects that wait for their turn
     size_t held_bytes = 0;
     bool ended = false;                 // no more can be read
+    bool in_loop = false;               // also after the loop has let go of a socket at its end
     bool loss_told = false;             // connection_lost has run for this connection
     unsigned generation = 0;            // counts the connections, so that a waiting call sees its own end
     std::vector<ubus_object *> objects; // all that are to be registered on each connection
@@ -49,8 +50,7 @@ bool ubus_wait_readable(ubus_context *ctx, int64_t ms);
 bool ubus_send(ubus_context *ctx, const bus_builder &msg);
 
 // ubus_req.cpp. A status code: CONNECTION_FAILED, or INVALID_ARGUMENT for a message that is too long.
-int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type,
-                       uint32_t peer);
+int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type, uint32_t peer);
 void ubus_dispatch(ubus_context *ctx);
 void ubus_fail_requests(ubus_context *ctx, int status);
 

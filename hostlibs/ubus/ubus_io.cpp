@@ -174,6 +174,7 @@ void ubus_close(ubus_context *ctx) {
         close(ctx->sock.fd);
     ctx->sock.fd = -1;
     conn->ended = true;
+    conn->in_loop = false;
     conn->reader = {};
     conn->incoming.clear();
     conn->held_calls.clear();

@@ -89,8 +89,7 @@ int request_wait(ubus_context *ctx, ubus_request *req, int timeout) {
 
 } // namespace
 
-int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type,
-                       uint32_t peer) {
+int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type, uint32_t peer) {
     *req = {};
     INIT_LIST_HEAD(&req->list);
     req->ctx = ctx;

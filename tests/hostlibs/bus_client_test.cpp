@@ -38,10 +38,8 @@ int never_answer(ubus_context *ctx, ubus_object *, ubus_request_data *req, const
 
 const blobmsg_policy echo_policy[] = {{"text", BLOBMSG_TYPE_STRING}, {"number", BLOBMSG_TYPE_INT32}};
 const ubus_method methods[] = {
-    UBUS_METHOD("echo", note_call, echo_policy),
-    UBUS_METHOD_NOARG("fail", note_call),
-    UBUS_METHOD_NOARG("note", note_call),
-    UBUS_METHOD_NOARG("defer", defer_call),
+    UBUS_METHOD("echo", note_call, echo_policy), UBUS_METHOD_NOARG("fail", note_call),
+    UBUS_METHOD_NOARG("note", note_call),        UBUS_METHOD_NOARG("defer", defer_call),
     UBUS_METHOD_NOARG("never", never_answer),
 };
 
@@ -131,6 +129,11 @@ TEST_F(BusClientTest, CallsMethodsAndTellsHowTheyEnded) {
     EXPECT_EQ(caller.call("served", "nothing").status, UBUS_STATUS_METHOD_NOT_FOUND);
     EXPECT_EQ(caller.call("missing", "echo").status, UBUS_STATUS_NOT_FOUND);
 
+    std::string long_text = R"({"text":")" + std::string(900000, 'x') + R"("})";
+    reply = caller.call("served", "echo", long_text);
+    EXPECT_EQ(reply.status, 0);
+    EXPECT_EQ(reply.json, long_text);
+
     // A call without any data attribute cannot come from the library.
     RawPeer raw(socket);
     bus_builder body;
@@ -151,7 +154,8 @@ TEST_F(BusClientTest, RefusesToSendWhatTheBusWouldNotTake) {
     LoopClient client(socket);
     BlobBuffer big;
     blobmsg_add_string(big.get(), "text", std::string(UBUS_MAX_MSGLEN, 'x').c_str());
-    EXPECT_EQ(ubus_invoke(client.bus(), 5000, "m", big.head(), nullptr, nullptr, 1000), UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(ubus_invoke(client.bus(), 5000, "m", big.head(), nullptr, nullptr, 1000),
+              UBUS_STATUS_INVALID_ARGUMENT);
     uint32_t id;
     EXPECT_EQ(ubus_lookup_id(client.bus(), "none", &id), UBUS_STATUS_NOT_FOUND);
 }
@@ -174,9 +178,11 @@ TEST_F(BusClientTest, EndsABlockingCallByTimeoutAndByEndOfBus) {
         deaf.receive();
         bus.kill();
     });
-    EXPECT_EQ(ubus_invoke(client.bus(), object, "m", none.head(), nullptr, nullptr, 0), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(ubus_invoke(client.bus(), object, "m", none.head(), nullptr, nullptr, 0),
+              UBUS_STATUS_CONNECTION_FAILED);
     killer.join();
-    EXPECT_EQ(ubus_invoke(client.bus(), object, "m", none.head(), nullptr, nullptr, 0), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(ubus_invoke(client.bus(), object, "m", none.head(), nullptr, nullptr, 0),
+              UBUS_STATUS_CONNECTION_FAILED);
 }
 
 TEST_F(BusClientTest, EndsWaitingRequestsAndReportsTheLossOnce) {
@@ -208,7 +214,8 @@ TEST_F(BusClientTest, HoldsCallsThatArriveDuringABlockingOne) {
         bus_builder ids;
         bus_put_u32(ids, UBUS_ATTR_OBJID, object);
         bus_put_u32(ids, UBUS_ATTR_OBJTYPE, 7001);
-        peer.send(message(UBUS_MSG_DATA, add->seq, 0, std::move(ids)) + status_message(add->seq, 0, object, 0));
+        peer.send(message(UBUS_MSG_DATA, add->seq, 0, std::move(ids)) +
+                  status_message(add->seq, 0, object, 0));
         auto call = peer.receive();
         peer.send(invoke_message(1, object, "note") + invoke_message(2, object, "fail") +
                   status_message(call->seq, call->peer, 6000, 0));
@@ -232,6 +239,35 @@ TEST_F(BusClientTest, HoldsCallsThatArriveDuringABlockingOne) {
     EXPECT_EQ(answers[1].type, UBUS_MSG_STATUS);
 }
 
+TEST_F(BusClientTest, RefusesCallsBeyondWhatItCanHold) {
+    constexpr uint32_t object = 7000;
+    constexpr uint16_t calls = 1100;
+    int served_calls = 0, refused = 0;
+    {
+        FakeBus bus(socket, 1, [&](RawPeer &peer) {
+            peer.send(message(UBUS_MSG_HELLO, 0, 5000));
+            auto call = peer.receive();
+            std::string burst;
+            for (uint16_t i = 0; i < calls; i++)
+                burst += invoke_message(i, object, "note");
+            peer.send(burst + status_message(call->seq, call->peer, 6000, 0));
+            for (int i = 0; i < calls; i++) {
+                auto answer = peer.receive();
+                bus_attrs attrs;
+                bus_attrs_parse(answer->attr(), attrs);
+                (attrs.u32(UBUS_ATTR_STATUS) == UBUS_STATUS_NO_MEMORY ? refused : served_calls)++;
+            }
+        });
+        LoopClient client(socket);
+        client.bus()->connection_lost = [](ubus_context *) { uloop_end(); };
+        BlobBuffer none;
+        EXPECT_EQ(ubus_invoke(client.bus(), 6000, "m", none.head(), nullptr, nullptr, 10000), 0);
+        uloop_run();
+    }
+    EXPECT_EQ(served_calls, 1024);
+    EXPECT_EQ(refused, calls - 1024);
+}
+
 TEST_F(BusClientTest, EndsTheConnectionOfABusThatTurnsToGarbage) {
     bus_builder bad_status;
     bus_put(bad_status, UBUS_ATTR_STATUS, "ab", 2);
@@ -240,7 +276,8 @@ TEST_F(BusClientTest, EndsTheConnectionOfABusThatTurnsToGarbage) {
     cut_data.bytes[15] = 100;
     const std::tuple<const char *, std::string, int> cases[] = {
         {"text", "garbage garbage garbage", UBUS_STATUS_CONNECTION_FAILED},
-        {"status of two bytes", message(UBUS_MSG_STATUS, 1, 6000, std::move(bad_status)), UBUS_STATUS_INVALID_ARGUMENT},
+        {"status of two bytes", message(UBUS_MSG_STATUS, 1, 6000, std::move(bad_status)),
+         UBUS_STATUS_INVALID_ARGUMENT},
         {"attribute beyond the message, then the end", message(UBUS_MSG_DATA, 1, 6000, std::move(cut_data)),
          UBUS_STATUS_CONNECTION_FAILED},
         {"half a message, then the end", message(UBUS_MSG_STATUS, 1, 6000).substr(0, 10),
@@ -304,7 +341,8 @@ TEST_F(BusClientTest, KeepsItsObjectsOverTwoHundredReconnects) {
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_THAT(journal, testing::ElementsAre("lost", "note", "note"));
 
-    // A name that somebody else took meanwhile stays away; the rest is served, and the next time it comes back.
+    // A name that somebody else took meanwhile stays away; the rest is served, and the next time it comes
+    // back.
     bus.kill();
     bus.start();
     {

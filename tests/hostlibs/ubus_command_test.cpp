@@ -98,7 +98,8 @@ TEST_F(UbusCommandTest, PrintsAndExitsAsScriptsExpect) {
         {"list nothing", 4, "", "Command failed: Not found\n"},
         {"list nothing -S", 4, "", ""},
         {R"(call served echo '{"text":"a\"b","number":-1,"flag":true,"list":[1,"x"],"table":{}}')", 0,
-         "{\n\t\"text\": \"a\\\"b\",\n\t\"number\": -1,\n\t\"flag\": true,\n\t\"list\": [\n\t\t1,\n\t\t\"x\"\n\t],\n"
+         "{\n\t\"text\": \"a\\\"b\",\n\t\"number\": -1,\n\t\"flag\": true,\n\t\"list\": "
+         "[\n\t\t1,\n\t\t\"x\"\n\t],\n"
          "\t\"table\": {\n\t\t\n\t}\n}\n",
          ""},
         {R"(-S call served echo '{"text":"a","number":1}')", 0, "{\"text\":\"a\",\"number\":1}\n", ""},
@@ -134,13 +135,15 @@ TEST_F(UbusCommandTest, ListsSignatures) {
     std::string out = run("list -v served").out;
     ASSERT_EQ(out.substr(0, 10), "'served' @");
     EXPECT_EQ(out.find_first_not_of("0123456789abcdef", 10), 18u);
-    EXPECT_EQ(out.substr(18), "\n\t\"echo\":{\"text\":\"String\",\"number\":\"Integer\",\"flag\":\"Boolean\","
-                              "\"list\":\"Array\",\"table\":\"Table\"}\n\t\"deny\":{}\n\t\"never\":{}\n\t\"quiet\":{}\n");
+    EXPECT_EQ(out.substr(18),
+              "\n\t\"echo\":{\"text\":\"String\",\"number\":\"Integer\",\"flag\":\"Boolean\","
+              "\"list\":\"Array\",\"table\":\"Table\"}\n\t\"deny\":{}\n\t\"never\":{}\n\t\"quiet\":{}\n");
 }
 
 TEST_F(UbusCommandTest, WaitsForObjectsThatComeLater) {
     Server first(bus.socket(), "first");
-    std::string command = TEST_BIN_DIR "/ubus -s " + bus.socket() + " -t 20 wait_for second first; echo status $?";
+    std::string command =
+        TEST_BIN_DIR "/ubus -s " + bus.socket() + " -t 20 wait_for second first; echo status $?";
     FILE *waiting = popen(command.c_str(), "r");
     ASSERT_NE(waiting, nullptr);
     // The waiter has registered when the bus knows its connection; whichever comes first, it must return.

@@ -1,4 +1,5 @@
-// The bus daemon as its clients see it. No client of these tests uses the library: what it would refuse is sent, too.
+// The bus daemon as its clients see it. No client of these tests uses the library: what it would refuse is
+// sent, too.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -61,7 +62,8 @@ TEST_F(UbusdTest, ServesSixtyFourClientsThatCallEachOther) {
         ASSERT_NE(objects.back(), 0u);
     }
     for (uint16_t i = 0; i < count; i++)
-        ASSERT_TRUE(peers[i].send(invoke_message(static_cast<uint16_t>(1000 + i), objects[(i + 1) % count], "m")));
+        ASSERT_TRUE(
+            peers[i].send(invoke_message(static_cast<uint16_t>(1000 + i), objects[(i + 1) % count], "m")));
     for (uint16_t i = 0; i < count; i++) {
         uint16_t caller = static_cast<uint16_t>((i + count - 1) % count);
         auto call = peers[i].receive();
@@ -157,13 +159,15 @@ TEST_F(UbusdTest, AnswersBadRequestsWithAStatus) {
         {"text without its zero",
          with(UBUS_MSG_LOOKUP, [](bus_builder &b) { bus_put(b, UBUS_ATTR_OBJPATH, "bystander", 9); }),
          UBUS_STATUS_INVALID_ARGUMENT},
-        {"id of two bytes", with(UBUS_MSG_INVOKE, [](bus_builder &b) { bus_put(b, UBUS_ATTR_OBJID, "ab", 2); }),
+        {"id of two bytes",
+         with(UBUS_MSG_INVOKE, [](bus_builder &b) { bus_put(b, UBUS_ATTR_OBJID, "ab", 2); }),
          UBUS_STATUS_INVALID_ARGUMENT},
-        {"attribute beyond the message", with(UBUS_MSG_PING,
-                                              [](bus_builder &b) {
-                                                  bus_put_u32(b, UBUS_ATTR_OBJID, 1);
-                                                  b.bytes[15] = 12;
-                                              }),
+        {"attribute beyond the message",
+         with(UBUS_MSG_PING,
+              [](bus_builder &b) {
+                  bus_put_u32(b, UBUS_ATTR_OBJID, 1);
+                  b.bytes[15] = 12;
+              }),
          UBUS_STATUS_INVALID_ARGUMENT},
         {"name that is taken",
          with(UBUS_MSG_ADD_OBJECT, [](bus_builder &b) { bus_put_text(b, UBUS_ATTR_OBJPATH, "bystander"); }),
@@ -172,10 +176,12 @@ TEST_F(UbusdTest, AnswersBadRequestsWithAStatus) {
          with(UBUS_MSG_ADD_OBJECT, [](bus_builder &b) { bus_put_u32(b, UBUS_ATTR_OBJTYPE, 4711); }),
          UBUS_STATUS_INVALID_ARGUMENT},
         {"signature of no tables",
-         with(UBUS_MSG_ADD_OBJECT, [](bus_builder &b) { bus_put(b, UBUS_ATTR_SIGNATURE, "\x80\0\0\x0cjunkjunk", 12); }),
+         with(UBUS_MSG_ADD_OBJECT,
+              [](bus_builder &b) { bus_put(b, UBUS_ATTR_SIGNATURE, "\x80\0\0\x0cjunkjunk", 12); }),
          UBUS_STATUS_INVALID_ARGUMENT},
         {"removing another's object",
-         with(UBUS_MSG_REMOVE_OBJECT, [this](bus_builder &b) { bus_put_u32(b, UBUS_ATTR_OBJID, bystander_object); }),
+         with(UBUS_MSG_REMOVE_OBJECT,
+              [this](bus_builder &b) { bus_put_u32(b, UBUS_ATTR_OBJID, bystander_object); }),
          UBUS_STATUS_PERMISSION_DENIED},
     };
     RawPeer peer(bus.socket());

@@ -1,4 +1,5 @@
-// Both ends of the bus protocol byte by byte: a client without the library, and a bus that does what a test says.
+// Both ends of the bus protocol byte by byte: a client without the library, and a bus that does what a test
+// says.
 #pragma once
 
 #include <cstring>
@@ -139,7 +140,8 @@ class RawPeer {
         bus_put_text(body, UBUS_ATTR_OBJPATH, path);
         bus_put(body, UBUS_ATTR_SIGNATURE, nullptr, 0);
         std::vector<bus_frame> data;
-        if (!send(message(UBUS_MSG_ADD_OBJECT, 1, 0, std::move(body))) || status(1, &data) != 0 || data.size() != 1)
+        if (!send(message(UBUS_MSG_ADD_OBJECT, 1, 0, std::move(body))) || status(1, &data) != 0 ||
+            data.size() != 1)
             return 0;
         bus_attrs attrs;
         bus_attrs_parse(data[0].attr(), attrs);
@@ -175,7 +177,8 @@ class FakeBus {
         : listen_fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un addr = socket_address(path);
         unlink(path.c_str());
-        if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(listen_fd_, 8) != 0)
+        if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+            listen(listen_fd_, 8) != 0)
             abort();
         thread_ = std::thread([this, clients, serve = std::move(serve)] {
             for (int i = 0; i < clients; i++) {

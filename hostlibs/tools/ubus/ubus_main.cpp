@@ -165,13 +165,18 @@ void wait_for_objects(ubus_context *bus, const options &opts, waiter &wait) {
     wait.status = ubus_register_event_handler(bus, &wait.event, "ubus.object.add");
     if (wait.status != UBUS_STATUS_OK || all_there(bus, wait) || wait.status != UBUS_STATUS_OK)
         return;
+    // Only now: its signal handlers would keep an operator's Ctrl-C from ending a blocking call.
+    uloop_init();
     wait.timer.cb = wait_over;
     if (opts.timeout_ms > 0)
         uloop_timeout_set(&wait.timer, opts.timeout_ms);
     ubus_add_uloop(bus);
-    uloop_run();
+    if (uloop_run() != 0)
+        wait.status = UBUS_STATUS_UNKNOWN_ERROR;
     if (bus->sock.eof)
         wait.status = UBUS_STATUS_CONNECTION_FAILED;
+    uloop_timeout_cancel(&wait.timer);
+    uloop_done();
 }
 
 int run_wait_for(ubus_context *bus, options &opts, int argc, char **argv) {
@@ -181,7 +186,6 @@ int run_wait_for(ubus_context *bus, options &opts, int argc, char **argv) {
     wait.paths = argv;
     wait.count = argc;
     wait_for_objects(bus, opts, wait);
-    uloop_timeout_cancel(&wait.timer);
     if (!bus->sock.eof)
         ubus_unregister_event_handler(bus, &wait.event);
     return wait.status;
@@ -261,9 +265,7 @@ int main(int argc, char **argv) {
     if (cmd == std::end(commands))
         return usage(argv[0]);
 
-    uloop_init();
     int status = run_command(*cmd, opts, argc - optind - 1, argv + optind + 1);
-    uloop_done();
     if (status == usage_error)
         return usage(argv[0]);
     if (status != UBUS_STATUS_OK && !opts.simple)
