@@ -1,4 +1,4 @@
-// The status light: whether it is on, and the hours in which it stays dark. Reported when one of them changed.
+// The status light: whether it is on, and the hours in which it stays dark. Reported on a change.
 #include "collect/collector_patterns.h"
 #include "collect/collectors.h"
 #include "telemetry_utils.h"

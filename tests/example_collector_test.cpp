@@ -1,4 +1,5 @@
-// The worked example of docs/adding-a-collector.md: it compiles as printed, and its record is the one printed.
+// The worked example of docs/adding-a-collector.md: it compiles as printed, and its record is the one
+// printed.
 #include "../docs/example_collector.cpp"
 
 #include <fstream>
@@ -88,8 +89,8 @@ int collect_colours(TelemetryCtx *, cJSON *payload, uint32_t *count) {
     telemetry_get_uci_value("led", "light", "colour", colour, sizeof(colour), TELEMETRY_UCI_SYSTEM);
     JsonPtr colours(cJSON_CreateArray());
     telemetry_attach_element(colours.get(), JsonPtr(cJSON_CreateString(colour)));
-    return telemetry_collect_changed_object("led", "colours", "cl", std::move(colours), 1, "colours same", payload,
-                                            count);
+    return telemetry_collect_changed_object("led", "colours", "cl", std::move(colours), 1, "colours same",
+                                            payload, count);
 }
 
 TEST_F(ExampleCollector, ReportsABuiltObjectOnlyWhenItsDigestChanged) {

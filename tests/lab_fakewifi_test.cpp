@@ -1,5 +1,5 @@
-// The daemon's driver code against the simulated driver, preloaded as in the lab: the program starts itself again with
-// the library in front.
+// The daemon's driver code against the simulated driver, preloaded as in the lab: the program starts itself
+// again with the library in front.
 #include <cerrno>
 #include <cstring>
 #include <linux/wireless.h>
@@ -124,7 +124,8 @@ TEST_F(FakeWifi, FaultsComeAndGoWhileTheProgramRuns) {
         }
     }
     set_fault("stations", "count");
-    const auto said = logged_messages([&] { EXPECT_EQ(wlan_get_band_client_sta_info("rax2", &list, &count), 1); });
+    const auto said =
+        logged_messages([&] { EXPECT_EQ(wlan_get_band_client_sta_info("rax2", &list, &count), 1); });
     EXPECT_EQ(said.front(),
               "wlan_get_band_client_sta_info_mtk: ifname = rax2, the driver tells 65535 stations, kept 64");
     EXPECT_EQ(count, 64U);
@@ -150,8 +151,8 @@ int main(int argc, char **argv) {
         setenv("FAKEWIFI_PRELOADED", "1", 1);
         setenv("LD_PRELOAD", library.c_str(), 1);
         const char *options = getenv("ASAN_OPTIONS");
-        setenv("ASAN_OPTIONS", (std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0").c_str(),
-               1);
+        setenv("ASAN_OPTIONS",
+               (std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0").c_str(), 1);
         execv("/proc/self/exe", argv);
         perror("execv");
         return 1;

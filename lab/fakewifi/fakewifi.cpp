@@ -1,5 +1,6 @@
-// ioctl() for a process that has no Wi-Fi hardware: the driver's private request is answered from the scenario, all
-// other requests reach the real function. <sys/ioctl.h> stays out: its declaration is the one that is replaced.
+// ioctl() for a process that has no Wi-Fi hardware: the driver's private request is answered from the
+// scenario, all other requests reach the real function. <sys/ioctl.h> stays out: its declaration is the one
+// that is replaced.
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -39,8 +40,8 @@ int answer_private_request(int fd, iwreq *block) {
     const std::string ifname(block->ifr_name, strnlen(block->ifr_name, sizeof(block->ifr_name)));
     size_t answered = 0;
     const int error = fakewifi::scenario_answer(scenario, ifname.c_str(), block->u.data.flags,
-                                                static_cast<uint8_t *>(block->u.data.pointer), block->u.data.length,
-                                                &answered);
+                                                static_cast<uint8_t *>(block->u.data.pointer),
+                                                block->u.data.length, &answered);
     if (error == 0)
         block->u.data.length = static_cast<uint16_t>(answered);
     return error;

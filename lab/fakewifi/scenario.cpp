@@ -120,7 +120,8 @@ std::string read_file(const std::string &path) {
     const std::unique_ptr<FILE, FileClose> file(fopen(path.c_str(), "re"));
     std::string text;
     char block[4096];
-    for (size_t n; file != nullptr && text.size() < kMaxFile && (n = fread(block, 1, sizeof(block), file.get())) > 0;)
+    for (size_t n;
+         file != nullptr && text.size() < kMaxFile && (n = fread(block, 1, sizeof(block), file.get())) > 0;)
         text.append(block, n);
     return text;
 }
@@ -144,8 +145,8 @@ std::string radio_of(const std::string &ifname) {
     return {};
 }
 
-// What the scenario says of an interface: its own object, or an empty one for an access point that only its radio
-// vouches for. Null: there is no such interface.
+// What the scenario says of an interface: its own object, or an empty one for an access point that only its
+// radio vouches for. Null: there is no such interface.
 const cJSON *find_interface(const cJSON *scenario, const std::string &ifname) {
     static const cJSON *const kUnlisted = cJSON_CreateObject();
     const cJSON *interfaces = cJSON_GetObjectItemCaseSensitive(scenario, "interfaces");
@@ -176,8 +177,8 @@ const cJSON *scenario_current() {
     return loaded.tree.get();
 }
 
-int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcommand, uint8_t *answer, size_t length,
-                    size_t *answered) {
+int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcommand, uint8_t *answer,
+                    size_t length, size_t *answered) {
     static const cJSON *const kNoStations = cJSON_CreateArray();
     const cJSON *interface = find_interface(scenario, ifname);
     if (interface == nullptr)
@@ -187,7 +188,8 @@ int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcomma
         if (candidate.code == subcommand)
             known = &candidate;
     }
-    const cJSON *value = known == nullptr ? nullptr : cJSON_GetObjectItemCaseSensitive(interface, known->member);
+    const cJSON *value =
+        known == nullptr ? nullptr : cJSON_GetObjectItemCaseSensitive(interface, known->member);
     if (value == nullptr && known != nullptr && known->fill == fill_stations && !radio_of(ifname).empty())
         value = kNoStations;
     if (value == nullptr)

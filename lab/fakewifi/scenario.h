@@ -11,9 +11,9 @@ namespace fakewifi {
 // The scenario in force, read again when its file changed; null when there is none.
 const cJSON *scenario_current();
 
-// Fills `answer` (`length` bytes, *answered receives those that were written) for a sub-command on an interface.
-// 0, or the errno of the refusal.
-int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcommand, uint8_t *answer, size_t length,
-                    size_t *answered);
+// Fills `answer` (`length` bytes, *answered receives those that were written) for a sub-command on an
+// interface. 0, or the errno of the refusal.
+int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcommand, uint8_t *answer,
+                    size_t length, size_t *answered);
 
 } // namespace fakewifi

@@ -5,13 +5,14 @@
 
 #include "telemetry_log.h"
 
-int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows, const CollectorCountMessage &success,
-                                   cJSON *payload, uint32_t *count) {
+int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
+                                   const CollectorCountMessage &success, cJSON *payload, uint32_t *count) {
     if (telemetry_update_tmp_backup_config_by_telemetry_index(table, rows) == 0)
         return 0;
     telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(table, rows, count, payload);
     if (telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
-        telemetry_log_write(success.file, success.function, success.line, success.text, static_cast<int>(*count));
+        telemetry_log_write(success.file, success.function, success.line, success.text,
+                            static_cast<int>(*count));
     return 0;
 }
 

@@ -9,9 +9,9 @@
 #include "telemetry_handles.h"
 #include "telemetry_uci.h"
 
-// A literal message together with the place that names it: log lines carry the collector's function and line, not
-// this helper's. Counts are the "%d" conversions that the text must hold, no other conversion is accepted; a text
-// that breaks this does not compile.
+// A literal message together with the place that names it: log lines carry the collector's function and line,
+// not this helper's. Counts are the "%d" conversions that the text must hold, no other conversion is
+// accepted; a text that breaks this does not compile.
 template <int Counts> struct CollectorMessage {
     const char *text;
     const char *file;
@@ -37,39 +37,39 @@ template <int Counts> struct CollectorMessage {
 using CollectorCountMessage = CollectorMessage<1>;
 using CollectorPlainMessage = CollectorMessage<0>;
 
-// --- A watched table: every row is reported when any of them changed ------------------------------------------------
+// --- A watched table: every row is reported when any of them changed ---------------------------------------
 
-// Nothing when no row differs from what was last reported; otherwise all rows with a value go into `payload`, *count
-// grows by one a member, and `success` is logged (debug) with the count. Always 0.
-int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows, const CollectorCountMessage &success,
-                                   cJSON *payload, uint32_t *count);
+// Nothing when no row differs from what was last reported; otherwise all rows with a value go into `payload`,
+// *count grows by one a member, and `success` is logged (debug) with the count. Always 0.
+int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
+                                   const CollectorCountMessage &success, cJSON *payload, uint32_t *count);
 
 // The same for an array:
-//     return telemetry_collect_watched_table(kRows, "collect x info successfully, now data collect count is: %d!",
-//                                            payload, count);
+//     return telemetry_collect_watched_table(kRows, "collect x info successfully, count is: %d!", payload,
+//                                            count);
 template <size_t Rows>
 int telemetry_collect_watched_table(const TelemetryIndexEntry (&table)[Rows], CollectorCountMessage success,
                                     cJSON *payload, uint32_t *count) {
     return telemetry_collect_watched_rows(table, static_cast<int>(Rows), success, payload, count);
 }
 
-// --- The digest of a built object: reported as a block when its text changed ----------------------------------------
+// --- The digest of a built object: reported as a block when its text changed -------------------------------
 
-// 1 when `object` differs from the one last reported as package/name (and is now the recorded one); 0 with the
-// message `unchanged` (debug) when it is the same, and 0 when the digest cannot be kept.
+// 1 when `object` differs from the one last reported as package/name (and is now the recorded one); 0 with
+// the message `unchanged` (debug) when it is the same, and 0 when the digest cannot be kept.
 int telemetry_collect_digest_changed(const char *package, const char *name, const cJSON *object,
                                      CollectorPlainMessage unchanged);
 
-// Adds `object` under `key` and `items` to *count when its digest changed; releases it otherwise. 0, or -1 when it
-// could not be added.
+// Adds `object` under `key` and `items` to *count when its digest changed; releases it otherwise. 0, or -1
+// when it could not be added.
 int telemetry_collect_changed_object(const char *package, const char *name, const char *key, JsonPtr object,
                                      uint32_t items, CollectorPlainMessage unchanged, cJSON *payload,
                                      uint32_t *count);
 
-// --- Trees ----------------------------------------------------------------------------------------------------------
+// --- Trees -------------------------------------------------------------------------------------------------
 
-// Hands `item` over to `object` under `key`, or to the end of `array`. false, with `item` released, when either is
-// missing or memory ran out.
+// Hands `item` over to `object` under `key`, or to the end of `array`. false, with `item` released, when
+// either is missing or memory ran out.
 bool telemetry_attach_member(cJSON *object, const char *key, JsonPtr item);
 bool telemetry_attach_element(cJSON *array, JsonPtr item);
 

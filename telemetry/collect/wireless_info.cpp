@@ -30,18 +30,21 @@ struct WirelessBand {
     int option_count;
 };
 
-// --- Getters: the value as text; 0 on success ----------------------------------------------------------------------
+// --- Getters: the value as text; 0 on success --------------------------------------------------------------
 
 // 1 when the section and its band are switched on; a band without its own switch is `band_default`.
-static int get_band_enable(const char *package, const char *section, const char *band_option, int band_default) {
+static int get_band_enable(const char *package, const char *section, const char *band_option,
+                           int band_default) {
     char value[kValueSize] = {};
-    if (telemetry_get_uci_value(package, section, "enable", value, sizeof(value), TELEMETRY_UCI_SYSTEM) != 0) {
+    if (telemetry_get_uci_value(package, section, "enable", value, sizeof(value), TELEMETRY_UCI_SYSTEM) !=
+        0) {
         LOG_DEBUG("telemetry_get_uci_value error");
         return 0;
     }
     if (strcmp(value, "1") != 0)
         return 0;
-    if (telemetry_get_uci_value(package, section, band_option, value, sizeof(value), TELEMETRY_UCI_SYSTEM) != 0)
+    if (telemetry_get_uci_value(package, section, band_option, value, sizeof(value), TELEMETRY_UCI_SYSTEM) !=
+        0)
         return band_default;
     return strcmp(value, "1") == 0 ? 1 : 0;
 }
@@ -120,7 +123,7 @@ static int get_ssid_type_host_2g(const char *, char *buffer, int size) {
     return put_number(buffer, size, classes);
 }
 
-// --- Converters: rewrite the text in place; 0 on success -----------------------------------------------------------
+// --- Converters: rewrite the text in place; 0 on success ---------------------------------------------------
 
 static int convert_band_width(char *text, int size) {
     if (text == nullptr || size <= 0) {
@@ -151,7 +154,7 @@ static int convert_encry_type(char *text, int size) {
     return put_number(text, size, -1);
 }
 
-// --- The networks --------------------------------------------------------------------------------------------------
+// --- The networks ------------------------------------------------------------------------------------------
 
 static constexpr WirelessOption kHost2g[] = {
     {"en", nullptr, nullptr, nullptr, TELEMETRY_VALUE_INT, get_band_enable_2g_host, nullptr},
@@ -197,14 +200,15 @@ static constexpr const char *kBandTypes[kBandCount] = {"2.4G", "5G"};
 template <size_t Rows2g, size_t Rows5g>
 static constexpr std::array<WirelessBand, kBandCount> make_bands(const WirelessOption (&rows_2g)[Rows2g],
                                                                  const WirelessOption (&rows_5g)[Rows5g]) {
-    return {{{kBandTypes[0], rows_2g, static_cast<int>(Rows2g)}, {kBandTypes[1], rows_5g, static_cast<int>(Rows5g)}}};
+    return {{{kBandTypes[0], rows_2g, static_cast<int>(Rows2g)},
+             {kBandTypes[1], rows_5g, static_cast<int>(Rows5g)}}};
 }
 
 static constexpr auto kHostBands = make_bands(kHost2g, kHost5g);
 static constexpr auto kGuestBands = make_bands(kGuest2g, kGuest5g);
 static constexpr auto kIotBands = make_bands(kIot2g, kIot5g);
 
-// --- Records -------------------------------------------------------------------------------------------------------
+// --- Records -----------------------------------------------------------------------------------------------
 
 static bool band_is_enabled(const WirelessBand &band) {
     for (int i = 0; i < band.option_count; i++) {
@@ -259,7 +263,8 @@ static JsonPtr _telemetry_collect_wireless_info_per_band(const WirelessBand &ban
     return object;
 }
 
-static int telemetry_collect_network_info(cJSON *array, uint32_t *count, const WirelessBand *bands, int band_count) {
+static int telemetry_collect_network_info(cJSON *array, uint32_t *count, const WirelessBand *bands,
+                                          int band_count) {
     for (int i = 0; i < band_count; i++) {
         JsonPtr object = _telemetry_collect_wireless_info_per_band(bands[i], count);
         if (object == nullptr || !telemetry_attach_element(array, std::move(object)))
@@ -268,8 +273,8 @@ static int telemetry_collect_network_info(cJSON *array, uint32_t *count, const W
     return 0;
 }
 
-// Adds the channel in use to every enabled band. It comes after the digest: a radio that changes its channel by
-// itself is no change of a setting.
+// Adds the channel in use to every enabled band. It comes after the digest: a radio that changes its channel
+// by itself is no change of a setting.
 static void telemetry_add_current_channel(cJSON *array, uint32_t *count) {
     cJSON *band = nullptr;
     cJSON_ArrayForEach(band, array) {

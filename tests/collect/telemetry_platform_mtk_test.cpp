@@ -1,5 +1,5 @@
-// The driver's operations against an ioctl() of this file: what is asked, what becomes of the answer, what is said and
-// released when it fails.
+// The driver's operations against an ioctl() of this file: what is asked, what becomes of the answer, what is
+// said and released when it fails.
 #include "collect/mtk/telemetry_platform_mtk.h"
 
 #include <algorithm>
@@ -26,8 +26,8 @@ namespace {
 
 struct FakeDriver {
     std::vector<uint8_t> answer;
-    int error = 0;             // errno of the refusal
-    int answered = -1;         // length told back, -1: as asked
+    int error = 0;     // errno of the refusal
+    int answered = -1; // length told back, -1: as asked
     bool socket_fails = false;
     bool memory_fails = false;
     int calls = 0;
@@ -82,8 +82,7 @@ namespace {
 // An answer with values at byte offsets, as the driver lays it out.
 class Answer {
   public:
-    explicit Answer(size_t size) : bytes_(size) {
-    }
+    explicit Answer(size_t size) : bytes_(size) {}
     template <typename T> Answer &at(size_t offset, T value) {
         memcpy(&bytes_.at(offset + sizeof(T) - 1) - (sizeof(T) - 1), &value, sizeof(value));
         return *this;
@@ -102,7 +101,9 @@ Answer station_table(uint16_t count) {
     for (size_t i = 0; i < 64; i++) {
         const size_t entry = 8 + 32 * i;
         answer.at<uint8_t>(entry, 2).at<uint8_t>(entry + 5, static_cast<uint8_t>(i));
-        answer.at<uint64_t>(entry + 8, 1000 + i).at<uint64_t>(entry + 16, 2000 + i).at<uint16_t>(entry + 26, 1);
+        answer.at<uint64_t>(entry + 8, 1000 + i)
+            .at<uint64_t>(entry + 16, 2000 + i)
+            .at<uint16_t>(entry + 26, 1);
     }
     return answer;
 }
@@ -141,15 +142,19 @@ struct Operation {
 TEST_F(PlatformMtk, AsksTheDriverAndReleasesEverythingOnEveryPath) {
     const Operation operations[] = {
         {"temperature", [&] { return wlan_get_device_temperature("wifi2", &temperature); }, "ra0", 0x9A1, 4,
-         "wlan_get_device_temperature_mtk: create socket error", "wlan_get_device_temperature_mtk: ioctl error"},
+         "wlan_get_device_temperature_mtk: create socket error",
+         "wlan_get_device_temperature_mtk: ioctl error"},
         {"utilisation", [&] { return wlan_get_channel_util("apclix0", &byte, 3, 1); }, "apclix0", 0x7B0, 1,
          "create socket error", "wlan_get_channel_util_mtk: ioctl error"},
-        {"stations", [&] { return wlan_get_band_client_sta_info("rax4", &list, &count); }, "rax4", 0x7B1, 2056,
-         "wlan_get_band_client_sta_info_mtk: creat socket failed", "wlan_get_band_client_sta_info_mtk: ioctl failed."},
+        {"stations", [&] { return wlan_get_band_client_sta_info("rax4", &list, &count); }, "rax4", 0x7B1,
+         2056, "wlan_get_band_client_sta_info_mtk: creat socket failed",
+         "wlan_get_band_client_sta_info_mtk: ioctl failed."},
         {"channel 2.4G", [&] { return wlan_get_backhaul_ap_channel(0, &number); }, "ra0", 0x7B2, 1,
-         "wlan_get_backhaul_ap_channel_mtk: create socket error", "wlan_get_backhaul_ap_channel_mtk: ioctl error"},
+         "wlan_get_backhaul_ap_channel_mtk: create socket error",
+         "wlan_get_backhaul_ap_channel_mtk: ioctl error"},
         {"channel 5G", [&] { return wlan_get_backhaul_ap_channel(1, &number); }, "rax0", 0x7B2, 1,
-         "wlan_get_backhaul_ap_channel_mtk: create socket error", "wlan_get_backhaul_ap_channel_mtk: ioctl error"},
+         "wlan_get_backhaul_ap_channel_mtk: create socket error",
+         "wlan_get_backhaul_ap_channel_mtk: ioctl error"},
         {"bandwidth", [&] { return wlan_get_wifi_bandwidth(&number); }, "rax0", 0x7B3, 1,
          "wlan_get_wifi_bandwidth_mtk: create socket error", "wlan_get_wifi_bandwidth_mtk: ioctl error"},
         {"uplink", [&] { return wlan_get_uplink_rate("apcli0", &stats, &byte); }, "apcli0", 0x7B4, 32,
@@ -160,16 +165,19 @@ TEST_F(PlatformMtk, AsksTheDriverAndReleasesEverythingOnEveryPath) {
         SCOPED_TRACE(operation.name);
         driver = {};
         driver.socket_fails = true;
-        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }), ElementsAre(operation.socket_error));
+        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }),
+                    ElementsAre(operation.socket_error));
         EXPECT_EQ(driver.calls, 0);
 
         driver = {};
         driver.error = ENODEV;
-        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }), ElementsAre(operation.ioctl_error));
+        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }),
+                    ElementsAre(operation.ioctl_error));
 
         driver = {};
         driver.answered = static_cast<int>(operation.length / 512); // 0, or half of the table's header
-        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }), ElementsAre(HasSubstr("short answer")));
+        EXPECT_THAT(logged_messages([&] { EXPECT_EQ(operation.run(), 0); }),
+                    ElementsAre(HasSubstr("short answer")));
 
         EXPECT_EQ(temperature, 77) << "a failure leaves the result alone";
         EXPECT_EQ(number, 77U);
@@ -233,7 +241,8 @@ TEST_F(PlatformMtk, ConvertsTheAnswers) {
     EXPECT_EQ(wlan_get_channel_util("apcli0", &byte, 2, 1), 1);
     EXPECT_EQ(byte, 165);
 
-    const std::pair<uint8_t, uint32_t> bandwidths[] = {{0, 20}, {1, 40}, {2, 80}, {3, 160}, {4, 0}, {5, 0}, {255, 0}};
+    const std::pair<uint8_t, uint32_t> bandwidths[] = {{0, 20}, {1, 40}, {2, 80}, {3, 160},
+                                                       {4, 0},  {5, 0},  {255, 0}};
     for (const auto &[code, megahertz] : bandwidths) {
         driver.answer = {code};
         const auto said = logged_messages([] {
@@ -244,7 +253,8 @@ TEST_F(PlatformMtk, ConvertsTheAnswers) {
         EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 1);
         EXPECT_EQ(number, megahertz) << +code;
     }
-    const std::pair<uint32_t, uint32_t> phymodes[] = {{0, 3}, {1, 0}, {2, 1}, {3, 2}, {4, 6}, {5, 5}, {65535, 5}};
+    const std::pair<uint32_t, uint32_t> phymodes[] = {{0, 3}, {1, 0}, {2, 1},    {3, 2},
+                                                      {4, 6}, {5, 5}, {65535, 5}};
     for (const auto &[code, reported] : phymodes)
         EXPECT_EQ(fix_phymode(code), reported) << code;
 
@@ -271,14 +281,21 @@ TEST_F(PlatformMtk, NamesInterfaces) {
         int band, type;
         const char *expected; // null: refused
         const char *message;
-    } cases[] = {{0, 0, "ra2", ""},       {0, 1, "ra4", ""},          {0, 2, "ra5", ""},
-                 {1, 0, "rax2", ""},      {1, 1, "rax4", ""},         {1, 2, "rax5", ""},
-                 {2, 0, nullptr, "Error band : 2"}, {-1, 1, nullptr, "Error band : -1"},
-                 {0, 3, nullptr, "Error network_type : 3"}, {1, -1, nullptr, "Error network_type : -1"}};
+    } cases[] = {{0, 0, "ra2", ""},
+                 {0, 1, "ra4", ""},
+                 {0, 2, "ra5", ""},
+                 {1, 0, "rax2", ""},
+                 {1, 1, "rax4", ""},
+                 {1, 2, "rax5", ""},
+                 {2, 0, nullptr, "Error band : 2"},
+                 {-1, 1, nullptr, "Error band : -1"},
+                 {0, 3, nullptr, "Error network_type : 3"},
+                 {1, -1, nullptr, "Error network_type : -1"}};
     for (const auto &one : cases) {
         char name[16] = "before";
-        const auto said = logged_messages(
-            [&] { EXPECT_EQ(wlan_get_band_if_name(one.band, one.type, name, sizeof(name)), one.expected ? 1 : 0); });
+        const auto said = logged_messages([&] {
+            EXPECT_EQ(wlan_get_band_if_name(one.band, one.type, name, sizeof(name)), one.expected ? 1 : 0);
+        });
         EXPECT_STREQ(name, one.expected ? one.expected : "before");
         EXPECT_EQ(said.size(), one.expected ? 0U : 1U);
         if (one.expected == nullptr) {
@@ -342,8 +359,8 @@ TEST_F(PlatformMtk, AppendsStationsWithinEveryBound) {
 }
 
 TEST_F(PlatformMtk, ReadsTwoCharactersOfTheThermalZone) {
-    const std::pair<const char *, double> cases[] = {
-        {"45123\n", 45}, {"105000\n", 10}, {"7\n", 7}, {"-5000\n", -5}, {"", 0}, {"hot\n", 0}};
+    const std::pair<const char *, double> cases[] = {{"45123\n", 45}, {"105000\n", 10}, {"7\n", 7},
+                                                     {"-5000\n", -5}, {"", 0},          {"hot\n", 0}};
     for (const auto &[content, degrees] : cases) {
         root.write("/sys/class/thermal/thermal_zone0/temp", content);
         EXPECT_EQ(wlan_get_cpu_temperature(&temperature), 1);

@@ -101,12 +101,14 @@ TEST_F(WirelessInfo, ReportsEachNetworkAsItIsConfigured) {
               R"({"detail":[{"ctype":"2.4G","en":0},{"ctype":"5G","en":1,"em":0,"iso":1,"acn":44}]})");
     EXPECT_EQ(count, 7U);
 
-    EXPECT_EQ(collect(collect_wireless_iot_info), R"({"detail":[{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}]})")
+    EXPECT_EQ(collect(collect_wireless_iot_info),
+              R"({"detail":[{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}]})")
         << "a package that is not there";
     EXPECT_EQ(count, 4U);
     root.write_config("iot_wifi", "config wifi 'iot'\n\toption enable '1'\n\toption enc_type 'wpa'\n");
-    EXPECT_EQ(collect(collect_wireless_iot_info),
-              R"({"detail":[{"ctype":"2.4G","en":1,"em":-1,"acn":6},{"ctype":"5G","en":1,"em":-1,"acn":44}]})");
+    EXPECT_EQ(
+        collect(collect_wireless_iot_info),
+        R"({"detail":[{"ctype":"2.4G","en":1,"em":-1,"acn":6},{"ctype":"5G","en":1,"em":-1,"acn":44}]})");
     EXPECT_EQ(count, 8U);
 }
 
@@ -130,7 +132,8 @@ TEST_F(WirelessInfo, TurnsEverySettingIntoItsCode) {
     } cases[] = {
         {"option enable '1'", "option enable '0'", R"([{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}])"},
         {"option enable '1'", "option enable 'on'", R"([{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}])"},
-        {"option enable_2g '1'", "option enable_2g 'yes'", R"([{"ctype":"2.4G","en":0},{"ctype":"5G","en":1,)"},
+        {"option enable_2g '1'", "option enable_2g 'yes'",
+         R"([{"ctype":"2.4G","en":0},{"ctype":"5G","en":1,)"},
         {"option enable_2g '1'", "option enable_5g '0'", R"({"ctype":"5G","en":0}])"},
         {"option enc_type 'wpa3+wpa2'", "option enc_type 'none'", R"("em":0,)"},
         {"option enc_type 'wpa3+wpa2'", "option enc_type 'wpa2'", R"("em":1,)"},
@@ -162,13 +165,15 @@ TEST_F(WirelessInfo, LeavesOutWhatCannotBeRead) {
     EXPECT_EQ(text, R"({"detail":[{"ctype":"2.4G","en":1,"cn":0,"bw":40,"em":4,"acn":6},)"
                     R"({"ctype":"5G","en":1,"cn":44,"bw":0,"em":4}]})");
     EXPECT_EQ(count, 11U);
-    EXPECT_THAT(said, ElementsAre("uci read wifi ap hidessid failed", "get ssid len failed!", "get sl failed",
-                                  "get ssid type failed!", "get st failed", "uci read wifi ap hidessid failed",
-                                  "get bandwidth failed!", "get ssid len failed!", "get sl failed",
-                                  "get ssid type failed!", "get st failed"));
+    EXPECT_THAT(said,
+                ElementsAre("uci read wifi ap hidessid failed", "get ssid len failed!", "get sl failed",
+                            "get ssid type failed!", "get st failed", "uci read wifi ap hidessid failed",
+                            "get bandwidth failed!", "get ssid len failed!", "get sl failed",
+                            "get ssid type failed!", "get st failed"));
 
     root.write_config("wifi", std::string(200000, 'x'));
-    EXPECT_EQ(collect(collect_wireless_host_info), R"({"detail":[{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}]})");
+    EXPECT_EQ(collect(collect_wireless_host_info),
+              R"({"detail":[{"ctype":"2.4G","en":0},{"ctype":"5G","en":0}]})");
 }
 
 } // namespace

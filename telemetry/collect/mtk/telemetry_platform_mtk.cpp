@@ -17,7 +17,7 @@
 
 static_assert(kMtkPrivateRequest == SIOCIWFIRSTPRIV + 1);
 
-// One kind of question. The messages take the operation's name as their argument; a text without "%s" ignores it.
+// One kind of question. The messages take the operation's name; a text without "%s" ignores it.
 struct MtkRequest {
     uint16_t subcommand;
     uint16_t length; // of the answer, bytes
@@ -28,15 +28,15 @@ struct MtkRequest {
 static constexpr MtkRequest kDeviceTemperature = {MTK_DEVICE_TEMPERATURE, sizeof(int32_t),
                                                   "%s: create socket error", "%s: ioctl error"};
 static constexpr MtkRequest kChannelUtil = {MTK_CHANNEL_UTIL, 1, "create socket error", "%s: ioctl error"};
-static constexpr MtkRequest kStationTable = {MTK_STATION_TABLE, sizeof(MtkStationTable), "%s: creat socket failed",
-                                             "%s: ioctl failed."};
+static constexpr MtkRequest kStationTable = {MTK_STATION_TABLE, sizeof(MtkStationTable),
+                                             "%s: creat socket failed", "%s: ioctl failed."};
 static constexpr MtkRequest kApChannel = {MTK_AP_CHANNEL, 1, "%s: create socket error", "%s: ioctl error"};
 static constexpr MtkRequest kBandwidth = {MTK_BANDWIDTH, 1, "%s: create socket error", "%s: ioctl error"};
-static constexpr MtkRequest kUplinkRate = {MTK_UPLINK_RATE, sizeof(MtkUplinkRecord), "%s: creat socket failed",
-                                           "%s: ioctl failed."};
+static constexpr MtkRequest kUplinkRate = {MTK_UPLINK_RATE, sizeof(MtkUplinkRecord),
+                                           "%s: creat socket failed", "%s: ioctl failed."};
 
-// Puts one question to the driver of `ifname` for `operation`; the answer goes to `answer` (request.length bytes).
-// With `answered` its length in bytes is told; without, a short answer is a failure.
+// Puts one question to the driver of `ifname` for `operation`; the answer goes to `answer` (request.length
+// bytes). With `answered` its length in bytes is told; without, a short answer is a failure.
 static bool driver_request(const MtkRequest &request, const char *operation, const char *ifname, void *answer,
                            size_t *answered = nullptr) {
     const FdHandle fd(socket(AF_INET, SOCK_DGRAM, 0));
@@ -216,13 +216,15 @@ int wlan_get_wifi_bandwidth_mtk(uint32_t *bandwidth) {
     if (!driver_request(kBandwidth, __func__, kInterface, &code))
         return 0;
     *bandwidth = fix_bandwidth(code);
-    LOG_DEBUG("%s %d: ifname = %s, bandwidth = %d", __func__, __LINE__, kInterface, static_cast<int>(*bandwidth));
+    LOG_DEBUG("%s %d: ifname = %s, bandwidth = %d", __func__, __LINE__, kInterface,
+              static_cast<int>(*bandwidth));
     return 1;
 }
 
-// Stations of an answer that can be kept: the smallest of the driver's count, the whole entries in `answered` bytes
-// of its table, and the room of the list behind `used` entries.
-static uint32_t station_room(const MtkStationTable &table, size_t answered, const ClientStaList &list, uint32_t used) {
+// Stations of an answer that can be kept: the smallest of the driver's count, the whole entries in `answered`
+// bytes of its table, and the room of the list behind `used` entries.
+static uint32_t station_room(const MtkStationTable &table, size_t answered, const ClientStaList &list,
+                             uint32_t used) {
     const size_t header = offsetof(MtkStationTable, stations);
     const size_t whole = answered > header ? (answered - header) / sizeof(MtkStationEntry) : 0;
     const uint32_t room = list.stations != nullptr && list.capacity > used ? list.capacity - used : 0;
@@ -248,14 +250,16 @@ int wlan_get_band_client_sta_info_mtk(const char *ifname, ClientStaList *list, u
     }
     const uint32_t kept = station_room(*table, answered, *list, *count);
     if (kept < table->count)
-        LOG_ERROR("%s: ifname = %s, the driver tells %d stations, kept %u", __func__, ifname, table->count, kept);
+        LOG_ERROR("%s: ifname = %s, the driver tells %d stations, kept %u", __func__, ifname, table->count,
+                  kept);
     for (uint32_t i = 0; i < kept; i++) {
         const MtkStationEntry &station = table->stations[i];
         const uint8_t *mac = station.mac;
-        LOG_DEBUG("%s %d: ifname = %s, txrate = %lu, rxrate = %lu, pymode = %d, mac=%02x:%02x:%02x:%02x:%02x:%02x ",
-                  __func__, __LINE__, ifname, static_cast<unsigned long>(station.tx),
-                  static_cast<unsigned long>(station.rx), station.phymode, mac[0], mac[1], mac[2], mac[3], mac[4],
-                  mac[5]);
+        LOG_DEBUG(
+            "%s %d: ifname = %s, txrate = %lu, rxrate = %lu, pymode = %d, mac=%02x:%02x:%02x:%02x:%02x:%02x ",
+            __func__, __LINE__, ifname, static_cast<unsigned long>(station.tx),
+            static_cast<unsigned long>(station.rx), station.phymode, mac[0], mac[1], mac[2], mac[3], mac[4],
+            mac[5]);
         if (station.tx == 0)
             LOG_DEBUG("driver get rate fail!!!");
         ClientStaInfo &entry = list->stations[*count + i];
@@ -269,14 +273,14 @@ int wlan_get_band_client_sta_info_mtk(const char *ifname, ClientStaList *list, u
 }
 
 const WlanPlatformOps wlan_platform_ops_mtk = {
-    wlan_get_device_temperature_mtk,
-    wlan_get_cpu_temperature_mtk,
-    wlan_get_backhaul_ap_channel_mtk,
-    wlan_get_uplink_rate_mtk,
-    wlan_get_channel_util_mtk,
-    wlan_get_sta_if_name_mtk,
-    wlan_get_band_if_name_mtk,
-    wlan_get_wifi_bandwidth_mtk,
-    nullptr,
-    wlan_get_band_client_sta_info_mtk,
+    .get_device_temperature = wlan_get_device_temperature_mtk,
+    .get_cpu_temperature = wlan_get_cpu_temperature_mtk,
+    .get_backhaul_ap_channel = wlan_get_backhaul_ap_channel_mtk,
+    .get_uplink_rate = wlan_get_uplink_rate_mtk,
+    .get_channel_util = wlan_get_channel_util_mtk,
+    .get_sta_if_name = wlan_get_sta_if_name_mtk,
+    .get_band_if_name = wlan_get_band_if_name_mtk,
+    .get_wifi_bandwidth = wlan_get_wifi_bandwidth_mtk,
+    .reserved = nullptr,
+    .get_band_client_sta_info = wlan_get_band_client_sta_info_mtk,
 };

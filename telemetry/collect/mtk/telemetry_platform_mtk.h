@@ -1,5 +1,5 @@
 // The MediaTek driver's private request and the operations built on it. Collectors use the generic entries of
-// collect/wlan_platform.h; this header is for the operation table, the tests and the driver stand-in of the lab.
+// collect/wlan_platform.h; this header is for the operation table and the tests.
 #pragma once
 
 #include <cstddef>
