@@ -18,15 +18,15 @@ struct CollectModule {
 
 // In the order of a cycle, which is the order of its records.
 static constexpr CollectModule kModules[] = {
-    {"internet_info", nullptr},      {"ecomode_info", nullptr},
-    {"iptv_info", nullptr},          {"qos_info", nullptr},
-    {"quicksetup_info", nullptr},    {"client_info", nullptr},
-    {"device_info", nullptr},        {"system_info", nullptr},
-    {"wireless_host_info", nullptr}, {"wireless_guest_info", nullptr},
-    {"wireless_iot_info", nullptr},  {"cloud_info", nullptr},
-    {"advanced_info", nullptr},      {"restart_info", nullptr},
+    {"internet_info", collect_internet_info},      {"ecomode_info", collect_ecomode_info},
+    {"iptv_info", collect_iptv_info},          {"qos_info", collect_qos_info},
+    {"quicksetup_info", collect_quicksetup_info},    {"client_info", collect_client_list},
+    {"device_info", collect_device_list},        {"system_info", collect_system_info},
+    {"wireless_host_info", collect_wireless_host_info}, {"wireless_guest_info", collect_wireless_guest_info},
+    {"wireless_iot_info", collect_wireless_iot_info},  {"cloud_info", collect_cloud_info},
+    {"advanced_info", collect_advanced_info},      {"restart_info", collect_restart_info},
     {"usb_info", nullptr},           {"afc_info", nullptr},
-    {"havenguard_info_v2", nullptr},
+    {"havenguard_info_v2", collect_havenguard_v2_info},
 };
 static_assert(std::size(kModules) == 17);
 
