@@ -12,28 +12,35 @@
 #include "telemetry_utils.h"
 
 struct CollectModule {
-    const char *name;           // "eid" of its records
-    TelemetryCollector collect; // null: not there yet
+    const char *name; // "eid" of its records
+    TelemetryCollector collect;
 };
 
 // In the order of a cycle, which is the order of its records.
 static constexpr CollectModule kModules[] = {
-    {"internet_info", collect_internet_info},      {"ecomode_info", collect_ecomode_info},
-    {"iptv_info", collect_iptv_info},          {"qos_info", collect_qos_info},
-    {"quicksetup_info", collect_quicksetup_info},    {"client_info", collect_client_list},
-    {"device_info", collect_device_list},        {"system_info", collect_system_info},
-    {"wireless_host_info", collect_wireless_host_info}, {"wireless_guest_info", collect_wireless_guest_info},
-    {"wireless_iot_info", collect_wireless_iot_info},  {"cloud_info", collect_cloud_info},
-    {"advanced_info", collect_advanced_info},      {"restart_info", collect_restart_info},
-    {"usb_info", nullptr},           {"afc_info", nullptr},
+    {"internet_info", collect_internet_info},
+    {"ecomode_info", collect_ecomode_info},
+    {"iptv_info", collect_iptv_info},
+    {"qos_info", collect_qos_info},
+    {"quicksetup_info", collect_quicksetup_info},
+    {"client_info", collect_client_list},
+    {"device_info", collect_device_list},
+    {"system_info", collect_system_info},
+    {"wireless_host_info", collect_wireless_host_info},
+    {"wireless_guest_info", collect_wireless_guest_info},
+    {"wireless_iot_info", collect_wireless_iot_info},
+    {"cloud_info", collect_cloud_info},
+    {"advanced_info", collect_advanced_info},
+    {"restart_info", collect_restart_info},
+    {"usb_info", collect_usb_info},
+    {"afc_info", collect_afc_info},
     {"havenguard_info_v2", collect_havenguard_v2_info},
 };
 static_assert(std::size(kModules) == 17);
 
 static constexpr uint32_t kCollectCountWrap = 2147483647;
 
-// --- The list
-// -----------------------------------------------------------------------------------------------------
+// --- The list ----------------------------------------------------------------------------------------------
 
 int collect_list_exceeds(const TelemetryCtx *ctx, size_t limit) {
     if (ctx == nullptr)
@@ -91,8 +98,7 @@ void telemetry_clear_collect_list(TelemetryCtx *ctx) {
     ctx->collect_list = nullptr;
 }
 
-// --- The cycle
-// ----------------------------------------------------------------------------------------------------
+// --- The cycle ---------------------------------------------------------------------------------------------
 
 // Takes the payload, also when the record cannot be completed.
 static bool complete_record(cJSON *record, const char *module, time_t collected_at, JsonPtr payload,
@@ -133,16 +139,6 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     ctx->data_collect_count += count;
 }
 
-// A module without collector reports nothing. It is named once, when somebody reads debug lines.
-static void skip_module(size_t index) {
-    static uint32_t named;
-    const uint32_t bit = 1u << index;
-    if ((named & bit) != 0 || !telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
-        return;
-    named |= bit;
-    LOG_DEBUG("%s has no collector", kModules[index].name);
-}
-
 void telemetry_collect_all_modules(TelemetryCtx *ctx) {
     if (ctx == nullptr) {
         LOG_ERROR("param error");
@@ -150,12 +146,8 @@ void telemetry_collect_all_modules(TelemetryCtx *ctx) {
     }
     // A snapshot in parts is used as it is: each collector copes with what is missing.
     telemetry_pre_collect_info(ctx);
-    for (size_t i = 0; i < std::size(kModules); i++) {
-        if (kModules[i].collect == nullptr)
-            skip_module(i);
-        else
-            telemetry_collect_data_by_module(ctx, ctx->collect_list, kModules[i].name, kModules[i].collect);
-    }
+    for (const CollectModule &module : kModules)
+        telemetry_collect_data_by_module(ctx, ctx->collect_list, module.name, module.collect);
     telemetry_free_pre_collect_info();
 }
 

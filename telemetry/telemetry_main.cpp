@@ -21,8 +21,7 @@ static constexpr int kOptionSize = 2048;
 static constexpr int kAccessTextSize = 128;
 static constexpr int kIdentitySize = 65;
 
-// --- Output and heartbeat
-// -----------------------------------------------------------------------------------------
+// --- Output and heartbeat ----------------------------------------------------------------------------------
 
 int telemetry_redirect_output(const char *path) {
     const std::string target = telemetry_path(path);
@@ -59,8 +58,7 @@ void telemetry_remove_heartbeat_timeout_file() {
         LOG_ERROR("remove %s failed", kHeartbeatTimeoutPath);
 }
 
-// --- Steps of telemetry_init_ctx
-// ----------------------------------------------------------------------------------
+// --- Steps of telemetry_init_ctx ---------------------------------------------------------------------------
 
 int telemetry_init_collect_param(TelemetryCtx *ctx) {
     if (ctx == nullptr) {
@@ -247,8 +245,7 @@ int telemetry_init_timers(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- The whole
-// ----------------------------------------------------------------------------------------------------
+// --- The whole ---------------------------------------------------------------------------------------------
 
 struct InitStep {
     int (*run)(TelemetryCtx *ctx);
