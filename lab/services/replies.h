@@ -1,0 +1,24 @@
+// What the services of a node answer, from the scenario.
+#pragma once
+
+#include "lab_scenario.h"
+#include "platform.h"
+
+namespace lab {
+
+// Fills the reply of one method as node `self` of the scenario gives it.
+using ReplyBuilder = void (*)(const Scenario &scenario, const ScenarioNode &self, blob_buf *reply);
+
+struct ServiceMethod {
+    const char *object;
+    const char *method;
+    ReplyBuilder build; // null: forwarded to other nodes
+    const char *needs;  // member of the node that must be there, path in dots; null: always there
+};
+
+extern const ServiceMethod kServiceMethods[8];
+
+// Whether the node of the scenario has the method's service.
+bool service_is_there(const ServiceMethod &method, const ScenarioNode &self);
+
+} // namespace lab
