@@ -1,6 +1,7 @@
 // LD_PRELOAD for the daemon: its monotonic clock runs ahead of the machine's by what the first 8 bytes of
 // $LAB_CLOCK_FILE say (ms, signed, this machine's byte order). A test moves it, and whatever is due by then
-// happens at once: retries, upload intervals, time-outs. The wall clock stays.
+// happens at once: retries, upload intervals, time-outs. The wall clock is the machine's; with $LAB_WALL_TIME
+// (seconds since the epoch) it stands at that time and moves with the other one only.
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -20,6 +21,7 @@ constexpr int kMaxWaitMs = 10;
 constexpr unsigned kSleepScale = 50;
 
 const std::atomic<int64_t> *ahead_ms;
+int64_t wall_start_ms = -1; // -1: the machine's wall clock
 
 __attribute__((constructor)) void map_clock_file() {
     const char *path = getenv("LAB_CLOCK_FILE");
@@ -30,13 +32,34 @@ __attribute__((constructor)) void map_clock_file() {
     close(fd);
     if (mapped != MAP_FAILED)
         ahead_ms = static_cast<const std::atomic<int64_t> *>(mapped);
+    const char *wall = getenv("LAB_WALL_TIME");
+    if (ahead_ms != nullptr && wall != nullptr)
+        wall_start_ms = strtoll(wall, nullptr, 10) * 1000;
+}
+
+int64_t wall_ms() {
+    return wall_start_ms + ahead_ms->load(std::memory_order_relaxed);
 }
 
 } // namespace
 
 extern "C" {
 
+time_t time(time_t *now) noexcept {
+    timespec machine = {};
+    if (wall_start_ms < 0)
+        syscall(SYS_clock_gettime, CLOCK_REALTIME, &machine);
+    const time_t seconds = wall_start_ms < 0 ? machine.tv_sec : static_cast<time_t>(wall_ms() / 1000);
+    if (now != nullptr)
+        *now = seconds;
+    return seconds;
+}
+
 int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    if (clock == CLOCK_REALTIME && wall_start_ms >= 0) {
+        *now = {static_cast<time_t>(wall_ms() / 1000), static_cast<long>(wall_ms() % 1000 * 1000000)};
+        return 0;
+    }
     const long result = syscall(SYS_clock_gettime, clock, now);
     const bool monotonic = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_RAW;
     if (result == 0 && monotonic && ahead_ms != nullptr) {
