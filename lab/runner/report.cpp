@@ -201,8 +201,8 @@ std::string any_list_table(const cJSON *list, const NamesByDigest &names) {
     cJSON_ArrayForEach(entry, list) {
         cJSON_ArrayForEach(item, entry) {
             const char *key = item->string;
-            if (std::none_of(columns.begin(), columns.end(), [&](const Column &c) { return !strcmp(c.key, key); }))
-                columns.push_back({key, key, ""});
+            if (std::none_of(columns.begin(), columns.end(), [&](const Column &c) { return !strcmp(c.heading, key); }))
+                columns.push_back({key, strcmp(key, "dm") == 0 ? "#dm" : key, ""});
         }
     }
     return "    " + std::string(list->string) + "\n" + list_table(list, columns, names);
