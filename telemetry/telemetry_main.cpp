@@ -191,9 +191,9 @@ static constexpr IdentityCommand kIdentityCommands[] = {
     {"getfirm MAC", &TelemetryCtx::dev_mac, "shell_get_value device_model error"},
 };
 
-static bool is_printable(const char *text) {
+static bool is_plain_ascii(const char *text) {
     for (; *text != '\0'; text++)
-        if (static_cast<unsigned char>(*text) < ' ' || *text == 0x7f)
+        if (static_cast<signed char>(*text) < ' ' || *text == 0x7f)
             return false;
     return true;
 }
@@ -211,8 +211,8 @@ static int read_identity(const IdentityCommand &row, char (&text)[kIdentitySize]
     }
     if (text[0] == '\0')
         LOG_ERROR("%s prints nothing", row.command);
-    if (!is_printable(text))
-        LOG_ERROR("%s prints control characters", row.command);
+    if (!is_plain_ascii(text))
+        LOG_ERROR("%s prints bytes that are no plain text", row.command);
     return 0;
 }
 

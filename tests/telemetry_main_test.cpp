@@ -221,7 +221,8 @@ TEST_F(TelemetryMain, WhateverTheFirmwareToolPrintsFits) {
     } cases[] = {
         {"printf '%5000s' x", std::string(64, ' '), "getfirm MAC prints more than 64 characters"},
         {"true", "", "getfirm MAC prints nothing"},
-        {"printf 'a\\001b\\000c'", "A\001B", "getfirm MAC prints control characters"},
+        {"printf 'a\\001b\\000c'", "A\001B", "getfirm MAC prints bytes that are no plain text"},
+        {"printf '\\377\\200'", "\xff\x80", "getfirm MAC prints bytes that are no plain text"},
         {"head -c 5000 /dev/zero", "", "getfirm MAC prints nothing"},
         {"printf '%64s' x", std::string(63, ' ') + "X", nullptr},
         {"printf '%65s' x", std::string(64, ' '), "getfirm MAC prints more than 64 characters"},
