@@ -1,5 +1,5 @@
-// A command over the bus: `telemetry` `toggle_debug`, called 10,000 times by one client that waits for each answer. Bus
-// daemon and daemon are processes of their own, with a root directory of their own.
+// A command over the bus: `telemetry` `toggle_debug`, called 10,000 times by one client that waits for each
+// answer. Bus daemon and daemon are processes of their own, with a root directory of their own.
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -66,11 +66,13 @@ static void toggle_debug(benchmark::State &state) {
     const double cpu_before = daemon.cpu_ns();
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        if (ubus_invoke(client.get(), id, "toggle_debug", arguments.head(), nullptr, nullptr, 3000) != UBUS_STATUS_OK) {
+        if (ubus_invoke(client.get(), id, "toggle_debug", arguments.head(), nullptr, nullptr, 3000) !=
+            UBUS_STATUS_OK) {
             state.SkipWithError("the call failed");
             break;
         }
-        times_us.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+        times_us.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
     }
     if (times_us.empty())
         return;

@@ -1,5 +1,5 @@
-// Every method of the bus object with arbitrary message bytes: the first byte picks the method, the rest is the content
-// of the call's data. The handlers answer over a real connection to a bus that knows no services.
+// Every method of the bus object with arbitrary message bytes: the first byte picks the method, the rest is
+// the content of the call's data. The handlers answer over a real connection to a bus that knows no services.
 #include "telemetry_ubus.h"
 
 #include <cstdarg>
@@ -23,7 +23,7 @@
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 
-// --- The platform: no waiting, no driver, and commands that only show what would reach a shell -------------------------
+// --- The platform: no waiting, no driver, and commands that only show what would reach a shell -------------
 
 extern "C" unsigned sleep(unsigned) {
     return 0;
@@ -50,7 +50,7 @@ extern "C" int pclose(FILE *stream) {
     return fclose(stream);
 }
 
-// --- The bus: greets, registers, and finds nothing --------------------------------------------------------------------
+// --- The bus: greets, registers, and finds nothing ---------------------------------------------------------
 
 static void put_u32(std::string *bytes, uint32_t value) {
     for (int shift = 24; shift >= 0; shift -= 8)
@@ -65,7 +65,8 @@ static uint32_t get_u32(const std::string &bytes, size_t at) {
 }
 
 // A frame of one type whose attributes are 32-bit integers; `address` is the sequence number and the peer.
-static std::string frame(uint8_t type, const std::string &address, const std::map<uint32_t, uint32_t> &attributes) {
+static std::string frame(uint8_t type, const std::string &address,
+                         const std::map<uint32_t, uint32_t> &attributes) {
     std::string bytes{'\0', static_cast<char>(type)};
     bytes += address;
     put_u32(&bytes, static_cast<uint32_t>(4 + 8 * attributes.size()));
@@ -145,7 +146,8 @@ static int start_daemon_on_bus() {
     address.sun_family = AF_UNIX;
     copy_text(address.sun_path, telemetry_path(kBusSocketPath).c_str());
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 || listen(listener, 16) != 0)
+    if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+        listen(listener, 16) != 0)
         abort();
     std::thread(serve_bus, listener).detach();
     if (freopen("/dev/null", "w", stdout) == nullptr)
@@ -175,7 +177,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ubus_request_data request = {};
     request.object = object->id;
     request.peer = 4321;
-    const int status = method.handler(fuzz_bus, const_cast<ubus_object *>(object), &request, method.name, message);
+    const int status =
+        method.handler(fuzz_bus, const_cast<ubus_object *>(object), &request, method.name, message);
     if (status != UBUS_STATUS_OK && status != UBUS_STATUS_INVALID_ARGUMENT)
         abort();
     if (telemetry_debug_level > TELEMETRY_LOG_ERROR)

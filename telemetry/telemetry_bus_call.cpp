@@ -15,8 +15,9 @@ static void pass_reply_on(ubus_request *request, int, blob_attr *message) {
         pending->reply(message, pending->user);
 }
 
-TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method, blob_attr *arguments,
-                                     int timeout_ms, TelemetryBusReply reply, void *user) {
+TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method,
+                                     blob_attr *arguments, int timeout_ms, TelemetryBusReply reply,
+                                     void *user) {
     const BusContextPtr bus(ubus_connect(socket));
     if (!bus)
         return TELEMETRY_BUS_NO_CONNECTION;

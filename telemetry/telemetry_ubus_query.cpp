@@ -1,5 +1,5 @@
-// The bus methods that answer the main node's queries: each measures this node and replies with what it found, then
-// "err_code", -1 when a part of it could not be had.
+// The bus methods that answer the main node's queries: each measures this node and replies with what it
+// found, then "err_code", -1 when a part of it could not be had.
 #include "telemetry_ubus.h"
 
 #include <algorithm>
@@ -17,8 +17,8 @@
 #include "telemetry_pre_collect.h"
 #include "telemetry_utils.h"
 
-// Stations of one radio interface that the driver can report, and the interfaces that are asked: four network types on
-// each of two bands.
+// Stations of one radio interface that the driver can report, and the interfaces that are asked: four network
+// types on each of two bands.
 static constexpr uint32_t kStationsPerInterface = 64;
 static constexpr uint32_t kStationRoom = 2 * 4 * kStationsPerInterface;
 
@@ -41,14 +41,15 @@ static uint32_t to_int32(double number) {
     return static_cast<uint32_t>(std::clamp<int64_t>(whole, INT32_MIN, INT32_MAX));
 }
 
-// --- Clients ------------------------------------------------------------------------------------------------------
+// --- Clients -----------------------------------------------------------------------------------------------
 
 // Devices with several links are known by their multi-link address.
 static void add_station(blob_buf *reply, const ClientStaInfo &station) {
     char digits[13] = "";
     char mac[18] = "";
     const uint8_t *address = station.is_mlo == 1 ? station.mld_mac : station.mac;
-    if (mac_uint8_to_char(digits, sizeof(digits), address, 6) != 0 || mac_to_upper_short_line(mac, digits) != 0)
+    if (mac_uint8_to_char(digits, sizeof(digits), address, 6) != 0 ||
+        mac_to_upper_short_line(mac, digits) != 0)
         return;
     void *table = blobmsg_open_table(reply, nullptr);
     blobmsg_add_string(reply, "mac_addr", mac);
@@ -87,7 +88,7 @@ int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- System -------------------------------------------------------------------------------------------------------
+// --- System ------------------------------------------------------------------------------------------------
 
 namespace {
 struct SystemMember {
@@ -140,9 +141,10 @@ int ubus_collect_system_info(ubus_context *bus, ubus_object *, ubus_request_data
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- USB and AFC --------------------------------------------------------------------------------------------------
+// --- USB and AFC -------------------------------------------------------------------------------------------
 
-int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                          blob_attr *) {
     const std::unique_ptr<UsbInfoRecord> record(new (std::nothrow) UsbInfoRecord());
     if (!record) {
         LOG_ERROR("malloc system info failed");
@@ -161,7 +163,8 @@ int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *r
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                          blob_attr *) {
     const JsonPtr object(cJSON_CreateObject());
     if (!object) {
         LOG_ERROR("Failed to create JSON object");
@@ -181,14 +184,15 @@ int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *r
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- Device -------------------------------------------------------------------------------------------------------
+// --- Device ------------------------------------------------------------------------------------------------
 
 enum { ADDRESS_ARGUMENT, ADDRESS_ARGUMENT_COUNT };
 static constexpr blobmsg_policy kAddressArguments[ADDRESS_ARGUMENT_COUNT] = {
     {"ip_ap_addr", BLOBMSG_TYPE_STRING},
 };
 
-// The asking node's address, or null after logging why. It becomes part of a command, so it has to be an address.
+// The asking node's address, or null after logging why. It becomes part of a command, so it has to be an
+// address.
 static const char *parse_asking_address(blob_attr *message) {
     blob_attr *arguments[ADDRESS_ARGUMENT_COUNT] = {};
     if (message == nullptr ||
@@ -214,7 +218,8 @@ static bool add_wired_ports(blob_buf *reply) {
     int32_t used = -1;
     WiredPortInfo ports[kWiredPortCount] = {};
     // Only the main node has a port that is always in use: its WAN port.
-    const bool found = telemetry_collect_wired_port_num(&used, ports, kWiredPortCount, check_if_device_is_FAP()) == 0;
+    const bool found =
+        telemetry_collect_wired_port_num(&used, ports, kWiredPortCount, check_if_device_is_FAP()) == 0;
     if (!found)
         LOG_ERROR("get wired port num  failed");
     int count = kWiredPortCount;
@@ -240,7 +245,8 @@ static bool add_link_texts(blob_buf *reply, const char *asking_address) {
         complete = false;
     }
     char ping_delay[128] = "";
-    const auto ping = strchr(asking_address, ':') != nullptr ? telemetry_ping_delay_v6 : telemetry_ping_delay_v4;
+    const auto ping =
+        strchr(asking_address, ':') != nullptr ? telemetry_ping_delay_v6 : telemetry_ping_delay_v4;
     if (ping(ping_delay, asking_address) != 0) {
         LOG_ERROR("get ping delay info failed");
         complete = false;

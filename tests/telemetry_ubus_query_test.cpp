@@ -1,5 +1,5 @@
-// The answers to the main node's queries, byte for byte, from a root directory, services on the bus and a driver in the
-// place of a node's own.
+// The answers to the main node's queries, byte for byte, from a root directory, services on the bus and a
+// driver in the place of a node's own.
 #include "telemetry_ubus.h"
 
 #include <cstdarg>
@@ -25,7 +25,7 @@ extern "C" unsigned sleep(unsigned) {
     return 0;
 }
 
-// --- The driver: two stations behind "rax2", an uplink, a channel; interfaces of other names are refused ---------------
+// --- The driver: two stations behind "rax2", an uplink, a channel; interfaces of other names are refused ---
 
 static bool driver_answers;
 
@@ -79,11 +79,12 @@ extern "C" int ioctl(int, unsigned long request, ...) noexcept {
     }
 }
 
-// --- The services: a process of their own, since the daemon's calls wait for nothing but their answer ------------------
+// --- The services: a process of their own, since the daemon's calls wait for nothing but their answer ------
 
 static int client_num_of_service;
 
-static int answer_get_myself(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+static int answer_get_myself(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                             blob_attr *) {
     BlobBuffer reply;
     for (int i = 0; i < client_num_of_service; ++i) {
         void *table = blobmsg_open_table(reply.get(), ("client" + std::to_string(i)).c_str());
@@ -93,9 +94,11 @@ static int answer_get_myself(ubus_context *bus, ubus_object *, ubus_request_data
     return ubus_send_reply(bus, request, reply.head());
 }
 
-static int answer_lowpower(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+static int answer_lowpower(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                           blob_attr *) {
     BlobBuffer reply;
-    blobmsg_add_json_from_string(reply.get(), R"({"res":"success","associate_time":1700,"associate_duration":12})");
+    blobmsg_add_json_from_string(reply.get(),
+                                 R"({"res":"success","associate_time":1700,"associate_duration":12})");
     return ubus_send_reply(bus, request, reply.head());
 }
 
@@ -164,7 +167,8 @@ class TelemetryUbusQueryTest : public SysrootTest {
         if (telemetry_ubus_ctx() == nullptr)
             telemetry_init_ubus(&ctx);
         BusReply reply;
-        messages = logged_messages([&] { reply = LoopClient(bus.socket()).call("telemetry", method, arguments); });
+        messages =
+            logged_messages([&] { reply = LoopClient(bus.socket()).call("telemetry", method, arguments); });
         return reply;
     }
     BusReply call_with_services(const char *method) {
@@ -178,8 +182,9 @@ class TelemetryUbusQueryTest : public SysrootTest {
                                                 "config iface 'b'\n\toption type 'eth'\n\toption port '2'\n"
                                                 "config iface 'w'\n\toption type 'wifi'\n\toption port '9'\n"
                                                 "config iface 'c'\n\toption type 'eth'\n\toption port '3'\n");
-        root.write(kWirePortScript, "#!/bin/sh\ncase \"$1$2\" in\nwan_num) echo 3;;\nport_link_status2) echo 0;;\n"
-                                    "port_link_status*) echo 1;;\nport_speed1) echo 1000;;\n*) echo 100;;\nesac\n");
+        root.write(kWirePortScript,
+                   "#!/bin/sh\ncase \"$1$2\" in\nwan_num) echo 3;;\nport_link_status2) echo 0;;\n"
+                   "port_link_status*) echo 1;;\nport_speed1) echo 1000;;\n*) echo 100;;\nesac\n");
         std::filesystem::permissions(root.path(kWirePortScript), std::filesystem::perms::owner_all);
         root.add_command("getfirm", "echo 1.2");
         root.add_command("ping", "echo \"round-trip min/avg/max = 0.1/0.2/0.3 ms\"; echo \"$*\" >>$0.log");
@@ -193,9 +198,10 @@ class TelemetryUbusQueryTest : public SysrootTest {
 
 TEST_F(TelemetryUbusQueryTest, ClientsComeFromTheDriverWhenTheServiceKnowsAny) {
     client_num_of_service = 1; // the driver may know more
-    EXPECT_EQ(call_with_services("collect_client_info").json,
-              R"({"client_sta_list":[{"mac_addr":"02-00-00-00-00-A1","pymode":6,"ng_rxrate":600,"ng_txrate":1200},)"
-              R"({"mac_addr":"02-00-00-00-00-A2","pymode":6,"ng_rxrate":601,"ng_txrate":1201}],"err_code":0})");
+    EXPECT_EQ(
+        call_with_services("collect_client_info").json,
+        R"({"client_sta_list":[{"mac_addr":"02-00-00-00-00-A1","pymode":6,"ng_rxrate":600,"ng_txrate":1200},)"
+        R"({"mac_addr":"02-00-00-00-00-A2","pymode":6,"ng_rxrate":601,"ng_txrate":1201}],"err_code":0})");
 
     client_num_of_service = 256; // 0 in 8 bits
     EXPECT_THAT(call_with_services("collect_client_info").json, HasSubstr("02-00-00-00-00-A2"));
@@ -244,11 +250,13 @@ TEST_F(TelemetryUbusQueryTest, DeviceDataOfASatelliteAndOfTheMainNode) {
 
     // The main node's WAN port counts as used, and its speed is not read.
     root.write(kWorkModePath, R"({"work_mode":"FAP"})");
-    EXPECT_THAT(call("collect_device_info", R"({"ip_ap_addr":"192.168.0.1"})").json,
-                StartsWith(R"({"wired_port_used_num":2,"port_info":[{"port_num":1,"port_speed":1000},)"
-                           R"({"port_num":2,"port_speed":0},{"port_num":3,"port_speed":0}],"parent_mac":"",)"));
+    EXPECT_THAT(
+        call("collect_device_info", R"({"ip_ap_addr":"192.168.0.1"})").json,
+        StartsWith(R"({"wired_port_used_num":2,"port_info":[{"port_num":1,"port_speed":1000},)"
+                   R"({"port_num":2,"port_speed":0},{"port_num":3,"port_speed":0}],"parent_mac":"",)"));
 
-    EXPECT_THAT(call("collect_device_info", R"({"ip_ap_addr":"fd00::1"})").json, HasSubstr(R"("ping_delay":"0.300000")"));
+    EXPECT_THAT(call("collect_device_info", R"({"ip_ap_addr":"fd00::1"})").json,
+                HasSubstr(R"("ping_delay":"0.300000")"));
     EXPECT_EQ(root.read("/bin/ping6.log"), "-c 3 fd00::1\n");
 }
 
@@ -258,10 +266,13 @@ TEST_F(TelemetryUbusQueryTest, WhatCannotBeMeasuredIsSaidAndTheRestIsSent) {
     root.remove(kWorkModePath);
     driver_answers = false;
     const std::string reply = call("collect_device_info", R"({"ip_ap_addr":"192.168.0.1"})").json;
-    EXPECT_THAT(reply, StartsWith(R"({"wired_port_used_num":-1,"port_info":[],"parent_mac":"","ping_delay":"0.200000",)"
-                                  R"("hw_version":"1.2","backhaul_info":[{"backhaul_type":"2.4G","backhaul_rssi":0,)"));
+    EXPECT_THAT(
+        reply,
+        StartsWith(R"({"wired_port_used_num":-1,"port_info":[],"parent_mac":"","ping_delay":"0.200000",)"
+                   R"("hw_version":"1.2","backhaul_info":[{"backhaul_type":"2.4G","backhaul_rssi":0,)"));
     EXPECT_THAT(reply, HasSubstr(R"("mac":"0A-0B-0C-0D-0E-0F","err_code":-1})"));
-    for (const char *message : {"get wired port num  failed", "get parent mac failed", "get bakchaul info failed"})
+    for (const char *message :
+         {"get wired port num  failed", "get parent mac failed", "get bakchaul info failed"})
         EXPECT_THAT(messages, Contains(message));
 }
 
@@ -299,8 +310,10 @@ TEST_F(TelemetryUbusQueryTest, UsbReportsTheFirstDeviceThatIsNoHub) {
     const std::string mac = R"("mac":"0A-0B-0C-0D-0E-0F","err_code":0})";
     std::filesystem::create_directories(root.path(kBackupConfigDir));
     root.write_backup("");
-    EXPECT_EQ(call("collect_usb_info").json, R"({"usb_enable":0,"config_is_change":0,"usb_type":0,"vendor_id":"",)"
-                                             R"("product_id":"",)" + mac);
+    EXPECT_EQ(call("collect_usb_info").json,
+              R"({"usb_enable":0,"config_is_change":0,"usb_type":0,"vendor_id":"",)"
+              R"("product_id":"",)" +
+                  mac);
     const auto device = [&](const std::string &name, const char *device_class, const char *interface_class) {
         const std::string directory = std::string(kUsbDeviceDir) + "/" + name;
         root.write(directory + "/bDeviceClass", std::string(device_class) + "\n");
@@ -318,16 +331,19 @@ TEST_F(TelemetryUbusQueryTest, UsbReportsTheFirstDeviceThatIsNoHub) {
     // A modem that brings its own drive, and one with a broken id.
     device("1-1.2", "02", "08");
     root.write(std::string(kUsbDeviceDir) + "/1-1.2/idVendor", "$(id)\n");
-    EXPECT_EQ(call("collect_usb_info").json, R"({"usb_enable":1,"config_is_change":0,"usb_type":2,"vendor_id":"",)"
-                                             R"("product_id":"55a9",)" + mac);
+    EXPECT_EQ(call("collect_usb_info").json,
+              R"({"usb_enable":1,"config_is_change":0,"usb_type":2,"vendor_id":"",)"
+              R"("product_id":"55a9",)" +
+                  mac);
 }
 
 TEST_F(TelemetryUbusQueryTest, AfcStateLeavesOutWhatIsNoState) {
     const std::string tail = R"("mac":"0A-0B-0C-0D-0E-0F","err_code":0})";
     EXPECT_EQ(call("collect_afc_info").json, R"({"en":0,)" + tail);
     root.write_config("afc", "config afc 'afc'\n\toption enable '1'\n");
-    root.write(kAfcStatusPath, R"({"state":"granted","expires_in":3600,"location":{"lat":1.5},"channels":[)"
-                               R"({"op_class":131,"channel":5,"max_eirp":30.5},{"channel":"x"},{"channel":9}]})");
+    root.write(kAfcStatusPath,
+               R"({"state":"granted","expires_in":3600,"location":{"lat":1.5},"channels":[)"
+               R"({"op_class":131,"channel":5,"max_eirp":30.5},{"channel":"x"},{"channel":9}]})");
     EXPECT_EQ(call("collect_afc_info").json,
               R"({"en":1,"st":"granted","ex":3600,"cl":[{"oc":131,"ch":5,"pw":30.500000},{"ch":9}],)" + tail);
     for (const char *garbage : {"", "[1,2]", "{\"state\":", "\x01\x02"}) {

@@ -1,5 +1,5 @@
-// The bus object over a real bus: its methods and policies, every command's effect, hostile arguments, the state dump,
-// and the connection's loss and return.
+// The bus object over a real bus: its methods and policies, every command's effect, hostile arguments, the
+// state dump, and the connection's loss and return.
 #include "telemetry_ubus.h"
 
 #include <cstring>
@@ -82,11 +82,12 @@ TEST_F(TelemetryUbusTest, PublishesFourteenMethodsInOrderWithTheirArguments) {
         }
     };
     ASSERT_EQ(ubus_lookup(client.bus(), "telemetry", take, &signature), UBUS_STATUS_OK);
-    EXPECT_EQ(signature, "\"collect_now\":{}\n\"post_now\":{}\n\"clear\":{}\n\"toggle_debug\":{}\n\"set_debug\":{}\n"
-                         "\"print\":{}\n\"collect_all_next_time\":{}\n\"collect_stgy2_and_post_now\":{}\n"
-                         "\"collect_client_info\":{}\n\"collect_system_info\":{}\n\"collect_usb_info\":{}\n"
-                         "\"collect_afc_info\":{}\n\"debug\":{\"level\":3}\n"
-                         "\"collect_device_info\":{\"ip_ap_addr\":3}\n");
+    EXPECT_EQ(signature,
+              "\"collect_now\":{}\n\"post_now\":{}\n\"clear\":{}\n\"toggle_debug\":{}\n\"set_debug\":{}\n"
+              "\"print\":{}\n\"collect_all_next_time\":{}\n\"collect_stgy2_and_post_now\":{}\n"
+              "\"collect_client_info\":{}\n\"collect_system_info\":{}\n\"collect_usb_info\":{}\n"
+              "\"collect_afc_info\":{}\n\"debug\":{\"level\":3}\n"
+              "\"collect_device_info\":{\"ip_ap_addr\":3}\n");
     EXPECT_STREQ(telemetry_ubus_object()->type->name, "telemetry");
 }
 
@@ -179,7 +180,8 @@ TEST_F(TelemetryUbusTest, ToggleSilencesEverythingAndBringsItBack) {
                 }),
                 IsEmpty());
     call("toggle_debug");
-    EXPECT_THAT(logged_messages([&] { call("debug", R"({"level":"loud"})"); }), ElementsAre(HasSubstr("param error")));
+    EXPECT_THAT(logged_messages([&] { call("debug", R"({"level":"loud"})"); }),
+                ElementsAre(HasSubstr("param error")));
 }
 
 TEST_F(TelemetryUbusTest, PrintShowsContextListAndSlotsUnderItsOwnPrefix) {
@@ -219,21 +221,23 @@ TEST_F(TelemetryUbusTest, PrintShowsContextListAndSlotsUnderItsOwnPrefix) {
     }
     std::string slots;
     for (int i = 1; i < kPostRequestCount; ++i)
-        slots += "[post request " + std::to_string(i) +
-                 "]\nused: 0\nurl: \nrequest status: 0\nfinished: 0\nrequest buffer: \nrequest buffer len: 0\n"
-                 "request data len: 0\nreceive buffer: \nreceive buffer len: 0\nreceive data len: 0\n";
-    EXPECT_EQ(messages, "-----------telemetry ctx start-----------\ndev id: " + std::string(65, 'd') +
-                            "\nhw id: HW\ndev mac: AABBCCDDEEFF\nhw version: \nfirmware: \nmodel: \nstrategyId: s-1\n"
-                            "post api: \naccess key: \naccess secret: %s%n\npost state: 3\ndata_collect_count: 2\n"
-                            "collect_count: 0\ncollect_interval_strategy1: 0\ncollect_interval_strategy2: 0\n"
-                            "post_interval: 60000\npost retry count: 0\npost_retry_interval: 0\n"
-                            "-----------telemetry ctx end-----------\n-----------telemetry data start-----------\n"
-                            "backup data total str len: 21\n[{\n\t\t\"eid\":\t\"x\",\n\t\t\"cnt\":\t2\n\t}]\n"
-                            "-----------telemetry data end-----------\n-----------telemetry post start-----------\n"
-                            "[post request 0]\nused: 1\nurl: https://host/path\nrequest status: 2\nfinished: 0\n"
-                            "request buffer: body\nrequest buffer len: 1024\nrequest data len: 4\nreceive buffer: \n"
-                            "receive buffer len: 0\nreceive data len: 0\n" +
-                            slots + "-----------telemetry post end-----------\n");
+        slots +=
+            "[post request " + std::to_string(i) +
+            "]\nused: 0\nurl: \nrequest status: 0\nfinished: 0\nrequest buffer: \nrequest buffer len: 0\n"
+            "request data len: 0\nreceive buffer: \nreceive buffer len: 0\nreceive data len: 0\n";
+    EXPECT_EQ(messages,
+              "-----------telemetry ctx start-----------\ndev id: " + std::string(65, 'd') +
+                  "\nhw id: HW\ndev mac: AABBCCDDEEFF\nhw version: \nfirmware: \nmodel: \nstrategyId: s-1\n"
+                  "post api: \naccess key: \naccess secret: %s%n\npost state: 3\ndata_collect_count: 2\n"
+                  "collect_count: 0\ncollect_interval_strategy1: 0\ncollect_interval_strategy2: 0\n"
+                  "post_interval: 60000\npost retry count: 0\npost_retry_interval: 0\n"
+                  "-----------telemetry ctx end-----------\n-----------telemetry data start-----------\n"
+                  "backup data total str len: 21\n[{\n\t\t\"eid\":\t\"x\",\n\t\t\"cnt\":\t2\n\t}]\n"
+                  "-----------telemetry data end-----------\n-----------telemetry post start-----------\n"
+                  "[post request 0]\nused: 1\nurl: https://host/path\nrequest status: 2\nfinished: 0\n"
+                  "request buffer: body\nrequest buffer len: 1024\nrequest data len: 4\nreceive buffer: \n"
+                  "receive buffer len: 0\nreceive data len: 0\n" +
+                  slots + "-----------telemetry post end-----------\n");
     EXPECT_EQ(prefixed, 20u + 4u + 2u + 8u * 11u); // all but the further lines of the list's text
 
     telemetry_debug_level = TELEMETRY_LOG_ERROR;
@@ -260,10 +264,14 @@ TEST_F(TelemetryUbusTest, HostileArgumentsGetAStatusAndNothingElse) {
     };
     const int invalid = UBUS_STATUS_INVALID_ARGUMENT;
     const Case cases[] = {
-        {"debug", "level", invalid, invalid, 0},   {"set_debug", "level", invalid, invalid, 0},
-        {"clear", "level", 0, 0, 0},               {"post_now", "ip_ap_addr", 0, 0, 0},
-        {"collect_now", "level", 0, 0, 0},         {"collect_device_info", "ip_ap_addr", invalid, invalid, invalid},
-        {"print", "level", 0, 0, 0},               {"collect_all_next_time", "a", 0, 0, 0},
+        {"debug", "level", invalid, invalid, 0},
+        {"set_debug", "level", invalid, invalid, 0},
+        {"clear", "level", 0, 0, 0},
+        {"post_now", "ip_ap_addr", 0, 0, 0},
+        {"collect_now", "level", 0, 0, 0},
+        {"collect_device_info", "ip_ap_addr", invalid, invalid, invalid},
+        {"print", "level", 0, 0, 0},
+        {"collect_all_next_time", "a", 0, 0, 0},
     };
     const OutputCapture quiet;
     LoopClient client(bus.socket());
@@ -283,7 +291,8 @@ TEST_F(TelemetryUbusTest, HostileArgumentsGetAStatusAndNothingElse) {
 }
 
 TEST_F(TelemetryUbusTest, StartFailsWithoutBusContextOrFreePath) {
-    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(telemetry_init_ubus(nullptr), -1); }), ElementsAre("param error"));
+    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(telemetry_init_ubus(nullptr), -1); }),
+                ElementsAre("param error"));
     ubus_object other = {};
     other.name = "telemetry";
     ubus_object_type type = {"telemetry", 0, nullptr, 0};
@@ -295,7 +304,8 @@ TEST_F(TelemetryUbusTest, StartFailsWithoutBusContextOrFreePath) {
                     ElementsAre(HasSubstr("registration")));
     }
     bus.kill();
-    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(telemetry_init_ubus(&ctx), -1); }), ElementsAre("param error"));
+    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(telemetry_init_ubus(&ctx), -1); }),
+                ElementsAre("param error"));
 }
 
 static size_t open_descriptors() {
@@ -319,8 +329,8 @@ static void run_loop_once() {
     uloop_run_timeout(0);
 }
 
-// Every other bus is back before the loss is seen, so that the try "at once" succeeds; the rest need the timer, and two
-// of its ticks pass without a bus.
+// Every other bus is back before the loss is seen, so that the try "at once" succeeds; the rest need the
+// timer, and two of its ticks pass without a bus.
 TEST_F(TelemetryUbusTest, ComesBackAfterEachLossWithoutLosingTimersOrDescriptors) {
     ASSERT_EQ(telemetry_init_ubus(&ctx), 0);
     ctx.collect_timer.cb = [](uloop_timeout *) { FAIL() << "the collect timer ran early"; };
@@ -362,7 +372,8 @@ TEST_F(TelemetryUbusTest, ALossRightAfterTheConnectionWaitsForTheTimer) {
     bus.start();
     const long before = clock_ahead_s;
     clock_ahead_s += 1;
-    EXPECT_THAT(logged_messages(run_loop_once), ElementsAre("ubus connection is lost", "ubus connection is back"));
+    EXPECT_THAT(logged_messages(run_loop_once),
+                ElementsAre("ubus connection is lost", "ubus connection is back"));
     clock_ahead_s = before; // the clock stands still between the return and the next loss
     bus.kill();
     bus.start();

@@ -1,5 +1,6 @@
 #include "afc_info.h"
 
+#include <cstring>
 #include <memory>
 #include <new>
 #include <utility>
@@ -15,7 +16,11 @@
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
-// Parsed content of the agent's status file; null when there is none, or after logging that it is not an object.
+// Longest state that is reported.
+static constexpr size_t kMaxStateLength = 32;
+
+// Parsed content of the agent's status file; null when there is none, or after logging that it is not an
+// object.
 static JsonPtr read_afc_status() {
     if (telemetry_file_exists(kAfcStatusPath) != 1)
         return nullptr;
@@ -45,13 +50,27 @@ static void add_number(cJSON *object, const char *key, const cJSON *number) {
         cJSON_AddNumberToObject(object, key, number->valuedouble);
 }
 
+// The state is one word; anything else could say where this node is.
+static void add_state(cJSON *object, const char *state) {
+    if (state == nullptr)
+        return;
+    static constexpr char kWord[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
+    const size_t length = strspn(state, kWord);
+    if (length == 0 || length > kMaxStateLength || state[length] != '\0') {
+        LOG_ERROR("AFC state is no word of at most %zu characters", kMaxStateLength);
+        return;
+    }
+    cJSON_AddStringToObject(object, "st", state);
+}
+
 // A channel without its number is left out.
 static void add_channel(cJSON *array, const cJSON *channel, const ChannelKeys &keys) {
     const cJSON *number = cJSON_GetObjectItemCaseSensitive(channel, keys.channel);
     JsonPtr entry(cJSON_CreateObject());
     if (!cJSON_IsNumber(number) || !entry)
         return;
-    add_number(entry.get(), kReportedChannel.op_class, cJSON_GetObjectItemCaseSensitive(channel, keys.op_class));
+    add_number(entry.get(), kReportedChannel.op_class,
+               cJSON_GetObjectItemCaseSensitive(channel, keys.op_class));
     add_number(entry.get(), kReportedChannel.channel, number);
     add_number(entry.get(), kReportedChannel.power, cJSON_GetObjectItemCaseSensitive(channel, keys.power));
     telemetry_attach_element(array, std::move(entry));
@@ -82,14 +101,13 @@ int collect_myself_afc_info(cJSON *object) {
     const JsonPtr status = read_afc_status();
     if (!status)
         return 0;
-    if (const char *state = json_text(status.get(), "state"); state != nullptr)
-        cJSON_AddStringToObject(object, "st", state);
+    add_state(object, json_text(status.get(), "state"));
     add_number(object, "ex", cJSON_GetObjectItemCaseSensitive(status.get(), "expires_in"));
     add_channels(object, cJSON_GetObjectItemCaseSensitive(status.get(), "channels"), kAgentChannel);
     return 0;
 }
 
-// --- Every node ---------------------------------------------------------------------------------------------------
+// --- Every node --------------------------------------------------------------------------------------------
 
 // What a satellite sent is copied member by member: nothing that is not known passes on to the cloud.
 static void apply_afc_result(const cJSON *result, void *user) {
@@ -98,8 +116,7 @@ static void apply_afc_result(const cJSON *result, void *user) {
     if (!entry)
         return;
     cJSON_AddNumberToObject(entry.get(), "en", cJSON_IsNumber(enabled) && enabled->valuedouble != 0 ? 1 : 0);
-    if (const char *state = json_text(result, "st"); state != nullptr)
-        cJSON_AddStringToObject(entry.get(), "st", state);
+    add_state(entry.get(), json_text(result, "st"));
     add_number(entry.get(), "ex", cJSON_GetObjectItemCaseSensitive(result, "ex"));
     add_channels(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "cl"), kReportedChannel);
     telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));

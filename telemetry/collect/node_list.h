@@ -3,6 +3,7 @@
 
 #include "telemetry_handles.h"
 
-// Puts "dm", the digest of the node's MAC, in front of the entry's members and appends it to `list`. An entry without a
-// MAC, or of a node that is in the list already, is dropped: this node's own answer comes back among the others.
+// Puts "dm", the digest of the node's MAC, in front of the entry's members and appends it to `list`. An entry
+// without a MAC, or of a node that is in the list already, is dropped: this node's own answer comes back
+// among the others.
 void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry);

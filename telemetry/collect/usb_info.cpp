@@ -26,8 +26,8 @@ static constexpr int kMaxUsbEntries = 256;
 static constexpr char kHubClass[] = "09";
 
 namespace {
-// A class code of a device or interface, and the type it stands for. A device with several (a modem that brings its
-// own drive) has the type of the highest rank.
+// A class code of a device or interface, and the type it stands for. A device with several (a modem that
+// brings its own drive) has the type of the highest rank.
 struct UsbClass {
     const char *code;
     TelemetryUsbType type;
@@ -45,7 +45,8 @@ static constexpr UsbClass kUsbClasses[] = {
 static std::string read_attribute(const std::string &entry, const char *name) {
     const std::string path = std::string(kUsbDeviceDir) + "/" + entry + "/" + name;
     char text[16] = "";
-    if (telemetry_file_exists(path.c_str()) != 1 || telemetry_parse_file(path.c_str(), text, sizeof(text)) != 0)
+    if (telemetry_file_exists(path.c_str()) != 1 ||
+        telemetry_parse_file(path.c_str(), text, sizeof(text)) != 0)
         return {};
     std::string value = text;
     while (!value.empty() && isspace(static_cast<unsigned char>(value.back())) != 0)
@@ -69,13 +70,14 @@ static void raise_type(const std::string &code, TelemetryUsbType *type, int *ran
     }
 }
 
-// Names in the device directory: "usb1" is a root hub, "1-1" a device, "1-1:1.0" one of its interfaces. The first device
-// by name that is no hub is reported.
+// Names in the device directory: "usb1" is a root hub, "1-1" a device, "1-1:1.0" one of its interfaces. The
+// first device by name that is no hub is reported.
 static std::string find_usb_device(const std::string &directory) {
     std::string first;
     int seen = 0;
     std::error_code error;
-    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
+    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
+         at.increment(error)) {
         if (seen++ == kMaxUsbEntries) {
             LOG_ERROR("%s has more than %d entries, the rest is left out", kUsbDeviceDir, kMaxUsbEntries);
             break;
@@ -83,7 +85,10 @@ static std::string find_usb_device(const std::string &directory) {
         const std::string name = at->path().filename().string();
         if (name.find(':') != std::string::npos || name.rfind("usb", 0) == 0)
             continue;
-        if ((first.empty() || name < first) && read_attribute(name, "bDeviceClass") != kHubClass)
+        if (!first.empty() && first < name)
+            continue;
+        const std::string device_class = read_attribute(name, "bDeviceClass");
+        if (!device_class.empty() && device_class != kHubClass)
             first = name;
     }
     return first;
@@ -95,8 +100,8 @@ static TelemetryUsbType find_usb_type(const std::string &directory, const std::s
     raise_type(read_attribute(device, "bDeviceClass"), &type, &rank);
     int seen = 0;
     std::error_code error;
-    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end && seen < kMaxUsbEntries;
-         at.increment(error), ++seen) {
+    for (std::filesystem::directory_iterator at(directory, error), end;
+         !error && at != end && seen < kMaxUsbEntries; at.increment(error), ++seen) {
         const std::string name = at->path().filename().string();
         if (name.rfind(device + ":", 0) == 0)
             raise_type(read_attribute(name, "bInterfaceClass"), &type, &rank);
@@ -110,8 +115,10 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
         return -1;
     }
     *record = {};
-    record->usb_enable = telemetry_get_uci_enabled_value("usb", "settings", "usb_enable", TELEMETRY_UCI_SYSTEM);
-    record->config_is_change = telemetry_update_tmp_backup_config_by_telemetry_index(kUsbRows, 1) == 1 ? 1 : 0;
+    record->usb_enable =
+        telemetry_get_uci_enabled_value("usb", "settings", "usb_enable", TELEMETRY_UCI_SYSTEM);
+    record->config_is_change =
+        telemetry_update_tmp_backup_config_by_telemetry_index(kUsbRows, 1) == 1 ? 1 : 0;
     const std::string directory = telemetry_path(kUsbDeviceDir);
     const std::string device = find_usb_device(directory);
     if (device.empty())
@@ -122,7 +129,7 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
     return 0;
 }
 
-// --- Every node ---------------------------------------------------------------------------------------------------
+// --- Every node --------------------------------------------------------------------------------------------
 
 // Ids are there only with a device.
 static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
@@ -136,11 +143,19 @@ static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
     return filled;
 }
 
+static int32_t read_flag(const cJSON *result, const char *key) {
+    int64_t flag = 0;
+    return json_int64(result, key, &flag) && flag != 0 ? 1 : 0;
+}
+
 static void apply_usb_result(const cJSON *result, void *user) {
     UsbInfoRecord record = {};
-    json_number(result, "usb_enable", &record.usb_enable);
-    json_number(result, "config_is_change", &record.config_is_change);
-    json_number(result, "usb_type", &record.usb_type);
+    record.usb_enable = read_flag(result, "usb_enable");
+    record.config_is_change = read_flag(result, "config_is_change");
+    int64_t type = TELEMETRY_USB_NONE;
+    json_int64(result, "usb_type", &type);
+    record.usb_type = type >= TELEMETRY_USB_NONE && type <= TELEMETRY_USB_OTHER ? static_cast<int32_t>(type)
+                                                                                : TELEMETRY_USB_OTHER;
     if (const char *id = json_text(result, "vendor_id"); id != nullptr && *id != '\0')
         copy_usb_id(record.vendor_id, id);
     if (const char *id = json_text(result, "product_id"); id != nullptr && *id != '\0')
@@ -148,6 +163,14 @@ static void apply_usb_result(const cJSON *result, void *user) {
     JsonPtr entry(cJSON_CreateObject());
     if (entry && fill_entry(entry.get(), record))
         telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
+}
+
+// Whether the list says more than that a change which has been reported is over.
+static bool has_changed(const cJSON *list) {
+    const JsonPtr lasting(cJSON_Duplicate(list, true));
+    cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, lasting.get()) cJSON_DeleteItemFromObjectCaseSensitive(entry, "cc");
+    return telemetry_collect_digest_changed("usb", "usb_info", lasting.get(), "md5 same, don't collect!") == 1;
 }
 
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
@@ -167,8 +190,10 @@ int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         telemetry_transfer_request(TELEMETRY_TRANSFER_USB, true, nullptr, apply_usb_result, list.get()) != 0)
         LOG_ERROR("get re usb info failed");
     const auto items = static_cast<uint32_t>(cJSON_GetArraySize(list.get()));
-    if (items == 0)
+    if (items == 0 || !has_changed(list.get()))
         return 0;
-    return telemetry_collect_changed_object("usb", "usb_info", "ul", std::move(list), items,
-                                            "md5 same, don't collect!", payload, count);
+    if (!telemetry_attach_member(payload, "ul", std::move(list)))
+        return -1;
+    *count += items;
+    return 0;
 }

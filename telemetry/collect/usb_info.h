@@ -20,6 +20,6 @@ struct UsbInfoRecord {
     char product_id[8];
 };
 
-// This node's figures from the configuration and /sys/bus/usb/devices, without the mac. The change counts as reported.
-// 0, or -1 for a null record.
+// This node's figures from the configuration and /sys/bus/usb/devices, without the mac. The change counts as
+// reported. 0, or -1 for a null record.
 int collect_myself_usb_info(UsbInfoRecord *record);

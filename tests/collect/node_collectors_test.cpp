@@ -1,4 +1,5 @@
-// USB and AFC of every node: this node's own entry, the satellites' through the synchronisation service, repeats.
+// USB and AFC of every node: this node's own entry, the satellites' through the synchronisation service,
+// repeats.
 #include <csignal>
 
 #include <sys/prctl.h>
@@ -16,7 +17,8 @@
 // "sync" in a process of its own: every request gets the same answer.
 static std::string sync_answer;
 
-static int answer_request(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *, blob_attr *) {
+static int answer_request(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                          blob_attr *) {
     BlobBuffer reply;
     blobmsg_add_json_from_string(reply.get(), sync_answer.c_str());
     return ubus_send_reply(bus, request, reply.head());
@@ -93,21 +95,23 @@ static const char kOwn[] = "\"dm\":\"e359fe905bfbbfddf6e237cd09d724de\"";
 static const char kSatellite[] = "\"dm\":\"b0e3edb0ed86c1a7247247027bd945cd\"";
 
 TEST_F(NodeCollectorsTest, UsbListsEachNodeOnceAndOnlyWhenTheListChanged) {
-    const SyncService sync(bus.socket(), R"({"success":3,"data":[)"
-                                         R"({"result":{"usb_enable":1,"usb_type":1,"vendor_id":"0781",)"
-                                         R"("product_id":"not hex","mac":"02-00-00-00-01-02"}},)"
-                                         R"({"result":{"usb_enable":1,"usb_type":2,"mac":"02:00:00:00:01:01"}},)"
-                                         R"({"result":{"usb_enable":1}}]})");
-    EXPECT_EQ(collect(collect_usb_info), std::string(R"({"ul":[{)") + kOwn + R"(,"ue":0,"cc":0,"ut":0},{)" + kSatellite +
-                                             R"(,"ue":1,"cc":0,"ut":1,"vi":"0781"}]})");
+    const SyncService sync(bus.socket(),
+                           R"({"success":3,"data":[)"
+                           R"({"result":{"usb_enable":1,"usb_type":1,"vendor_id":"0781",)"
+                           R"("product_id":"not hex","mac":"02-00-00-00-01-02"}},)"
+                           R"({"result":{"usb_enable":1,"usb_type":2,"mac":"02:00:00:00:01:01"}},)"
+                           R"({"result":{"usb_enable":1}}]})");
+    EXPECT_EQ(collect(collect_usb_info), std::string(R"({"ul":[{)") + kOwn + R"(,"ue":0,"cc":0,"ut":0},{)" +
+                                             kSatellite + R"(,"ue":1,"cc":0,"ut":1,"vi":"0781"}]})");
     EXPECT_EQ(count, 2u);
     EXPECT_EQ(collect(collect_usb_info), "{}");
     EXPECT_EQ(count, 0u);
 }
 
 TEST_F(NodeCollectorsTest, AfcPassesOnKnownMembersOnDailyCyclesOfBoardsThatHaveIt) {
-    const SyncService sync(bus.socket(), R"({"success":1,"data":{"result":{"en":1,"st":"granted","ex":60,"lat":1.5,)"
-                                         R"("cl":[{"oc":131,"ch":5,"pw":30,"lat":2.5}],"mac":"02-00-00-00-01-02"}}})");
+    const SyncService sync(bus.socket(),
+                           R"({"success":1,"data":{"result":{"en":1,"st":"granted","ex":60,"lat":1.5,)"
+                           R"("cl":[{"oc":131,"ch":5,"pw":30,"lat":2.5}],"mac":"02-00-00-00-01-02"}}})");
     EXPECT_EQ(collect(collect_afc_info), "{}"); // not due
     ctx.collect_stgy2_now = 1;
     EXPECT_EQ(collect(collect_afc_info), "{}"); // no 6 GHz radio

@@ -1,5 +1,5 @@
-// The daemon as a process on a real bus: what an operator sees with the `ubus` command, and what happens to the daemon
-// when the bus dies, comes back, or is replaced by something that only looks like a bus.
+// The daemon as a process on a real bus: what an operator sees with the `ubus` command, and what happens to
+// the daemon when the bus dies, comes back, or is replaced by something that only looks like a bus.
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -132,7 +132,8 @@ TEST_F(BusTest, SurvivesKilledBusesWithoutLosingMethodsOrDescriptors) {
         SCOPED_TRACE(round);
         bus.kill();
         if (round % 3 == 2)
-            std::this_thread::sleep_for(std::chrono::seconds(1)); // part of what is checked: a bus that is away
+            std::this_thread::sleep_for(
+                std::chrono::seconds(1)); // part of what is checked: a bus that is away
         bus.start();
         ASSERT_TRUE(object_is_back());
         EXPECT_EQ(ubus("list -v telemetry | tail -n +2").output, methods);
@@ -155,7 +156,8 @@ class FakeBus {
     // The next connection, or -1 when the daemon does not try again.
     int accept_one() const {
         pollfd ready = {listener_.get(), POLLIN, 0};
-        return poll(&ready, 1, kPatienceMs) == 1 ? accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        return poll(&ready, 1, kPatienceMs) == 1 ? accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)
+                                                 : -1;
     }
 
   private:
@@ -205,5 +207,6 @@ TEST_F(BusTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
 
 TEST_F(BusTest, EndsNormallyWhileTheBusIsAway) {
     bus.kill();
-    EXPECT_TRUE(wait_until([&] { return root.read(kConsolePath).find("ubus connection is lost") != std::string::npos; }));
+    EXPECT_TRUE(wait_until(
+        [&] { return root.read(kConsolePath).find("ubus connection is lost") != std::string::npos; }));
 }

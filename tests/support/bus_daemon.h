@@ -77,7 +77,8 @@ struct BusReply {
     std::string json;
 };
 
-// Calls over a connection of its own inside this process's event loop, so that objects of this process can answer.
+// Calls over a connection of its own inside this process's event loop, so that objects of this process can
+// answer.
 class LoopClient {
   public:
     explicit LoopClient(const std::string &socket) : bus_(ubus_connect(socket.c_str())) {
