@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "collect/restart_info.h"
 #include "telemetry_collect.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
@@ -279,7 +280,10 @@ int telemetry_init_ctx(TelemetryCtx *ctx) {
 static void start_and_run(TelemetryCtx *ctx) {
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
-    if (telemetry_init_ctx(ctx) != 0 || telemetry_init_ubus(ctx) != 0) {
+    const bool initialised = telemetry_init_ctx(ctx) == 0;
+    if (initialised)
+        telemetry_count_daemon_start();
+    if (!initialised || telemetry_init_ubus(ctx) != 0) {
         LOG_ERROR("telemetry_init_ctx error, stop");
         return;
     }

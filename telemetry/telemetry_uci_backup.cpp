@@ -69,6 +69,16 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
     return true;
 }
 
+// Adds a row's value: texts of list types element by element.
+static void add_row_value(const TelemetryIndexEntry &row, const char *value, uint32_t *count, cJSON *payload) {
+    const bool is_list = row.value_type >= TELEMETRY_VALUE_LIST_INT && row.value_type <= TELEMETRY_VALUE_LIST_STRING;
+    if (is_list)
+        telemetry_add_value_list_to_cJSON_object(payload, row.key, value, kValueSize, row.value_type);
+    else
+        telemetry_add_value_to_cJSON_object(payload, row.key, value, row.value_type);
+    *count += 1;
+}
+
 static bool is_table(const TelemetryIndexEntry *table, int rows) {
     return table != nullptr && rows > 0;
 }
@@ -153,8 +163,7 @@ int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const Teleme
             LOG_ERROR("get %s %s %s backup uci config failed!", row.package, row.section, row.option);
             continue;
         }
-        telemetry_add_value_to_cJSON_object(payload, row.key, value, row.value_type);
-        *count += 1;
+        add_row_value(row, value, count, payload);
     }
     return 0;
 }
@@ -180,8 +189,7 @@ int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const Telemetr
             LOG_DEBUG("get %s %s %s uci config failed!", row.package, row.section, row.option);
             continue;
         }
-        telemetry_add_value_to_cJSON_object(payload, row.key, value, row.value_type);
-        *count += 1;
+        add_row_value(row, value, count, payload);
         LOG_DEBUG("clean up duration data after collecting!");
         _telemetry_set_value_in_telemetry_config_with_create(uci.get(), row.package, row.section, row.option,
                                                              "");

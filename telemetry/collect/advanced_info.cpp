@@ -21,6 +21,10 @@ static constexpr SettingRow kAdvancedRows[] = {
 };
 
 int collect_advanced_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     if (ctx->collect_stgy2_now == 0) {
         LOG_DEBUG("dont need to collect advanced info!");
         return 0;

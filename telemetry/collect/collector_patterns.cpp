@@ -1,9 +1,12 @@
 #include "collect/collector_patterns.h"
 
+#include <charconv>
+#include <cstring>
 #include <string>
 #include <utility>
 
 #include "telemetry_log.h"
+#include "telemetry_utils.h"
 
 int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
                                    const CollectorCountMessage &success, cJSON *payload, uint32_t *count) {
@@ -34,6 +37,25 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
         return -1;
     *count += items;
     return 0;
+}
+
+bool telemetry_read_number_file(const char *path, uint64_t *number) {
+    char text[64];
+    if (telemetry_parse_file(path, text, sizeof(text)) != 0)
+        return false;
+    uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text, text + strlen(text), value);
+    if (error != std::errc() || strchr("\n. ", *end) == nullptr) {
+        LOG_ERROR("%s holds no number", path);
+        return false;
+    }
+    *number = value;
+    return true;
+}
+
+void telemetry_add_reading(cJSON *payload, const char *key, double number, uint32_t *count) {
+    if (cJSON_AddNumberToObject(payload, key, number) != nullptr)
+        ++*count;
 }
 
 bool telemetry_attach_member(cJSON *object, const char *key, JsonPtr item) {

@@ -66,6 +66,15 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
                                      uint32_t items, CollectorPlainMessage unchanged, cJSON *payload,
                                      uint32_t *count);
 
+// --- Readings ----------------------------------------------------------------------------------------------
+
+// The whole number that a one-line file of a driver or the kernel begins with ("73124881932", "86400.27 9.1").
+// false, with one log line, when the file cannot be read or begins otherwise. `path` is the router's path.
+bool telemetry_read_number_file(const char *path, uint64_t *number);
+
+// Adds a number under `key` and raises *count.
+void telemetry_add_reading(cJSON *payload, const char *key, double number, uint32_t *count);
+
 // --- Trees -------------------------------------------------------------------------------------------------
 
 // Hands `item` over to `object` under `key`, or to the end of `array`. false, with `item` released, when

@@ -45,15 +45,18 @@ static void add_counters(cJSON *payload, uint32_t *count) {
         return;
     const JsonPtr stats(cJSON_Parse(text));
     int64_t blocked = 0;
-    if (!json_int64(stats.get(), "blocked_pages", &blocked)) {
-        LOG_ERROR("%s has no \"blocked_pages\"", kHavenguardStatsPath);
+    if (!json_int64(stats.get(), "blocked_pages", &blocked) || blocked < 0) {
+        LOG_ERROR("%s has no number of \"blocked_pages\"", kHavenguardStatsPath);
         return;
     }
-    cJSON_AddNumberToObject(payload, "wb", static_cast<double>(blocked));
-    ++*count;
+    telemetry_add_reading(payload, "wb", static_cast<double>(blocked), count);
 }
 
 int collect_havenguard_v2_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     if (ctx->collect_stgy2_now == 0) {
         LOG_DEBUG("dont need to collect havenguard info!");
         return 0;

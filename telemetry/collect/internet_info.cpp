@@ -91,17 +91,16 @@ static void query_status(InterfaceStatus *status) {
         LOG_ERROR("%s status failed", status->object);
 }
 
-static void add_number(cJSON *payload, const char *key, double number, uint32_t *count) {
-    if (cJSON_AddNumberToObject(payload, key, number) != nullptr)
-        ++*count;
-}
-
 static void add_device_counters(const char *device, cJSON *payload, uint32_t *count) {
+    const std::string directory = std::string(kNetDeviceDir) + "/" + device + "/statistics/";
+    if (telemetry_file_exists(directory.c_str()) == 0) {
+        LOG_ERROR("%s has no counters", device);
+        return;
+    }
     for (const DeviceCounter &counter : kDeviceCounters) {
-        char text[32] = {};
-        const std::string path = std::string(kNetDeviceDir) + "/" + device + "/statistics/" + counter.file;
-        if (telemetry_parse_file(path.c_str(), text, sizeof(text)) == 0)
-            add_number(payload, counter.key, static_cast<double>(strtoull(text, nullptr, 10)), count);
+        uint64_t number = 0;
+        if (telemetry_read_number_file((directory + counter.file).c_str(), &number))
+            telemetry_add_reading(payload, counter.key, static_cast<double>(number), count);
     }
 }
 
@@ -114,20 +113,33 @@ struct DelayProbe {
 static constexpr DelayProbe kDelayV4 = {"d4", "ping_v4", telemetry_ping_delay_v4};
 static constexpr DelayProbe kDelayV6 = {"d6", "ping_v6", telemetry_ping_delay_v6};
 
-// The configured host, or the gateway. A link-local gateway cannot be asked without its device.
+// A link-local gateway cannot be asked without its device, and a link without a gateway says so by "0.0.0.0" or "::".
+static bool is_reachable_gateway(const char *gateway) {
+    return gateway[strspn(gateway, "0.:")] != '\0' && strncasecmp(gateway, "fe80", 4) != 0;
+}
+
+// The configured host, or the gateway.
 static void add_delay(const DelayProbe &probe, const char *gateway, cJSON *payload, uint32_t *count) {
     char host[kHostSize] = {};
     if (telemetry_get_uci_value("telemetry", "internet", probe.option, host, sizeof(host), TELEMETRY_UCI_SYSTEM) != 0 &&
-        strncasecmp(gateway, "fe80", 4) != 0)
+        is_reachable_gateway(gateway))
         copy_text(host, gateway);
     if (host[0] == '\0')
         return;
+    if (telemetry_is_host(host) == 0) {
+        LOG_ERROR("%s is no address or host name", probe.option);
+        return;
+    }
     char delay[128] = {};
     if (probe.ping(delay, host) == 0 && delay[0] != '\0')
-        add_number(payload, probe.key, strtod(delay, nullptr), count);
+        telemetry_add_reading(payload, probe.key, strtod(delay, nullptr), count);
 }
 
 int collect_internet_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     telemetry_collect_watched_table(
         kInternetTable, "collect internet info successfully, now data collect count is: %d!", payload, count);
     InterfaceStatus wan = {"network.interface.wan", "0.0.0.0", false, false, 0, {}, {}};
@@ -135,11 +147,11 @@ int collect_internet_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     query_status(&wan);
     query_status(&wan6);
     if (wan.answered) {
-        add_number(payload, "up", wan.up ? 1 : 0, count);
-        add_number(payload, "ut", static_cast<double>(wan.uptime), count);
+        telemetry_add_reading(payload, "up", wan.up ? 1 : 0, count);
+        telemetry_add_reading(payload, "ut", static_cast<double>(wan.uptime), count);
     }
     if (wan6.answered)
-        add_number(payload, "u6", wan6.up ? 1 : 0, count);
+        telemetry_add_reading(payload, "u6", wan6.up ? 1 : 0, count);
     if (wan.device[0] != '\0')
         add_device_counters(wan.device, payload, count);
     if (ctx->collect_stgy2_now != 0) {

@@ -1,6 +1,4 @@
 // "qos_info": bandwidth and mode, and how many devices and applications have priority, when they changed.
-#include <utility>
-
 #include "collect/collector_patterns.h"
 #include "collect/collectors.h"
 #include "collect/setting_rows.h"
@@ -21,6 +19,10 @@ static constexpr SettingRow kPriorityRows[] = {
 };
 
 int collect_qos_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
+    if (payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     telemetry_collect_watched_table(kQosTable, "collect qos info successfully, now data collect count is: %d!",
                                     payload, count);
     JsonPtr priorities(cJSON_CreateObject());

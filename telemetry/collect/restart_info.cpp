@@ -23,24 +23,29 @@ static constexpr TelemetryIndexEntry kScheduleTable[] = {
     {1, "rw", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "days", TELEMETRY_VALUE_LIST_STRING},
 };
 
-static int read_start_count() {
-    char text[32] = {};
-    if (telemetry_file_exists(kRestartPath) == 0 || telemetry_parse_file(kRestartPath, text, sizeof(text)) != 0)
+// 0 before the first start since boot, and when the file holds anything but a count.
+static uint64_t read_start_count() {
+    uint64_t starts = 0;
+    if (telemetry_file_exists(kRestartPath) == 0 || !telemetry_read_number_file(kRestartPath, &starts))
         return 0;
-    return telemetry_text_to_int(text);
+    return starts < INT32_MAX ? starts : 0;
 }
 
 void telemetry_count_daemon_start() {
-    const int starts = read_start_count();
-    const FilePtr file(fopen(telemetry_path(kRestartPath).c_str(), "w"));
+    const uint64_t starts = read_start_count();
+    const FilePtr file(fopen(telemetry_path(kRestartPath).c_str(), "we"));
     if (!file) {
         LOG_ERROR("open file %s failed", kRestartPath);
         return;
     }
-    fprintf(file.get(), "%d\n", starts < 0 || starts == INT32_MAX ? 1 : starts + 1);
+    fprintf(file.get(), "%d\n", static_cast<int>(starts) + 1);
 }
 
 int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
+    if (ctx == nullptr || payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     if (ctx->collect_stgy2_now == 0) {
         LOG_DEBUG("dont need to collect restart info!");
         return 0;
@@ -49,15 +54,11 @@ int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
                                                                   payload);
     telemetry_collect_watched_table(
         kScheduleTable, "collect restart info successfully, now data collect count is: %d!", payload, count);
-    char uptime[64] = {};
-    if (telemetry_parse_file(kProcUptimePath, uptime, sizeof(uptime)) == 0) {
-        cJSON_AddNumberToObject(payload, "ut", telemetry_text_to_int(uptime));
-        ++*count;
-    }
-    const int starts = read_start_count();
-    if (starts > 0) {
-        cJSON_AddNumberToObject(payload, "tn", starts);
-        ++*count;
-    }
+    uint64_t uptime = 0;
+    if (telemetry_read_number_file(kProcUptimePath, &uptime))
+        telemetry_add_reading(payload, "ut", static_cast<double>(uptime), count);
+    const uint64_t starts = read_start_count();
+    if (starts > 0)
+        telemetry_add_reading(payload, "tn", static_cast<double>(starts), count);
     return 0;
 }

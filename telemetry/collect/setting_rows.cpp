@@ -12,6 +12,15 @@ struct SectionCount {
 };
 } // namespace
 
+static bool is_switched_on(const char *text) {
+    return strcmp(text, "on") == 0 || strcmp(text, "1") == 0 || strcmp(text, "true") == 0;
+}
+
+// Words that switch something on are one value.
+static bool is_wanted(const char *value, const char *wanted) {
+    return wanted == nullptr || strcmp(value, wanted) == 0 || (is_switched_on(value) && is_switched_on(wanted));
+}
+
 static int count_section(void *user, uci_context *uci, uci_element *element) {
     auto *count = static_cast<SectionCount *>(user);
     const SettingRow *row = count->row;
@@ -20,7 +29,7 @@ static int count_section(void *user, uci_context *uci, uci_element *element) {
         return 0;
     if (row->option != nullptr) {
         const char *value = uci_lookup_option_string(uci, section, row->option);
-        if (value == nullptr || (row->value != nullptr && strcmp(value, row->value) != 0))
+        if (value == nullptr || !is_wanted(value, row->value))
             return 0;
     }
     ++count->number;
@@ -33,10 +42,6 @@ static bool add_section_row(const SettingRow *row, cJSON *object) {
         return false;
     const int value = row->kind == SETTING_ANY && count.number > 1 ? 1 : count.number;
     return cJSON_AddNumberToObject(object, row->key, value) != nullptr;
-}
-
-static bool is_switched_on(const char *text) {
-    return strcmp(text, "on") == 0 || strcmp(text, "1") == 0 || strcmp(text, "true") == 0;
 }
 
 static bool add_option_row(const SettingRow *row, cJSON *object) {

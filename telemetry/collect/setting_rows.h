@@ -11,7 +11,7 @@ enum SettingKind {
     SETTING_INT,      // option of a named section as an integer
     SETTING_TEXT,     // option of a named section as it stands
     SETTING_SECTIONS, // number of sections of a type; with an option only those that have it, with a value only those
-                      // whose option has that value
+                      // whose option has that value ("1" stands for the three words above)
     SETTING_ANY,      // 1 when that number is above 0, otherwise 0
 };
 
