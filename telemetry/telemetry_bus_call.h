@@ -1,9 +1,11 @@
-// One synchronous call of another service's bus object, over a connection of its own that is closed afterwards.
+// One synchronous call of another service's bus object, over a connection of its own that is closed
+// afterwards.
 #pragma once
 
 #include "telemetry_platform_libs.h"
 
-// Handler of the reply, run inside the call; `message` is null when the reply had no data. `user` is the caller's.
+// Handler of the reply, run inside the call; `message` is null when the reply had no data. `user` is the
+// caller's.
 using TelemetryBusReply = void (*)(blob_attr *message, void *user);
 
 enum TelemetryBusError {
@@ -13,7 +15,8 @@ enum TelemetryBusError {
     TELEMETRY_BUS_CALL_FAILED = -3,
 };
 
-// Connects to `socket` (null: the library's default), looks `object` up and invokes `method` with `arguments` (null:
-// an empty table), waiting `timeout_ms`. Logs nothing: each caller has its own words.
-TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method, blob_attr *arguments,
-                                     int timeout_ms, TelemetryBusReply reply, void *user);
+// Connects to `socket` (null: the library's default), looks `object` up and invokes `method` with `arguments`
+// (null: an empty table), waiting `timeout_ms`. Logs nothing: each caller has its own words.
+TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method,
+                                     blob_attr *arguments, int timeout_ms, TelemetryBusReply reply,
+                                     void *user);

@@ -10,10 +10,11 @@
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
 
-// --- Lookup by MAC ------------------------------------------------------------------------------------------------
+// --- Lookup by MAC
+// ------------------------------------------------------------------------------------------------
 
-// Index of the first record of each MAC. A complete text finds its record here; a shorter one, which matches by
-// prefix, walks the array. Cleared with the array, built at the first lookup.
+// Index of the first record of each MAC. A complete text finds its record here; a shorter one, which matches
+// by prefix, walks the array. Cleared with the array, built at the first lookup.
 static std::unordered_map<std::string_view, int32_t> &mac_index() {
     static std::unordered_map<std::string_view, int32_t> index;
     return index;
@@ -28,7 +29,8 @@ static void build_mac_index() {
         index.emplace(telemetry_pre_collect.clients[i].mac, i);
 }
 
-// First record whose mac begins with the text, among the confirmed ones when asked. An empty text is no address.
+// First record whose mac begins with the text, among the confirmed ones when asked. An empty text is no
+// address.
 static PreClientInfo *find_client(std::string_view mac, bool confirmed) {
     PreCollectInfo *info = &telemetry_pre_collect;
     if (info->clients == nullptr || mac.empty())
@@ -73,10 +75,11 @@ PreClientInfo *get_telemetry_pre_client_info(const char *mac) {
     return find_client(converted, true);
 }
 
-// --- The array ----------------------------------------------------------------------------------------------------
+// --- The array
+// ----------------------------------------------------------------------------------------------------
 
 void telemetry_free_client_info_list() {
-    mac_index().clear();
+    mac_index() = {}; // with its table: nothing of a cycle stays in memory
     free(telemetry_pre_collect.clients);
     telemetry_pre_collect.clients = nullptr;
     telemetry_pre_collect.client_num = 0;
@@ -132,7 +135,8 @@ void telemetry_print_client_info() {
         print_client(&telemetry_pre_collect.clients[i], i);
 }
 
-// --- The whole side -----------------------------------------------------------------------------------------------
+// --- The whole side
+// -----------------------------------------------------------------------------------------------
 
 struct ClientStep {
     int (*run)();

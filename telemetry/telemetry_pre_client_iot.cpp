@@ -21,7 +21,8 @@ static constexpr IotModule kIotModules[] = {
     {"matter", "matter"},
 };
 
-static constexpr const char *kIotCategories[] = {"light", "switch", "lock", "occupancyTag", "sensor", "thermostat"};
+static constexpr const char *kIotCategories[] = {"light",        "switch", "lock",
+                                                 "occupancyTag", "sensor", "thermostat"};
 
 // First category that begins with the value, or null.
 static const char *iot_category_of(const char *value) {

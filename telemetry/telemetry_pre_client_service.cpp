@@ -1,8 +1,7 @@
-// Client records from the services of this node: traffic statistics, client management, the satellites' client file,
-// the synchronisation service.
+// Client records from the services of this node: traffic statistics, client management, the satellites'
+// client file, the synchronisation service.
 #include "telemetry_pre_collect.h"
 
-#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -21,8 +20,8 @@ static constexpr int32_t kMaxClients = 4096;
 // One call of a service of this node; every failure has the same words but for the look-up's.
 static int call_service(const char *object, const char *method, blob_attr *arguments, TelemetryBusReply reply,
                         void *user) {
-    switch (telemetry_bus_call(telemetry_bus_default_socket(), object, method, arguments, kServiceTimeoutMs, reply,
-                               user)) {
+    switch (telemetry_bus_call(telemetry_bus_default_socket(), object, method, arguments, kServiceTimeoutMs,
+                               reply, user)) {
     case TELEMETRY_BUS_OK:
         return 0;
     case TELEMETRY_BUS_NO_CONNECTION:
@@ -43,7 +42,39 @@ template <int N> static int parse_table(const blobmsg_policy *policy, blob_attr 
     return blobmsg_parse(policy, N, tb, blobmsg_data(table), static_cast<unsigned>(blobmsg_data_len(table)));
 }
 
-// --- Traffic statistics: the clients ------------------------------------------------------------------------------
+// Whether an element of a reply is a sound table: what stands in lists is not checked by whoever parsed the
+// list.
+static bool is_table(blob_attr *entry) {
+    return blobmsg_check_attr(entry, false) && blobmsg_type(entry) == BLOBMSG_TYPE_TABLE;
+}
+
+namespace {
+// Copies texts of one reply into their fields. What does not fit is cut, and said once for the whole reply.
+class CutTexts {
+  public:
+    explicit CutTexts(const char *source) : source_(source) {}
+    ~CutTexts() {
+        if (count_ > 0)
+            LOG_ERROR("%s: %d texts are too long and were cut, the first is a %s", source_, count_,
+                      first_key_);
+    }
+    CutTexts(const CutTexts &) = delete;
+    CutTexts &operator=(const CutTexts &) = delete;
+    void copy(char *field, size_t size, const char *text, const char *key) {
+        if (strlen(text) >= size && count_++ == 0)
+            first_key_ = key;
+        copy_text(field, size, text);
+    }
+
+  private:
+    const char *source_;
+    const char *first_key_ = "";
+    int count_ = 0;
+};
+} // namespace
+
+// --- Traffic statistics: the clients
+// ------------------------------------------------------------------------------
 
 enum { TFSTATS_TOTAL, TFSTATS_LIST, TFSTATS_COUNT };
 static const blobmsg_policy kTfstatsPolicy[TFSTATS_COUNT] = {
@@ -59,22 +90,17 @@ static const blobmsg_policy kTfsEntryPolicy[TFS_ENTRY_COUNT] = {
     {"rerx_byte", BLOBMSG_TYPE_INT64},
 };
 
-// Copies a text that comes from outside; what does not fit is cut and said.
-static void copy_field(char *field, size_t size, const char *text, const char *key) {
-    if (strlen(text) >= size)
-        LOG_ERROR("%s is longer than %zu characters, cut", key, size - 1);
-    copy_text(field, size, text);
-}
-
 // False when the entry has no ip or mac and so takes no record.
-static bool fill_tfstats_client(PreClientInfo *client, blob_attr *entry) {
+static bool fill_tfstats_client(PreClientInfo *client, blob_attr *entry, CutTexts *cuts) {
     blob_attr *tb[TFS_ENTRY_COUNT] = {};
+    if (!is_table(entry))
+        return false;
     parse_table(kTfsEntryPolicy, tb, entry);
     char mac[18] = {};
     if (tb[TFS_ENTRY_IP] == nullptr || tb[TFS_ENTRY_MAC] == nullptr ||
         mac_to_upper_short_line(mac, blobmsg_get_string(tb[TFS_ENTRY_MAC])) != 0)
         return false;
-    copy_field(client->ipaddr, sizeof(client->ipaddr), blobmsg_get_string(tb[TFS_ENTRY_IP]), "ip");
+    cuts->copy(client->ipaddr, sizeof(client->ipaddr), blobmsg_get_string(tb[TFS_ENTRY_IP]), "ip");
     copy_text(client->mac, mac);
     client->phymode = client->txrate = client->rxrate = UINT32_MAX;
     if (tb[TFS_ENTRY_RETX] != nullptr)
@@ -86,21 +112,19 @@ static bool fill_tfstats_client(PreClientInfo *client, blob_attr *entry) {
 
 static void fill_tfstats_clients(blob_attr *list, int32_t total) {
     PreCollectInfo *info = &telemetry_pre_collect;
-    int32_t index = 0;
-    int32_t dropped = 0;
+    CutTexts cuts("tfstats");
+    int32_t filled = 0;
     blob_attr *entry = nullptr;
     size_t rest = 0;
     blobmsg_for_each_attr(entry, list, rest) {
-        if (index >= total) {
+        if (filled >= total) {
             LOG_ERROR("tfslist has more than %d entries, cut", total);
             break;
         }
-        if (fill_tfstats_client(&info->clients[index], entry))
-            ++index;
-        else
-            ++dropped;
+        if (fill_tfstats_client(&info->clients[filled], entry, &cuts))
+            ++filled;
     }
-    info->client_num = std::max(0, total - dropped);
+    info->client_num = filled;
 }
 
 // *user receives -1 when memory ran out.
@@ -137,7 +161,8 @@ int telemetry_get_client_list_from_tfstats() {
     return result;
 }
 
-// --- Client management: what a client is --------------------------------------------------------------------------
+// --- Client management: what a client is
+// --------------------------------------------------------------------------
 
 enum ClientFieldKind { CLIENT_FIELD_TEXT, CLIENT_FIELD_FLAG, CLIENT_FIELD_U32 };
 
@@ -149,7 +174,8 @@ struct ClientField {
     size_t size;
 };
 
-#define CLIENT_FIELD(kind, member) {#member, kind, offsetof(PreClientInfo, member), sizeof(PreClientInfo::member)}
+#define CLIENT_FIELD(kind, member) \
+    { #member, kind, offsetof(PreClientInfo, member), sizeof(PreClientInfo::member) }
 static constexpr ClientField kClientFields[] = {
     CLIENT_FIELD(CLIENT_FIELD_TEXT, hostname),       CLIENT_FIELD(CLIENT_FIELD_TEXT, wire_type),
     CLIENT_FIELD(CLIENT_FIELD_FLAG, is_guest),       CLIENT_FIELD(CLIENT_FIELD_TEXT, connection_type),
@@ -161,8 +187,9 @@ static constexpr ClientField kClientFields[] = {
 static constexpr ClientField kSatelliteClientFields[] = {CLIENT_FIELD(CLIENT_FIELD_FLAG, is_mlo)};
 #undef CLIENT_FIELD
 
-static void set_text_field(PreClientInfo *client, const ClientField &field, const char *text) {
-    copy_field(reinterpret_cast<char *>(client) + field.offset, field.size, text, field.key);
+static void set_text_field(PreClientInfo *client, const ClientField &field, const char *text,
+                           CutTexts *cuts) {
+    cuts->copy(reinterpret_cast<char *>(client) + field.offset, field.size, text, field.key);
 }
 
 static void set_number_field(PreClientInfo *client, const ClientField &field, int64_t number) {
@@ -192,7 +219,7 @@ static const blobmsg_policy *client_entry_policy() {
 
 // Parses one top-level entry; false when it is no table.
 static bool parse_client_entry(blob_attr *entry, blob_attr *(&tb)[kEntryMembers]) {
-    return blobmsg_type(entry) == BLOBMSG_TYPE_TABLE && parse_table(client_entry_policy(), tb, entry) == 0;
+    return is_table(entry) && parse_table(client_entry_policy(), tb, entry) == 0;
 }
 
 // The record of an entry's address, or null.
@@ -207,14 +234,14 @@ static PreClientInfo *client_of_entry(blob_attr **tb) {
     return tb[ENTRY_MAC] != nullptr ? client_of_address(blobmsg_get_string(tb[ENTRY_MAC])) : nullptr;
 }
 
-static void complete_client_from_entry(PreClientInfo *client, blob_attr **tb) {
+static void complete_client_from_entry(PreClientInfo *client, blob_attr **tb, CutTexts *cuts) {
     client->is_exist = 1;
     for (int i = 0; i < static_cast<int>(std::size(kClientFields)); ++i) {
         blob_attr *member = tb[ENTRY_FIRST_FIELD + i];
         if (member == nullptr)
             continue;
         if (kClientFields[i].kind == CLIENT_FIELD_TEXT)
-            set_text_field(client, kClientFields[i], blobmsg_get_string(member));
+            set_text_field(client, kClientFields[i], blobmsg_get_string(member), cuts);
         else
             set_number_field(client, kClientFields[i], blobmsg_get_u32(member));
     }
@@ -233,14 +260,15 @@ static void for_each_client_entry(blob_attr *message, void (*visit)(blob_attr **
     }
 }
 
-static void complete_own_client(blob_attr **tb, void *) {
+static void complete_own_client(blob_attr **tb, void *user) {
     PreClientInfo *client = client_of_entry(tb);
     if (client != nullptr)
-        complete_client_from_entry(client, tb);
+        complete_client_from_entry(client, tb, static_cast<CutTexts *>(user));
 }
 
 static void handle_myself_reply(blob_attr *message, void *) {
-    for_each_client_entry(message, complete_own_client, nullptr);
+    CutTexts cuts("client_mgmt");
+    for_each_client_entry(message, complete_own_client, &cuts);
 }
 
 int telemetry_complete_ap_client_list_info() {
@@ -279,28 +307,30 @@ int telemetry_complete_device_type_info() {
     return call_service("client_mgmt", "get", arguments.head(), handle_type_reply, nullptr);
 }
 
-// --- The satellites' clients --------------------------------------------------------------------------------------
+// --- The satellites' clients
+// --------------------------------------------------------------------------------------
 
-static void complete_client_field(PreClientInfo *client, const ClientField &field, const cJSON *entry) {
+static void complete_client_field(PreClientInfo *client, const ClientField &field, const cJSON *entry,
+                                  CutTexts *cuts) {
     int64_t number = 0;
     if (field.kind == CLIENT_FIELD_TEXT) {
         const char *text = json_text(entry, field.key);
         if (text != nullptr)
-            set_text_field(client, field, text);
+            set_text_field(client, field, text, cuts);
     } else if (json_int64(entry, field.key, &number)) {
         set_number_field(client, field, number);
     }
 }
 
-static void complete_satellite_client(const cJSON *entry) {
+static void complete_satellite_client(const cJSON *entry, CutTexts *cuts) {
     PreClientInfo *client = client_of_address(json_text(entry, "mac"));
     if (client == nullptr)
         return;
     client->is_exist = 1;
     for (const ClientField &field : kSatelliteClientFields)
-        complete_client_field(client, field, entry);
+        complete_client_field(client, field, entry, cuts);
     for (const ClientField &field : kClientFields)
-        complete_client_field(client, field, entry);
+        complete_client_field(client, field, entry, cuts);
 }
 
 int telemetry_complete_re_client_list_info() {
@@ -318,33 +348,31 @@ int telemetry_complete_re_client_list_info() {
         return -1;
     }
     const JsonPtr root(cJSON_Parse(text.c_str()));
-    if (!root) {
+    if (!cJSON_IsArray(root.get())) {
         LOG_ERROR("cJSON parse failed");
         return -1;
     }
+    CutTexts cuts(kReClientListPath);
     for (const cJSON *entry = root->child; entry != nullptr; entry = entry->next)
-        complete_satellite_client(entry);
+        complete_satellite_client(entry, &cuts);
     return 0;
 }
 
-// --- The node that hosts a client ---------------------------------------------------------------------------------
+// --- The node that hosts a client
+// ---------------------------------------------------------------------------------
 
-// *user receives -1 when the reply cannot be used.
+// *user becomes 0 when the reply has been used, -1 when it cannot be.
 static void handle_sync_list_reply(blob_attr *message, void *user) {
-    auto *result = static_cast<int *>(user);
-    const TextPtr text(message != nullptr ? blobmsg_format_json(message, true) : nullptr);
-    if (!text) {
-        LOG_ERROR("sync list get NULL");
-        *result = -1;
+    if (message == nullptr)
         return;
-    }
-    const JsonPtr nodes(cJSON_Parse(text.get()));
+    const TextPtr text(blobmsg_format_json(message, true));
+    const JsonPtr nodes(text ? cJSON_Parse(text.get()) : nullptr);
     if (!nodes) {
         LOG_ERROR("cJSON_Parse failed");
-        *result = -1;
+        *static_cast<int *>(user) = -1;
         return;
     }
-    *result = 0;
+    *static_cast<int *>(user) = 0;
     for (int i = 0; i < telemetry_pre_collect.client_num; ++i) {
         PreClientInfo *client = &telemetry_pre_collect.clients[i];
         if (client->is_exist == 0)
@@ -358,8 +386,11 @@ static void handle_sync_list_reply(blob_attr *message, void *user) {
 }
 
 int telemetry_get_client_host_ap_mac_from_sync_server() {
-    int result = 0;
+    // 1: nothing came at all.
+    int result = 1;
     if (call_service("sync", "list", nullptr, handle_sync_list_reply, &result) != 0)
         return -1;
-    return result;
+    if (result == 1)
+        LOG_ERROR("sync list get NULL");
+    return result == 0 ? 0 : -1;
 }

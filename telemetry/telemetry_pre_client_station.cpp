@@ -15,14 +15,15 @@ static constexpr uint32_t kStationCapacity = kStationBands * kNetworkTypes * 64;
 
 using StationArray = std::unique_ptr<ClientStaInfo, HandleRelease<free>>;
 
-// Takes out what a repeated query of the same interface added again: entries from `added` on whose MAC stands between
-// `begin` and `added`.
+// Takes out what a repeated query of the same interface added again: entries from `added` on whose MAC stands
+// between `begin` and `added`.
 static void drop_repeated_stations(ClientStaList *list, uint32_t begin, uint32_t added, uint32_t *found) {
     uint32_t kept = added;
     for (uint32_t i = added; i < *found; ++i) {
         bool repeated = false;
         for (uint32_t j = begin; j < added && !repeated; ++j)
-            repeated = memcmp(list->stations[i].mac, list->stations[j].mac, sizeof(list->stations[i].mac)) == 0;
+            repeated =
+                memcmp(list->stations[i].mac, list->stations[j].mac, sizeof(list->stations[i].mac)) == 0;
         if (!repeated)
             list->stations[kept++] = list->stations[i];
     }
@@ -37,7 +38,8 @@ int telemetry_get_client_sta_info(ClientStaList *list, uint32_t *found) {
         uint32_t ifname_begin = *found;
         for (int type = 0; type < kNetworkTypes; ++type) {
             const uint32_t added = *found;
-            // A network type without an interface leaves the name of the one before, which is then asked again.
+            // A network type without an interface leaves the name of the one before, which is then asked
+            // again.
             const bool named = wlan_get_band_if_name(band, type, ifname, sizeof(ifname)) == 1;
             if (named) {
                 ifname_begin = added;
@@ -79,7 +81,8 @@ int telemetry_get_client_sta_list() {
     LOG_DEBUG("myself_clients_num is %d", *myself);
     if (*myself == 0)
         return 0;
-    const StationArray stations(static_cast<ClientStaInfo *>(calloc(kStationCapacity, sizeof(ClientStaInfo))));
+    const StationArray stations(
+        static_cast<ClientStaInfo *>(calloc(kStationCapacity, sizeof(ClientStaInfo))));
     if (!stations) {
         LOG_ERROR("malloc failed");
         return -1;

@@ -1,4 +1,5 @@
-// The device side of the snapshot: the mesh device list, completed from configuration, context and satellites.
+// The device side of the snapshot: the mesh device list, completed from configuration, context and
+// satellites.
 #include "telemetry_pre_collect.h"
 
 #include <cstring>
@@ -11,7 +12,8 @@
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
-// --- The array ----------------------------------------------------------------------------------------------------
+// --- The array
+// ----------------------------------------------------------------------------------------------------
 
 void telemetry_free_device_info_list() {
     PreCollectInfo *info = &telemetry_pre_collect;
@@ -55,7 +57,16 @@ int telemetry_init_device_info_list(int n) {
     return 0;
 }
 
-// --- Reading the list ---------------------------------------------------------------------------------------------
+// --- Reading the list
+// ---------------------------------------------------------------------------------------------
+
+// Copies a member's text into its field; what does not fit is cut and said.
+template <size_t N> static void copy_member(char (&field)[N], const cJSON *entry, const char *key) {
+    const char *text = json_text(entry, key);
+    if (text != nullptr && strlen(text) >= N)
+        LOG_ERROR("%s of %.64s is longer than %zu characters, cut", key, entry->string, N - 1);
+    copy_text(field, text);
+}
 
 static void fill_device_record(MeshDeviceInfo *device, const cJSON *entry) {
     // A key of 64 characters or more fills the field; everybody compares over at most 64.
@@ -65,9 +76,9 @@ static void fill_device_record(MeshDeviceInfo *device, const cJSON *entry) {
     char mac[18] = {};
     if (address != nullptr && mac_to_upper_short_line(mac, address) == 0)
         copy_text(device->mac, mac);
-    copy_text(device->device_model, json_text(entry, "device_model"));
-    copy_text(device->fw_version, json_text(entry, "fw_version"));
-    copy_text(device->ipaddr, json_text(entry, "ip"));
+    copy_member(device->device_model, entry, "device_model");
+    copy_member(device->fw_version, entry, "fw_version");
+    copy_member(device->ipaddr, entry, "ip");
     const char *role = json_text(entry, "role");
     device->is_fap = role != nullptr && strcmp(role, "AP") == 0 ? 1 : 0;
     device->wire_port_num = -1;
@@ -95,7 +106,8 @@ int telemetry_init_device_list_info_from_file() {
     return 0;
 }
 
-// --- Completion ---------------------------------------------------------------------------------------------------
+// --- Completion
+// ---------------------------------------------------------------------------------------------------
 
 static MeshDeviceInfo *first_fap_device() {
     for (int i = 0; i < telemetry_get_device_num(); ++i) {
@@ -165,11 +177,13 @@ int telemetry_set_device_nickname(void *, uci_context *uci, uci_element *section
 }
 
 int telemetry_set_device_prefer(void *, uci_context *uci, uci_element *section) {
-    return set_device_option(uci, section, "prefer_connect_device", &MeshDeviceInfo::prefer_connect_device_id);
+    return set_device_option(uci, section, "prefer_connect_device",
+                             &MeshDeviceInfo::prefer_connect_device_id);
 }
 
 int telemetry_get_device_nickname() {
-    return telemetry_traverse_config_section_and_do("bind_device_list", telemetry_set_device_nickname, nullptr);
+    return telemetry_traverse_config_section_and_do("bind_device_list", telemetry_set_device_nickname,
+                                                    nullptr);
 }
 
 int telemetry_get_device_prefer() {
@@ -195,7 +209,8 @@ int telemetry_collect_RE_device_info() {
     return telemetry_collect_re_backhaul_info(address);
 }
 
-// --- Dump ---------------------------------------------------------------------------------------------------------
+// --- Dump
+// ---------------------------------------------------------------------------------------------------------
 
 static void print_backhaul_slot(const BackhaulInfo *slot, int index) {
     LOG_DEBUG("backhaul index:%d", index);
@@ -239,7 +254,8 @@ void telemetry_print_device_info() {
         print_device(&telemetry_pre_collect.devices[i], i);
 }
 
-// --- The whole side -----------------------------------------------------------------------------------------------
+// --- The whole side
+// -----------------------------------------------------------------------------------------------
 
 // The steps whose failure leaves no device list for the cycle.
 static int build_device_list(const TelemetryCtx *ctx) {
@@ -275,7 +291,8 @@ int telemetry_pre_device_info(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- Accessors ----------------------------------------------------------------------------------------------------
+// --- Accessors
+// ----------------------------------------------------------------------------------------------------
 
 MeshDeviceInfo *telemetry_get_device_info_list() {
     return telemetry_pre_collect.devices;

@@ -1,5 +1,5 @@
-// The asking side of the queries between mesh nodes: one request to the synchronisation service, which forwards it to
-// the satellites and joins their answers.
+// The asking side of the queries between mesh nodes: one request to the synchronisation service, which
+// forwards it to the satellites and joins their answers.
 #include "telemetry_pre_collect.h"
 
 #include <cstring>
@@ -15,8 +15,8 @@ static constexpr int kTransferTimeoutMs = 50000;
 
 int ubus_client_call(const char *object, const char *method, blob_attr *arguments,
                      void (*reply)(blob_attr *message, void *user), void *user) {
-    const TelemetryBusError error = telemetry_bus_call(telemetry_bus_named_socket(), object, method, arguments,
-                                                       kTransferTimeoutMs, reply, user);
+    const TelemetryBusError error = telemetry_bus_call(telemetry_bus_named_socket(), object, method,
+                                                       arguments, kTransferTimeoutMs, reply, user);
     if (error == TELEMETRY_BUS_OK)
         return 0;
     if (error == TELEMETRY_BUS_NO_CONNECTION)
@@ -61,7 +61,8 @@ void telemetry_transfer_handle_reply(blob_attr *message, TelemetryTransferApply 
         return;
     }
     int64_t seen = 0;
-    for (const cJSON *answer = data->child; answer != nullptr && seen < success; answer = answer->next, ++seen)
+    for (const cJSON *answer = data->child; answer != nullptr && seen < success;
+         answer = answer->next, ++seen)
         apply_answer(answer, apply, user);
     if (seen < success)
         LOG_ERROR("%lld answers announced, %lld there", static_cast<long long>(success),
@@ -81,7 +82,8 @@ static void handle_transfer_reply(blob_attr *message, void *user) {
 }
 
 // Fills the request table.
-static void build_transfer_request(blob_buf *request, int32_t opcode, bool include_myself, const char *ip_ap_addr) {
+static void build_transfer_request(blob_buf *request, int32_t opcode, bool include_myself,
+                                   const char *ip_ap_addr) {
     blobmsg_add_u32(request, "opcode", static_cast<uint32_t>(opcode));
     blobmsg_add_string(request, "target_type", "RE");
     if (include_myself)
@@ -103,7 +105,8 @@ int telemetry_transfer_request(int32_t opcode, bool include_myself, const char *
     return ubus_client_call("sync", "request", request.head(), handle_transfer_reply, &reply);
 }
 
-// --- Backhaul and device details ----------------------------------------------------------------------------------
+// --- Backhaul and device details
+// ----------------------------------------------------------------------------------
 
 // Copies a member's text into its field; what does not fit is cut and said.
 template <size_t N> static void copy_member(char (&field)[N], const cJSON *object, const char *key) {
@@ -182,10 +185,12 @@ int telemetry_collect_re_backhaul_info(const char *fap_ipaddr) {
     }
     BlobBuffer request;
     build_transfer_request(request.get(), TELEMETRY_TRANSFER_DEVICE, true, fap_ipaddr);
-    return ubus_client_call("sync", "request", request.head(), handle_ubus_call_from_re_backhaul_info, nullptr);
+    return ubus_client_call("sync", "request", request.head(), handle_ubus_call_from_re_backhaul_info,
+                            nullptr);
 }
 
-// --- Station details of the satellites' clients -------------------------------------------------------------------
+// --- Station details of the satellites' clients
+// -------------------------------------------------------------------
 
 void parseClientStaInfoMsg(const cJSON *result) {
     if (telemetry_get_client_info_list() == nullptr) {
@@ -193,7 +198,8 @@ void parseClientStaInfoMsg(const cJSON *result) {
         return;
     }
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(result, "client_sta_list");
-    for (const cJSON *entry = cJSON_IsArray(list) ? list->child : nullptr; entry != nullptr; entry = entry->next) {
+    for (const cJSON *entry = cJSON_IsArray(list) ? list->child : nullptr; entry != nullptr;
+         entry = entry->next) {
         if (entry->child == nullptr) {
             LOG_ERROR("pItem is NULL");
             continue;
@@ -222,5 +228,6 @@ void handle_ubus_call_from_re_client_sta_list(blob_attr *message, void *user) {
 int telemetry_get_re_client_sta_list() {
     BlobBuffer request;
     build_transfer_request(request.get(), TELEMETRY_TRANSFER_CLIENT, false, nullptr);
-    return ubus_client_call("sync", "request", request.head(), handle_ubus_call_from_re_client_sta_list, nullptr);
+    return ubus_client_call("sync", "request", request.head(), handle_ubus_call_from_re_client_sta_list,
+                            nullptr);
 }

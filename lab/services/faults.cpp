@@ -17,10 +17,10 @@ struct KindName {
     FaultKind kind;
 };
 constexpr KindName kKindNames[] = {
-    {"absent", FaultKind::absent},   {"slow", FaultKind::slow},         {"silent", FaultKind::silent},
-    {"status", FaultKind::status},   {"no_data", FaultKind::no_data},   {"empty", FaultKind::empty},
-    {"types", FaultKind::types},     {"nonsense", FaultKind::nonsense}, {"garbage", FaultKind::garbage},
-    {"huge", FaultKind::huge},       {"reply", FaultKind::reply},       {"die", FaultKind::die},
+    {"absent", FaultKind::absent}, {"slow", FaultKind::slow},         {"silent", FaultKind::silent},
+    {"status", FaultKind::status}, {"no_data", FaultKind::no_data},   {"empty", FaultKind::empty},
+    {"types", FaultKind::types},   {"nonsense", FaultKind::nonsense}, {"garbage", FaultKind::garbage},
+    {"huge", FaultKind::huge},     {"reply", FaultKind::reply},       {"die", FaultKind::die},
 };
 
 // A huge reply stays below the bus's limit of 1 MiB, so that it arrives.
@@ -104,7 +104,8 @@ void add_other_types(blob_attr *real, blob_buf *out) {
             continue;
         }
         const bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
-        void *cookie = table ? blobmsg_open_array(out, blobmsg_name(attr)) : blobmsg_open_table(out, blobmsg_name(attr));
+        void *cookie =
+            table ? blobmsg_open_array(out, blobmsg_name(attr)) : blobmsg_open_table(out, blobmsg_name(attr));
         add_other_types(attr, out);
         if (table)
             blobmsg_close_array(out, cookie);

@@ -9,7 +9,21 @@
 
 namespace lab {
 
-enum class FaultKind { none, absent, slow, silent, status, no_data, empty, types, nonsense, garbage, huge, reply, die };
+enum class FaultKind {
+    none,
+    absent,
+    slow,
+    silent,
+    status,
+    no_data,
+    empty,
+    types,
+    nonsense,
+    garbage,
+    huge,
+    reply,
+    die
+};
 
 struct Fault {
     FaultKind kind = FaultKind::none;

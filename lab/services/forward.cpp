@@ -30,8 +30,7 @@ const char *forward_method(uint32_t opcode) {
 // A call in progress: a connection to the node's bus, the request, its limit.
 class NodeCall {
   public:
-    NodeCall(Forward *owner, const std::string &socket) : owner_(owner), bus_(ubus_connect(socket.c_str())) {
-    }
+    NodeCall(Forward *owner, const std::string &socket) : owner_(owner), bus_(ubus_connect(socket.c_str())) {}
     ~NodeCall() {
         if (bus_ != nullptr)
             ubus_free(bus_);
@@ -83,8 +82,7 @@ class NodeCall {
         call->end();
     }
     // The node's bus has gone: its call ends at its limit, and nothing else does.
-    static void on_lost(ubus_context *) {
-    }
+    static void on_lost(ubus_context *) {}
     void end() {
         waiting_ = false;
         timer_.cancel();

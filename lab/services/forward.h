@@ -1,4 +1,5 @@
-// One question to several nodes at once: each is called on its own bus, and what came within its limit is joined.
+// One question to several nodes at once: each is called on its own bus, and what came within its limit is
+// joined.
 #pragma once
 
 #include <functional>
@@ -24,7 +25,8 @@ class NodeCall;
 
 class Forward {
   public:
-    // Receives {"success": number of answers, "data": the answer when it is 1, else an array}; runs from the event loop.
+    // Receives {"success": number of answers, "data": the answer when it is 1, else an array}; runs from the
+    // event loop.
     using Done = std::function<void(blob_attr *reply)>;
 
     // `params`: a table whose members are the arguments, or null.

@@ -192,7 +192,8 @@ const blobmsg_policy kDataPolicy = {"params", BLOBMSG_TYPE_TABLE};
 
 int Services::forward(PendingCall &call, blob_attr *message) {
     blob_attr *tb[REQUEST_MEMBERS] = {}, *params = nullptr;
-    blobmsg_parse(kRequestPolicy, REQUEST_MEMBERS, tb, blob_data(message), static_cast<unsigned>(blob_len(message)));
+    blobmsg_parse(kRequestPolicy, REQUEST_MEMBERS, tb, blob_data(message),
+                  static_cast<unsigned>(blob_len(message)));
     if (tb[REQUEST_OPCODE] == nullptr || tb[REQUEST_TARGET] == nullptr)
         return UBUS_STATUS_INVALID_ARGUMENT;
     const char *method = forward_method(blobmsg_get_u32(tb[REQUEST_OPCODE]));
@@ -202,7 +203,8 @@ int Services::forward(PendingCall &call, blob_attr *message) {
         blobmsg_parse(&kDataPolicy, 1, &params, blobmsg_data(tb[REQUEST_DATA]),
                       static_cast<unsigned>(blobmsg_data_len(tb[REQUEST_DATA])));
     const bool myself = tb[REQUEST_MYSELF] != nullptr && blobmsg_get_bool(tb[REQUEST_MYSELF]);
-    call.forward = std::make_unique<Forward>(method, params, [this, &call](blob_attr *reply) { answer(call, reply); });
+    call.forward =
+        std::make_unique<Forward>(method, params, [this, &call](blob_attr *reply) { answer(call, reply); });
     for (size_t index = 0; index < scenario_.nodes.size(); index++) {
         const bool own = &scenario_.nodes[index] == self_;
         if (own ? myself : scenario_.nodes[index].role == "RE")
@@ -213,7 +215,8 @@ int Services::forward(PendingCall &call, blob_attr *message) {
     return UBUS_STATUS_OK;
 }
 
-int Services::serve(ServiceObject &service, ubus_request_data *request, const char *method, blob_attr *message) {
+int Services::serve(ServiceObject &service, ubus_request_data *request, const char *method,
+                    blob_attr *message) {
     faults_.refresh();
     auto call = std::make_unique<PendingCall>();
     call->fault = faults_.take(service.name, method);
@@ -232,13 +235,14 @@ int Services::serve(ServiceObject &service, ubus_request_data *request, const ch
         break;
     }
 
-    const auto known = std::find_if(std::begin(kServiceMethods), std::end(kServiceMethods), [&](const auto &candidate) {
-        return service.name == candidate.object && std::string(method) == candidate.method;
-    });
+    const auto known =
+        std::find_if(std::begin(kServiceMethods), std::end(kServiceMethods), [&](const auto &candidate) {
+            return service.name == candidate.object && std::string(method) == candidate.method;
+        });
     PendingCall &kept = *pending_.emplace_back(std::move(call));
     const FaultKind kind = kept.fault.kind;
-    const bool invented = kind == FaultKind::garbage || kind == FaultKind::nonsense || kind == FaultKind::reply ||
-                          kind == FaultKind::empty;
+    const bool invented = kind == FaultKind::garbage || kind == FaultKind::nonsense ||
+                          kind == FaultKind::reply || kind == FaultKind::empty;
     if (!invented && known->build == nullptr) {
         const int status = forward(kept, message);
         if (status != UBUS_STATUS_OK) {
