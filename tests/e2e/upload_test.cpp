@@ -98,7 +98,8 @@ class UploadTest : public ::testing::Test {
             ASSERT_TRUE(wait_for_lines(message, before + 1));
             ASSERT_TRUE(
                 lab::wait_until([&] { return number("post retry count") == (retries + 1) % 5; }, kWaitMs));
-            EXPECT_EQ(number("data_collect_count"), held);
+            // Not fewer: a collection cycle may have been due as well.
+            EXPECT_GE(number("data_collect_count"), held);
         }
     }
 
