@@ -14,7 +14,8 @@
 
 static constexpr int kStatusTimeoutMs = 1000;
 static constexpr int kIfNameSize = 16;
-static constexpr int kHostSize = 254;
+// Longer than any host name, so that a cut one is still none.
+static constexpr int kHostSize = 512;
 
 static constexpr TelemetryIndexEntry kInternetTable[] = {
     {0, "np", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "wan_type", TELEMETRY_VALUE_STRING},
