@@ -1,0 +1,179 @@
+// What the home scenario uploads: its very bytes, against the data dictionary, what must not be in it, and what further
+// cycles report.
+#include <cctype>
+#include <memory>
+#include <set>
+
+#include <gmock/gmock.h>
+
+#include "home_lab.h"
+#include "record_dictionary.h"
+#include "telemetry_utils.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+constexpr char kGoldenFile[] = TEST_SOURCE_DIR "/tests/golden/home_upload.json";
+constexpr char kHeartbeats[] = "/tmp/cloud_heartbeat_timeout_count";
+
+std::string lower(std::string text) {
+    for (char &c : text)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// "02:00:00:01:00:0a" with another separator.
+std::string separated(const std::string &mac, const std::string &by) {
+    std::string text;
+    for (const char c : mac)
+        text += c == ':' ? by : std::string(1, c);
+    return text;
+}
+
+std::string digest_of(const std::string &mac) {
+    std::string form = separated(mac, "-");
+    for (char &c : form)
+        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    char digest[33] = {};
+    md5_encode_str(reinterpret_cast<const uint8_t *>(form.data()), static_cast<int32_t>(form.size()), digest);
+    return digest;
+}
+
+class HomeRecords : public ::testing::Test {
+  protected:
+    // The first upload is what most of the tests look at.
+    static void SetUpTestSuite() {
+        home = new HomeLab;
+        home->lab.node().write(kHeartbeats, "4\n"); // the daemon starts it anew
+        first = new std::vector<UploadedRecord>(home->cycle());
+        body = home->body();
+    }
+    static void TearDownTestSuite() {
+        delete first;
+        delete home;
+    }
+
+    static std::vector<std::string> names(const std::vector<UploadedRecord> &records) {
+        std::vector<std::string> eids;
+        for (const UploadedRecord &record : records)
+            eids.push_back(record.eid);
+        return eids;
+    }
+    // Payload's text of a record; empty when it was not sent.
+    static std::string payload(const std::vector<UploadedRecord> &records, const std::string &eid) {
+        for (const UploadedRecord &record : records)
+            if (record.eid == eid)
+                return record.text;
+        return {};
+    }
+
+    static inline HomeLab *home;
+    static inline std::vector<UploadedRecord> *first;
+    static inline std::string body;
+};
+
+// UPDATE_GOLDEN=1 in the environment writes the file anew, after a change that is meant.
+TEST_F(HomeRecords, AreTheGoldenBytes) {
+    if (getenv("UPDATE_GOLDEN") != nullptr)
+        lab::write_file(kGoldenFile, body + "\n");
+    const std::string golden = lab::read_file(kGoldenFile);
+    ASSERT_FALSE(golden.empty());
+    const auto difference = std::mismatch(body.begin(), body.end(), golden.begin(), golden.end() - 1);
+    const auto at = static_cast<size_t>(difference.first - body.begin());
+    EXPECT_EQ(body + "\n" == golden, true) << "first difference at byte " << at << "\nsent:   "
+                                          << body.substr(at > 60 ? at - 60 : 0, 160) << "\ngolden: "
+                                          << golden.substr(at > 60 ? at - 60 : 0, 160);
+}
+
+TEST_F(HomeRecords, AreWhatTheDictionarySays) {
+    RecordDictionary dictionary(TEST_SOURCE_DIR "/docs/records.md");
+    EXPECT_EQ(dictionary.sections().size(), 18U) << "the body and seventeen records";
+    const lab::JsonTree upload = lab::parse_json(body, "upload");
+    dictionary.check("body", upload.get());
+    for (const UploadedRecord &record : *first)
+        dictionary.check(record.eid, record.payload.get());
+    EXPECT_THAT(dictionary.problems(), IsEmpty());
+    EXPECT_THAT(dictionary.never_seen(), IsEmpty()) << "in the dictionary and never sent";
+}
+
+TEST_F(HomeRecords, NameNobody) {
+    const lab::Scenario &scenario = home->lab.scenario();
+    std::set<std::string> forbidden = {"hush", "198.51.100.1", "2001:db8", "203.0.113."};
+    std::set<std::string> digests;
+    const auto forbid_mac = [&](const std::string &mac) {
+        for (const char *by : {":", "-", ""})
+            forbidden.insert(lower(separated(mac, by)));
+        digests.insert(digest_of(mac));
+    };
+    for (const lab::ScenarioNode &node : scenario.nodes) {
+        forbid_mac(node.mac);
+        forbidden.insert(node.ip);
+    }
+    for (const lab::ScenarioClient &client : scenario.clients) {
+        forbid_mac(client.mac);
+        forbidden.insert({client.ip, lower(client.hostname)});
+    }
+    for (const auto &[package, section] : {std::pair("wifi", "ap"), {"wifi", "guest"}, {"iot_wifi", "iot"}}) {
+        const std::string ssid = home->lab.node().config(package, section, "ssid");
+        ASSERT_NE(ssid, "") << package << " " << section;
+        forbidden.insert(lower(ssid));
+    }
+    ASSERT_GT(forbidden.size(), 28U * 3 + 28 + 25);
+    const std::string sent = lower(body);
+    for (const std::string &text : forbidden)
+        EXPECT_THAT(sent, Not(HasSubstr(text)));
+
+    // Whatever looks like a digest is one of an address of the scenario, and each address has one.
+    std::set<std::string> found;
+    for (size_t at = 0; (at = sent.find('"', at)) != sent.npos; ++at) {
+        const std::string text = sent.substr(at + 1, sent.find('"', at + 1) - at - 1);
+        if (text.size() == 32 && text.find_first_not_of("0123456789abcdef") == text.npos)
+            found.insert(text);
+    }
+    EXPECT_EQ(found, digests);
+}
+
+// Steps of one story: each cycle builds on the one before.
+TEST_F(HomeRecords, ChangeOnlyWithTheirSources) {
+    lab::LabNode &node = home->lab.node();
+    EXPECT_EQ(first->size(), 17U);
+    EXPECT_EQ(node.read(kHeartbeats), "0\n");
+    for (const char *option : {"is_find_fw", "is_new_fw", "start_timestamp", "download_time", "is_upgrade"})
+        EXPECT_EQ(node.config("telemetry_info", "cloud_info", option), "") << option;
+    EXPECT_EQ(node.config("telemetry_info", "systime_info", "is_get_dstrule"), "");
+    EXPECT_EQ(node.config("telemetry_info", "67E24D30B4A69403", "fwver"), "1.2.10 Build 20240115");
+
+    const auto unchanged = home->cycle();
+    EXPECT_THAT(names(unchanged), ElementsAre("internet_info", "client_info", "device_info", "system_info",
+                                              "restart_info", "afc_info", "havenguard_info_v2"));
+    EXPECT_EQ(payload(unchanged, "client_info"), payload(*first, "client_info"));
+    EXPECT_EQ(payload(unchanged, "restart_info"), R"({"ut":86512,"tn":1})");
+    EXPECT_EQ(payload(unchanged, "havenguard_info_v2"), R"({"wb":73})");
+
+    node.set_config("wifi", "ap", "enc_type", "wpa3");
+    node.set_config("telemetry_info", "cloud_info", "is_upgrade", "1");
+    node.write(kHeartbeats, "2\n");
+    std::string mesh = node.read("/tmp/sync-server/mesh_dev_list");
+    const size_t last = mesh.rfind("1.2.10");
+    ASSERT_NE(last, mesh.npos);
+    node.write("/tmp/sync-server/mesh_dev_list", mesh.replace(last, 6, "1.2.11"));
+    const size_t saves = node.read("/lab/board/saveconfig.log").size();
+    const auto changed = home->cycle(false);
+    EXPECT_THAT(names(changed), ElementsAre("internet_info", "wireless_host_info", "cloud_info"));
+    EXPECT_THAT(payload(changed, "wireless_host_info"), HasSubstr(R"("em":3)"));
+    EXPECT_EQ(payload(changed, "cloud_info"), R"({"tch":2,"tcu":1,"tus":1})");
+    EXPECT_EQ(node.config("telemetry_info", "2D7298711E00915A", "fwver"), "1.2.11 Build 20240115");
+    EXPECT_GT(node.read("/lab/board/saveconfig.log").size(), saves);
+
+    node.set_config("telemetry_info", "cloud_info", "is_upgrade", "1");
+    node.set_config("auto_upgrade", "setting", "enable", "0");
+    EXPECT_EQ(payload(home->cycle(false), "cloud_info"), R"({"tcu":1,"tus":0,"ase":0})");
+    EXPECT_THAT(names(home->cycle(false)), ElementsAre("internet_info"));
+}
+
+} // namespace
