@@ -291,6 +291,8 @@ static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes
 
 // 32-bit arithmetic, which wraps; the timers refuse what makes no interval.
 static uint32_t minutes_to_ms(int32_t minutes) {
+    if (minutes > static_cast<int32_t>(INT32_MAX / kMinuteMs))
+        LOG_ERROR("interval of %d minutes is not usable", minutes);
     return static_cast<uint32_t>(minutes) * kMinuteMs;
 }
 

@@ -182,6 +182,12 @@ TEST_F(PostMessageTest, strategy_contents) {
     EXPECT_EQ(option("strategy", "collect_interval_2"), "8");
     EXPECT_EQ(option("strategy", "post_interval"), "9");
     EXPECT_TRUE(armed_for(&ctx.collect_timer, 420000));
+
+    // More than a timer can wait is told, also where the product wraps to something short.
+    const auto lines = logged_messages(
+        [&] { EXPECT_EQ(telemetry_update_strategy(&ctx, content("35791", "35792", "71583").c_str()), 0); });
+    EXPECT_EQ(lines, (std::vector<std::string>{"interval of 35792 minutes is not usable",
+                                               "interval of 71583 minutes is not usable"}));
 }
 
 // A strategy that cannot be kept is not applied either.
