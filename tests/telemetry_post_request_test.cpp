@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <ctime>
+#include <dlfcn.h>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,21 @@ extern "C" time_t time(time_t *result) noexcept {
     if (result != nullptr)
         *result = clock_value;
     return clock_value;
+}
+
+static bool easy_init_fails;
+static bool add_handle_fails;
+
+// libcurl's entry points for this program: they fail when a test says so.
+extern "C" CURL *curl_easy_init() {
+    static const auto real = reinterpret_cast<CURL *(*)()>(dlsym(RTLD_NEXT, "curl_easy_init"));
+    return easy_init_fails ? nullptr : real();
+}
+
+extern "C" CURLMcode curl_multi_add_handle(CURLM *multi, CURL *easy) {
+    static const auto real =
+        reinterpret_cast<CURLMcode (*)(CURLM *, CURL *)>(dlsym(RTLD_NEXT, "curl_multi_add_handle"));
+    return add_handle_fails ? CURLM_OUT_OF_MEMORY : real(multi, easy);
 }
 
 class PostRequestTest : public PostTest {
@@ -186,6 +202,32 @@ TEST_F(PostRequestTest, callback_may_start_a_transfer_in_another_slot) {
     poll_curl_status(&ctx.post_requests[1]->poll_timer);
     EXPECT_EQ(completed, 11);
     EXPECT_EQ(requests_in_use(), 0);
+}
+
+// What never reached libcurl fails like any other transfer, from the loop and not inside the sender.
+TEST_F(PostRequestTest, transfer_that_cannot_start_fails_once_at_its_next_tick) {
+    const auto count = [](PostRequest *request) {
+        EXPECT_EQ(request->request_status, POST_REQUEST_FAILED);
+        completed++;
+    };
+    for (bool *fails : {&easy_init_fails, &add_handle_fails}) {
+        completed = 0;
+        *fails = true;
+        PostRequest *request = start_transfer(count, kNoHost);
+        *fails = false;
+        EXPECT_EQ(completed, 0);
+        ASSERT_TRUE(armed_for(&request->poll_timer, kPostPollMs));
+        uloop_timeout_cancel(&request->poll_timer);
+        request->poll_timer.cb(&request->poll_timer);
+        EXPECT_EQ(completed, 1);
+        EXPECT_EQ(request->in_use, 0U);
+        EXPECT_FALSE(pending(&request->poll_timer));
+        // The slot serves the next one.
+        ASSERT_EQ(start_transfer(count, kNoHost), request);
+        poll_curl_status(&request->poll_timer);
+        EXPECT_EQ(completed, 2);
+        EXPECT_EQ(requests_in_use(), 0);
+    }
 }
 
 TEST_F(PostRequestTest, answer_arrives_whole_or_fails_its_transfer) {

@@ -61,8 +61,9 @@ class PostTest : public SysrootTest {
 
     // Ends every transfer without its callback.
     void drop_requests() {
-        for (PostRequest *slot : ctx.post_requests) {
+        for (PostRequest *slot : ctx.post_requests)
             slot->on_complete = nullptr;
+        for (PostRequest *slot : ctx.post_requests) {
             while (slot->easy != nullptr || slot->finished != 0)
                 poll_curl_status(&slot->poll_timer);
             uloop_timeout_cancel(&slot->poll_timer);
