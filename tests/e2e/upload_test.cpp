@@ -262,8 +262,10 @@ TEST_F(UploadTest, useless_answers_cost_no_record) {
                      "answer longer than 262144 bytes refused",
                      "curl failed! code: ", "curl failed! code: "});
     EXPECT_EQ(cloud.count("posts"), 0);
-    // The HTTP status decides nothing.
+    // The HTTP status is told, and decides nothing.
+    ASSERT_EQ(node.call("debug", R"({"level":"debug"})").status, 0);
     advance_to_retry();
+    EXPECT_TRUE(node.wait_for_console("curl response code: 500", kWaitMs));
     EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));
     EXPECT_EQ(cloud.count("invalid_signatures"), 0);
 }
