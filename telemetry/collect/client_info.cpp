@@ -10,8 +10,8 @@
 #include "telemetry_utils.h"
 
 // By client_type. Code 0 is "unknown" in the table and goes out as "other", like codes beyond it.
-static constexpr const char *kDeviceTypes[] = {"unknown", "pc",      "phone",         "laptop",
-                                               "tablet",  "entertainment", "printer", "iot_device"};
+static constexpr const char *kDeviceTypes[] = {"unknown",       "pc",      "phone",     "laptop", "tablet",
+                                               "entertainment", "printer", "iot_device"};
 
 static const char *device_type_name(uint32_t client_type) {
     return client_type == 0 || client_type >= std::size(kDeviceTypes) ? "other" : kDeviceTypes[client_type];

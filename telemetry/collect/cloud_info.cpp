@@ -19,14 +19,17 @@ static constexpr int kVersionSize = 128;
 
 // What other programs leave once, in `telemetry_info`.
 static constexpr TelemetryIndexEntry kCloudActionTable[] = {
-    {0, "tsd", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "systime_info", "is_get_dstrule", TELEMETRY_VALUE_INT},
+    {0, "tsd", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "systime_info", "is_get_dstrule",
+     TELEMETRY_VALUE_INT},
 };
 
 static constexpr TelemetryIndexEntry kFirmwareTable[] = {
     {0, "tcf", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "is_find_fw", TELEMETRY_VALUE_INT},
     {1, "tcn", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "is_new_fw", TELEMETRY_VALUE_INT},
-    {2, "tcs", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "start_timestamp", TELEMETRY_VALUE_INT64},
-    {3, "tcd", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "download_time", TELEMETRY_VALUE_DOUBLE},
+    {2, "tcs", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "start_timestamp",
+     TELEMETRY_VALUE_INT64},
+    {3, "tcd", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "download_time",
+     TELEMETRY_VALUE_DOUBLE},
     {4, "tcu", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "cloud_info", "is_upgrade", TELEMETRY_VALUE_INT},
 };
 
@@ -63,7 +66,8 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
     return 0;
 }
 
-// --- Versions -----------------------------------------------------------------------------------------------------
+// --- Versions
+// -----------------------------------------------------------------------------------------------------
 
 struct FirmwareVersion {
     int numbers[3];
@@ -107,7 +111,8 @@ int telemetry_compare_fwver(const char *current, const char *newer) {
     return 0;
 }
 
-// --- Upgrades -----------------------------------------------------------------------------------------------------
+// --- Upgrades
+// -----------------------------------------------------------------------------------------------------
 
 int telemetry_update_upgrade_config(const char *node_id, const char *version) {
     if (node_id == nullptr || node_id[0] == '\0' || version == nullptr) {
@@ -155,11 +160,12 @@ int telemetry_check_device_upgrade(cJSON *payload, uint32_t *count) {
     return 0;
 }
 
-// --- Automatic upgrade --------------------------------------------------------------------------------------------
+// --- Automatic upgrade
+// --------------------------------------------------------------------------------------------
 
 static void collect_auto_upgrade(cJSON *payload, uint32_t *count) {
-    if (check_is_auto_upgrade_support() == 0 ||
-        telemetry_update_tmp_backup_config_by_telemetry_index(kAutoUpgradeTable, rows(kAutoUpgradeTable)) == 0)
+    if (check_is_auto_upgrade_support() == 0 || telemetry_update_tmp_backup_config_by_telemetry_index(
+                                                    kAutoUpgradeTable, rows(kAutoUpgradeTable)) == 0)
         return;
     const int enabled =
         telemetry_get_uci_enabled_value("auto_upgrade", "setting", "enable", TELEMETRY_UCI_SYSTEM);
@@ -169,9 +175,10 @@ static void collect_auto_upgrade(cJSON *payload, uint32_t *count) {
         ++*count;
         return;
     }
-    telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(kAutoUpgradeTable, rows(kAutoUpgradeTable), count,
-                                                                    payload);
-    LOG_DEBUG("collect auto fw info successfully, now now data collect count is: %d!", static_cast<int>(*count));
+    telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(kAutoUpgradeTable,
+                                                                    rows(kAutoUpgradeTable), count, payload);
+    LOG_DEBUG("collect auto fw info successfully, now now data collect count is: %d!",
+              static_cast<int>(*count));
 }
 
 int collect_cloud_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
@@ -180,9 +187,10 @@ int collect_cloud_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
         return 0;
     }
     telemetry_get_heartbeat_timeout_count_in_file(payload, count);
-    telemetry_get_duration_config_cJSON_object_by_telemetry_index(kCloudActionTable, rows(kCloudActionTable), count,
-                                                                  payload);
-    LOG_DEBUG("collect cloud action info successfully, now data collect count is: %d!", static_cast<int>(*count));
+    telemetry_get_duration_config_cJSON_object_by_telemetry_index(kCloudActionTable, rows(kCloudActionTable),
+                                                                  count, payload);
+    LOG_DEBUG("collect cloud action info successfully, now data collect count is: %d!",
+              static_cast<int>(*count));
     // Read before the firmware table reports and clears it.
     const int upgrading =
         telemetry_get_uci_enabled_value("telemetry_info", "cloud_info", "is_upgrade", TELEMETRY_UCI_SYSTEM);

@@ -20,7 +20,8 @@ static void add_preferred_uplink(cJSON *entry, const MeshDeviceInfo *device) {
 static void add_uplink(cJSON *entry, const MeshDeviceInfo *device) {
     if (telemetry_add_mac_md5_to_cJSON_object(entry, "pm", device->parent_mac) != 0)
         cJSON_AddStringToObject(entry, "pm", "");
-    cJSON_AddNumberToObject(entry, "ddl", device->ping_delay[0] != '\0' ? strtod(device->ping_delay, nullptr) : -1);
+    cJSON_AddNumberToObject(entry, "ddl",
+                            device->ping_delay[0] != '\0' ? strtod(device->ping_delay, nullptr) : -1);
 }
 
 static int lan_ports_in_use(const MeshDeviceInfo *device) {

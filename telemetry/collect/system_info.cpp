@@ -21,7 +21,8 @@ static constexpr int kLineSize = 512;
 static constexpr unsigned kCpuSampleSeconds = 3;
 static constexpr int kLowpowerTimeoutMs = 1000;
 
-// --- CPU ----------------------------------------------------------------------------------------------------------
+// --- CPU
+// ----------------------------------------------------------------------------------------------------------
 
 struct CpuSample {
     int total;
@@ -77,7 +78,8 @@ int telemetry_system_info_get_cpu_info() {
     return static_cast<int>(busy * 100 / total);
 }
 
-// --- Memory -------------------------------------------------------------------------------------------------------
+// --- Memory
+// -------------------------------------------------------------------------------------------------------
 
 enum MemFigure { MEM_TOTAL, MEM_FREE, MEM_BUFFERS, MEM_CACHED, MEM_SWAP_CACHED, MEM_FIGURES };
 static constexpr const char *kMemFigureNames[MEM_FIGURES] = {"MemTotal", "MemFree", "Buffers", "Cached",
@@ -110,7 +112,8 @@ int telemetry_system_info_get_mem_info(int kind) {
     return static_cast<int>(used * 100 / figures[MEM_TOTAL]);
 }
 
-// --- Figures of this node -----------------------------------------------------------------------------------------
+// --- Figures of this node
+// -----------------------------------------------------------------------------------------
 
 // The number in a small file, which then replaces *number.
 static bool read_number_file(const char *path, int *number) {
@@ -164,8 +167,8 @@ static void read_nat_num(SystemInfoRecord *record) {
         LOG_ERROR("open file %s failed", kConntrackCountPath);
 }
 
-// One member of a node's entry: key, option it is read from (work mode only), how the figure is measured here, and its
-// type code. The low-power pair has a source of its own.
+// One member of a node's entry: key, option it is read from (work mode only), how the figure is measured
+// here, and its type code. The low-power pair has a source of its own.
 struct SystemInfoItem {
     const char *key;
     const char *package;
@@ -190,8 +193,8 @@ static constexpr SystemInfoItem kItems[] = {
 
 static void read_work_mode(SystemInfoRecord *record) {
     const SystemInfoItem &item = kItems[0];
-    telemetry_get_uci_value(item.package, item.section, item.option, record->work_mode, sizeof(record->work_mode),
-                            TELEMETRY_UCI_SYSTEM);
+    telemetry_get_uci_value(item.package, item.section, item.option, record->work_mode,
+                            sizeof(record->work_mode), TELEMETRY_UCI_SYSTEM);
 }
 
 void telemetry_system_info_collect_own(SystemInfoRecord *record) {
@@ -201,7 +204,8 @@ void telemetry_system_info_collect_own(SystemInfoRecord *record) {
     }
 }
 
-// --- Low power ----------------------------------------------------------------------------------------------------
+// --- Low power
+// ----------------------------------------------------------------------------------------------------
 
 enum { LOWPOWER_RES, LOWPOWER_TIME, LOWPOWER_DURATION, LOWPOWER_COUNT };
 static const blobmsg_policy kLowpowerPolicy[LOWPOWER_COUNT] = {
@@ -239,13 +243,14 @@ static void handel_lowpower_cb(blob_attr *message, void *user) {
 
 int collect_data_for_lowpower_info(SystemInfoRecord *record) {
     LowpowerReply reply = {record, 0};
-    if (telemetry_bus_call(telemetry_bus_default_socket(), "low_power", "telemetry_get", nullptr, kLowpowerTimeoutMs,
-                           handel_lowpower_cb, &reply) != TELEMETRY_BUS_OK)
+    if (telemetry_bus_call(telemetry_bus_default_socket(), "low_power", "telemetry_get", nullptr,
+                           kLowpowerTimeoutMs, handel_lowpower_cb, &reply) != TELEMETRY_BUS_OK)
         LOG_ERROR("ubus call lowpower error!");
     return reply.kept;
 }
 
-// --- The satellites' figures --------------------------------------------------------------------------------------
+// --- The satellites' figures
+// --------------------------------------------------------------------------------------
 
 struct SatelliteFigure {
     const char *key;
@@ -315,7 +320,8 @@ static void apply_system_result(const cJSON *result, void *user) {
     parseSystemInfoMsg(result, list->records, list->count);
 }
 
-// --- The record ---------------------------------------------------------------------------------------------------
+// --- The record
+// ---------------------------------------------------------------------------------------------------
 
 static bool add_temperatures(cJSON *entry, const SystemInfoRecord *record) {
     cJSON *temperatures = cJSON_AddObjectToObject(entry, "tem");
@@ -376,8 +382,8 @@ static int telemetry_add_collected_system_info(const SystemInfoRecord *records, 
     return 0;
 }
 
-// The record of this node: its own address's, or the main node's, which is where a list that does not know the
-// firmware tool's address has it.
+// The record of this node: its own address's, or the main node's, which is where a list that does not know
+// the firmware tool's address has it.
 static SystemInfoRecord *own_record(const TelemetryCtx *ctx, SystemInfoRecord *records, int count) {
     char mac[18] = {};
     if (mac_to_upper_short_line(mac, ctx->dev_mac) == 0 && mac[0] != '\0') {
@@ -421,8 +427,8 @@ int collect_system_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     SystemInfoRecord *own = own_record(ctx, list.records, list.count);
     telemetry_system_info_collect_own(own);
     collect_data_for_lowpower_info(own);
-    if (list.count > 1 && telemetry_transfer_request(TELEMETRY_TRANSFER_SYSTEM, true, nullptr, apply_system_result,
-                                                     &list) != 0)
+    if (list.count > 1 &&
+        telemetry_transfer_request(TELEMETRY_TRANSFER_SYSTEM, true, nullptr, apply_system_result, &list) != 0)
         LOG_ERROR("get re system info failed");
     if (telemetry_add_collected_system_info(list.records, list.count, payload, count) != 0) {
         LOG_ERROR("add system info failed");

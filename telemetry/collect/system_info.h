@@ -1,4 +1,5 @@
-// Load, memory, temperatures and connections of a node: measured here for this node, gathered from the satellites.
+// Load, memory, temperatures and connections of a node: measured here for this node, gathered from the
+// satellites.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +9,11 @@
 struct SystemInfoRecord {
     char mac[18];
     char work_mode[128];
-    double cpu_usage; // percent, -1 unknown
-    double cpu_freq;  // kHz, as the kernel tells
-    double mem_total; // kB
-    double mem_usage; // percent
-    double mem_free;  // kB
+    double cpu_usage;  // percent, -1 unknown
+    double cpu_freq;   // kHz, as the kernel tells
+    double mem_total;  // kB
+    double mem_usage;  // percent
+    double mem_free;   // kB
     double wifi0_temp; // -1 unknown
     double wifi1_temp;
     double wifi2_temp;
@@ -24,7 +25,8 @@ struct SystemInfoRecord {
 
 // This node's figures except the low-power pair, item by item of the collector's table. Blocks for 3 seconds.
 void telemetry_system_info_collect_own(SystemInfoRecord *record);
-// The low-power pair, from bus object "low_power". 1 when its "res" is "success" and the pair was kept, else 0.
+// The low-power pair, from bus object "low_power". 1 when its "res" is "success" and the pair was kept, else
+// 0.
 int collect_data_for_lowpower_info(SystemInfoRecord *record);
 // Memory: 0 total in kB, 1 usage in percent, 2 free in kB; -1 on failure.
 int telemetry_system_info_get_mem_info(int kind);
