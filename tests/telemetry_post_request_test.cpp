@@ -95,6 +95,7 @@ TEST_F(PostRequestTest, release_clears_the_slot_and_keeps_allocations_and_result
     telemetry_post_append_data(&request->response, "answer", 6);
     request->request_status = POST_REQUEST_TIMED_OUT;
     request->response_code = 503;
+    request->on_complete = [](PostRequest *) {};
     const char *body = request->body.data;
     telemetry_post_free_request(request);
     EXPECT_EQ(request->body.data, body);
@@ -105,6 +106,7 @@ TEST_F(PostRequestTest, release_clears_the_slot_and_keeps_allocations_and_result
     EXPECT_STREQ(request->headers[1], "");
     EXPECT_EQ(request->header_count, 0U);
     EXPECT_EQ(request->timeout_ms, 0U);
+    EXPECT_EQ(request->on_complete, nullptr);
     EXPECT_EQ(request->request_status, POST_REQUEST_TIMED_OUT);
     EXPECT_EQ(request->response_code, 503);
     EXPECT_EQ(request->owner, &ctx);
@@ -161,6 +163,25 @@ TEST_F(PostRequestTest, signature_covers_body_time_and_path) {
     EXPECT_EQ(add_curl_request_signature(request, "{}", nullptr, "/p"), -1);
     EXPECT_EQ(add_curl_request_signature(request, "{}", "s", ""), -1);
     EXPECT_EQ(request->header_count, 0U);
+    request->header_count = kPostHeaderLines;
+    EXPECT_EQ(add_curl_request_signature(request, "{}", "s", "/p"), -1);
+    EXPECT_EQ(request->header_count, static_cast<uint32_t>(kPostHeaderLines));
+}
+
+TEST_F(PostRequestTest, body_that_cannot_be_added_fails) {
+    PostRequest *request = telemetry_post_alloc_request(&ctx);
+    const auto lines = logged_messages([&] {
+        EXPECT_EQ(add_curl_request_content(nullptr, "x"), -1);
+        EXPECT_EQ(add_curl_request_content(request, nullptr), -1);
+        EXPECT_EQ(add_curl_request_content(request, ""), -1);
+    });
+    const std::vector<std::string> expected = {"invalid input!", "invalid input!", "invalid input!",
+                                               "iot_events_append_data failed"};
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(request->body.used, 0);
+    EXPECT_EQ(add_curl_request_content(request, "ab"), 0);
+    EXPECT_EQ(add_curl_request_content(request, "c"), 0);
+    EXPECT_STREQ(request->body.data, "abc");
 }
 
 TEST_F(PostRequestTest, transfers_that_end_in_one_poll_both_get_their_callback) {
