@@ -1,6 +1,8 @@
 // The daemon as a process on a real bus: what an operator sees with the `ubus` command, and what happens to
 // the daemon when the bus dies, comes back, or is replaced by something that only looks like a bus.
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -14,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "bus_daemon.h"
+#include "lab.h"
 #include "sysroot.h"
 #include "telemetry_paths.h"
 
@@ -72,13 +75,6 @@ class BusTest : public SysrootTest {
     CommandResult ubus(const std::string &arguments) {
         return run_command(TEST_BIN_DIR "/ubus -s " + bus.socket() + " " + arguments);
     }
-    bool object_is_back() {
-        return wait_until([&] { return ubus("-S call telemetry clear").output == "{\"err_code\":0}\n"; });
-    }
-    size_t descriptors_of_daemon() const {
-        const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon_) + "/fd");
-        return static_cast<size_t>(std::distance(begin(all), end(all)));
-    }
 
     BusDaemon bus;
     pid_t daemon_ = -1;
@@ -125,20 +121,179 @@ TEST_F(BusTest, PrintGoesToTheConsole) {
     EXPECT_THAT(console, HasSubstr("): -----------telemetry post end-----------\n"));
 }
 
-TEST_F(BusTest, SurvivesKilledBusesWithoutLosingMethodsOrDescriptors) {
-    const size_t before = descriptors_of_daemon();
-    const std::string methods = ubus("list -v telemetry | tail -n +2").output;
-    for (int round = 0; round < 6; ++round) {
-        SCOPED_TRACE(round);
-        bus.kill();
-        if (round % 3 == 2)
-            std::this_thread::sleep_for(
-                std::chrono::seconds(1)); // part of what is checked: a bus that is away
-        bus.start();
-        ASSERT_TRUE(object_is_back());
-        EXPECT_EQ(ubus("list -v telemetry | tail -n +2").output, methods);
+TEST_F(BusTest, EndsNormallyWhileTheBusIsAway) {
+    bus.kill();
+    EXPECT_TRUE(wait_until(
+        [&] { return root.read(kConsolePath).find("ubus connection is lost") != std::string::npos; }));
+}
+
+// --- A bus that dies while something is under way
+// -----------------------------------------------------------
+
+static size_t count_descriptors(pid_t process) {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+// A node with its services and a cloud. The daemon's clock is moved, so that an absence of 30 s takes none.
+class BusLossTest : public ::testing::Test {
+  protected:
+    BusLossTest() {
+        node.advance_clock(0);
+        lab.start();
+        EXPECT_TRUE(node.wait_for_state("post state", lab::kReadyForUpload, kPatienceMs));
+        // Each failed try to connect again is a line of this level.
+        EXPECT_EQ(node.call("debug", R"({"level":"debug"})").status, 0);
+        descriptors_ = count_descriptors(node.daemon.pid());
+        methods_ = methods();
+        EXPECT_THAT(methods_, HasSubstr("collect_device_info"));
     }
-    EXPECT_EQ(descriptors_of_daemon(), before);
+    void TearDown() override {
+        EXPECT_TRUE(wait_until([&] { return count_descriptors(node.daemon.pid()) == descriptors_; }))
+            << count_descriptors(node.daemon.pid()) << " descriptors, " << descriptors_ << " at first";
+        EXPECT_EQ(node.daemon.stop(), 0) << node.read("/lab/daemon.log");
+    }
+
+    // Without the object's id, which each bus gives anew.
+    std::string methods() {
+        return run_command(TEST_BIN_DIR "/ubus -s " + node.bus_socket() + " list -v telemetry | tail -n +2")
+            .output;
+    }
+    size_t lines_since_loss(const char *text) {
+        const std::string console = node.console(console_at_loss_);
+        size_t count = 0;
+        for (size_t at = console.find(text); at != console.npos; at = console.find(text, at + 1))
+            ++count;
+        return count;
+    }
+    bool wait_for_lines(const char *text, size_t count) {
+        return wait_until([&] { return lines_since_loss(text) >= count; });
+    }
+    void kill_bus() {
+        console_at_loss_ = node.console().size();
+        lost_at_ = std::chrono::steady_clock::now();
+        node.bus.kill();
+    }
+    void start_bus() {
+        node.start_bus();
+        node.start_services();
+    }
+    // From the kill on: the bus is away for that long, and within one tick of its return the daemon is back.
+    void expect_return_after(int absence_s) {
+        if (absence_s == 0)
+            start_bus();
+        ASSERT_TRUE(wait_for_lines("ubus connection is lost", 1));
+        int moved_ms = 0;
+        while (absence_s > 0 && moved_ms < absence_s * 1000) {
+            // One try at the loss, then one a tick.
+            ASSERT_TRUE(wait_for_lines("ubus reconnect failed", 1 + static_cast<size_t>(moved_ms / 2000)));
+            const int step_ms = std::min(2000, absence_s * 1000 - moved_ms);
+            node.advance_clock(step_ms);
+            moved_ms += step_ms;
+        }
+        if (absence_s > 0)
+            start_bus();
+        node.advance_clock(2000);
+        ASSERT_TRUE(wait_for_lines("ubus connection is back", 1));
+        EXPECT_EQ(methods(), methods_);
+        const auto waited =
+            std::chrono::steady_clock::now() - lost_at_ + std::chrono::milliseconds(moved_ms + 2000);
+        EXPECT_LE(lines_since_loss("ubus reconnect failed"),
+                  1 + static_cast<size_t>(waited / std::chrono::seconds(2)));
+        ASSERT_TRUE(node.wait_for_object("sync", kPatienceMs));
+        node.advance_clock(1000); // a connection that is lost again at once would not be tried at once
+    }
+    long number(const char *line) {
+        return atol(node.state()[line].c_str());
+    }
+    void expect_collection(long collect_count) {
+        EXPECT_TRUE(node.wait_for_state("collect_count", std::to_string(collect_count), kPatienceMs));
+    }
+
+    lab::Lab lab;
+    lab::LabNode &node = lab.node();
+    lab::LabCloud &cloud = lab.cloud();
+    size_t descriptors_ = 0;
+    std::string methods_;
+    size_t console_at_loss_ = 0;
+    std::chrono::steady_clock::time_point lost_at_;
+};
+
+static constexpr int kAbsencesS[] = {0, 1, 5, 30};
+
+TEST_F(BusLossTest, IdleDaemonKeepsItsTimersOverAnAbsence) {
+    for (const int absence_s : kAbsencesS) {
+        SCOPED_TRACE(absence_s);
+        kill_bus();
+        expect_return_after(absence_s);
+    }
+    // Both timers were armed before the first loss, and nothing has armed them since.
+    ASSERT_EQ(number("collect_count"), 0);
+    node.advance_clock(number("collect_interval_strategy1"));
+    expect_collection(1);
+    EXPECT_GT(number("data_collect_count"), 0);
+    node.advance_clock(number("post_interval"));
+    EXPECT_TRUE(cloud.wait_for_count("posts", 1, kPatienceMs));
+}
+
+// A service that never answers holds the daemon in a call that would last many seconds.
+TEST_F(BusLossTest, ACallThatWaitsEndsWithTheBusAndTheNextCollectionIsWhole) {
+    struct Case {
+        const char *ordered, *held, *faults;
+        bool collects;
+    };
+    const Case cases[] = {
+        {"collect_now", "collect_all_next_time", R"({"sync":{"kind":"silent"}})", true},
+        {"clear", "collect_client_info", R"({"client_mgmt":{"kind":"silent"}})", false},
+    };
+    long collections = 0;
+    for (const Case &c : cases) {
+        for (const int absence_s : kAbsencesS) {
+            SCOPED_TRACE(std::string(c.held) + ", away for " + std::to_string(absence_s));
+            node.set_faults(c.faults);
+            ASSERT_EQ(node.call(c.ordered).status, 0);
+            // An answer that does not come shows that the daemon is held.
+            ASSERT_TRUE(wait_until([&] { return node.call(c.held, "{}", 1).status == UBUS_STATUS_TIMEOUT; }));
+            node.set_faults("{}");
+            kill_bus();
+            expect_return_after(absence_s);
+            EXPECT_EQ(lines_since_loss("ubus_invoke failed"), 1u);
+            collections += c.collects ? 1 : 0;
+            expect_collection(collections);
+        }
+    }
+    const size_t before = node.console().size();
+    node.advance_clock(number("collect_interval_strategy1"));
+    expect_collection(collections + 1);
+    EXPECT_EQ(node.console(before).find("ubus_invoke failed"), std::string::npos);
+    EXPECT_GT(number("data_collect_count"), 0);
+}
+
+TEST_F(BusLossTest, AnUploadOnItsWayArrivesWithoutTheBus) {
+    long posts = 0;
+    long collections = 0;
+    for (const int absence_s : kAbsencesS) {
+        SCOPED_TRACE(absence_s);
+        node.call("collect_all_next_time");
+        node.call("collect_now");
+        expect_collection(++collections);
+        ASSERT_GT(number("data_collect_count"), 0);
+        const long connections = cloud.count("connections");
+        cloud.script("upload", R"([{"kind":"ok","delay_ms":1000}])");
+        ASSERT_EQ(node.call("post_now").status, 0);
+        ASSERT_TRUE(cloud.wait_for_count("connections", connections + 1, kPatienceMs));
+        EXPECT_EQ(cloud.count("posts"), posts);
+        kill_bus();
+        if (absence_s > 1) {
+            EXPECT_TRUE(cloud.wait_for_count("posts", posts + 1, kPatienceMs)) << "needs the bus";
+        }
+        expect_return_after(absence_s);
+        EXPECT_TRUE(cloud.wait_for_count("posts", ++posts, kPatienceMs));
+        EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kPatienceMs));
+        EXPECT_EQ(number("post retry count"), 0);
+    }
+    EXPECT_EQ(cloud.count("upload.requests"), posts);
+    EXPECT_EQ(cloud.count("invalid_signatures"), 0);
 }
 
 // Something at the bus's path that accepts connections and then misbehaves.
@@ -154,9 +309,9 @@ class FakeBus {
             abort();
     }
     // The next connection, or -1 when the daemon does not try again.
-    int accept_one() const {
+    int accept_one(int patience_ms = kPatienceMs) const {
         pollfd ready = {listener_.get(), POLLIN, 0};
-        return poll(&ready, 1, kPatienceMs) == 1 ? accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)
+        return poll(&ready, 1, patience_ms) == 1 ? accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)
                                                  : -1;
     }
 
@@ -164,49 +319,57 @@ class FakeBus {
     FdHandle listener_;
 };
 
-TEST_F(BusTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
+TEST_F(BusLossTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
     const std::string hello("\0\0\0\0\0\1\2\3\0\0\0\4", 12);
     struct Case {
         const char *name;
         std::string bytes;
-        bool stays_open;
+        bool stays_open, reads_request;
+        int limit_ms; // that the daemon gives it; 0: it sees at once that this is no bus
     };
     const Case cases[] = {
-        {"closes at once", "", false},
-        {"greets and closes", hello, false},
-        {"talks nonsense", std::string(4096, '\xff'), true},
-        {"greets, then nonsense", hello + std::string(4096, 'x'), true},
-        {"never greets", "", true},
+        {"closes at once", "", false, false, 0},
+        {"greets and closes", hello, false, false, 0},
+        {"talks nonsense", std::string(4096, '\xff'), true, false, 0},
+        {"greets, then nonsense", hello + std::string(4096, 'x'), true, false, 0},
+        {"never greets", "", true, false, 3000},
+        {"never takes the object", hello, true, true, 5000},
     };
-    const size_t before = descriptors_of_daemon();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         {
             std::vector<std::unique_ptr<FdHandle>> open;
-            const FakeBus fake(bus.socket());
-            bus.kill();
-            std::chrono::steady_clock::time_point first;
+            const FakeBus fake(node.bus_socket());
+            kill_bus();
             for (int connection = 0; connection < 2; ++connection) {
                 auto fd = std::make_unique<FdHandle>(fake.accept_one());
                 ASSERT_TRUE(fd->valid()) << "connection " << connection;
-                if (connection == 0)
-                    first = std::chrono::steady_clock::now();
+                char request[4096];
                 if (!c.bytes.empty())
                     send(fd->get(), c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL);
+                if (c.reads_request) {
+                    EXPECT_GT(recv(fd->get(), request, sizeof(request), 0), 0);
+                }
+                if (c.limit_ms > 0) {
+                    node.advance_clock(c.limit_ms);
+                    // Half of a message, which makes the daemon look at its clock.
+                    send(fd->get(), hello.data(), 1, MSG_NOSIGNAL);
+                }
                 if (c.stays_open)
                     open.push_back(std::move(fd));
+                fd.reset();
+                ASSERT_TRUE(wait_for_lines("ubus reconnect failed", 1 + static_cast<size_t>(connection)));
+                // The next try is the timer's.
+                EXPECT_EQ(fake.accept_one(300), -1);
+                node.advance_clock(2000);
             }
-            // The next try is the timer's.
-            EXPECT_GE(std::chrono::steady_clock::now() - first, std::chrono::milliseconds(1900));
+            ASSERT_TRUE(FdHandle(fake.accept_one()).valid());
+            ASSERT_TRUE(wait_for_lines("ubus reconnect failed", 3));
         }
-        bus.start();
-        ASSERT_TRUE(object_is_back());
+        start_bus();
+        node.advance_clock(2000);
+        ASSERT_TRUE(wait_for_lines("ubus connection is back", 1));
+        EXPECT_EQ(methods(), methods_);
+        node.advance_clock(1000);
     }
-    EXPECT_EQ(descriptors_of_daemon(), before);
-}
-
-TEST_F(BusTest, EndsNormallyWhileTheBusIsAway) {
-    bus.kill();
-    EXPECT_TRUE(wait_until(
-        [&] { return root.read(kConsolePath).find("ubus connection is lost") != std::string::npos; }));
 }
