@@ -75,7 +75,8 @@ int telemetry_get_uci_value_in_tmp_backup_config(const char *package, const char
                                                  char *buffer, int size);
 int telemetry_set_uci_value_in_tmp_backup_config(const char *package, const char *section, const char *option,
                                                  const char *value);
-// 1 when a watched option differs from the recorded value; all differing values are then recorded.
+// 1 when a watched option differs from the recorded value; all differing values are then recorded. One that could
+// not be recorded does not count: the next call finds it again.
 int telemetry_update_tmp_backup_config_by_telemetry_index(const TelemetryIndexEntry *table, int rows);
 // Adds every recorded value of the table; `count` grows by 1 a member.
 int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table, int rows,

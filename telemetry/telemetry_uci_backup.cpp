@@ -47,7 +47,16 @@ static bool read_live_value(uci_context *uci, const TelemetryIndexEntry &row, ch
     return false;
 }
 
-// True when the row's option differs from the recorded one, which is then replaced.
+// Empty when nothing is recorded.
+static void read_recorded_value(uci_context *uci, const std::string &section, const char *option,
+                                char *recorded) {
+    recorded[0] = '\0';
+    _telemetry_get_value_in_tmp_backup_config(uci, kBackupPackage, section.c_str(), option, recorded,
+                                              kValueSize);
+}
+
+// True when the row's option differs from the recorded one, which is then replaced. A value that could not be
+// recorded is no change yet: what would be reported is the old one.
 static bool update_row(uci_context *live_uci, uci_context *backup_uci, const TelemetryIndexEntry &row) {
     char live[kValueSize] = "";
     char recorded[kValueSize] = "";
@@ -58,15 +67,17 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
     if (!read_live_value(live_uci, row, live))
         return false;
     const std::string section = backup_section(row.package, row.section);
-    _telemetry_get_value_in_tmp_backup_config(backup_uci, kBackupPackage, section.c_str(), row.option,
-                                              recorded, kValueSize);
+    read_recorded_value(backup_uci, section, row.option, recorded);
     if (strncmp(live, recorded, kValueSize) == 0)
         return false;
     LOG_DEBUG("%s %s %s config change!\nold %s\nnew %s", row.package, row.section, row.option, recorded,
               live);
-    _telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
-                                                          row.option, live);
-    return true;
+    if (_telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
+                                                              row.option, live) == 0)
+        return true;
+    // A commit that failed half way has staged the value, and every later read finds it.
+    read_recorded_value(backup_uci, section, row.option, recorded);
+    return strncmp(live, recorded, kValueSize) == 0;
 }
 
 // Adds a row's value: texts of list types element by element.

@@ -1,8 +1,13 @@
 // What was reported is remembered, and only changes count.
 #include "telemetry_uci.h"
 
+#include <csignal>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
 #include <gmock/gmock.h>
 
+#include "collect/collector_patterns.h"
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
@@ -12,6 +17,50 @@
 namespace {
 
 using Messages = std::vector<std::string>;
+
+// Calls that alter files, counted down in the place of the C library's: the process dies before the last one.
+int calls_to_live = -1;
+// From now on new data finds no room.
+bool disk_full = false;
+// The same, but what is staged still fits.
+bool fail_sync = false;
+
+void count_call() {
+    if (calls_to_live >= 0 && calls_to_live-- == 0)
+        raise(SIGKILL);
+}
+
+} // namespace
+
+extern "C" ssize_t write(int fd, const void *data, size_t size) {
+    count_call();
+    if (disk_full) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return syscall(SYS_write, fd, data, size);
+}
+
+extern "C" int fsync(int fd) {
+    count_call();
+    if (fail_sync) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int rename(const char *from, const char *to) noexcept {
+    count_call();
+    return static_cast<int>(syscall(SYS_rename, from, to));
+}
+
+extern "C" int ftruncate(int fd, off_t size) noexcept {
+    count_call();
+    return static_cast<int>(syscall(SYS_ftruncate, fd, size));
+}
+
+namespace {
 
 constexpr TelemetryIndexEntry kTable[] = {
     {0, "np", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "wan_type", TELEMETRY_VALUE_STRING},
@@ -120,34 +169,89 @@ TEST_F(TelemetryUciBackupTest, StrayFilesBesideTheBackupDisturbNothing) {
 }
 
 TEST_F(TelemetryUciBackupTest, BackupThatCannotBeWrittenCostsOneLineARow) {
-    const std::string both = "\nconfig config 'network_wan'\n\toption wan_type 'old'\n\n"
-                             "config config 'auto_upgrade_setting'\n\toption enable 'old'\n\n";
+    const std::string old = "\nconfig config 'network_wan'\n\toption wan_type 'old'\n\n"
+                            "config config 'auto_upgrade_setting'\n\toption enable 'off'\n\n";
+    enum Trouble { kNoDirectory, kFull, kFullAfterStaging };
     const struct {
         const char *backup;
+        Trouble trouble;
         Messages log;
+        const char *reported;
     } cases[] = {
-        {both.c_str(), {"uci_commit failed", "uci_commit failed"}},
-        {"", {"uci commit failed!", "uci commit failed!"}},
-        {"config 'broken", {"Failed to uci_load package telemetry", "Failed to uci_load package telemetry"}},
+        {old.c_str(), kNoDirectory, {"uci_commit failed", "uci_commit failed"}, "{}"},
+        {"", kNoDirectory, {"uci commit failed!", "uci commit failed!"}, "{}"},
+        {old.c_str(), kFull, {"uci_commit failed", "uci_commit failed"}, "{}"},
+        {"", kFull, {"uci commit failed!", "uci commit failed!"}, "{}"},
+        {"config 'broken",
+         kNoDirectory,
+         {"Failed to uci_load package telemetry", "Failed to uci_load package telemetry"},
+         "{}"},
+        // The directory takes no new file, the staged changes fit: the values are recorded all the same.
+        {old.c_str(),
+         kFullAfterStaging,
+         {"uci_commit failed", "uci_commit failed"},
+         R"({"np":"dhcp","ase":1})"},
     };
-    for (const auto &[content, log] : cases) {
-        SCOPED_TRACE(content);
+    for (const auto &[content, trouble, log, reported] : cases) {
+        SCOPED_TRACE(content + std::to_string(trouble));
         root.write_backup(content);
         root.remove("/tmp/telemetry/.uci");
-        root.write("/tmp/telemetry/.uci", "no directory, as if nothing could be created");
-        int changed = -1;
-        EXPECT_EQ(logged_messages([&] {
-                      changed = telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows);
-                  }),
-                  log);
-        EXPECT_EQ(changed, 1);
+        if (trouble == kNoDirectory)
+            root.write("/tmp/telemetry/.uci", "no directory, as if nothing could be created");
+        disk_full = trouble == kFull;
+        fail_sync = trouble == kFullAfterStaging;
+        const JsonPtr payload(cJSON_CreateObject());
+        uint32_t count = 0;
+        Messages said;
+        {
+            const OutputCapture capture;
+            telemetry_collect_watched_rows(kTable, 2, "count %d", payload.get(), &count);
+            disk_full = fail_sync = false;
+            said = capture.messages();
+        }
+        EXPECT_EQ(said, log);
+        EXPECT_STREQ(telemetry_json_print(payload.get()).get(), reported) << "no old value as a new one";
         EXPECT_EQ(backup(), content);
-        // Once it can be written again, all is as it should be.
-        root.remove("/tmp/telemetry/.uci");
-        root.write_backup("");
-        EXPECT_EQ(report(), R"({"np":"dhcp","ase":1} 2)");
+        // Once it can be written again, what was missed is reported, once.
+        if (trouble == kNoDirectory)
+            root.remove("/tmp/telemetry/.uci");
+        if (content[0] == 'c')
+            root.write_backup("");
+        EXPECT_EQ(report(), count > 0 ? "" : R"({"np":"dhcp","ase":1} 2)");
         EXPECT_EQ(report(), "");
     }
+}
+
+TEST_F(TelemetryUciBackupTest, KilledAnywhereLeavesABackupThatTheNextRunCompletes) {
+    const std::string first = "\nconfig config 'network_wan'\n\toption wan_type 'dhcp'\n\n";
+    const std::string second = "config config 'auto_upgrade_setting'\n\toption enable 'on'\n\n";
+    const std::string empty_second = "config config 'auto_upgrade_setting'\n\n";
+    int killed = 0;
+    for (int calls = 0;; calls++) {
+        SCOPED_TRACE(calls);
+        root.write_backup("");
+        root.remove("/tmp/telemetry/.uci");
+        const pid_t child = fork();
+        if (child == 0) {
+            calls_to_live = calls;
+            telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows);
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        if (!WIFSIGNALED(status))
+            break;
+        killed++;
+        EXPECT_THAT(backup(), ::testing::AnyOf("", "\nconfig config 'network_wan'\n\n", first,
+                                               first + empty_second, first + second));
+        report();
+        EXPECT_EQ(recorded(), R"({"np":"dhcp","ase":1} 2)");
+        EXPECT_EQ(report(), "");
+        // Another write applies what is still staged: no change twice, no section that nobody named.
+        ASSERT_EQ(telemetry_set_uci_value_in_tmp_backup_config("network", "wan", "extra", "x"), 0);
+        EXPECT_EQ(backup(), first.substr(0, first.size() - 1) + "\toption extra 'x'\n\n" + second);
+    }
+    EXPECT_GE(killed, 16) << "four commits of four steps";
 }
 
 TEST_F(TelemetryUciBackupTest, LongValuesCompareByTheirFirstPart) {

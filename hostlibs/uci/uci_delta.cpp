@@ -142,6 +142,35 @@ void print_change(std::string &out, const char *package, const uci_delta *delta)
     out += '\n';
 }
 
+// True when `rename` gives the section that `add` made its name.
+bool names_added(const uci_delta *add, const uci_delta *rename) {
+    return add->cmd == UCI_CMD_ADD && rename->cmd == UCI_CMD_RENAME && !rename->e.name &&
+           strcmp(add->section, rename->section) == 0;
+}
+
+// A section that was added and named at once becomes one change: after a crash between the new file and the
+// emptying of the staged one, it is applied again, and then finds its section instead of adding another.
+std::string print_changes(uci_package *p) {
+    std::string text;
+    uci_element *e;
+    uci_foreach_element(&p->delta, e) {
+        const uci_delta *delta = uci_to_delta(e);
+        const bool last = e->list.next == &p->delta;
+        const uci_delta *next = last ? nullptr : uci_to_delta(list_to_element(e->list.next));
+        if (!next || !names_added(delta, next)) {
+            print_change(text, p->e.name, delta);
+            continue;
+        }
+        uci_delta named{};
+        named.cmd = UCI_CMD_CHANGE;
+        named.section = next->value;
+        named.value = delta->value;
+        print_change(text, p->e.name, &named);
+        e = list_to_element(e->list.next);
+    }
+    return text;
+}
+
 // True when the change lies at ptr or below.
 bool lies_at(const staged_change &change, const uci_ptr *ptr) {
     if (ptr->section && strcmp(ptr->section, change.section) != 0)
@@ -241,9 +270,7 @@ int delta_load(uci_context *ctx, uci_package *p, const file_handle &own, size_t 
 int delta_save(uci_context *ctx, uci_package *p) {
     if (uci_list_empty(&p->delta))
         return UCI_OK;
-    std::string text;
-    uci_element *e;
-    uci_foreach_element(&p->delta, e) print_change(text, p->e.name, uci_to_delta(e));
+    std::string text = print_changes(p);
     mkdir(ctx->savedir, S_IRWXU); // there already, or the open below fails
     file_handle file;
     int rc = file_open_locked(delta_path(ctx->savedir, p->e.name), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW,
