@@ -15,6 +15,12 @@ MODULES = ["kiro", "zuna", "hue", "matter"]
 CATEGORIES = ["light", "switch", "lock", "sensor", "thermostat", "occupancyTag"]
 AP_DIGIT = {0: 2, 1: 4, 2: 5}  # network type (host, guest, IoT) to the number of its AP interface
 
+# A hub of the board itself, and a stick in its port.
+USB_STICK = {"/sys/bus/usb/devices/" + name: text + "\n" for name, text in [
+    ("usb1/bDeviceClass", "09"), ("1-0:1.0/bInterfaceClass", "09"),
+    ("1-1/bDeviceClass", "00"), ("1-1/idVendor", "0781"), ("1-1/idProduct", "5567"),
+    ("1-1:1.0/bInterfaceClass", "08")]}
+
 
 def mac(group, number):
     return "02:00:00:%02x:%02x:%02x" % (group, number >> 8, number & 255)
@@ -60,6 +66,7 @@ def node(rng, index, ids):
             "wan6": {"up": True, "uptime": 86390, "l3_device": "eth1", "proto": "dhcpv6",
                      "route": [{"target": "::", "mask": 0, "nexthop": "2001:db8::1"}]},
         }
+        entry["files"] = USB_STICK
     else:
         parent = 0 if index < 5 else index - 4  # the far ones hang from another satellite
         entry["parent"] = ids[parent]
