@@ -45,6 +45,8 @@ TEST(TelemetryJson, NumbersFollowTheWireFormat) {
         {9007199254740991.0, "9007199254740991.00"},
         {9007199254740992.0, "9007199254740992.00"},
         {-9007199254740994.0, "-9007199254740994.00"},
+        {2147483647.5, "2147483647.50"},
+        {-2147483648.5, "-2147483648.50"},
         {1e21, "1000000000000000000000.00"},
         {0.5, "0.50"},
         {99.999, "100.00"},
@@ -134,6 +136,42 @@ TEST(TelemetryJson, AnItemPrintsWithoutItsNeighbours) {
     EXPECT_EQ(print(cJSON_GetArrayItem(list.get(), 0)), "[1,2]");
     EXPECT_EQ(print(cJSON_GetArrayItem(list.get(), 1)), "{\"a\":{},\"b\":[]}");
     EXPECT_EQ(print_formatted(cJSON_GetArrayItem(list.get(), 1)), "{\n\t\"a\":\t{\n\t},\n\t\"b\":\t[]\n}");
+}
+
+TEST(TelemetryJson, OddTreesPrintAsByCJson) {
+    const JsonPtr shared(cJSON_Parse("{\"s\":[\"\\u0001\",{}],\"e\":{},\"n\":[[],[{}]]}"));
+    const JsonPtr tree(cJSON_CreateObject());
+    cJSON_AddItemReferenceToObject(tree.get(), "again", shared.get());
+    cJSON_AddItemToObjectCS(tree.get(), "constant", cJSON_CreateObjectReference(shared->child));
+    cJSON_AddItemToObject(tree.get(), "list", cJSON_CreateArrayReference(shared->child->child));
+    cJSON_AddItemToObject(tree.get(), "text", cJSON_CreateStringReference("a\"b"));
+    cJSON_AddItemToObject(tree.get(), "", cJSON_CreateRaw(""));
+    // An item without a key, and one without a text.
+    cJSON *keyless = cJSON_AddNullToObject(tree.get(), "k");
+    cJSON_free(keyless->string);
+    keyless->string = nullptr;
+    cJSON *textless = cJSON_AddStringToObject(tree.get(), "t", "x");
+    cJSON_free(textless->valuestring);
+    textless->valuestring = nullptr;
+    expect_same_as_cjson(tree.get());
+
+    JsonPtr deep(cJSON_CreateObject());
+    for (int depth = 1; depth < 1000; depth++) {
+        JsonPtr outer(depth % 3 == 0 ? cJSON_CreateArray() : cJSON_CreateObject());
+        if (depth % 3 == 0)
+            cJSON_AddItemToArray(outer.get(), deep.release());
+        else
+            cJSON_AddItemToObject(outer.get(), "d", deep.release());
+        deep = std::move(outer);
+    }
+    expect_same_as_cjson(deep.get());
+
+    cJSON_AddItemToObject(tree.get(), "bad", cJSON_CreateRaw("x"));
+    cJSON *raw = cJSON_GetObjectItem(tree.get(), "bad");
+    cJSON_free(raw->valuestring);
+    raw->valuestring = nullptr;
+    EXPECT_EQ(print(tree.get()), "(null)");
+    EXPECT_EQ(print_formatted(tree.get()), "(null)");
 }
 
 TEST(TelemetryJson, ATreeThatCannotBePrintedGivesNothing) {
