@@ -5,9 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "telemetry_handles.h"
+#include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
@@ -97,6 +99,14 @@ int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, si
     return 0;
 }
 
+// What one read brings, into a zeroed buffer: nothing when it fails.
+static void read_once(int fd, char *buffer, size_t size) {
+    ssize_t got;
+    do {
+        got = read(fd, buffer, size);
+    } while (got < 0 && errno == EINTR);
+}
+
 int shell_get_value(const char *command, char *output, int size) {
     if (command == nullptr || *command == '\0' || output == nullptr || size <= 0) {
         LOG_ERROR("param error");
@@ -108,10 +118,7 @@ int shell_get_value(const char *command, char *output, int size) {
         return -1;
     }
     char text[kShellReadSize + 1] = {};
-    ssize_t got;
-    do {
-        got = read(fileno(pipe.get()), text, kShellReadSize);
-    } while (got < 0 && errno == EINTR);
+    read_once(fileno(pipe.get()), text, kShellReadSize);
 
     size_t length = strlen(text);
     if (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
@@ -129,14 +136,14 @@ int telemetry_parse_file(const char *path, char *buffer, size_t size) {
         LOG_ERROR("invalid input");
         return -1;
     }
-    const FilePtr file(fopen(telemetry_path(path).c_str(), "re"));
-    if (file == nullptr) {
+    // Without O_NONBLOCK a pipe that nobody writes to would hold the loop for ever.
+    const FdHandle file(open(telemetry_path(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
         LOG_ERROR("error: open file %s failed", path);
         return -1;
     }
     memset(buffer, 0, size);
-    // The result of fread is of no use here: what came is in the zeroed buffer.
-    [[maybe_unused]] const size_t got = fread(buffer, 1, size - 1, file.get());
+    read_once(file.get(), buffer, size - 1);
     return 0;
 }
 
@@ -167,7 +174,7 @@ int check_if_device_is_FAP() {
         LOG_ERROR("parse work_mode");
         return 0;
     }
-    const char *mode = cJSON_GetStringValue(cJSON_GetObjectItem(json.get(), "work_mode"));
+    const char *mode = json_text(json.get(), "work_mode");
     return mode != nullptr && strcmp(mode, "FAP") == 0;
 }
 
@@ -265,6 +272,9 @@ int write_post_done_to_file(int flags) {
         LOG_ERROR("Failed to open %s", kPostDonePath);
         return -1;
     }
-    fprintf(file.get(), "%d\n", telemetry_post_done);
+    if (fprintf(file.get(), "%d\n", telemetry_post_done) < 0 || fflush(file.get()) != 0) {
+        LOG_ERROR("Failed to write %s", kPostDonePath);
+        return -1;
+    }
     return 0;
 }

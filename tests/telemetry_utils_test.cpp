@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <dlfcn.h>
+#include <sys/stat.h>
 
 #include "sysroot.h"
 
@@ -169,6 +170,13 @@ TEST_F(TelemetryUtils, ParseFile) {
     EXPECT_EQ(logged_messages([&] { EXPECT_EQ(telemetry_parse_file(nullptr, buffer, 4), -1); }),
               Messages{"invalid input"});
     EXPECT_EQ(telemetry_parse_file("/tmp/text", buffer, 0), -1);
+    // Nothing to read, and nothing to wait for.
+    ASSERT_EQ(mkfifo(root.path("/tmp/pipe").c_str(), 0600), 0);
+    for (const char *path : {"/tmp/pipe", "/tmp"}) {
+        memset(buffer, '#', sizeof(buffer));
+        EXPECT_EQ(telemetry_parse_file(path, buffer, sizeof(buffer)), 0);
+        EXPECT_EQ(std::string(buffer, sizeof(buffer)), std::string(sizeof(buffer), '\0'));
+    }
 }
 
 TEST_F(TelemetryUtils, OnlyTheWorkModeFapIsTheMainNode) {
@@ -183,6 +191,7 @@ TEST_F(TelemetryUtils, OnlyTheWorkModeFapIsTheMainNode) {
         {"{\"work_mode\":\"FAPs\"}", 0, {}},
         {"{\"work_mode\":\"RE\"}", 0, {}},
         {"{\"work_mode\":1}", 0, {}},
+        {"{\"WORK_MODE\":\"FAP\"}", 0, {}},
         {"{}", 0, {}},
         {"[\"FAP\"]", 0, {}},
         {"{\"work_mode\":\"FA", 0, {"parse work_mode"}},
@@ -310,4 +319,8 @@ TEST_F(TelemetryUtils, PostDoneMarker) {
     EXPECT_EQ(write_post_done_to_file(1), 0);
     EXPECT_EQ(root.read("/tmp/telemetry/post_done"), "0\n");
     EXPECT_EQ(telemetry_post_done, 0);
+    root.remove("/tmp/telemetry/post_done");
+    std::filesystem::create_symlink("/dev/full", root.path("/tmp/telemetry/post_done"));
+    EXPECT_EQ(logged_messages([] { EXPECT_EQ(write_post_done_to_file(2), -1); }),
+              Messages{"Failed to write /tmp/telemetry/post_done"});
 }
