@@ -24,7 +24,22 @@ static constexpr int kIdentitySize = 65;
 
 // --- Output and heartbeat ----------------------------------------------------------------------------------
 
+// A descriptor 0 to 2 that the starter left closed would go to the next socket or file that is opened, and
+// whatever is printed would be written into it.
+static void fill_standard_descriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
 int telemetry_redirect_output(const char *path) {
+    if (path == nullptr || *path == '\0') {
+        LOG_ERROR("param error");
+        return -1;
+    }
     const std::string target = telemetry_path(path);
     // A stream whose reopening fails is closed: try the path first, so that the message still has a way out.
     const FdHandle probe(open(target.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666));
@@ -40,7 +55,7 @@ void telemetry_create_heartbeat_timeout_file() {
     const std::string path = telemetry_path(kHeartbeatTimeoutPath);
     if (telemetry_file_exists(kHeartbeatTimeoutPath)) {
         const FilePtr file(fopen(path.c_str(), "we"));
-        if (file == nullptr || fputs("0\n", file.get()) < 0)
+        if (file == nullptr || fputs("0\n", file.get()) < 0 || fflush(file.get()) != 0)
             LOG_ERROR("init %s failed", kHeartbeatTimeoutPath);
         return;
     }
@@ -131,10 +146,10 @@ static void load_cloud_url(TelemetryCtx *ctx) {
         LOG_ERROR("uci_get_value buffer error");
         copy_text(ctx->post_api, TELEMETRY_CLOUD_ENDPOINT);
     } else {
-        if (strlen(url) == sizeof(url) - 1)
-            LOG_ERROR("cloud_url has %d characters or more, the rest is cut off", kOptionSize - 1);
-        const std::string prefix = strncmp(url, "http", 4) == 0 ? "" : "https://";
-        copy_text(ctx->post_api, (prefix + url).c_str());
+        const std::string full = (strncmp(url, "http", 4) == 0 ? "" : "https://") + std::string(url);
+        copy_text(ctx->post_api, full.c_str());
+        if (strlen(url) == sizeof(url) - 1 || full.size() > strlen(ctx->post_api))
+            LOG_ERROR("cloud_url has room for %zu characters, the rest is cut off", strlen(ctx->post_api));
     }
     LOG_DEBUG("post_api:%s", ctx->post_api);
 }
@@ -300,6 +315,7 @@ static TelemetryCtx telemetry_ctx;
 
 int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
+    fill_standard_descriptors();
     telemetry_redirect_output(kConsolePath);
     LOG_DEBUG("telemetry start");
     start_and_run(&telemetry_ctx);

@@ -1,6 +1,7 @@
 #include "telemetry_main.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
 
 #include "sysroot.h"
 
@@ -19,6 +20,7 @@ static std::vector<std::string> calls;
 static bool pool_fails;
 static bool bus_fails;
 static std::string popen_fails_for;
+static int free_descriptor; // the lowest one when the bus is connected
 
 extern "C" FILE *popen(const char *command, const char *mode) {
     if (!popen_fails_for.empty() && popen_fails_for == command)
@@ -34,6 +36,8 @@ int telemetry_init_post_request(TelemetryCtx *) {
 
 int telemetry_init_ubus(TelemetryCtx *) {
     calls.push_back("bus");
+    free_descriptor = open("/dev/null", O_RDONLY);
+    close(free_descriptor);
     return bus_fails ? -1 : 0;
 }
 
@@ -170,7 +174,8 @@ TEST_F(TelemetryMain, CloudUrls) {
         {"https://host/x", "https://host/x"},
         {"httpd.test", "httpd.test"},
         {"HTTP://host", "https://HTTP://host"},
-        {std::string(2047, 'a'), "https://" + std::string(2040, 'a')},
+        {std::string(2040, 'a'), "https://" + std::string(2040, 'a')},
+        {std::string(2041, 'a'), "https://" + std::string(2040, 'a')},
         {std::string(4000, 'a'), "https://" + std::string(2040, 'a')},
         {"http" + std::string(4000, 'a'), "http" + std::string(2043, 'a')},
     };
@@ -179,7 +184,7 @@ TEST_F(TelemetryMain, CloudUrls) {
         const OutputCapture log;
         telemetry_load_uci_config(&ctx);
         EXPECT_EQ(ctx.post_api, c.expected);
-        EXPECT_EQ(log.has("the rest is cut off"), c.option.size() >= 2047);
+        EXPECT_EQ(log.has("the rest is cut off"), c.option.size() > 2040);
     }
 }
 
@@ -285,9 +290,11 @@ TEST_F(TelemetryMain, TheHeartbeatFileStartsAtZero) {
     EXPECT_FALSE(root.exists(path));
     telemetry_remove_heartbeat_timeout_file();
 
+    const Messages failed = {"init /tmp/cloud_heartbeat_timeout_count failed"};
+    std::filesystem::create_symlink("/dev/full", root.path(path));
+    EXPECT_EQ(logged_messages(telemetry_create_heartbeat_timeout_file), failed);
     root.remove("/tmp");
-    EXPECT_EQ(logged_messages(telemetry_create_heartbeat_timeout_file),
-              Messages{"init /tmp/cloud_heartbeat_timeout_count failed"});
+    EXPECT_EQ(logged_messages(telemetry_create_heartbeat_timeout_file), failed);
 }
 
 TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
@@ -298,6 +305,8 @@ TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
     printf("still here");
     EXPECT_EQ(err.text(), "Failed to redirect stdout/stderr to /dev/console: No such file or directory");
     EXPECT_EQ(out.text(), "still here");
+    EXPECT_EQ(logged_messages([] { EXPECT_EQ(telemetry_redirect_output(nullptr), -1); }),
+              Messages{"param error"});
 }
 
 // --- The whole ---------------------------------------------------------------------------------------------
@@ -327,6 +336,22 @@ TEST_F(TelemetryMain, MainStartsRunsAndEnds) {
     EXPECT_EQ(run_main(), Messages{});
     EXPECT_EQ(calls, (Messages{"pool", "bus", "state machine", "free bus"}));
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
+}
+
+TEST_F(TelemetryMain, TheLogReachesNoSocketWhenTheOutputIsClosed) {
+    root.remove("/dev");
+    bus_fails = true;
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+            close(fd);
+        telemetry_main();
+        _exit(free_descriptor > STDERR_FILENO ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(TelemetryMain, MainEndsWithoutLoopWhenStartUpFails) {
