@@ -66,22 +66,23 @@ TEST_F(ClientInfo, ReportsEveryMember) {
     gone.is_exist = 0;
     PreClientInfo nameless = client();
     nameless.mac[0] = nameless.ap_mac[0] = '\0';
-    EXPECT_EQ(collect({client(), gone, known, nameless}),
-              R"({"wn":2,"wln":1,"in":1,"gn":1,"mn":1,"cl":[)"
-              R"({"mk":"d22a15090d6d4991e3ebf3919865c088","am":"88a20ac000a3f6cece666f742d788211","type":"other",)"
-              R"("iname":null,"itype":null,"ctype":"wired","ngtx":-1,"ngrx":-1,"retx":0,"rerx":0,"sl":0,"sm":-1},)"
-              R"({"mk":"d22a15090d6d4991e3ebf3919865c088","am":"88a20ac000a3f6cece666f742d788211","type":"iot_device",)"
-              R"("iname":"matter","itype":"lock","ctype":"5G","ngtx":1201,"ngrx":960,"retx":74474463206.00,"rerx":5,)"
-              R"("sl":55,"sm":2},)"
-              R"({"type":"other","iname":null,"itype":null,"ctype":"wired","ngtx":-1,"ngrx":-1,"retx":0,"rerx":0,)"
-              R"("sl":0,"sm":-1}]})");
+    EXPECT_EQ(
+        collect({client(), gone, known, nameless}),
+        R"({"wn":2,"wln":1,"in":1,"gn":1,"mn":1,"cl":[)"
+        R"({"mk":"d22a15090d6d4991e3ebf3919865c088","am":"88a20ac000a3f6cece666f742d788211","type":"other",)"
+        R"("iname":null,"itype":null,"ctype":"wired","ngtx":-1,"ngrx":-1,"retx":0,"rerx":0,"sl":0,"sm":-1},)"
+        R"({"mk":"d22a15090d6d4991e3ebf3919865c088","am":"88a20ac000a3f6cece666f742d788211","type":"iot_device",)"
+        R"("iname":"matter","itype":"lock","ctype":"5G","ngtx":1201,"ngrx":960,"retx":74474463206.00,"rerx":5,)"
+        R"("sl":55,"sm":2},)"
+        R"({"type":"other","iname":null,"itype":null,"ctype":"wired","ngtx":-1,"ngrx":-1,"retx":0,"rerx":0,)"
+        R"("sl":0,"sm":-1}]})");
     EXPECT_EQ(count, 3U);
 }
 
 TEST_F(ClientInfo, NamesEveryDeviceType) {
     const std::pair<uint32_t, const char *> cases[] = {
-        {0, "other"},   {1, "pc"},         {2, "phone"}, {3, "laptop"},         {4, "tablet"}, {5, "entertainment"},
-        {6, "printer"}, {7, "iot_device"}, {8, "other"}, {UINT32_MAX, "other"},
+        {0, "other"},         {1, "pc"},      {2, "phone"},      {3, "laptop"}, {4, "tablet"},
+        {5, "entertainment"}, {6, "printer"}, {7, "iot_device"}, {8, "other"},  {UINT32_MAX, "other"},
     };
     for (const auto &[code, name] : cases) {
         PreClientInfo one = client();
@@ -92,7 +93,7 @@ TEST_F(ClientInfo, NamesEveryDeviceType) {
 
 TEST_F(ClientInfo, CountsByTheWordsBeginning) {
     const std::pair<const char *, const char *> cases[] = {
-        {"wired", R"({"wn":1,"wln":0,)"},         {"wireless", R"({"wn":0,"wln":1,)"},
+        {"wired", R"({"wn":1,"wln":0,)"},          {"wireless", R"({"wn":0,"wln":1,)"},
         {"wired_wireless", R"({"wn":1,"wln":0,)"}, {"wireless5", R"({"wn":0,"wln":1,)"},
         {"wire", R"({"wn":0,"wln":0,)"},           {"", R"({"wn":0,"wln":0,)"},
     };

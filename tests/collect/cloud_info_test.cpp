@@ -1,4 +1,5 @@
-// What the cloud client and the updater left behind is reported once; upgrades are counted once; settings when they change.
+// What the cloud client and the updater left behind is reported once; upgrades are counted once; settings
+// when they change.
 #include "collect/cloud_info.h"
 
 #include <gmock/gmock.h>
@@ -57,7 +58,8 @@ class CloudInfo : public SysrootTest {
     }
     std::string recorded(const char *node) {
         char version[128] = "none";
-        telemetry_get_uci_value("telemetry_info", node, "fwver", version, sizeof(version), TELEMETRY_UCI_SYSTEM);
+        telemetry_get_uci_value("telemetry_info", node, "fwver", version, sizeof(version),
+                                TELEMETRY_UCI_SYSTEM);
         return version;
     }
 };
@@ -115,13 +117,15 @@ TEST_F(CloudInfo, ReportsHeartbeatTimeoutsAndStartsAnew) {
 }
 
 TEST_F(CloudInfo, ReportsOneShotsOnce) {
-    root.write_config("telemetry_info", "config c 'systime_info'\n\toption is_get_dstrule 'true'\n"
-                                        "config c 'cloud_info'\n\toption is_find_fw 'on'\n\toption is_new_fw '0'\n"
-                                        "\toption start_timestamp '1700000000123'\n\toption download_time '12.5'\n"
-                                        "\toption other 'stays'\n");
+    root.write_config("telemetry_info",
+                      "config c 'systime_info'\n\toption is_get_dstrule 'true'\n"
+                      "config c 'cloud_info'\n\toption is_find_fw 'on'\n\toption is_new_fw '0'\n"
+                      "\toption start_timestamp '1700000000123'\n\toption download_time '12.5'\n"
+                      "\toption other 'stays'\n");
     EXPECT_EQ(cycle(), R"({"tsd":1,"tcf":1,"tcn":0,"tcs":1700000000123.00,"tcd":12.50})");
     const std::string left = root.read("/etc/config/telemetry_info");
-    for (const char *option : {"is_get_dstrule", "is_find_fw", "is_new_fw", "start_timestamp", "download_time"})
+    for (const char *option :
+         {"is_get_dstrule", "is_find_fw", "is_new_fw", "start_timestamp", "download_time"})
         EXPECT_THAT(left, Not(HasSubstr(option)));
     EXPECT_THAT(left, HasSubstr("stays"));
     EXPECT_EQ(cycle(), "");
@@ -169,7 +173,8 @@ TEST_F(CloudInfo, CopesWithBadMeshLists) {
         root.write(kMeshList, one.list);
         start_upgrade();
         std::vector<std::string> said;
-        for (const std::string &message : logged_messages([&] { EXPECT_EQ(cycle(), one.record) << one.list; }))
+        for (const std::string &message :
+             logged_messages([&] { EXPECT_EQ(cycle(), one.record) << one.list; }))
             said.push_back(message);
         EXPECT_EQ(said, one.messages) << one.list.substr(0, 60);
     }
@@ -225,9 +230,10 @@ TEST_F(CloudInfo, SaysWhatItDoes) {
     const auto said = logged_messages([&] { cycle(); });
     std::vector<std::string> own;
     for (const char *message :
-         {"get heartbeat timeout count 0", "collect cloud action info successfully, now data collect count is: 0!",
-          "is upgrade:1!", "collect cloud fw info successfully, now data collect count is: 1!",
-          "some devices try to upgrade!", "fwver of device A is :1.0.0", "upgrade_dev_num:0", "auto enable:1!",
+         {"get heartbeat timeout count 0",
+          "collect cloud action info successfully, now data collect count is: 0!", "is upgrade:1!",
+          "collect cloud fw info successfully, now data collect count is: 1!", "some devices try to upgrade!",
+          "fwver of device A is :1.0.0", "upgrade_dev_num:0", "auto enable:1!",
           "collect auto fw info successfully, now now data collect count is: 5!"})
         own.push_back(message);
     size_t next = 0;

@@ -1,5 +1,5 @@
-// What the home scenario uploads: its very bytes, against the data dictionary, what must not be in it, and what further
-// cycles report.
+// What the home scenario uploads: its very bytes, against the data dictionary, what must not be in it, and
+// what further cycles report.
 #include <cctype>
 #include <memory>
 #include <set>
@@ -85,9 +85,9 @@ TEST_F(HomeRecords, AreTheGoldenBytes) {
     ASSERT_FALSE(golden.empty());
     const auto difference = std::mismatch(body.begin(), body.end(), golden.begin(), golden.end() - 1);
     const auto at = static_cast<size_t>(difference.first - body.begin());
-    EXPECT_EQ(body + "\n" == golden, true) << "first difference at byte " << at << "\nsent:   "
-                                          << body.substr(at > 60 ? at - 60 : 0, 160) << "\ngolden: "
-                                          << golden.substr(at > 60 ? at - 60 : 0, 160);
+    EXPECT_EQ(body + "\n" == golden, true)
+        << "first difference at byte " << at << "\nsent:   " << body.substr(at > 60 ? at - 60 : 0, 160)
+        << "\ngolden: " << golden.substr(at > 60 ? at - 60 : 0, 160);
 }
 
 TEST_F(HomeRecords, AreWhatTheDictionarySays) {

@@ -1,5 +1,5 @@
-// The home scenario with a source for every member of every record, a wall clock that stands still and fixed figures:
-// what its first upload carries is the same bytes on every machine.
+// The home scenario with a source for every member of every record, a wall clock that stands still and fixed
+// figures: what its first upload carries is the same bytes on every machine.
 #pragma once
 
 #include <cstdlib>
@@ -55,7 +55,8 @@ class HomeLab {
         for (size_t i = 0; i < lab.node_count(); ++i)
             lab.node(i).advance_clock(0);
         lab.start();
-        require(lab.node().wait_for_state("post state", lab::kReadyForUpload, kHomeWaitMs), "get key and strategy");
+        require(lab.node().wait_for_state("post state", lab::kReadyForUpload, kHomeWaitMs),
+                "get key and strategy");
     }
 
     // One cycle and one upload; what the upload brought.

@@ -17,7 +17,8 @@
 
 class RecordDictionary {
   public:
-    // Problems of the document itself (columns, unknown types, examples that are not of their type) go to problems().
+    // Problems of the document itself (columns, unknown types, examples that are not of their type) go to
+    // problems().
     explicit RecordDictionary(const std::string &file) {
         std::ifstream lines(file);
         std::string section;
@@ -133,7 +134,8 @@ class RecordDictionary {
         });
     }
 
-    void check_object(const std::string &section, Rows &rows, const cJSON *object, const std::string &prefix) {
+    void check_object(const std::string &section, Rows &rows, const cJSON *object,
+                      const std::string &prefix) {
         std::set<std::string> there;
         const cJSON *item = nullptr;
         cJSON_ArrayForEach(item, object) {

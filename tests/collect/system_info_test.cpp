@@ -1,0 +1,283 @@
+// Load, memory, temperatures of this node from files of the root, the satellites' from answers on the bus.
+// The 3 seconds between the two CPU samples are replaced by the second sample.
+#include "collect/system_info.h"
+
+#include <gmock/gmock.h>
+
+#include "collect/collectors.h"
+#include "fake_services.h"
+#include "sysroot.h"
+#include "telemetry_json.h"
+#include "telemetry_log.h"
+#include "telemetry_pre_collect.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char kStat[] = "/proc/stat";
+constexpr char kMeminfo[] = "/proc/meminfo";
+constexpr char kConntrack[] = "/proc/sys/net/netfilter/nf_conntrack_count";
+constexpr char kCpuinfoFreq[] = "/sys/devices/system/cpu/cpufreq/policy0/cpuinfo_cur_freq";
+constexpr char kScalingFreq[] = "/sys/devices/system/cpu/cpufreq/policy0/scaling_cur_freq";
+constexpr char kMemory[] =
+    "MemTotal: 1000 kB\nMemFree: 300 kB\nMemAvailable: 1 kB\nBuffers: 50 kB\nCached: 99 kB\n"
+    "SwapCached: 1 kB\n";
+
+std::string second_sample;
+unsigned slept;
+
+const WlanPlatformOps kOps = {
+    .get_device_temperature =
+        [](const char *ifname, double *temperature) {
+            *temperature = 50 + (ifname[4] - '0') * 0.25;
+            return strcmp(ifname, "wifi2") == 0 ? 0 : 1;
+        },
+    .get_cpu_temperature =
+        [](double *temperature) {
+            *temperature = 71;
+            return 1;
+        },
+    .get_backhaul_ap_channel = nullptr,
+    .get_uplink_rate = nullptr,
+    .get_channel_util = nullptr,
+    .get_sta_if_name = nullptr,
+    .get_band_if_name = nullptr,
+    .get_wifi_bandwidth = nullptr,
+    .reserved = nullptr,
+    .get_band_client_sta_info = nullptr,
+};
+
+class SystemInfo : public SysrootTest {
+  protected:
+    SystemInfo() {
+        telemetry_debug_level = TELEMETRY_LOG_ERROR;
+        wlan_platform_ops = &kOps;
+        fake_services.clear();
+        fake_service_calls.clear();
+        slept = 0;
+        ctx.collect_periodic_now = 1;
+        copy_text(ctx.dev_mac, "020000000001");
+        root.write(kStat, "cpu  100 0 0 1000 0 0 0 0 0 0\n");
+        second_sample = "cpu  130 0 0 1060 10 0 0 0 0 0\n";
+        root.write(kMeminfo, kMemory);
+        root.write(kConntrack, "417\n");
+        root.write(kCpuinfoFreq, "1400000\n");
+        root.write(kScalingFreq, "1300000\n");
+        root.write_config("sysmode", "config sysmode 'sysmode'\n\toption mode 'router'\n");
+    }
+    ~SystemInfo() override {
+        telemetry_free_pre_collect_info();
+        wlan_platform_ops = &wlan_platform_ops_mtk;
+    }
+    // A mesh of nodes with these addresses; the first is the main node.
+    void set_nodes(const std::vector<const char *> &macs) {
+        ASSERT_EQ(telemetry_init_device_info_list(static_cast<int>(macs.size())), 0);
+        for (size_t i = 0; i < macs.size(); ++i)
+            copy_text(telemetry_pre_collect.devices[i].mac, macs[i]);
+        telemetry_pre_collect.devices[0].is_fap = 1;
+    }
+    // The payload's text, empty when nothing is reported.
+    std::string collect() {
+        const JsonPtr payload(cJSON_CreateObject());
+        count = 0;
+        result = collect_system_info(&ctx, payload.get(), &count);
+        return count > 0 ? telemetry_json_print(payload.get()).get() : "";
+    }
+    TelemetryCtx ctx = {};
+    uint32_t count = 0;
+    int result = 0;
+};
+
+} // namespace
+
+extern "C" unsigned sleep(unsigned seconds) {
+    slept += seconds;
+    if (second_sample.empty())
+        test_sysroot().remove(kStat);
+    else
+        test_sysroot().write(kStat, second_sample);
+    return 0;
+}
+
+namespace {
+
+TEST_F(SystemInfo, CpuUsageIsTheShareOfBusyTicks) {
+    const struct {
+        const char *first, *second;
+        int usage;
+        std::vector<std::string> messages;
+    } cases[] = {
+        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  130 0 0 1060 10 0 0 0 0 0", 30, {}},
+        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  2 3 4 4 5 7 8 9 10 11", 100, {}},
+        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  1 2 3 8 5 6 7 8 9 11", 20, {}}, // integer percent
+        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  100 0 0 1000 0 0 0 0 0 0", 0, {}},
+        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  90 0 0 1100 0 0 0 0 0 0", 0, {}},
+        // Counters beyond 32 bits, as after years of uptime.
+        {"cpu  4294967296 0 0 9000000000 0 0 0 0 0 0", "cpu  4294967396 0 0 9000000300 0 0 0 0 0 0", 25, {}},
+        {"cpu  1 2 3 4 5 6 7 8 9", "", -1, {"get cpu info failed!"}},
+        {"", "", -1, {"fget failed!", "get cpu info failed!"}},
+        {"cpu  1 2 3 4 5 6 7 8 9 10", "", -1, {"error: open file /proc/stat failed", "get cpu info failed!"}},
+        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  x", -1, {"get cpu info failed!"}},
+    };
+    for (const auto &one : cases) {
+        root.write(kStat, one.first);
+        second_sample = one.second;
+        slept = 0;
+        EXPECT_EQ(
+            logged_messages([&] { EXPECT_EQ(telemetry_system_info_get_cpu_info(), one.usage) << one.first; }),
+            one.messages)
+            << one.first;
+        EXPECT_TRUE(slept == 3 || (slept == 0 && one.usage == -1)) << one.first;
+    }
+}
+
+TEST_F(SystemInfo, MemoryIsTheFirstLineOfEachWord) {
+    const std::string filler(600, 'x');
+    const struct {
+        std::string text;
+        int total, usage, available;
+    } cases[] = {
+        {kMemory, 1000, 55, 300},
+        {filler + "\nMemTotal: 1000 kB\nMemTotal: 7 kB\nMemFree: 900 kB\nBuffers: 0 kB\nCached: 0 "
+                  "kB\nSwapCached: 0 kB\n",
+         1000, 10, 900},
+        // "SwapCached" holds the word "Cached", and here it comes first.
+        {"MemTotal: 1000 kB\nMemFree: 300 kB\nBuffers: 50 kB\nSwapCached: 10 kB\nCached: 500 kB\n", 1000, 63,
+         300},
+        {"MemTotal: 1000 kB\nMemFree: 300 kB\nBuffers: 50 kB\nCached: 100 kB\n", 1000, -1, 300},
+        {"MemTotal: 0 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\nSwapCached: 0 kB\n", 0, -1, 0},
+        {"MemTotal: many kB\n", -1, -1, -1},
+        {"", -1, -1, -1},
+    };
+    for (const auto &one : cases) {
+        root.write(kMeminfo, one.text);
+        EXPECT_EQ(telemetry_system_info_get_mem_info(0), one.total) << one.text;
+        EXPECT_EQ(telemetry_system_info_get_mem_info(1), one.usage) << one.text;
+        EXPECT_EQ(telemetry_system_info_get_mem_info(2), one.available) << one.text;
+    }
+    root.remove(kMeminfo);
+    EXPECT_THAT(logged_messages([] { EXPECT_EQ(telemetry_system_info_get_mem_info(1), -1); }),
+                ElementsAre("invalid read meminfo"));
+}
+
+TEST_F(SystemInfo, ReportsTheOnlyNode) {
+    set_nodes({"02-00-00-00-00-01"});
+    fake_services["low_power.telemetry_get"].json =
+        R"({"res":"success","associate_time":5,"associate_duration":140})";
+    EXPECT_EQ(collect(),
+              R"({"sl":[{"dm":"d22a15090d6d4991e3ebf3919865c088","wm":"router","cu":30,"cfq":1400000,)"
+              R"("mt":1000,"mu":55,"mf":300,"natn":417,"lat":5,"lad":140,)"
+              R"("tem":{"w0":50,"w1":50.25,"w2":-1,"cpu":71}}]})");
+    EXPECT_EQ(count, 1U);
+    ASSERT_EQ(fake_service_calls.size(), 1U) << "there is nobody else to ask";
+    EXPECT_EQ(fake_service_calls[0].timeout_ms, 1000);
+
+    root.remove(kCpuinfoFreq);
+    fake_services["low_power.telemetry_get"].json =
+        R"({"res":"busy","associate_time":5,"associate_duration":140})";
+    EXPECT_THAT(collect(),
+                HasSubstr(R"("cfq":1300000,"mt":1000,"mu":55,"mf":300,"natn":417,"lat":0,"lad":0)"));
+
+    for (const char *path : {kStat, kMeminfo, kConntrack, kScalingFreq, "/etc/config/sysmode"})
+        root.remove(path);
+    fake_services.clear();
+    const auto said = logged_messages([&] {
+        EXPECT_THAT(collect(),
+                    HasSubstr(R"("wm":"","cu":-1,"cfq":0,"mt":-1,"mu":-1,"mf":-1,"natn":0,"lat":0,"lad":0)"));
+    });
+    EXPECT_THAT(said, Contains("open file /proc/sys/net/netfilter/nf_conntrack_count failed"));
+    EXPECT_THAT(said, Contains("ubus call lowpower error!"));
+}
+
+TEST_F(SystemInfo, TakesWhatSatellitesAnswer) {
+    set_nodes({"02-00-00-00-00-01", "02-00-00-00-00-02", "02-00-00-00-00-03"});
+    fake_services["sync.request"].json =
+        R"({"success":2,"data":[{"result":{"mac":"02:00:00:00:00:03","sys_mode":"ap","cpu_usage":7,"cpu_freq":900,)"
+        R"("mem_total":11,"mem_usage":12,"mem_free":13,"wifi0_temp":14,"wifi1_temp":-1,"wifi2_temp":16,"cpu_temp":17,)"
+        R"("nat_num":18,"lowpower":{"res":"success","associate_time":19,"associate_duration":20}}},)"
+        R"({"result":{"mac":"02-00-00-00-00-09","cpu_usage":99}}]})";
+    const std::string text = collect();
+    EXPECT_THAT(text,
+                HasSubstr(R"("wm":"ap","cu":7,"cfq":900,"mt":11,"mu":12,"mf":13,"natn":18,"lat":19,"lad":20,)"
+                          R"("tem":{"w0":14,"w1":-1,"w2":16,"cpu":17}}]})"));
+    EXPECT_THAT(text, HasSubstr(R"("wm":"","cu":0,"cfq":0,"mt":0,"mu":0,"mf":0,"natn":0,"lat":0,"lad":0,)"))
+        << "the one that does not answer";
+    EXPECT_EQ(count, 3U);
+    ASSERT_EQ(fake_service_calls.back().name, "sync.request");
+    EXPECT_THAT(fake_service_calls.back().arguments, HasSubstr("50948"));
+
+    fake_services.erase("sync.request");
+    EXPECT_THAT(logged_messages([&] { EXPECT_NE(collect(), "") << "own figures stay"; }),
+                Contains("get re system info failed"));
+}
+
+TEST_F(SystemInfo, CopesWithHostileAnswers) {
+    SystemInfoRecord records[2] = {};
+    copy_text(records[0].mac, "02-00-00-00-00-01");
+    copy_text(records[1].mac, "02-00-00-00-00-02");
+    const struct {
+        const char *result;
+        double cpu_usage;
+        int32_t lowpower;
+        std::vector<std::string> messages;
+    } cases[] = {
+        {R"({"mac":"02-00-00-00-00-02","cpu_usage":5,"lowpower":{"res":"failed","associate_time":9}})",
+         5,
+         0,
+         {"re_low_power info res not success"}},
+        {R"({"mac":"02-00-00-00-00-02","cpu_usage":"6","lowpower":7})", 0, 0, {"re_low_power info err"}},
+        {R"({"mac":"02-00-00-00-00-02","lowpower":{"res":"success","associate_time":1e300}})", 0, -1, {}},
+        {R"({"mac":"","cpu_usage":5})", 0, 0, {}},
+        {R"({"mac":17,"cpu_usage":5})", 0, 0, {}},
+        {R"({"cpu_usage":5})", 0, 0, {}},
+        {R"([])", 0, 0, {}},
+    };
+    for (const auto &one : cases) {
+        records[1] = {};
+        copy_text(records[1].mac, "02-00-00-00-00-02");
+        const JsonPtr answer(cJSON_Parse(one.result));
+        EXPECT_EQ(logged_messages([&] { parseSystemInfoMsg(answer.get(), records, 2); }), one.messages)
+            << one.result;
+        EXPECT_EQ(records[1].cpu_usage, one.cpu_usage) << one.result;
+        EXPECT_EQ(records[1].lowpower_associate_time, one.lowpower) << one.result;
+        EXPECT_EQ(records[0].cpu_usage, 0) << one.result;
+    }
+    const std::string mode(5000, 'm');
+    const JsonPtr huge(cJSON_CreateObject());
+    cJSON_AddStringToObject(huge.get(), "mac", "020000000002");
+    cJSON_AddStringToObject(huge.get(), "sys_mode", mode.c_str());
+    parseSystemInfoMsg(huge.get(), records, 2);
+    EXPECT_EQ(records[1].work_mode, mode.substr(0, 127));
+}
+
+TEST_F(SystemInfo, ReportsNothingWithoutItsTurnOrItsNodes) {
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
+    ctx.collect_periodic_now = 0;
+    set_nodes({"02-00-00-00-00-01"});
+    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(collect(), ""); }),
+                ElementsAre("no need to collect system info"));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(slept, 0U);
+    ctx.collect_periodic_now = 1;
+    telemetry_debug_level = TELEMETRY_LOG_ERROR;
+
+    // Own figures go to the node of this address, else to the main node.
+    copy_text(ctx.dev_mac, "02000000000F");
+    set_nodes({"02-00-00-00-00-01", "02-00-00-00-00-02"});
+    telemetry_pre_collect.devices[0].is_fap = 0;
+    telemetry_pre_collect.devices[1].is_fap = 1;
+    EXPECT_THAT(collect(), HasSubstr(R"("cpu":0}},{"dm")"));
+    EXPECT_THAT(collect(), HasSubstr(R"("cpu":71}}]})"));
+
+    set_nodes({"02-00-00-00-00-01", ""});
+    EXPECT_THAT(logged_messages([&] { EXPECT_NE((collect(), result), 0); }),
+                testing::IsSupersetOf({"cJSON_Add Mac Md5 failed", "add system info failed"}));
+    telemetry_free_pre_collect_info();
+    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(collect(), ""); }), ElementsAre("get device list error"));
+}
+
+} // namespace
