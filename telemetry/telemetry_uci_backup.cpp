@@ -81,8 +81,10 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
 }
 
 // Adds a row's value: texts of list types element by element.
-static void add_row_value(const TelemetryIndexEntry &row, const char *value, uint32_t *count, cJSON *payload) {
-    const bool is_list = row.value_type >= TELEMETRY_VALUE_LIST_INT && row.value_type <= TELEMETRY_VALUE_LIST_STRING;
+static void add_row_value(const TelemetryIndexEntry &row, const char *value, uint32_t *count,
+                          cJSON *payload) {
+    const bool is_list =
+        row.value_type >= TELEMETRY_VALUE_LIST_INT && row.value_type <= TELEMETRY_VALUE_LIST_STRING;
     if (is_list)
         telemetry_add_value_list_to_cJSON_object(payload, row.key, value, kValueSize, row.value_type);
     else
