@@ -39,6 +39,7 @@ static constexpr DeviceCounter kDeviceCounters[] = {
 struct InterfaceStatus {
     const char *object;          // bus object
     const char *default_target;  // target of the default route
+    bool replied;                // with anything
     bool answered;
     bool up;
     int64_t uptime;              // seconds
@@ -68,6 +69,7 @@ static void read_gateway(const cJSON *routes, InterfaceStatus *status) {
 
 static void handle_status_reply(blob_attr *message, void *user) {
     auto *status = static_cast<InterfaceStatus *>(user);
+    status->replied = true;
     const TextPtr text(message != nullptr ? blobmsg_format_json(message, true) : nullptr);
     const JsonPtr reply(text ? cJSON_Parse(text.get()) : nullptr);
     int64_t up = 0;
@@ -87,8 +89,9 @@ static void handle_status_reply(blob_attr *message, void *user) {
 }
 
 static void query_status(InterfaceStatus *status) {
-    if (telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status", nullptr, kStatusTimeoutMs,
-                           handle_status_reply, status) != TELEMETRY_BUS_OK)
+    const TelemetryBusError error = telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status",
+                                                       nullptr, kStatusTimeoutMs, handle_status_reply, status);
+    if (error != TELEMETRY_BUS_OK || !status->replied)
         LOG_ERROR("%s status failed", status->object);
 }
 
@@ -143,8 +146,8 @@ int collect_internet_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     }
     telemetry_collect_watched_table(
         kInternetTable, "collect internet info successfully, now data collect count is: %d!", payload, count);
-    InterfaceStatus wan = {"network.interface.wan", "0.0.0.0", false, false, 0, {}, {}};
-    InterfaceStatus wan6 = {"network.interface.wan6", "::", false, false, 0, {}, {}};
+    InterfaceStatus wan = {"network.interface.wan", "0.0.0.0", false, false, false, 0, {}, {}};
+    InterfaceStatus wan6 = {"network.interface.wan6", "::", false, false, false, 0, {}, {}};
     query_status(&wan);
     query_status(&wan6);
     if (wan.answered) {
