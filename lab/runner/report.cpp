@@ -1,4 +1,5 @@
 #include "report.h"
+#include "text_table.h"
 
 #include <algorithm>
 #include <cctype>
@@ -60,24 +61,6 @@ std::string value_of(const cJSON *object, const char *key) {
     return value_text(cJSON_GetObjectItemCaseSensitive(object, key));
 }
 
-// Columns as wide as their widest cell.
-std::string table(const std::vector<std::vector<std::string>> &rows) {
-    std::vector<size_t> widths;
-    for (const auto &row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (size_t i = 0; i < row.size(); i++)
-            widths[i] = std::max(widths[i], row[i].size());
-    }
-    std::string text;
-    for (const auto &row : rows) {
-        std::string line = "   ";
-        for (size_t i = 0; i < row.size(); i++)
-            line += " " + row[i] + std::string(widths[i] - row[i].size() + 1, ' ');
-        text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
-    }
-    return text;
-}
-
 struct Column {
     const char *heading;
     const char *key;   // "tem.cpu": member of a member; '#' in front: a digest, shown by name
@@ -113,7 +96,7 @@ std::string list_table(const cJSON *list, const std::vector<Column> &columns, co
         for (const Column &column : columns)
             rows.back().push_back(cell(entry, column, names));
     }
-    std::string text = table(rows);
+    std::string text = text_table(rows);
     return more ? text + "    ... and " + std::to_string(more) + " more\n" : text;
 }
 

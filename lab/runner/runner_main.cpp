@@ -1,7 +1,8 @@
 // lab-runner: a mesh on this machine, from a scenario.
 //   lab-runner [--scenario NAME|FILE] [--once]
 // Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one collection and one
-// upload, prints what the cloud received and the verdict; exit status 0 only when everything was as it should be.
+// upload, prints what the cloud received, the verdict and the mesh as the records tell it; exit status 0 only when
+// everything was as it should be.
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +15,7 @@
 
 #include "lab.h"
 #include "report.h"
+#include "summary.h"
 
 namespace {
 
@@ -144,6 +146,7 @@ void run_once(lab::Lab &lab) {
             fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " + std::to_string(status));
     }
     printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
+    printf("\nThe mesh, as the cloud now knows it\n%s", summary_text(records).c_str());
 }
 
 void print_help(lab::Lab &lab) {
