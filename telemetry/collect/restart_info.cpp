@@ -38,7 +38,8 @@ void telemetry_count_daemon_start() {
         LOG_ERROR("open file %s failed", kRestartPath);
         return;
     }
-    fprintf(file.get(), "%d\n", static_cast<int>(starts) + 1);
+    if (fprintf(file.get(), "%d\n", static_cast<int>(starts) + 1) < 0 || fflush(file.get()) != 0)
+        LOG_ERROR("write file %s failed", kRestartPath);
 }
 
 int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {

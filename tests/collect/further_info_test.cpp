@@ -351,6 +351,10 @@ TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
     const OutputCapture capture;
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("open file /tmp/telemetry/restart failed"));
+    std::filesystem::create_directories(root.path("/tmp/telemetry"));
+    std::filesystem::create_symlink("/dev/full", root.path("/tmp/telemetry/restart"));
+    telemetry_count_daemon_start();
+    EXPECT_TRUE(capture.has("write file /tmp/telemetry/restart failed"));
 }
 
 } // namespace
