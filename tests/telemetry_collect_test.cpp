@@ -8,6 +8,7 @@
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_utils.h"
 
 using Messages = std::vector<std::string>;
 
@@ -16,6 +17,7 @@ using Messages = std::vector<std::string>;
 static int stub_result;
 static uint32_t stub_count;
 static std::vector<std::string> calls;
+static int post_done_of_snapshot;
 
 static int stub_collect(const char *name, cJSON *payload, uint32_t *count) {
     calls.push_back(name);
@@ -49,6 +51,7 @@ STUB_COLLECTOR(collect_havenguard_v2_info)
 
 int telemetry_pre_collect_info(TelemetryCtx *) {
     calls.push_back("snapshot");
+    post_done_of_snapshot = telemetry_post_done;
     return -1; // the modules run all the same
 }
 
@@ -130,6 +133,7 @@ TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
         {{5, 3, 4}, 7, 2},                     // aims at 8
         {{1}, 0, 0},                           // aims at 0
         {{1, 1, 1}, 2, 2},                     // aims at 2
+        {{1, 1}, 1, 1},                        // aims at 1
         {{1, 1, 10}, 0, 0},                    // aims at 8: only the last record matters
         {{10, 1, 1}, 2, 2}, {{0, 0, 3}, 0, 0}, // records without items go on the way
         {{}, 0, 0},
@@ -143,6 +147,15 @@ TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
         EXPECT_EQ(ctx.data_collect_count, c.count);
         EXPECT_EQ(records(), c.records);
     }
+}
+
+TEST_F(TelemetryCollect, ShrinkTellsItsAim) {
+    for (const int items : {5, 3, 4})
+        add_record(items);
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
+    EXPECT_EQ(logged_messages([this] { shrink_collect_data_list(&ctx); }),
+              (Messages{"total 12, aim to shrink to 8", "delect oldest data list",
+                        "after shrink, total count is 7"}));
 }
 
 TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
@@ -229,7 +242,9 @@ TEST_F(TelemetryCollect, MissingArgumentsAreNamed) {
 
 TEST_F(TelemetryCollect, ACycleRunsTheModulesInTheirOrder) {
     stub_count = 2;
+    telemetry_post_done = 1;
     run_timer();
+    EXPECT_EQ(post_done_of_snapshot, 0); // the marker speaks before the collection does
     const char *const order[] = {
         "internet_info",      "ecomode_info",        "iptv_info",         "qos_info",
         "quicksetup_info",    "client_info",         "device_info",       "system_info",
@@ -248,7 +263,8 @@ TEST_F(TelemetryCollect, ACycleRunsTheModulesInTheirOrder) {
     EXPECT_EQ(ctx.data_collect_count, 2 * std::size(order));
     EXPECT_EQ(ctx.collect_count, 1u);
     EXPECT_EQ(root.read("/tmp/telemetry/post_done"), "0\n");
-    EXPECT_TRUE(ctx.collect_timer.pending);
+    EXPECT_GT(uloop_timeout_remaining64(&ctx.collect_timer), 890000);
+    EXPECT_LE(uloop_timeout_remaining64(&ctx.collect_timer), 900000);
     EXPECT_FALSE(ctx.post_timer.pending);
 }
 
@@ -305,7 +321,7 @@ TEST_F(TelemetryCollect, AListThatShrinksBelowTheThresholdIsNotUploadedEarly) {
     add_record(1, kMaxBackUpLength);
     add_record(1);
     add_record(1);
-    run_timer();
+    EXPECT_EQ(logged_messages([this] { run_timer(); }), Messages{}); // all of it is debug
     EXPECT_EQ(records(), 2u);
     EXPECT_FALSE(ctx.post_timer.pending);
 }

@@ -100,6 +100,7 @@ TEST(TelemetryDigest, HmacSha1) {
          "aa4ae5e15272d00e95705637ce8a3b55ed402112"},
         {"Jefe", "what do ya want for nothing?", 1, "ef"},
         {"Jefe", "what do ya want for nothing?", 1000, "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
+        {"Jefe", "what do ya want for nothing?", 21, "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
         {"key", "", 20, "f42bb0eeb018ebbd4597ae7213711ec60760843f"},
     };
     for (const auto &c : cases) {

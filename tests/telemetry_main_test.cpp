@@ -1,6 +1,9 @@
 #include "telemetry_main.h"
 
+#include <regex>
+
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "sysroot.h"
@@ -20,7 +23,8 @@ static std::vector<std::string> calls;
 static bool pool_fails;
 static bool bus_fails;
 static std::string popen_fails_for;
-static int free_descriptor; // the lowest one when the bus is connected
+static uloop_timeout far_timer; // armed until the loop is taken down
+static int free_descriptor;     // the lowest one when the bus is connected
 
 extern "C" FILE *popen(const char *command, const char *mode) {
     if (!popen_fails_for.empty() && popen_fails_for == command)
@@ -42,7 +46,7 @@ int telemetry_init_ubus(TelemetryCtx *) {
 }
 
 void telemetry_free_ubus() {
-    calls.push_back("free bus");
+    calls.push_back(far_timer.pending ? "free bus in the loop" : "free bus");
 }
 
 void telemetry_post_state_FSM(TelemetryCtx *) {
@@ -50,6 +54,7 @@ void telemetry_post_state_FSM(TelemetryCtx *) {
     static uloop_timeout end_timer;
     end_timer.cb = [](uloop_timeout *) { uloop_end(); };
     uloop_timeout_set(&end_timer, 0);
+    uloop_timeout_set(&far_timer, 1000000);
 }
 
 void telemetry_post_data(uloop_timeout *) {}
@@ -136,6 +141,7 @@ TEST_F(TelemetryMain, InitFillsTheRecord) {
     EXPECT_TRUE(ctx.collect_timer.pending);
     EXPECT_LE(uloop_timeout_remaining64(&ctx.collect_timer), 300000);
     EXPECT_FALSE(ctx.post_timer.pending);
+    EXPECT_EQ(ctx.collect_timer.cb, telemetry_collect_data);
     EXPECT_EQ(ctx.post_timer.cb, telemetry_post_data);
     EXPECT_TRUE(root.exists("/tmp/telemetry/telemetry"));
 }
@@ -264,6 +270,16 @@ TEST_F(TelemetryMain, AFailingCallOfTheFirmwareToolDoesNotStopTheOthers) {
     }
 }
 
+TEST_F(TelemetryMain, OtherServicesMayUseTheFiles) {
+    const mode_t mask = umask(0);
+    EXPECT_EQ(telemetry_init_tmp_backup_config(), 0);
+    telemetry_create_heartbeat_timeout_file();
+    umask(mask);
+    for (const char *path : {"/tmp/telemetry", "/tmp/cloud_heartbeat_timeout_count"})
+        EXPECT_EQ(std::filesystem::status(root.path(path)).permissions(), std::filesystem::perms(0777))
+            << path;
+}
+
 TEST_F(TelemetryMain, TheBackupFileSurvivesARestart) {
     EXPECT_EQ(telemetry_init_tmp_backup_config(), 0);
     EXPECT_EQ(root.read("/tmp/telemetry/telemetry"), "");
@@ -335,6 +351,7 @@ TEST_F(TelemetryMain, AFailingStepIsNamed) {
 TEST_F(TelemetryMain, MainStartsRunsAndEnds) {
     EXPECT_EQ(run_main(), Messages{});
     EXPECT_EQ(calls, (Messages{"pool", "bus", "state machine", "free bus"}));
+    EXPECT_TRUE(root.exists("/tmp/telemetry/restart"));
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
 }
 
@@ -369,7 +386,15 @@ TEST_F(TelemetryMain, MainEndsWithoutLoopWhenStartUpFails) {
     pool_fails = true;
     calls.clear();
     uloop_done(); // the collect timer of the first run is in the record that the second one zeroes
-    root.write("/dev/console", "");
-    EXPECT_EQ(run_main(), (Messages{"telemetry_init_post_request error", "telemetry_init_ctx error, stop"}));
+    root.write("/dev/console", "booted\n");
+    EXPECT_EQ(run_main(),
+              (Messages{"booted", "telemetry_init_post_request error", "telemetry_init_ctx error, stop"}));
+    const std::regex lines(
+        "booted\n"
+        "\\[telemetry\\]\\[[0-9]+\\]\\[telemetry_main\\.cpp\\] telemetry_init_ctx\\([0-9]+\\): "
+        "telemetry_init_post_request error\n"
+        "\\[telemetry\\]\\[[0-9]+\\]\\[telemetry_main\\.cpp\\] [a-z_]+\\([0-9]+\\): "
+        "telemetry_init_ctx error, stop\n");
+    EXPECT_TRUE(std::regex_match(root.read("/dev/console"), lines)) << root.read("/dev/console");
     EXPECT_EQ(calls, Messages{"pool"});
 }

@@ -221,6 +221,8 @@ TEST_F(TelemetryUtils, CollectionNeedsEnableClockAndMainNode) {
     root.clean();
     root.write_config("telemetry", "config basic 'basic'\n\toption enable '0'\n");
     EXPECT_EQ(debug_messages(telemetry_check_collect_condition, 0), Messages{"telemetry disable!"});
+    root.write_config("telemetry", "config basic 'basic'\n\toption enable '1'\n");
+    EXPECT_EQ(logged_messages([] { EXPECT_EQ(telemetry_check_collect_condition(), 0); }), Messages{});
 }
 
 TEST_F(TelemetryUtils, FeaturesComeFromTheProfile) {
@@ -257,7 +259,7 @@ TEST_F(TelemetryUtils, TheSecuritySuiteDoesNotRunOverDslite) {
     root.write_profile("config tm_shn\n\toption support 'yes'\n");
     root.write_config("network", "config interface 'wan'\n\toption wan_type 'dslite_v2'\n");
     EXPECT_EQ(debug_messages(check_is_tm_shn_support, 0), Messages{"device not support tm_shn!"});
-    root.write_config("network", "config interface 'wan'\n\toption wan_type 'pppoe'\n");
+    root.write_config("network", "config interface 'wan'\n\toption wan_type 'dslit'\n");
     EXPECT_EQ(check_is_tm_shn_support(), 1);
 }
 
@@ -278,14 +280,14 @@ TEST(TelemetryHost, OnlyAddressesAndNamesPass) {
 TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {
     const std::string log = root.path("/tmp/arguments");
     root.add_command("ping", "echo \"$@\" > " + log + "\necho 'round-trip min/avg/max = 1.5/2.25/3 ms'");
-    root.add_command("ping6", "echo \"$@\" > " + log + "\necho 'round-trip min/avg/max = 1.5/2.25/3 ms'");
+    root.add_command("ping6", "echo six \"$@\" > " + log + "\necho 'round-trip min/avg/max = 1.5/2.25/3 ms'");
     char output[128];
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
     EXPECT_STREQ(output, "2.250000");
     EXPECT_EQ(root.read("/tmp/arguments"), "-c 3 192.168.0.2\n");
     EXPECT_EQ(telemetry_ping_delay_v6(output, "fe80::2"), 0);
     EXPECT_STREQ(output, "3.000000");
-    EXPECT_EQ(root.read("/tmp/arguments"), "-c 3 fe80::2\n");
+    EXPECT_EQ(root.read("/tmp/arguments"), "six -c 3 fe80::2\n");
 
     root.add_command("ping", "echo unreachable >&2; exit 1");
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
