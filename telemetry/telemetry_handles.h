@@ -72,22 +72,20 @@ class BlobBuffer {
     blob_buf buf_;
 };
 
-// Copies a text into an array of N characters: at most N - 1 of them, always terminated. A null source empties it.
-template <size_t N> void copy_text(char (&destination)[N], const char *source) {
-    if (source == nullptr)
-        source = "";
-    const size_t length = strnlen(source, N - 1);
-    memmove(destination, source, length);
-    destination[length] = '\0';
-}
-
-// The same for a buffer of `size` characters (at least 1) behind a pointer.
+// Copies a text into a buffer of `size` characters: at most size - 1 of them, always terminated. A null source
+// empties it. No strnlen: where the compiler knows the source, it takes a bound beyond it for a mistake.
 inline void copy_text(char *destination, size_t size, const char *source) {
     if (size == 0)
         return;
-    if (source == nullptr)
-        source = "";
-    const size_t length = strnlen(source, size - 1);
-    memmove(destination, source, length);
+    size_t length = 0;
+    while (source != nullptr && length < size - 1 && source[length] != '\0')
+        length++;
+    if (length > 0)
+        memmove(destination, source, length);
     destination[length] = '\0';
+}
+
+// The same for an array.
+template <size_t N> void copy_text(char (&destination)[N], const char *source) {
+    copy_text(destination, N, source);
 }
