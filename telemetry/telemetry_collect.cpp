@@ -40,7 +40,7 @@ static_assert(std::size(kModules) == 17);
 
 static constexpr uint32_t kCollectCountWrap = 2147483647;
 
-// --- The list ----------------------------------------------------------------------------------------------
+// --- The list ---
 
 int collect_list_exceeds(const TelemetryCtx *ctx, size_t limit) {
     if (ctx == nullptr)
@@ -98,7 +98,7 @@ void telemetry_clear_collect_list(TelemetryCtx *ctx) {
     ctx->collect_list = nullptr;
 }
 
-// --- The cycle ---------------------------------------------------------------------------------------------
+// --- The cycle ---
 
 // Takes the payload, also when the record cannot be completed.
 static bool complete_record(cJSON *record, const char *module, time_t collected_at, JsonPtr payload,

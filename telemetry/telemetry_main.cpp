@@ -22,7 +22,7 @@ static constexpr int kOptionSize = 2048;
 static constexpr int kAccessTextSize = 128;
 static constexpr int kIdentitySize = 65;
 
-// --- Output and heartbeat ----------------------------------------------------------------------------------
+// --- Output and heartbeat ---
 
 // A descriptor 0 to 2 that the starter left closed would go to the next socket or file that is opened, and
 // whatever is printed would be written into it.
@@ -74,7 +74,7 @@ void telemetry_remove_heartbeat_timeout_file() {
         LOG_ERROR("remove %s failed", kHeartbeatTimeoutPath);
 }
 
-// --- Steps of telemetry_init_ctx ---------------------------------------------------------------------------
+// --- Steps of telemetry_init_ctx ---
 
 int telemetry_init_collect_param(TelemetryCtx *ctx) {
     if (ctx == nullptr) {
@@ -261,7 +261,7 @@ int telemetry_init_timers(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- The whole ---------------------------------------------------------------------------------------------
+// --- The whole ---
 
 struct InitStep {
     int (*run)(TelemetryCtx *ctx);

@@ -58,7 +58,7 @@ struct PostRequest {
 
 static_assert(std::is_standard_layout_v<PostRequest>, "the poll timer finds its slot by offset");
 
-// --- Pool and buffers (telemetry_post_request.cpp) ----------------------------------------------------------------
+// --- Pool and buffers (telemetry_post_request.cpp) ---
 
 // First free slot, taken; null when all are busy.
 PostRequest *telemetry_post_alloc_request(TelemetryCtx *ctx);
@@ -74,7 +74,7 @@ int32_t telemetry_post_append_data(PostBuffer *buffer, const char *bytes, int32_
 // Appends the signature header: HMAC over the body's digest, the time and the path.
 int add_curl_request_signature(PostRequest *request, const char *body, const char *secret, const char *path);
 
-// --- Transport (telemetry_curl.cpp) -------------------------------------------------------------------------------
+// --- Transport (telemetry_curl.cpp) ---
 
 // Starts libcurl and allocates the slots.
 int telemetry_init_post_request(TelemetryCtx *ctx);
@@ -85,7 +85,7 @@ void poll_curl_status(uloop_timeout *timer);
 // Receive callback of libcurl.
 size_t write_response_data_(const char *data, size_t size, size_t count, PostRequest *request);
 
-// --- State machine (telemetry_post.cpp) ---------------------------------------------------------------------------
+// --- State machine (telemetry_post.cpp) ---
 
 // Runs the action of the current state.
 void telemetry_post_state_FSM(TelemetryCtx *ctx);
@@ -102,7 +102,7 @@ void post_state_FSM_retry_cb(uloop_timeout *timer);
 void get_strategy_handle_error_code(TelemetryCtx *ctx, int error_code);
 void upload_data_handle_error_code(TelemetryCtx *ctx, int error_code);
 
-// --- Cloud calls (telemetry_post_message.cpp) ---------------------------------------------------------------------
+// --- Cloud calls (telemetry_post_message.cpp) ---
 
 // Bodies: compact JSON from malloc, null on failure; the caller frees.
 char *get_post_refresh_key_content(const TelemetryCtx *ctx);

@@ -31,8 +31,7 @@ static constexpr CloudCall kGetStrategyCall = {"/api/data/device/strategy/getDat
 static constexpr CloudCall kUploadCall = {"/api/data/device/uploadBasicData", true,
                                           get_post_collect_data_content, post_upload_data_cb};
 
-// --- Bodies
-// -------------------------------------------------------------------------------------------------------
+// --- Bodies ---
 
 struct TextMember {
     const char *key;
@@ -89,8 +88,7 @@ static bool add_records(const TelemetryCtx *ctx, cJSON *body) {
     return true;
 }
 
-// --- Senders
-// ------------------------------------------------------------------------------------------------------
+// --- Senders ---
 
 static int prepare_call(PostRequest *request, const CloudCall &call) {
     const TelemetryCtx *ctx = request->owner;
@@ -142,8 +140,7 @@ static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *c
     telemetry_post_arm_retry_timer(ctx, kPostWaitMs);
 }
 
-// --- Answers
-// ------------------------------------------------------------------------------------------------------
+// --- Answers ---
 
 // The parsed answer and its error_code; null when there is none that can be judged.
 static JsonPtr parse_answer(const PostRequest *request, int *error_code) {
@@ -296,8 +293,7 @@ static uint32_t minutes_to_ms(int32_t minutes) {
     return static_cast<uint32_t>(minutes) * kMinuteMs;
 }
 
-// --- Interface
-// ----------------------------------------------------------------------------------------------------
+// --- Interface ---
 
 char *get_post_refresh_key_content(const TelemetryCtx *ctx) {
     if (!has_context(ctx))

@@ -10,8 +10,7 @@
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
 
-// --- Lookup by MAC
-// ------------------------------------------------------------------------------------------------
+// --- Lookup by MAC ---
 
 // Index of the first record of each MAC. A complete text finds its record here; a shorter one, which matches
 // by prefix, walks the array. Cleared with the array, built at the first lookup.
@@ -75,8 +74,7 @@ PreClientInfo *get_telemetry_pre_client_info(const char *mac) {
     return find_client(converted, true);
 }
 
-// --- The array
-// ----------------------------------------------------------------------------------------------------
+// --- The array ---
 
 void telemetry_free_client_info_list() {
     mac_index() = {}; // with its table: nothing of a cycle stays in memory
@@ -135,8 +133,7 @@ void telemetry_print_client_info() {
         print_client(&telemetry_pre_collect.clients[i], i);
 }
 
-// --- The whole side
-// -----------------------------------------------------------------------------------------------
+// --- The whole side ---
 
 struct ClientStep {
     int (*run)();

@@ -73,8 +73,7 @@ class CutTexts {
 };
 } // namespace
 
-// --- Traffic statistics: the clients
-// ------------------------------------------------------------------------------
+// --- Traffic statistics: the clients ---
 
 enum { TFSTATS_TOTAL, TFSTATS_LIST, TFSTATS_COUNT };
 static const blobmsg_policy kTfstatsPolicy[TFSTATS_COUNT] = {
@@ -161,8 +160,7 @@ int telemetry_get_client_list_from_tfstats() {
     return result;
 }
 
-// --- Client management: what a client is
-// --------------------------------------------------------------------------
+// --- Client management: what a client is ---
 
 enum ClientFieldKind { CLIENT_FIELD_TEXT, CLIENT_FIELD_FLAG, CLIENT_FIELD_U32 };
 
@@ -307,8 +305,7 @@ int telemetry_complete_device_type_info() {
     return call_service("client_mgmt", "get", arguments.head(), handle_type_reply, nullptr);
 }
 
-// --- The satellites' clients
-// --------------------------------------------------------------------------------------
+// --- The satellites' clients ---
 
 static void complete_client_field(PreClientInfo *client, const ClientField &field, const cJSON *entry,
                                   CutTexts *cuts) {
@@ -358,8 +355,7 @@ int telemetry_complete_re_client_list_info() {
     return 0;
 }
 
-// --- The node that hosts a client
-// ---------------------------------------------------------------------------------
+// --- The node that hosts a client ---
 
 // *user becomes 0 when the reply has been used, -1 when it cannot be.
 static void handle_sync_list_reply(blob_attr *message, void *user) {

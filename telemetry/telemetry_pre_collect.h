@@ -90,7 +90,7 @@ extern PreCollectInfo telemetry_pre_collect;
 int telemetry_pre_collect_info(TelemetryCtx *ctx);
 void telemetry_free_pre_collect_info();
 
-// --- Devices (telemetry_pre_device.cpp) ---------------------------------------------------------------------------
+// --- Devices (telemetry_pre_device.cpp) ---
 
 int telemetry_pre_device_info(TelemetryCtx *ctx);
 // Reads /tmp/sync-server/mesh_dev_list into a new array.
@@ -120,7 +120,7 @@ MeshDeviceInfo *telemetry_find_device_by_mac(const char *mac);
 bool telemetry_is_mesh_network();
 int telemetry_get_band_num();
 
-// --- Clients (telemetry_pre_client.cpp and the files of its steps) -------------------------------------------------
+// --- Clients (telemetry_pre_client.cpp and the files of its steps) ---
 
 int telemetry_pre_clients_info();
 void telemetry_free_client_info_list();
@@ -148,7 +148,7 @@ int telemetry_get_myself_client_num(int32_t *count);
 // query failed; what was gathered counts all the same.
 int telemetry_get_client_sta_info(ClientStaList *list, uint32_t *found);
 
-// --- Queries to satellites (telemetry_transfer.cpp) ---------------------------------------------------------------
+// --- Queries to satellites (telemetry_transfer.cpp) ---
 
 enum TelemetryTransferOpcode : int32_t {
     TELEMETRY_TRANSFER_DEVICE = 50946,
@@ -178,7 +178,7 @@ void parseClientStaInfoMsg(const cJSON *result);
 void handle_ubus_call_from_re_backhaul_info(blob_attr *message, void *user);
 void handle_ubus_call_from_re_client_sta_list(blob_attr *message, void *user);
 
-// --- This node's links (telemetry_links.cpp) -----------------------------------------------------------------------
+// --- This node's links (telemetry_links.cpp) ---
 
 // Wired ports of the board profile into ports[capacity]; *used is the number in use. With count_wan the WAN port
 // counts as used, and its speed is not read.

@@ -12,8 +12,7 @@
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
-// --- The array
-// ----------------------------------------------------------------------------------------------------
+// --- The array ---
 
 void telemetry_free_device_info_list() {
     PreCollectInfo *info = &telemetry_pre_collect;
@@ -57,8 +56,7 @@ int telemetry_init_device_info_list(int n) {
     return 0;
 }
 
-// --- Reading the list
-// ---------------------------------------------------------------------------------------------
+// --- Reading the list ---
 
 // Copies a member's text into its field; what does not fit is cut and said.
 template <size_t N> static void copy_member(char (&field)[N], const cJSON *entry, const char *key) {
@@ -106,8 +104,7 @@ int telemetry_init_device_list_info_from_file() {
     return 0;
 }
 
-// --- Completion
-// ---------------------------------------------------------------------------------------------------
+// --- Completion ---
 
 static MeshDeviceInfo *first_fap_device() {
     for (int i = 0; i < telemetry_get_device_num(); ++i) {
@@ -209,8 +206,7 @@ int telemetry_collect_RE_device_info() {
     return telemetry_collect_re_backhaul_info(address);
 }
 
-// --- Dump
-// ---------------------------------------------------------------------------------------------------------
+// --- Dump ---
 
 static void print_backhaul_slot(const BackhaulInfo *slot, int index) {
     LOG_DEBUG("backhaul index:%d", index);
@@ -254,8 +250,7 @@ void telemetry_print_device_info() {
         print_device(&telemetry_pre_collect.devices[i], i);
 }
 
-// --- The whole side
-// -----------------------------------------------------------------------------------------------
+// --- The whole side ---
 
 // The steps whose failure leaves no device list for the cycle.
 static int build_device_list(const TelemetryCtx *ctx) {
@@ -291,8 +286,7 @@ int telemetry_pre_device_info(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- Accessors
-// ----------------------------------------------------------------------------------------------------
+// --- Accessors ---
 
 MeshDeviceInfo *telemetry_get_device_info_list() {
     return telemetry_pre_collect.devices;

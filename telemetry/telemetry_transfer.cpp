@@ -105,8 +105,7 @@ int telemetry_transfer_request(int32_t opcode, bool include_myself, const char *
     return ubus_client_call("sync", "request", request.head(), handle_transfer_reply, &reply);
 }
 
-// --- Backhaul and device details
-// ----------------------------------------------------------------------------------
+// --- Backhaul and device details ---
 
 // Copies a member's text into its field; what does not fit is cut and said.
 template <size_t N> static void copy_member(char (&field)[N], const cJSON *object, const char *key) {
@@ -189,8 +188,7 @@ int telemetry_collect_re_backhaul_info(const char *fap_ipaddr) {
                             nullptr);
 }
 
-// --- Station details of the satellites' clients
-// -------------------------------------------------------------------
+// --- Station details of the satellites' clients ---
 
 void parseClientStaInfoMsg(const cJSON *result) {
     if (telemetry_get_client_info_list() == nullptr) {

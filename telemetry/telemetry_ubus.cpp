@@ -18,7 +18,7 @@ static constexpr int64_t kQuickLossMs = 100;
 static TelemetryCtx *telemetry_bus_ctx;
 static ubus_context *telemetry_bus;
 
-// --- Commands ----------------------------------------------------------------------------------------------
+// --- Commands ---
 
 // A command without arguments; its result is the reply's err_code.
 using BusCommand = int (*)(TelemetryCtx *ctx);
@@ -73,7 +73,7 @@ static int collect_stgy2_and_post_now(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- State dump --------------------------------------------------------------------------------------------
+// --- State dump ---
 
 // Identity texts that fill their field have no terminator, so each has its field's size as precision.
 static void print_ctx(const TelemetryCtx *ctx) {
@@ -145,7 +145,7 @@ static int ubus_print(TelemetryCtx *ctx) {
     return 0;
 }
 
-// --- Log level ---------------------------------------------------------------------------------------------
+// --- Log level ---
 
 namespace {
 struct LogLevelName {
@@ -188,7 +188,7 @@ static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *r
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- Object ------------------------------------------------------------------------------------------------
+// --- Object ---
 
 // Published for `debug` and `collect_device_info` only; `set_debug` takes its argument undeclared.
 static constexpr blobmsg_policy kAddressPolicy[] = {
@@ -225,7 +225,7 @@ static ubus_object telemetry_object = [] {
     return object;
 }();
 
-// --- Connection --------------------------------------------------------------------------------------------
+// --- Connection ---
 
 static uloop_timeout reconnect_timer;
 static int64_t connected_at_ms;
@@ -273,7 +273,7 @@ static void handle_connection_lost(ubus_context *bus) {
     uloop_timeout_set(&reconnect_timer, kReconnectMs);
 }
 
-// --- Public ------------------------------------------------------------------------------------------------
+// --- Public ---
 
 int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code) {
     blobmsg_add_u32(reply, "err_code", static_cast<uint32_t>(err_code));

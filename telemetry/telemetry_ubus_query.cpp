@@ -41,7 +41,7 @@ static uint32_t to_int32(double number) {
     return static_cast<uint32_t>(std::clamp<int64_t>(whole, INT32_MIN, INT32_MAX));
 }
 
-// --- Clients -----------------------------------------------------------------------------------------------
+// --- Clients ---
 
 // Devices with several links are known by their multi-link address.
 static void add_station(blob_buf *reply, const ClientStaInfo &station) {
@@ -88,7 +88,7 @@ int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- System ------------------------------------------------------------------------------------------------
+// --- System ---
 
 namespace {
 struct SystemMember {
@@ -141,7 +141,7 @@ int ubus_collect_system_info(ubus_context *bus, ubus_object *, ubus_request_data
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- USB and AFC -------------------------------------------------------------------------------------------
+// --- USB and AFC ---
 
 int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
                           blob_attr *) {
@@ -184,7 +184,7 @@ int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *r
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
 }
 
-// --- Device ------------------------------------------------------------------------------------------------
+// --- Device ---
 
 enum { ADDRESS_ARGUMENT, ADDRESS_ARGUMENT_COUNT };
 static constexpr blobmsg_policy kAddressArguments[ADDRESS_ARGUMENT_COUNT] = {

@@ -17,7 +17,7 @@ enum TelemetryUciSource : uint32_t {
 // A context of libuci for a source, with its configuration and save directory set; null when memory ran out.
 uci_context *telemetry_uci_alloc_context(uint32_t source);
 
-// --- With the caller's context ------------------------------------------------------------------------------------
+// --- With the caller's context ---
 
 // Value of an option, cut to size - 1 characters. -1 no package, -2 no section, -3 no option or an empty one.
 int uci_get_value(uci_context *uci, const char *package, const char *section, const char *option, char *buffer,
@@ -34,7 +34,7 @@ int _telemetry_get_value_in_telemetry_config(uci_context *uci, const char *packa
 int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package, const char *section,
                                                          const char *option, const char *value);
 
-// --- Self-contained -----------------------------------------------------------------------------------------------
+// --- Self-contained ---
 
 // Option of the first section of a type in the device profile; at most `size` bytes, the last one forced to zero.
 int uci_get_profile_option(const char *section_type, const char *option, char *buffer, int size);
@@ -51,7 +51,7 @@ int telemetry_set_uci_value_in_telemetry_config(const char *section, const char 
 using TelemetrySectionCallback = int (*)(void *user, uci_context *uci, uci_element *section);
 int telemetry_traverse_config_section_and_do(const char *package, TelemetrySectionCallback callback, void *user);
 
-// --- Backup configuration: what was last reported (telemetry_uci_backup.cpp) ---------------------------------------
+// --- Backup configuration: what was last reported (telemetry_uci_backup.cpp) ---
 
 // One watched option of a collector.
 struct TelemetryIndexEntry {

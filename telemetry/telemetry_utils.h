@@ -6,12 +6,12 @@
 
 #include <cjson/cJSON.h>
 
-// --- Text ---------------------------------------------------------------------------------------------------------
+// --- Text ---
 
 // Decimal integer at the start of a text, wrapped to 32 bits; 0 where there is none or the text is null.
 int32_t telemetry_text_to_int(const char *text);
 
-// --- MAC texts ----------------------------------------------------------------------------------------------------
+// --- MAC texts ---
 
 // Source without "-" and ":", a-z as A-Z. `destination` holds at least the source's length + 1.
 int mac_to_format(char *destination, const char *source);
@@ -23,7 +23,7 @@ int mac_to_upper_short_line(char *destination, const char *source);
 // n bytes as 2n lower case hexadecimal digits; `length` (of the destination) must exceed 2n.
 int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, size_t n);
 
-// --- Commands and files -------------------------------------------------------------------------------------------
+// --- Commands and files ---
 
 // Output of a shell command (first read, at most 2048 bytes), less one trailing line end, copied as exactly `size`
 // bytes: zero-padded, and without a terminator when the text has `size` or more characters.
@@ -33,7 +33,7 @@ int telemetry_parse_file(const char *path, char *buffer, size_t size);
 // 1 when the router path exists.
 int telemetry_file_exists(const char *path);
 
-// --- Conditions ---------------------------------------------------------------------------------------------------
+// --- Conditions ---
 
 // Option `telemetry`.`basic`.`enable`.
 int check_telemetry_enable();
@@ -50,7 +50,7 @@ int check_is_afc_support();
 int check_is_eco_mode_support();
 int check_is_auto_upgrade_support();
 
-// --- Measurements and markers -------------------------------------------------------------------------------------
+// --- Measurements and markers ---
 
 // Average delay of three echoes, ms with six decimals, into `output` (at least 128 characters; untouched when the
 // command could not run). `host` must be an address or host name: anything else never reaches the shell and gives -1.
@@ -66,7 +66,7 @@ extern int telemetry_post_done;
 // Writes bit 1 of `flags` to /tmp/telemetry/post_done: 1 (a cycle starts) writes 0, 2 (an upload was sent) writes 1.
 int write_post_done_to_file(int flags);
 
-// --- Encodings and digests (telemetry_digest.cpp) -----------------------------------------------------------------
+// --- Encodings and digests (telemetry_digest.cpp) ---
 
 // Standard alphabet with padding; `output` holds 4 * ceil(length / 3) + 1 characters. A length below 1 is a failure,
 // here and in the two digests.
@@ -80,7 +80,7 @@ int hmac_sha1_encode(const char *message, int n, char *output, const char *key);
 // One-shot MD5 of `length` bytes into 16 bytes.
 void md5_calc(uint8_t *digest, const void *data, size_t length);
 
-// --- Option text to JSON (telemetry_value.cpp) --------------------------------------------------------------------
+// --- Option text to JSON (telemetry_value.cpp) ---
 
 // Value type codes of options.
 enum TelemetryValueType : int {

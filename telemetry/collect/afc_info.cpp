@@ -107,7 +107,7 @@ int collect_myself_afc_info(cJSON *object) {
     return 0;
 }
 
-// --- Every node --------------------------------------------------------------------------------------------
+// --- Every node ---
 
 // What a satellite sent is copied member by member: nothing that is not known passes on to the cloud.
 static void apply_afc_result(const cJSON *result, void *user) {

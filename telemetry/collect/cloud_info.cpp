@@ -66,8 +66,7 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
     return 0;
 }
 
-// --- Versions
-// -----------------------------------------------------------------------------------------------------
+// --- Versions ---
 
 struct FirmwareVersion {
     int numbers[3];
@@ -111,8 +110,7 @@ int telemetry_compare_fwver(const char *current, const char *newer) {
     return 0;
 }
 
-// --- Upgrades
-// -----------------------------------------------------------------------------------------------------
+// --- Upgrades ---
 
 int telemetry_update_upgrade_config(const char *node_id, const char *version) {
     if (node_id == nullptr || node_id[0] == '\0' || version == nullptr) {
@@ -160,8 +158,7 @@ int telemetry_check_device_upgrade(cJSON *payload, uint32_t *count) {
     return 0;
 }
 
-// --- Automatic upgrade
-// --------------------------------------------------------------------------------------------
+// --- Automatic upgrade ---
 
 static void collect_auto_upgrade(cJSON *payload, uint32_t *count) {
     if (check_is_auto_upgrade_support() == 0 || telemetry_update_tmp_backup_config_by_telemetry_index(

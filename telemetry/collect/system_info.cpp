@@ -21,8 +21,7 @@ static constexpr int kLineSize = 512;
 static constexpr unsigned kCpuSampleSeconds = 3;
 static constexpr int kLowpowerTimeoutMs = 1000;
 
-// --- CPU
-// ----------------------------------------------------------------------------------------------------------
+// --- CPU ---
 
 struct CpuSample {
     int total;
@@ -78,8 +77,7 @@ int telemetry_system_info_get_cpu_info() {
     return static_cast<int>(busy * 100 / total);
 }
 
-// --- Memory
-// -------------------------------------------------------------------------------------------------------
+// --- Memory ---
 
 enum MemFigure { MEM_TOTAL, MEM_FREE, MEM_BUFFERS, MEM_CACHED, MEM_SWAP_CACHED, MEM_FIGURES };
 static constexpr const char *kMemFigureNames[MEM_FIGURES] = {"MemTotal", "MemFree", "Buffers", "Cached",
@@ -112,8 +110,7 @@ int telemetry_system_info_get_mem_info(int kind) {
     return static_cast<int>(used * 100 / figures[MEM_TOTAL]);
 }
 
-// --- Figures of this node
-// -----------------------------------------------------------------------------------------
+// --- Figures of this node ---
 
 // The number in a small file, which then replaces *number.
 static bool read_number_file(const char *path, int *number) {
@@ -204,8 +201,7 @@ void telemetry_system_info_collect_own(SystemInfoRecord *record) {
     }
 }
 
-// --- Low power
-// ----------------------------------------------------------------------------------------------------
+// --- Low power ---
 
 enum { LOWPOWER_RES, LOWPOWER_TIME, LOWPOWER_DURATION, LOWPOWER_COUNT };
 static const blobmsg_policy kLowpowerPolicy[LOWPOWER_COUNT] = {
@@ -249,8 +245,7 @@ int collect_data_for_lowpower_info(SystemInfoRecord *record) {
     return reply.kept;
 }
 
-// --- The satellites' figures
-// --------------------------------------------------------------------------------------
+// --- The satellites' figures ---
 
 struct SatelliteFigure {
     const char *key;
@@ -320,8 +315,7 @@ static void apply_system_result(const cJSON *result, void *user) {
     parseSystemInfoMsg(result, list->records, list->count);
 }
 
-// --- The record
-// ---------------------------------------------------------------------------------------------------
+// --- The record ---
 
 static bool add_temperatures(cJSON *entry, const SystemInfoRecord *record) {
     cJSON *temperatures = cJSON_AddObjectToObject(entry, "tem");

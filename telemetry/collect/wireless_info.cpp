@@ -30,7 +30,7 @@ struct WirelessBand {
     int option_count;
 };
 
-// --- Getters: the value as text; 0 on success --------------------------------------------------------------
+// --- Getters: the value as text; 0 on success ---
 
 // 1 when the section and its band are switched on; a band without its own switch is `band_default`.
 static int get_band_enable(const char *package, const char *section, const char *band_option,
@@ -123,7 +123,7 @@ static int get_ssid_type_host_2g(const char *, char *buffer, int size) {
     return put_number(buffer, size, classes);
 }
 
-// --- Converters: rewrite the text in place; 0 on success ---------------------------------------------------
+// --- Converters: rewrite the text in place; 0 on success ---
 
 static int convert_band_width(char *text, int size) {
     if (text == nullptr || size <= 0) {
@@ -154,7 +154,7 @@ static int convert_encry_type(char *text, int size) {
     return put_number(text, size, -1);
 }
 
-// --- The networks ------------------------------------------------------------------------------------------
+// --- The networks ---
 
 static constexpr WirelessOption kHost2g[] = {
     {"en", nullptr, nullptr, nullptr, TELEMETRY_VALUE_INT, get_band_enable_2g_host, nullptr},
@@ -208,7 +208,7 @@ static constexpr auto kHostBands = make_bands(kHost2g, kHost5g);
 static constexpr auto kGuestBands = make_bands(kGuest2g, kGuest5g);
 static constexpr auto kIotBands = make_bands(kIot2g, kIot5g);
 
-// --- Records -----------------------------------------------------------------------------------------------
+// --- Records ---
 
 static bool band_is_enabled(const WirelessBand &band) {
     for (int i = 0; i < band.option_count; i++) {
