@@ -2,12 +2,14 @@
 // $LAB_CLOCK_FILE say (ms, signed, this machine's byte order). A test moves it, and whatever is due by then
 // happens at once: retries, upload intervals, time-outs. The wall clock is the machine's; with $LAB_WALL_TIME
 // (seconds since the epoch) it stands at that time and moves with the other one only.
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -74,10 +76,30 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept {
     return static_cast<int>(result);
 }
 
+static int64_t monotonic_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
+}
+
 int epoll_wait(int fd, epoll_event *events, int count, int timeout_ms) {
     if (ahead_ms != nullptr && (timeout_ms < 0 || timeout_ms > kMaxWaitMs))
         timeout_ms = kMaxWaitMs;
     return static_cast<int>(syscall(SYS_epoll_pwait, fd, events, count, timeout_ms, nullptr, 0));
+}
+
+// Waits in short turns, until the moved clock is past the time.
+int poll(pollfd *fds, nfds_t count, int timeout_ms) {
+    if (ahead_ms == nullptr || timeout_ms == 0)
+        return static_cast<int>(syscall(SYS_poll, fds, count, timeout_ms));
+    const int64_t end = monotonic_ms() + timeout_ms;
+    for (;;) {
+        const int64_t left = timeout_ms < 0 ? kMaxWaitMs : std::max<int64_t>(end - monotonic_ms(), 0);
+        const int turn = static_cast<int>(std::min<int64_t>(left, kMaxWaitMs));
+        const int ready = static_cast<int>(syscall(SYS_poll, fds, count, turn));
+        if (ready != 0 || left == 0)
+            return ready;
+    }
 }
 
 unsigned sleep(unsigned seconds) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lab.h"
@@ -51,7 +52,7 @@ struct UploadedRecord {
 
 class HomeLab {
   public:
-    HomeLab() : lab(start_clock(home_scenario())) {
+    explicit HomeLab(lab::Scenario scenario = home_scenario()) : lab(start_clock(std::move(scenario))) {
         for (size_t i = 0; i < lab.node_count(); ++i)
             lab.node(i).advance_clock(0);
         lab.start();

@@ -1,0 +1,222 @@
+// The mesh end to end: real daemons on every node of the home scenario, and services that misbehave. However
+// a cycle went, it ends, what it cannot know it leaves out, the next one is whole again, and the daemon ends
+// without a leak.
+#include <cstring>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+#include "home_lab.h"
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace {
+
+constexpr char kReList[] = "/tmp/client_mgmt/re_client_list";
+
+class MeshTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        // The asking node cannot answer itself anyway: no time is lost with waiting for it.
+        const lab::Scenario scenario = home_scenario();
+        const lab::JsonTree limit = lab::parse_json(R"({"sync":{"own_limit_ms":20}})", "limit");
+        merge_json(scenario.json.get(), limit.get());
+        home = new HomeLab(lab::scenario_parse(lab::print_json(scenario.json.get())));
+        const auto records = home->cycle();
+        whole_clients = payload(records, "client_info");
+        whole_devices = payload(records, "device_info");
+    }
+    // A daemon built with sanitizers ends with another status when something was not given back.
+    static void TearDownTestSuite() {
+        for (size_t i = 0; i < home->lab.node_count(); ++i)
+            EXPECT_EQ(home->lab.node(i).daemon.stop(), 0) << home->lab.node(i).read("/lab/daemon.log");
+        delete home;
+    }
+    static std::string payload(const std::vector<UploadedRecord> &records, const std::string &eid) {
+        for (const UploadedRecord &record : records) {
+            if (record.eid == eid)
+                return record.text;
+        }
+        return {};
+    }
+    // Parent's digest in the entry of a node, which only its own daemon can tell.
+    static bool has_satellite_data(const std::string &devices, int index) {
+        const lab::JsonTree tree(cJSON_Parse(devices.c_str()));
+        const cJSON *entry = cJSON_GetArrayItem(cJSON_GetObjectItem(tree.get(), "dl"), index);
+        return cJSON_GetArraySize(cJSON_GetObjectItem(entry, "bh")) > 0;
+    }
+    static void expect_whole_again() {
+        const auto records = home->cycle();
+        EXPECT_EQ(payload(records, "client_info"), whole_clients);
+        EXPECT_EQ(payload(records, "device_info"), whole_devices);
+    }
+    // Calls of the main node's services that were left without an answer so far, as faults wanted it.
+    static int unanswered_calls() {
+        const std::string log = node().read("/lab/services.log");
+        int count = 0;
+        for (size_t at = log.find(", as told"); at != log.npos; at = log.find(", as told", at + 1))
+            count++;
+        return count;
+    }
+    // A cycle in which the daemon's clock passes the 50 s of a call without answer at once, and not before.
+    static std::vector<UploadedRecord> hurried_cycle() {
+        std::jthread hurry([&](const std::stop_token &over) {
+            for (int passed = unanswered_calls(); !over.stop_requested(); usleep(5000)) {
+                if (unanswered_calls() == passed)
+                    continue;
+                passed++;
+                node().advance_clock(49000);
+                usleep(100000);
+                EXPECT_EQ(unanswered_calls(), passed);
+                node().advance_clock(1000);
+            }
+        });
+        return home->cycle();
+    }
+    static lab::LabNode &node(size_t index = 0) {
+        return home->lab.node(index);
+    }
+    static inline HomeLab *home;
+    static inline std::string whole_clients, whole_devices;
+};
+
+TEST_F(MeshTest, SatellitesAnswerForThemselves) {
+    EXPECT_TRUE(has_satellite_data(whole_devices, 1));
+    EXPECT_TRUE(has_satellite_data(whole_devices, 2));
+    const std::string figures = payload(home->cycle(), "system_info");
+    const lab::JsonTree system(cJSON_Parse(figures.c_str()));
+    const cJSON *nodes = cJSON_GetObjectItem(system.get(), "sl");
+    ASSERT_EQ(cJSON_GetArraySize(nodes), 3);
+    const cJSON *entry = nullptr;
+    int duration = 120;
+    cJSON_ArrayForEach(entry, nodes) {
+        EXPECT_EQ(lab::json_number(entry, "lad"), duration) << figures;
+        EXPECT_GT(lab::json_number(entry, "mt"), 0);
+        duration += 10;
+    }
+
+    // What changes at a satellite is seen by the next cycle: its ports, its delay, its driver, its services.
+    const std::string driver = node(1).read("/tmp/fakewifi.json");
+    std::string changed = driver;
+    const size_t rate = changed.find("\"tx\":1722");
+    ASSERT_NE(rate, changed.npos);
+    changed.replace(rate, 9, "\"tx\":1111");
+    node(1).write("/tmp/fakewifi.json", changed);
+    node(1).write("/lab/board/ports/2/link", "0\n");
+    node(1).write("/lab/board/ping/default", "9.25");
+    const std::string devices = payload(home->cycle(), "device_info");
+    const lab::JsonTree tree(cJSON_Parse(devices.c_str()));
+    const cJSON *kitchen = cJSON_GetArrayItem(cJSON_GetObjectItem(tree.get(), "dl"), 1);
+    EXPECT_EQ(lab::json_number(kitchen, "wpn"), 1) << devices;
+    EXPECT_THAT(devices, HasSubstr("1111"));
+    EXPECT_THAT(devices, HasSubstr("9.25"));
+    node(1).write("/tmp/fakewifi.json", driver);
+    node(1).write("/lab/board/ports/2/link", "1\n");
+    node(1).write("/lab/board/ping/default", "1.600");
+    expect_whole_again();
+}
+
+TEST_F(MeshTest, ASatelliteWithoutDaemonIsLeftOut) {
+    node(2).daemon.kill();
+    const auto records = home->cycle();
+    const std::string devices = payload(records, "device_info");
+    EXPECT_TRUE(has_satellite_data(devices, 1));
+    EXPECT_FALSE(has_satellite_data(devices, 2));
+    EXPECT_THAT(payload(records, "client_info"), Not(IsEmpty()));
+    node(2).start_daemon();
+    ASSERT_TRUE(node(2).wait_for_object("telemetry", kHomeWaitMs));
+    expect_whole_again();
+}
+
+enum Wanted { ANY, NO, YES };
+
+struct FaultRow {
+    const char *faults;
+    Wanted clients, satellites; // whether the cycle has them
+};
+
+class MeshFaultTest : public MeshTest, public ::testing::WithParamInterface<FaultRow> {};
+
+TEST_P(MeshFaultTest, CostsTheCycleNoMoreThanItMust) {
+    const FaultRow &row = GetParam();
+    node().set_faults(row.faults);
+    // An object that is to vanish does so on its own time.
+    if (strstr(row.faults, "absent") != nullptr) {
+        ASSERT_TRUE(lab::wait_until([] { return !node().wait_for_object("sync", 0); }, kHomeWaitMs));
+    }
+    const auto records = hurried_cycle();
+    const std::string clients = payload(records, "client_info");
+    const std::string devices = payload(records, "device_info");
+    if (row.clients != ANY) {
+        EXPECT_EQ(!clients.empty(), row.clients == YES);
+    }
+    if (row.satellites != ANY) {
+        EXPECT_EQ(has_satellite_data(devices, 1), row.satellites == YES) << devices;
+    }
+    EXPECT_THAT(devices, Not(IsEmpty()));
+    EXPECT_THAT(payload(records, "system_info"), Not(IsEmpty()));
+
+    node().set_faults("{}");
+    if (!node().services.running())
+        node().start_services();
+    ASSERT_TRUE(node().wait_for_object("sync", kHomeWaitMs));
+    ASSERT_TRUE(node().wait_for_object("tfstats", kHomeWaitMs));
+    expect_whole_again();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , MeshFaultTest,
+    ::testing::Values(FaultRow{R"({"sync":{"kind":"absent"}})", NO, NO},
+                      FaultRow{R"({"sync.list":{"kind":"status"}})", NO, YES},
+                      FaultRow{R"({"sync.list":{"kind":"no_data"}})", NO, YES},
+                      FaultRow{R"({"sync.list":{"kind":"nonsense"}})", YES, YES},
+                      FaultRow{R"({"sync.list":{"kind":"garbage"}})", ANY, YES},
+                      FaultRow{R"({"sync.list":{"kind":"die"}})", NO, YES},
+                      FaultRow{R"({"sync.request":{"kind":"slow","delay_ms":300}})", YES, YES},
+                      FaultRow{R"({"sync.request":{"kind":"status"}})", YES, NO},
+                      FaultRow{R"({"sync.request":{"kind":"empty"}})", YES, NO},
+                      FaultRow{R"({"sync.request":{"kind":"nonsense"}})", YES, NO},
+                      FaultRow{R"({"sync.request":{"kind":"garbage"}})", YES, NO},
+                      FaultRow{R"({"sync.request":{"kind":"types"}})", YES, NO},
+                      FaultRow{R"({"sync.request":{"kind":"huge"}})", YES, ANY},
+                      FaultRow{R"({"sync.request":{"kind":"die"}})", NO, NO},
+                      FaultRow{R"({"client_mgmt.get_myself":{"kind":"status","skip":1}})", NO, YES},
+                      FaultRow{R"({"client_mgmt":{"kind":"garbage"}})", ANY, YES},
+                      FaultRow{R"({"client_mgmt":{"kind":"huge"}})", YES, YES},
+                      FaultRow{R"({"client_mgmt.get":{"kind":"die"}})", NO, YES},
+                      FaultRow{R"({"tfstats":{"kind":"types"}})", NO, YES},
+                      FaultRow{R"({"tfstats":{"kind":"huge"}})", YES, YES},
+                      FaultRow{R"({"tfstats":{"kind":"reply","reply":{"total":2147483647,"tfslist":[]}}})",
+                               NO, YES}));
+
+TEST_F(MeshTest, SatellitesClientFile) {
+    const std::string file = node().read(kReList);
+    const std::string filled = "[" + std::string(65537 - file.size(), ' ') + file.substr(1); // its end is cut
+    for (const std::string &content : {std::string("absent"), std::string(), filled}) {
+        content == "absent" ? node().remove(kReList) : node().write(kReList, content);
+        const auto records = home->cycle();
+        EXPECT_THAT(payload(records, "client_info"), IsEmpty()) << content.size();
+        EXPECT_TRUE(has_satellite_data(payload(records, "device_info"), 1));
+        node().write(kReList, file);
+        expect_whole_again();
+    }
+}
+
+// A call that nobody answers is given up after its time.
+TEST_F(MeshTest, SyncThatNeverAnswersIsGivenUp) {
+    node().set_faults(R"({"sync.request":{"kind":"silent"}})");
+    const size_t before = node().console().size();
+    const auto records = hurried_cycle();
+    EXPECT_FALSE(has_satellite_data(payload(records, "device_info"), 1));
+    EXPECT_THAT(payload(records, "client_info"), Not(IsEmpty()));
+    const std::string log = node().console(before);
+    for (const char *message :
+         {"ubus invoke failed.", "get RE info failed", "get RE sta list error", "get re system info failed"})
+        EXPECT_THAT(log, HasSubstr(message));
+    node().set_faults("{}");
+    expect_whole_again();
+}
+
+} // namespace
