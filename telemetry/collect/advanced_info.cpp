@@ -1,5 +1,4 @@
 // "advanced_info": VPN servers and client, and what is opened towards the internet, when it changed.
-#include "collect/collector_patterns.h"
 #include "collect/collectors.h"
 #include "collect/setting_rows.h"
 #include "telemetry_log.h"
@@ -29,15 +28,6 @@ int collect_advanced_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         LOG_DEBUG("dont need to collect advanced info!");
         return 0;
     }
-    JsonPtr settings(cJSON_CreateObject());
-    if (!settings) {
-        LOG_ERROR("cJSON_CreateObject failed");
-        return -1;
-    }
-    const uint32_t added = telemetry_add_settings(kAdvancedRows, settings.get());
-    if (added == 0 ||
-        telemetry_collect_digest_changed("advanced", "settings", settings.get(), "md5 same, don't collect!") == 0)
-        return 0;
-    *count += telemetry_move_members(settings.get(), payload);
-    return 0;
+    return telemetry_collect_settings(kAdvancedRows, "advanced", "settings", "md5 same, don't collect!",
+                                      payload, count);
 }

@@ -68,8 +68,9 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
 
 // --- Readings ----------------------------------------------------------------------------------------------
 
-// The whole number that a one-line file of a driver or the kernel begins with ("73124881932", "86400.27 9.1").
-// false, with one log line, when the file cannot be read or begins otherwise. `path` is the router's path.
+// The whole number that a one-line file of a driver or the kernel begins with ("73124881932",
+// "86400.27 9.1"). false, with one log line, when the file cannot be read or begins otherwise. `path` is the
+// router's path.
 bool telemetry_read_number_file(const char *path, uint64_t *number);
 
 // Adds a number under `key` and raises *count.

@@ -25,20 +25,6 @@ static constexpr SettingRow kHavenguardRows[] = {
     {"bn", SETTING_SECTIONS, "havenguard", "blocked_application", nullptr, nullptr},
 };
 
-static int add_changed_settings(cJSON *payload, uint32_t *count) {
-    JsonPtr settings(cJSON_CreateObject());
-    if (!settings) {
-        LOG_ERROR("cJSON_CreateObject failed");
-        return -1;
-    }
-    const uint32_t added = telemetry_add_settings(kHavenguardRows, settings.get());
-    if (added == 0 ||
-        telemetry_collect_digest_changed("havenguard", "settings", settings.get(), "md5 same, don't collect!") == 0)
-        return 0;
-    *count += telemetry_move_members(settings.get(), payload);
-    return 0;
-}
-
 static void add_counters(cJSON *payload, uint32_t *count) {
     char text[kStatsSize];
     if (telemetry_parse_file(kHavenguardStatsPath, text, sizeof(text)) != 0)
@@ -63,7 +49,8 @@ int collect_havenguard_v2_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *coun
     }
     if (check_is_tm_shn_support() == 0)
         return 0;
-    if (add_changed_settings(payload, count) != 0)
+    if (telemetry_collect_settings(kHavenguardRows, "havenguard", "settings", "md5 same, don't collect!",
+                                   payload, count) != 0)
         return -1;
     add_counters(payload, count);
     return 0;

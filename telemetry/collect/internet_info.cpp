@@ -1,4 +1,5 @@
-// "internet_info": WAN settings when they changed, state and counters of the WAN device, delays on strategy-2 cycles.
+// "internet_info": WAN settings when they changed, state and counters of the WAN device, delays on strategy-2
+// cycles.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -37,14 +38,14 @@ static constexpr DeviceCounter kDeviceCounters[] = {
 
 // What the network daemon tells of one interface.
 struct InterfaceStatus {
-    const char *object;          // bus object
-    const char *default_target;  // target of the default route
-    bool replied;                // with anything
+    const char *object;         // bus object
+    const char *default_target; // target of the default route
+    bool replied;               // with anything
     bool answered;
     bool up;
-    int64_t uptime;              // seconds
-    char device[kIfNameSize];    // empty when unknown or no device name
-    char gateway[kHostSize];     // empty when there is none
+    int64_t uptime;           // seconds
+    char device[kIfNameSize]; // empty when unknown or no device name
+    char gateway[kHostSize];  // empty when there is none
 };
 
 // A name that can stand in a path: nothing that would lead elsewhere.
@@ -55,7 +56,8 @@ static bool is_device_name(const char *name) {
 }
 
 static void read_gateway(const cJSON *routes, InterfaceStatus *status) {
-    for (const cJSON *route = cJSON_IsArray(routes) ? routes->child : nullptr; route != nullptr; route = route->next) {
+    for (const cJSON *route = cJSON_IsArray(routes) ? routes->child : nullptr; route != nullptr;
+         route = route->next) {
         const char *target = json_text(route, "target");
         const char *nexthop = json_text(route, "nexthop");
         int64_t mask = 0;
@@ -89,8 +91,9 @@ static void handle_status_reply(blob_attr *message, void *user) {
 }
 
 static void query_status(InterfaceStatus *status) {
-    const TelemetryBusError error = telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status",
-                                                       nullptr, kStatusTimeoutMs, handle_status_reply, status);
+    const TelemetryBusError error =
+        telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status", nullptr,
+                           kStatusTimeoutMs, handle_status_reply, status);
     if (error != TELEMETRY_BUS_OK || !status->replied)
         LOG_ERROR("%s status failed", status->object);
 }
@@ -117,7 +120,8 @@ struct DelayProbe {
 static constexpr DelayProbe kDelayV4 = {"d4", "ping_v4", telemetry_ping_delay_v4};
 static constexpr DelayProbe kDelayV6 = {"d6", "ping_v6", telemetry_ping_delay_v6};
 
-// A link-local gateway cannot be asked without its device, and a link without a gateway says so by "0.0.0.0" or "::".
+// A link-local gateway cannot be asked without its device, and a link without a gateway says so by "0.0.0.0"
+// or "::".
 static bool is_reachable_gateway(const char *gateway) {
     return gateway[strspn(gateway, "0.:")] != '\0' && strncasecmp(gateway, "fe80", 4) != 0;
 }
@@ -125,7 +129,8 @@ static bool is_reachable_gateway(const char *gateway) {
 // The configured host, or the gateway.
 static void add_delay(const DelayProbe &probe, const char *gateway, cJSON *payload, uint32_t *count) {
     char host[kHostSize] = {};
-    if (telemetry_get_uci_value("telemetry", "internet", probe.option, host, sizeof(host), TELEMETRY_UCI_SYSTEM) != 0 &&
+    if (telemetry_get_uci_value("telemetry", "internet", probe.option, host, sizeof(host),
+                                TELEMETRY_UCI_SYSTEM) != 0 &&
         is_reachable_gateway(gateway))
         copy_text(host, gateway);
     if (host[0] == '\0')

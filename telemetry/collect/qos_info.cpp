@@ -23,17 +23,8 @@ int collect_qos_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
         LOG_ERROR("param error");
         return -1;
     }
-    telemetry_collect_watched_table(kQosTable, "collect qos info successfully, now data collect count is: %d!",
-                                    payload, count);
-    JsonPtr priorities(cJSON_CreateObject());
-    if (!priorities) {
-        LOG_ERROR("cJSON_CreateObject failed");
-        return -1;
-    }
-    const uint32_t added = telemetry_add_settings(kPriorityRows, priorities.get());
-    if (added == 0 ||
-        telemetry_collect_digest_changed("qos", "priority", priorities.get(), "md5 same, don't collect!") == 0)
-        return 0;
-    *count += telemetry_move_members(priorities.get(), payload);
-    return 0;
+    telemetry_collect_watched_table(
+        kQosTable, "collect qos info successfully, now data collect count is: %d!", payload, count);
+    return telemetry_collect_settings(kPriorityRows, "qos", "priority", "md5 same, don't collect!", payload,
+                                      count);
 }

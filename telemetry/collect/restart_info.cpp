@@ -15,12 +15,14 @@
 static constexpr TelemetryIndexEntry kRestartTable[] = {
     {0, "rr", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "reason", TELEMETRY_VALUE_STRING},
     {1, "rn", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "count", TELEMETRY_VALUE_INT},
-    {2, "rt", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "timestamp", TELEMETRY_VALUE_INT64},
+    {2, "rt", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "restart_info", "timestamp",
+     TELEMETRY_VALUE_INT64},
 };
 
 static constexpr TelemetryIndexEntry kScheduleTable[] = {
     {0, "rs", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "enable", TELEMETRY_VALUE_INT},
-    {1, "rw", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "days", TELEMETRY_VALUE_LIST_STRING},
+    {1, "rw", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "days",
+     TELEMETRY_VALUE_LIST_STRING},
 };
 
 // 0 before the first start since boot, and when the file holds anything but a count.
@@ -51,8 +53,8 @@ int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         LOG_DEBUG("dont need to collect restart info!");
         return 0;
     }
-    telemetry_get_duration_config_cJSON_object_by_telemetry_index(kRestartTable, std::size(kRestartTable), count,
-                                                                  payload);
+    telemetry_get_duration_config_cJSON_object_by_telemetry_index(kRestartTable, std::size(kRestartTable),
+                                                                  count, payload);
     telemetry_collect_watched_table(
         kScheduleTable, "collect restart info successfully, now data collect count is: %d!", payload, count);
     uint64_t uptime = 0;

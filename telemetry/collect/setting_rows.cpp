@@ -2,8 +2,12 @@
 
 #include <cstring>
 
+#include "telemetry_log.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
+
+// Room for a text, which is cut to it.
+static constexpr int kTextSize = 128;
 
 namespace {
 struct SectionCount {
@@ -18,7 +22,8 @@ static bool is_switched_on(const char *text) {
 
 // Words that switch something on are one value.
 static bool is_wanted(const char *value, const char *wanted) {
-    return wanted == nullptr || strcmp(value, wanted) == 0 || (is_switched_on(value) && is_switched_on(wanted));
+    return wanted == nullptr || strcmp(value, wanted) == 0 ||
+           (is_switched_on(value) && is_switched_on(wanted));
 }
 
 static int count_section(void *user, uci_context *uci, uci_element *element) {
@@ -36,31 +41,45 @@ static int count_section(void *user, uci_context *uci, uci_element *element) {
     return 0;
 }
 
-static bool add_section_row(const SettingRow *row, cJSON *object) {
+static void add_section_row(const SettingRow *row, cJSON *object) {
     SectionCount count = {row, 0};
     if (telemetry_traverse_config_section_and_do(row->package, count_section, &count) != 0)
-        return false;
+        return;
     const int value = row->kind == SETTING_ANY && count.number > 1 ? 1 : count.number;
-    return cJSON_AddNumberToObject(object, row->key, value) != nullptr;
+    cJSON_AddNumberToObject(object, row->key, value);
 }
 
-static bool add_option_row(const SettingRow *row, cJSON *object) {
-    char text[128] = {};
-    if (telemetry_get_uci_value(row->package, row->section, row->option, text, sizeof(text), TELEMETRY_UCI_SYSTEM) !=
-        0)
-        return false;
+static void add_option_row(const SettingRow *row, cJSON *object) {
+    char text[kTextSize] = {};
+    if (telemetry_get_uci_value(row->package, row->section, row->option, text, sizeof(text),
+                                TELEMETRY_UCI_SYSTEM) != 0)
+        return;
     if (row->kind == SETTING_FLAG)
-        return cJSON_AddNumberToObject(object, row->key, is_switched_on(text) ? 1 : 0) != nullptr;
-    const int type = row->kind == SETTING_INT ? TELEMETRY_VALUE_INT : TELEMETRY_VALUE_STRING;
-    return telemetry_add_value_to_cJSON_object(object, row->key, text, type) == 0;
+        cJSON_AddNumberToObject(object, row->key, is_switched_on(text) ? 1 : 0);
+    else
+        cJSON_AddStringToObject(object, row->key, text);
 }
 
-uint32_t telemetry_add_setting_rows(const SettingRow *rows, size_t count, cJSON *object) {
-    uint32_t added = 0;
-    for (const SettingRow *row = rows; row < rows + count; ++row) {
-        const bool counts_sections = row->kind == SETTING_SECTIONS || row->kind == SETTING_ANY;
-        if (counts_sections ? add_section_row(row, object) : add_option_row(row, object))
-            ++added;
+static void add_row(const SettingRow *row, cJSON *object) {
+    if (row->kind == SETTING_SECTIONS || row->kind == SETTING_ANY)
+        add_section_row(row, object);
+    else
+        add_option_row(row, object);
+}
+
+int telemetry_collect_setting_rows(const SettingRow *rows, size_t row_count, const char *package,
+                                   const char *name, CollectorPlainMessage unchanged, cJSON *payload,
+                                   uint32_t *count) {
+    JsonPtr settings(cJSON_CreateObject());
+    if (!settings) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
     }
-    return added;
+    for (const SettingRow *row = rows; row < rows + row_count; ++row)
+        add_row(row, settings.get());
+    if (settings->child == nullptr ||
+        telemetry_collect_digest_changed(package, name, settings.get(), unchanged) == 0)
+        return 0;
+    *count += telemetry_move_members(settings.get(), payload);
+    return 0;
 }

@@ -170,7 +170,8 @@ static bool has_changed(const cJSON *list) {
     const JsonPtr lasting(cJSON_Duplicate(list, true));
     cJSON *entry = nullptr;
     cJSON_ArrayForEach(entry, lasting.get()) cJSON_DeleteItemFromObjectCaseSensitive(entry, "cc");
-    return telemetry_collect_digest_changed("usb", "usb_info", lasting.get(), "md5 same, don't collect!") == 1;
+    return telemetry_collect_digest_changed("usb", "usb_info", lasting.get(), "md5 same, don't collect!") ==
+           1;
 }
 
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {

@@ -1,4 +1,5 @@
-// "internet_info": the network daemon's answers, the device's counters, and which hosts are asked for an echo.
+// "internet_info": the network daemon's answers, the device's counters, and which hosts are asked for an
+// echo.
 #include <gmock/gmock.h>
 
 #include "collect/collectors.h"
@@ -13,12 +14,13 @@ using ::testing::AnyOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// --- The bus as the test wants it: replies by object; none: the object is not there ---------------------------------
+// --- The bus as the test wants it: replies by object; none: the object is not there
+// ---------------------------------
 
 static std::string wan_reply, wan6_reply;
 
-TelemetryBusError telemetry_bus_call(const char *, const char *object, const char *method, blob_attr *, int timeout_ms,
-                                     TelemetryBusReply reply, void *user) {
+TelemetryBusError telemetry_bus_call(const char *, const char *object, const char *method, blob_attr *,
+                                     int timeout_ms, TelemetryBusReply reply, void *user) {
     EXPECT_STREQ(method, "status");
     EXPECT_LE(timeout_ms, 5000);
     const bool v6 = std::string(object) == "network.interface.wan6";
@@ -38,13 +40,15 @@ TelemetryBusError telemetry_bus_call(const char *, const char *object, const cha
 
 namespace {
 
-const char kWan[] = R"({"up":true,"pending":false,"uptime":86400,"l3_device":"eth1","ipv4-address":[{"address":"hush"}],)"
-                    R"("route":[{"target":"10.0.0.0","mask":8,"nexthop":"10.0.0.9"},)"
-                    R"({"target":"0.0.0.0","mask":0,"nexthop":"198.51.100.1"}]})";
+const char kWan[] =
+    R"({"up":true,"pending":false,"uptime":86400,"l3_device":"eth1","ipv4-address":[{"address":"hush"}],)"
+    R"("route":[{"target":"10.0.0.0","mask":8,"nexthop":"10.0.0.9"},)"
+    R"({"target":"0.0.0.0","mask":0,"nexthop":"198.51.100.1"}]})";
 const char kWan6[] = R"({"up":true,"uptime":7,"l3_device":"eth1",)"
                      R"("route":[{"target":"::","mask":0,"nexthop":"2001:db8::1"}]})";
-const char kNetwork[] = "config interface wan\n option wan_type dynamic\n option proto dhcp\n option mtu 1480\n"
-                        " option peerdns 1\n option password hush\nconfig interface wan6\n option proto dhcpv6\n";
+const char kNetwork[] =
+    "config interface wan\n option wan_type dynamic\n option proto dhcp\n option mtu 1480\n"
+    " option peerdns 1\n option password hush\nconfig interface wan6\n option proto dhcpv6\n";
 
 class InternetInfo : public SysrootTest {
   protected:
@@ -61,9 +65,10 @@ class InternetInfo : public SysrootTest {
             root.write(std::string("/sys/class/net/eth1/statistics/") + file, std::to_string(value++) + "\n");
         // Each argument in brackets of its own, so that a split or joined one shows.
         for (const char *command : {"ping", "ping6"})
-            root.add_command(command, "{ printf " + std::string(command) +
-                                          "; printf ' [%s]' \"$@\"; echo; } >> \"$TELEMETRY_SYSROOT/ping.log\"\n"
-                                          "echo 'round-trip min/avg/max = 1.5/2.25/4.5 ms'");
+            root.add_command(command,
+                             "{ printf " + std::string(command) +
+                                 "; printf ' [%s]' \"$@\"; echo; } >> \"$TELEMETRY_SYSROOT/ping.log\"\n"
+                                 "echo 'round-trip min/avg/max = 1.5/2.25/4.5 ms'");
     }
     std::string collect(bool daily = false) {
         ctx.collect_stgy2_now = daily ? 1 : 0;
@@ -115,15 +120,17 @@ TEST_F(InternetInfo, DelaysOfTheDayAreThoseOfTheConfiguredHostsOrTheGateways) {
         root.remove("/ping.log");
         set_hosts(host.v4, host.v6);
         EXPECT_THAT(collect(true), HasSubstr(R"("d4":2.25,"d6":4.50)"));
-        EXPECT_EQ(root.read("/ping.log"), "ping" + echo + "[" + host.asked_v4 + "]\nping6" + echo + "[" + host.asked_v6 +
-                                              "]\n");
+        EXPECT_EQ(root.read("/ping.log"),
+                  "ping" + echo + "[" + host.asked_v4 + "]\nping6" + echo + "[" + host.asked_v6 + "]\n");
     }
     // Gateways that no echo can be sent to.
     set_hosts("", "");
     root.remove("/ping.log");
     for (const char *nexthop : {"fe80::1", "::", "0.0.0.0", ""}) {
-        wan_reply = R"({"up":true,"route":[{"target":"0.0.0.0","mask":0,"nexthop":")" + std::string(nexthop) + "\"}]}";
-        wan6_reply = R"({"up":true,"route":[{"target":"::","mask":0,"nexthop":")" + std::string(nexthop) + "\"}]}";
+        wan_reply = R"({"up":true,"route":[{"target":"0.0.0.0","mask":0,"nexthop":")" + std::string(nexthop) +
+                    "\"}]}";
+        wan6_reply =
+            R"({"up":true,"route":[{"target":"::","mask":0,"nexthop":")" + std::string(nexthop) + "\"}]}";
         EXPECT_THAT(collect(true), Not(AnyOf(HasSubstr("\"d4\""), HasSubstr("\"d6\""))));
     }
     EXPECT_EQ(root.read("/ping.log"), "");
@@ -136,11 +143,30 @@ TEST_F(InternetInfo, DelaysOfTheDayAreThoseOfTheConfiguredHostsOrTheGateways) {
 TEST_F(InternetInfo, NoTextFromOutsideReachesAShell) {
     const std::string marker = root.path("/marker");
     const std::string hostile[] = {
-        "198.51.100.1;touch " + marker, "`touch " + marker + "`",      "$(touch " + marker + ")",
-        "198.51.100.1\ntouch " + marker, "198.51.100.1\rtouch",        "-f", "--help", "-c9", "a|touch " + marker,
-        "a&touch " + marker,             "a>" + marker,               "198.51.100.1 -s 9", "'", "\"", "\\", "*", "a/b",
-        "$HOME",                         std::string(300, 'a'),       "\xc3\xa9.example", "2001:db8::1%eth0",
-        "a\tb",                          "~root",                     "a'b'",
+        "198.51.100.1;touch " + marker,
+        "`touch " + marker + "`",
+        "$(touch " + marker + ")",
+        "198.51.100.1\ntouch " + marker,
+        "198.51.100.1\rtouch",
+        "-f",
+        "--help",
+        "-c9",
+        "a|touch " + marker,
+        "a&touch " + marker,
+        "a>" + marker,
+        "198.51.100.1 -s 9",
+        "'",
+        "\"",
+        "\\",
+        "*",
+        "a/b",
+        "$HOME",
+        std::string(300, 'a'),
+        "\xc3\xa9.example",
+        "2001:db8::1%eth0",
+        "a\tb",
+        "~root",
+        "a'b'",
     };
     for (const std::string &text : hostile) {
         SCOPED_TRACE(text);
@@ -177,7 +203,8 @@ TEST_F(InternetInfo, BrokenAnswersAndCountersCostTheirMembersOnly) {
         std::string routes;
         for (int i = 0; i < 5000; ++i)
             routes += R"({"target":"10.0.0.0","mask":8,"nexthop":"10.0.0.9"},)";
-        return R"({"up":true,"uptime":1e300,"l3_device":")" + std::string(20000, 'x') + R"(","route":[)" + routes + "7]}";
+        return R"({"up":true,"uptime":1e300,"l3_device":")" + std::string(20000, 'x') + R"(","route":[)" +
+               routes + "7]}";
     }();
     const struct {
         std::string wan, wan6, report;
@@ -186,7 +213,8 @@ TEST_F(InternetInfo, BrokenAnswersAndCountersCostTheirMembersOnly) {
         {"no data", "no data", "{}"},
         {"{}", kWan6, R"({"u6":1})"},
         {R"({"up":"yes","uptime":"long","l3_device":7,"route":{}})", "", "{}"},
-        {R"({"up":true,"uptime":"long","l3_device":7,"route":[7,[],{"target":1}]})", "", R"({"up":1,"ut":0})"},
+        {R"({"up":true,"uptime":"long","l3_device":7,"route":[7,[],{"target":1}]})", "",
+         R"({"up":1,"ut":0})"},
         {huge_routes, "", R"({"up":1,"ut":9223372036854775807.00})"},
         {R"({"up":true,"uptime":1,"l3_device":"gone0"})", "", R"({"up":1,"ut":1})"},
     };

@@ -1,5 +1,6 @@
-// A day in the life of the home scenario at the default intervals. Beside the daemon runs a model of what it must hold
-// and when it must upload; at the end the cloud has every record that was collected and not shrunk away, once.
+// A day in the life of the home scenario at the default intervals. Beside the daemon runs a model of what it
+// must hold and when it must upload; at the end the cloud has every record that was collected and not shrunk
+// away, once.
 #include <set>
 
 #include <gmock/gmock.h>
@@ -16,20 +17,21 @@ constexpr int64_t kPostIntervalMs = 4 * kHourMs;
 constexpr size_t kThreshold = 32768, kMaxLength = 65536;
 
 // Cycle k runs at k quarters of an hour past midnight (and k seconds).
-constexpr long kWifiCycle = 41;                          // 10:15, the first after a change of the channel
-constexpr long kNoonCycle = 49;                          // 12:15, the key has expired at 12:00
-constexpr long kBusCycle = 57;                           // 14:15, the bus was restarted
-constexpr long kNoiseFirst = 69, kNoiseLast = 80;        // a program fills options with nonsense
-constexpr long kCloudDown = 72, kCloudUp = 80;           // 18:00 and 20:00
-constexpr long kLastCycle = 97;                          // the daily one
+constexpr long kWifiCycle = 41;                   // 10:15, the first after a change of the channel
+constexpr long kNoonCycle = 49;                   // 12:15, the key has expired at 12:00
+constexpr long kBusCycle = 57;                    // 14:15, the bus was restarted
+constexpr long kNoiseFirst = 69, kNoiseLast = 80; // a program fills options with nonsense
+constexpr long kCloudDown = 72, kCloudUp = 80;    // 18:00 and 20:00
+constexpr long kLastCycle = 97;                   // the daily one
 
 // Options that take any text, for a program that goes mad.
 struct NoisyOption {
     const char *package, *section, *option;
 };
 constexpr NoisyOption kNoisyOptions[] = {
-    {"eco_mode", "settings", "mode"}, {"iptv", "iptv", "mode"},           {"qos", "settings", "mode"},
-    {"system", "basic", "timezone"},  {"system", "basic", "language"},    {"quicksetup", "quicksetup", "wan_detection"},
+    {"eco_mode", "settings", "mode"}, {"iptv", "iptv", "mode"},
+    {"qos", "settings", "mode"},      {"system", "basic", "timezone"},
+    {"system", "basic", "language"},  {"quicksetup", "quicksetup", "wan_detection"},
 };
 constexpr size_t kNoiseLength = 1900;
 
@@ -37,7 +39,7 @@ class DayTest : public ::testing::Test {
   protected:
     DayTest() : day(kMidnight) {
         // Answers take a moment: what is uploaded is still held when the daemon is asked after the cycle.
-        day.cloud.script("upload", R"([{"kind":"ok","delay_ms":300,"times":-1}])");
+        day.cloud.script("upload", R"([{"kind":"ok","delay_ms":1000,"times":-1}])");
         day.boot();
         post_due_ms = day.elapsed_ms() + kPostIntervalMs;
     }
@@ -71,8 +73,8 @@ class DayTest : public ::testing::Test {
         ASSERT_TRUE(day.node.wait_for_object("network.interface.wan6"));
     }
 
-    // The cycle adds records of its own time to those that were held; when the list gets too long, a third of the items
-    // goes, oldest first.
+    // The cycle adds records of its own time to those that were held; when the list gets too long, a third of
+    // the items goes, oldest first.
     void take_over(long cycle, const DaemonState &state) {
         std::vector<HeldRecord> fresh, kept;
         for (const HeldRecord &record : state.list)
@@ -120,7 +122,8 @@ class DayTest : public ::testing::Test {
         EXPECT_EQ(names.contains("internet_info"), true);
         EXPECT_EQ(names.contains("client_info"), periodic);
         EXPECT_EQ(names.contains("system_info"), periodic);
-        for (const char *name : {"device_info", "advanced_info", "restart_info", "afc_info", "havenguard_info_v2"})
+        for (const char *name :
+             {"device_info", "advanced_info", "restart_info", "afc_info", "havenguard_info_v2"})
             EXPECT_EQ(names.contains(name), daily) << name;
         EXPECT_EQ(names.contains("wireless_host_info"), first || cycle == kWifiCycle);
         EXPECT_EQ(names.contains("usb_info"), first);
@@ -160,7 +163,8 @@ class DayTest : public ::testing::Test {
         std::vector<HeldRecord> uploaded;
         for (const lab::CloudRecord &record : day.cloud.records()) {
             if (record.post == posts)
-                uploaded.push_back({record.eid, lab::print_json(lab::parse_json(record.payload, record.eid).get()),
+                uploaded.push_back({record.eid,
+                                    lab::print_json(lab::parse_json(record.payload, record.eid).get()),
                                     atol(record.ct.c_str()), 0});
         }
         ASSERT_EQ(uploaded.size(), held.size());
@@ -218,7 +222,8 @@ TEST_F(DayTest, TheCloudHasEveryRecordOnce) {
     long latest = 0;
     size_t records = 0;
     for (const lab::CloudRecord &record : day.cloud.records()) {
-        EXPECT_TRUE(known.insert({record.eid, record.ct}).second) << record.eid << " of " << record.ct << " twice";
+        EXPECT_TRUE(known.insert({record.eid, record.ct}).second)
+            << record.eid << " of " << record.ct << " twice";
         EXPECT_GE(atol(record.ct.c_str()), latest);
         latest = atol(record.ct.c_str());
         ++records;

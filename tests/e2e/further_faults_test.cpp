@@ -1,4 +1,5 @@
-// Sources of the further collectors misbehave under a running daemon: real bus, real files, changed between cycles.
+// Sources of the further collectors misbehave under a running daemon: real bus, real files, changed between
+// cycles.
 #include <gmock/gmock.h>
 
 #include "stepped_lab.h"
@@ -17,7 +18,8 @@ class FurtherFaults : public ::testing::Test {
     FurtherFaults() : day(kMidnight), node(day.node) {
         day.boot();
     }
-    // The next cycle, with everything that is due once a day. Payloads by module; "" where it reported nothing.
+    // The next cycle, with everything that is due once a day. Payloads by module; "" where it reported
+    // nothing.
     void run_cycle() {
         ASSERT_EQ(node.call("collect_all_next_time").status, 0);
         day.approach_cycle();
@@ -35,11 +37,12 @@ class FurtherFaults : public ::testing::Test {
     void set_fault(const std::string &kind) {
         const std::string fault = R"({"kind":")" + kind + R"(","delay_ms":300})";
         node.set_faults(kind.empty() ? "{}"
-                                     : R"({"network.interface.wan":)" + fault + R"(,"network.interface.wan6":)" + fault +
-                                           "}");
+                                     : R"({"network.interface.wan":)" + fault +
+                                           R"(,"network.interface.wan6":)" + fault + "}");
         // Leaving the bus and coming back takes the services a moment.
         const bool there = kind != "absent";
-        ASSERT_TRUE(lab::wait_until([&] { return node.wait_for_object("network.interface.wan6", 0) == there; }, 10000));
+        ASSERT_TRUE(lab::wait_until(
+            [&] { return node.wait_for_object("network.interface.wan6", 0) == there; }, 10000));
     }
 
     SteppedLab day;
@@ -50,14 +53,15 @@ class FurtherFaults : public ::testing::Test {
 
 TEST_F(FurtherFaults, TheNetworkDaemonAnswersBadly) {
     ASSERT_NO_FATAL_FAILURE(run_cycle());
-    EXPECT_THAT(payload("internet_info"), StartsWith(R"({"np":"dynamic","pr":"dhcp","mtu":1500,"pd":1,"p6":"dhcpv6","up":1)"));
+    EXPECT_THAT(payload("internet_info"),
+                StartsWith(R"({"np":"dynamic","pr":"dhcp","mtu":1500,"pd":1,"p6":"dhcpv6","up":1)"));
     const std::string whole = R"({"up":1,"ut":86400,"u6":1,"rb":73124881932,)";
     const struct {
         const char *kind;
         bool answers; // well enough
     } faults[] = {
-        {"absent", false}, {"silent", false}, {"status", false},  {"no_data", false}, {"empty", false},
-        {"types", false},  {"nonsense", false}, {"garbage", false}, {"huge", true},    {"slow", true},
+        {"absent", false}, {"silent", false},   {"status", false},  {"no_data", false}, {"empty", false},
+        {"types", false},  {"nonsense", false}, {"garbage", false}, {"huge", true},     {"slow", true},
     };
     for (const auto &fault : faults) {
         SCOPED_TRACE(fault.kind);
@@ -83,8 +87,14 @@ TEST_F(FurtherFaults, TheNetworkDaemonAnswersBadly) {
 TEST_F(FurtherFaults, FilesAreMissingEmptyHugeOrGarbage) {
     ASSERT_NO_FATAL_FAILURE(run_cycle());
     const std::string files[] = {
-        "/tmp/afc/status", "/tmp/havenguard/stats", "/tmp/telemetry/restart", "/etc/config/qos", "/etc/config/vpn",
-        "/sys/class/net/eth1/statistics/rx_bytes", "/sys/bus/usb/devices/1-1/idVendor", "/etc/config/restart_schedule",
+        "/tmp/afc/status",
+        "/tmp/havenguard/stats",
+        "/tmp/telemetry/restart",
+        "/etc/config/qos",
+        "/etc/config/vpn",
+        "/sys/class/net/eth1/statistics/rx_bytes",
+        "/sys/bus/usb/devices/1-1/idVendor",
+        "/etc/config/restart_schedule",
     };
     std::vector<std::string> originals;
     for (const std::string &file : files)
@@ -92,8 +102,10 @@ TEST_F(FurtherFaults, FilesAreMissingEmptyHugeOrGarbage) {
     const std::string usb_before = payload("usb_info");
     EXPECT_THAT(usb_before, HasSubstr(R"("ut":1,"vi":"0781","pi":"5567")"));
 
-    const std::pair<const char *, std::string> contents[] = {
-        {"missing", "-"}, {"empty", ""}, {"garbage", std::string("\x80{\0\xff'\n\n[", 8)}, {"huge", std::string(3000000, '7')}};
+    const std::pair<const char *, std::string> contents[] = {{"missing", "-"},
+                                                             {"empty", ""},
+                                                             {"garbage", std::string("\x80{\0\xff'\n\n[", 8)},
+                                                             {"huge", std::string(3000000, '7')}};
     for (const auto &[kind, content] : contents) {
         SCOPED_TRACE(kind);
         for (const std::string &file : files)

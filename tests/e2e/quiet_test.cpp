@@ -38,16 +38,28 @@ TEST(Quiet, ReportsOnlyWhatIsAlwaysReported) {
     }
     const std::vector<long> first = {1}, periodic = {17, 33, 49, 65, 81, 97}, daily = {97};
     const Expected expected[] = {
-        {"internet_info", every_cycle()}, {"ecomode_info", first},        {"iptv_info", first},
-        {"qos_info", first},              {"quicksetup_info", first},     {"client_info", periodic},
-        {"device_info", daily},           {"system_info", periodic},      {"wireless_host_info", first},
-        {"wireless_guest_info", first},   {"wireless_iot_info", first},   {"cloud_info", first},
-        {"advanced_info", daily},         {"restart_info", daily},        {"usb_info", first},
-        {"afc_info", daily},              {"havenguard_info_v2", daily},
+        {"internet_info", every_cycle()},
+        {"ecomode_info", first},
+        {"iptv_info", first},
+        {"qos_info", first},
+        {"quicksetup_info", first},
+        {"client_info", periodic},
+        {"device_info", daily},
+        {"system_info", periodic},
+        {"wireless_host_info", first},
+        {"wireless_guest_info", first},
+        {"wireless_iot_info", first},
+        {"cloud_info", first},
+        {"advanced_info", daily},
+        {"restart_info", daily},
+        {"usb_info", first},
+        {"afc_info", daily},
+        {"havenguard_info_v2", daily},
     };
     for (const Expected &module : expected)
         EXPECT_EQ(reported[module.eid], module.cycles) << module.eid;
     EXPECT_EQ(reported.size(), std::size(expected));
+    EXPECT_EQ(day.node.daemon.stop(), 0);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// The home scenario with time that only the test moves: the main node's clocks step from one collection cycle to the
-// next, and what the daemon holds after each step can be looked at.
+// The home scenario with time that only the test moves: the main node's clocks step from one collection cycle
+// to the next, and what the daemon holds after each step can be looked at.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 #include "lab.h"
 
 inline constexpr int64_t kQuarterMs = 900000;
-// A cycle takes its time, so the next one is due later than a quarter of an hour after it. That keeps it apart from
-// uploads, which follow the clock to the millisecond.
+// A cycle takes its time, so the next one is due later than a quarter of an hour after it. That keeps it
+// apart from uploads, which follow the clock to the millisecond.
 inline constexpr int64_t kCycleStepMs = kQuarterMs + 1000;
 // Uploads that are due around the time of a cycle are waited for this long before it.
 inline constexpr int64_t kApproachMs = 8000;
@@ -38,7 +38,8 @@ struct DaemonState {
 class SteppedLab {
   public:
     // `midnight`: seconds since the epoch at which the wall clock stands when the daemon starts.
-    explicit SteppedLab(long midnight) : midnight_(midnight), lab(quick_home()), node(lab.node()), cloud(lab.cloud()) {
+    explicit SteppedLab(long midnight)
+        : midnight_(midnight), lab(quick_home()), node(lab.node()), cloud(lab.cloud()) {
         setenv("LAB_WALL_TIME", std::to_string(midnight).c_str(), 1);
         for (size_t i = 0; i < lab.node_count(); ++i)
             lab.node(i).advance_clock(0);
@@ -88,12 +89,13 @@ class SteppedLab {
                     return condition(state);
                 },
                 kStepWaitMs))
-            throw std::runtime_error(std::string("the daemon did not ") + what + "\n" + log.substr(log.size() -
-                                     std::min<size_t>(log.size(), 5000)));
+            throw std::runtime_error(std::string("the daemon did not ") + what + "\n" +
+                                     log.substr(log.size() - std::min<size_t>(log.size(), 5000)));
         return state;
     }
     DaemonState wait_until_idle() {
-        return wait([](const DaemonState &state) { return state.cycles >= 0 && !state.uploading; }, "finish its upload");
+        return wait([](const DaemonState &state) { return state.cycles >= 0 && !state.uploading; },
+                    "finish its upload");
     }
 
   private:
@@ -138,8 +140,10 @@ class SteppedLab {
         const std::string name = text.substr(0, colon);
         const long value = colon == text.npos ? 0 : atol(text.c_str() + colon + 2);
         const std::pair<const char *, long *> numbers[] = {
-            {"post state", &state.post_state},      {"data_collect_count", &state.item_count},
-            {"collect_count", &state.cycles},       {"post retry count", &state.retries},
+            {"post state", &state.post_state},
+            {"data_collect_count", &state.item_count},
+            {"collect_count", &state.cycles},
+            {"post retry count", &state.retries},
             {"post_retry_interval", &state.retry_interval_ms},
         };
         for (const auto &[known, number] : numbers) {
