@@ -66,6 +66,8 @@ TEST_F(ClientInfo, ReportsEveryMember) {
     gone.is_exist = 0;
     PreClientInfo nameless = client();
     nameless.mac[0] = nameless.ap_mac[0] = '\0';
+    nameless.signal_level_2g = 33;
+    nameless.network_type = 3;
     EXPECT_EQ(
         collect({client(), gone, known, nameless}),
         R"({"wn":2,"wln":1,"in":1,"gn":1,"mn":1,"cl":[)"
@@ -75,7 +77,7 @@ TEST_F(ClientInfo, ReportsEveryMember) {
         R"("iname":"matter","itype":"lock","ctype":"5G","ngtx":1201,"ngrx":960,"retx":74474463206.00,"rerx":5,)"
         R"("sl":55,"sm":2},)"
         R"({"type":"other","iname":null,"itype":null,"ctype":"wired","ngtx":-1,"ngrx":-1,"retx":0,"rerx":0,)"
-        R"("sl":0,"sm":-1}]})");
+        R"("sl":33,"sm":-1}]})");
     EXPECT_EQ(count, 3U);
 }
 
