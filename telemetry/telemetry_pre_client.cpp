@@ -14,8 +14,10 @@
 
 // Index of the first record of each MAC. A complete text finds its record here; a shorter one, which matches
 // by prefix, walks the array. Cleared with the array, built at the first lookup.
-static std::unordered_map<std::string_view, int32_t> &mac_index() {
-    static std::unordered_map<std::string_view, int32_t> index;
+using MacIndex = std::unordered_map<std::string_view, int32_t>;
+
+static MacIndex &mac_index() {
+    static MacIndex index;
     return index;
 }
 
@@ -77,7 +79,7 @@ PreClientInfo *get_telemetry_pre_client_info(const char *mac) {
 // --- The array ---
 
 void telemetry_free_client_info_list() {
-    mac_index() = {}; // with its table: nothing of a cycle stays in memory
+    mac_index() = MacIndex(); // with its table: nothing of a cycle stays in memory
     free(telemetry_pre_collect.clients);
     telemetry_pre_collect.clients = nullptr;
     telemetry_pre_collect.client_num = 0;

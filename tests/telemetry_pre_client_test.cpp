@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include <malloc.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,6 +18,14 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+
+// Bytes that the process has allocated; where a sanitizer owns the heap, it is the one to ask.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+static size_t allocated_bytes() {
+    return __sanitizer_get_current_allocated_bytes != nullptr ? __sanitizer_get_current_allocated_bytes()
+                                                              : mallinfo2().uordblks;
+}
 
 static constexpr char kReList[] = "/tmp/client_mgmt/re_client_list";
 
@@ -445,4 +455,33 @@ TEST_F(PreClientTest, LookupsSayWhatIsMissing) {
     EXPECT_EQ(telemetry_find_client_by_mac("02"), &client(0));
     client(2).is_exist = 1;
     EXPECT_EQ(get_telemetry_pre_client_info("020000020001"), &client(2));
+}
+
+TEST_F(PreClientTest, MemoryIsBackAfterEveryCycle) {
+    radio.stations["rax2"] = {station(1, 866)};
+    telemetry_debug_enable = 0;
+    telemetry_pre_clients_info(); // what is allocated once
+    telemetry_free_pre_collect_info();
+    const auto left_over = [](const char *service, const ServiceAnswer &answer) {
+        auto services = fake_services;
+        fake_services[service] = answer;
+        fake_service_calls = {};
+        radio.asked = {};
+        const auto before = static_cast<int64_t>(allocated_bytes());
+        telemetry_pre_clients_info();
+        telemetry_free_pre_collect_info();
+        fake_service_calls = {};
+        radio.asked = {};
+        const int64_t left = static_cast<int64_t>(allocated_bytes()) - before;
+        fake_services.swap(services);
+        return left;
+    };
+    EXPECT_EQ(left_over("tfstats.get", tfstats(4096, std::vector<TfsEntry>(4096, kThree[0]))), 0);
+    EXPECT_EQ(left_over("tfstats.get", {R"({"total":"x"})"}), 0);
+    for (const char *service : {"tfstats.get", "client_mgmt.get_myself", "client_mgmt.get", "sync.list"}) {
+        EXPECT_EQ(left_over(service, {.error = TELEMETRY_BUS_CALL_FAILED}), 0) << service;
+        EXPECT_EQ(left_over(service, {R"({"a":{"mac":"02:00:00:02:00:01","device_id":7},"b":[1,2,3]})"}), 0)
+            << service;
+    }
+    telemetry_debug_enable = 1;
 }
