@@ -27,7 +27,8 @@ struct BackhaulInfo {
     BackhaulStats *stats; // owned, one for every slot
 };
 
-// One mesh node. Texts are terminated inside their fields but for device_id, which a key of 64 characters fills.
+// One mesh node. Texts are terminated inside their fields but for device_id, which a key of 64 characters
+// fills.
 struct MeshDeviceInfo {
     char device_id[64];
     char ipaddr[16];
@@ -144,8 +145,8 @@ int telemetry_get_client_host_ap_mac_from_sync_server();
 int telemetry_get_client_sta_list();
 // Counts the entries of client_mgmt "get_myself" into *count: 0, or -1.
 int telemetry_get_myself_client_num(int32_t *count);
-// Appends the stations of every access point interface; *found is their number, each station once. -1 when a name or a
-// query failed; what was gathered counts all the same.
+// Appends the stations of every access point interface; *found is their number, each station once. -1 when a
+// name or a query failed; what was gathered counts all the same.
 int telemetry_get_client_sta_info(ClientStaList *list, uint32_t *found);
 
 // --- Queries to satellites (telemetry_transfer.cpp) ---
@@ -164,8 +165,8 @@ using TelemetryTransferApply = void (*)(const cJSON *result, void *user);
 // Calls object.method over a fresh connection, waiting up to 50 s: 0 or -1.
 int ubus_client_call(const char *object, const char *method, blob_attr *arguments,
                      void (*reply)(blob_attr *message, void *user), void *user);
-// Asks the satellites (and this node when include_myself) by opcode; `ip_ap_addr`, when given, goes into "params".
-// Each answer's result is handed to `apply`. 0, or -1 when the call failed.
+// Asks the satellites (and this node when include_myself) by opcode; `ip_ap_addr`, when given, goes into
+// "params". Each answer's result is handed to `apply`. 0, or -1 when the call failed.
 int telemetry_transfer_request(int32_t opcode, bool include_myself, const char *ip_ap_addr,
                                TelemetryTransferApply apply, void *user);
 // Walks a combined reply ("success", "data") and applies each answer's result.
@@ -180,8 +181,8 @@ void handle_ubus_call_from_re_client_sta_list(blob_attr *message, void *user);
 
 // --- This node's links (telemetry_links.cpp) ---
 
-// Wired ports of the board profile into ports[capacity]; *used is the number in use. With count_wan the WAN port
-// counts as used, and its speed is not read.
+// Wired ports of the board profile into ports[capacity]; *used is the number in use. With count_wan the WAN
+// port counts as used, and its speed is not read.
 int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int capacity, int count_wan);
 int get_wan_port();
 // 0 with link, -1 without.
