@@ -1,6 +1,7 @@
 // The mesh end to end: real daemons on every node of the home scenario, and services that misbehave. However
 // a cycle went, it ends, what it cannot know it leaves out, the next one is whole again, and the daemon ends
 // without a leak.
+#include <algorithm>
 #include <cstring>
 #include <thread>
 
@@ -217,6 +218,38 @@ TEST_F(MeshTest, SyncThatNeverAnswersIsGivenUp) {
         EXPECT_THAT(log, HasSubstr(message));
     node().set_faults("{}");
     expect_whole_again();
+}
+
+// Its clients' record is longer than the daemon keeps, so the snapshot is read from the dump.
+TEST(LargeMesh, KnowsEveryClientOfNineNodes) {
+    lab::Lab large("large");
+    for (size_t i = 0; i < large.node_count(); ++i)
+        large.node(i).advance_clock(0);
+    large.start();
+    lab::LabNode &node = large.node();
+    ASSERT_TRUE(node.wait_for_state("post state", lab::kReadyForUpload, kHomeWaitMs));
+    node.call("debug", R"({"level":"debug"})");
+    node.call("collect_all_next_time");
+    node.call("collect_now");
+    ASSERT_TRUE(node.wait_for_console("client index : 511 end", kHomeWaitMs));
+    const std::string dump = node.console();
+    const auto lines = [&](const std::string &text) {
+        long count = 0;
+        for (size_t at = dump.find(text + "\n"); at != dump.npos; at = dump.find(text + "\n", at + 1))
+            count++;
+        return count;
+    };
+    const auto &clients = large.scenario().clients;
+    const auto wired = std::count_if(clients.begin(), clients.end(), [](const lab::ScenarioClient &client) {
+        return client.interface.empty();
+    });
+    EXPECT_EQ(lines("is_exist : 1"), 512);
+    EXPECT_EQ(lines("pymode:4294967295"), wired); // the others' came from the driver of their node
+    EXPECT_EQ(lines("is_iotdevice : 1"), 96);
+    EXPECT_EQ(lines("ap mac : "), 0);
+    EXPECT_EQ(lines("backhaul_type:5G"), 8);
+    for (size_t i = 0; i < large.node_count(); ++i)
+        EXPECT_EQ(large.node(i).daemon.stop(), 0) << large.node(i).read("/lab/daemon.log");
 }
 
 } // namespace
