@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "../../hostlibs/ubus/ubus_frame.h"
+#include "telemetry_handles.h"
 
 inline sockaddr_un socket_address(const std::string &path) {
     sockaddr_un addr = {};
@@ -40,39 +41,26 @@ class RawPeer {
     explicit RawPeer(int fd) : fd_(fd) {}
     explicit RawPeer(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un addr = socket_address(path);
-        if (connect(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0) {
-            if (auto hello = receive(); hello && hello->type == UBUS_MSG_HELLO)
-                id_ = hello->peer;
-        }
-    }
-    RawPeer(RawPeer &&other) noexcept : fd_(std::exchange(other.fd_, -1)), id_(other.id_) {}
-    ~RawPeer() {
-        end();
-    }
-    void end() {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = -1;
+        if (connect(fd_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0)
+            return;
+        if (auto hello = receive(); hello && hello->type == UBUS_MSG_HELLO)
+            id_ = hello->peer;
     }
     // Ours on the bus, from its greeting; 0 when none came.
     uint32_t id() const {
         return id_;
     }
-    int fd() const {
-        return fd_;
-    }
 
     // False when the other end has gone or takes nothing for 10 seconds.
-    bool send(const std::string &bytes) const {
-        size_t done = 0;
-        while (done < bytes.size()) {
-            pollfd pfd = {fd_, POLLOUT, 0};
+    bool send(std::string_view bytes) const {
+        while (!bytes.empty()) {
+            pollfd pfd = {fd_.get(), POLLOUT, 0};
             if (poll(&pfd, 1, 10000) <= 0)
                 return false;
-            ssize_t len = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+            const ssize_t len = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
             if (len < 0)
                 return false;
-            done += static_cast<size_t>(len);
+            bytes.remove_prefix(static_cast<size_t>(len));
         }
         return true;
     }
@@ -90,11 +78,11 @@ class RawPeer {
         head->cmsg_type = SCM_RIGHTS;
         head->cmsg_len = CMSG_LEN(sizeof(int));
         memcpy(CMSG_DATA(head), &passed, sizeof(passed));
-        sendmsg(fd_, &msg, MSG_NOSIGNAL);
+        sendmsg(fd_.get(), &msg, MSG_NOSIGNAL);
     }
 
     // The next message; none when the stream ends or nothing comes for 10 seconds.
-    std::optional<bus_frame> receive(int wait_ms = 10000) {
+    std::optional<bus_frame> receive() {
         for (;;) {
             std::string_view in(buffered_);
             bus_frame frame;
@@ -102,11 +90,11 @@ class RawPeer {
             buffered_.erase(0, buffered_.size() - in.size());
             if (result == bus_read::message)
                 return frame;
-            pollfd pfd = {fd_, POLLIN, 0};
+            pollfd pfd = {fd_.get(), POLLIN, 0};
             char buf[65536];
-            if (result == bus_read::broken || poll(&pfd, 1, wait_ms) <= 0)
+            if (result == bus_read::broken || poll(&pfd, 1, 10000) <= 0)
                 return {};
-            ssize_t len = recv(fd_, buf, sizeof(buf), 0);
+            ssize_t len = recv(fd_.get(), buf, sizeof(buf), 0);
             if (len <= 0)
                 return {};
             buffered_.assign(buf, static_cast<size_t>(len));
@@ -117,7 +105,7 @@ class RawPeer {
         while (receive()) {
         }
         char byte;
-        return recv(fd_, &byte, 1, MSG_DONTWAIT) == 0 || errno != EAGAIN;
+        return recv(fd_.get(), &byte, 1, MSG_DONTWAIT) == 0 || errno != EAGAIN;
     }
     // The next status for this request, -1 without one; DATA before it goes to `data`.
     int status(uint16_t seq, std::vector<bus_frame> *data = nullptr) {
@@ -149,7 +137,7 @@ class RawPeer {
     }
 
   private:
-    int fd_;
+    FdHandle fd_;
     uint32_t id_ = 0;
     bus_reader reader_;
     std::string buffered_;
@@ -170,31 +158,28 @@ inline std::string status_message(uint16_t seq, uint32_t peer, uint32_t object, 
     return message(UBUS_MSG_STATUS, seq, peer, std::move(body));
 }
 
-// Accepts one client after the other and runs `serve` with each, until `clients` have been served.
+// Accepts one client and runs `serve` with it.
 class FakeBus {
   public:
-    FakeBus(const std::string &path, int clients, std::function<void(RawPeer &)> serve)
-        : listen_fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    FakeBus(const std::string &path, std::function<void(RawPeer &)> serve)
+        : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un addr = socket_address(path);
         unlink(path.c_str());
-        if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
-            listen(listen_fd_, 8) != 0)
+        if (bind(listener_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+            listen(listener_.get(), 8) != 0)
             abort();
-        thread_ = std::thread([this, clients, serve = std::move(serve)] {
-            for (int i = 0; i < clients; i++) {
-                RawPeer peer(accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC));
-                serve(peer);
-            }
+        thread_ = std::thread([this, serve = std::move(serve)] {
+            RawPeer peer(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            serve(peer);
         });
     }
     ~FakeBus() {
         thread_.join();
-        close(listen_fd_);
     }
     FakeBus(const FakeBus &) = delete;
     FakeBus &operator=(const FakeBus &) = delete;
 
   private:
-    int listen_fd_;
+    FdHandle listener_;
     std::thread thread_;
 };
