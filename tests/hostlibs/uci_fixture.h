@@ -12,10 +12,10 @@ using ContextPtr = std::unique_ptr<uci_context, decltype(&uci_free_context)>;
 
 class UciTest : public SysrootTest {
   protected:
-    ContextPtr context(const char *save = "/tmp/.uci", const char *config = "/etc/config") const {
+    ContextPtr context() const {
         ContextPtr ctx(uci_alloc_context(), uci_free_context);
-        uci_set_confdir(ctx.get(), root.path(config).c_str());
-        uci_set_savedir(ctx.get(), root.path(save).c_str());
+        uci_set_confdir(ctx.get(), root.path("/etc/config").c_str());
+        uci_set_savedir(ctx.get(), root.path("/tmp/.uci").c_str());
         return ctx;
     }
 
@@ -38,8 +38,8 @@ class UciTest : public SysrootTest {
     }
 
     // The package as a new context sees it: "error" when it does not load.
-    std::string seen(const char *save = "/tmp/.uci") const {
-        auto ctx = context(save);
+    std::string seen() const {
+        auto ctx = context();
         uci_package *p = nullptr;
         return uci_load(ctx.get(), "p", &p) == UCI_OK ? exported(ctx.get(), p) : "error";
     }
