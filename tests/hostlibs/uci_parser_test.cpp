@@ -12,14 +12,11 @@ struct ParseCase {
 
 constexpr ParseCase kParseCases[] = {
     {"", "\n"},
-    {"# comment\n\n   # another\n", "\n"},
     {"package p\nconfig a 'x'\n", "\nconfig a 'x'\n\n"},
     {"config a x", "\nconfig a 'x'\n\n"},
     {"config a\r\n\toption o v\r\n", "\nconfig a\n\toption o 'v'\n\n"},
-    {"config a ''\n", "\nconfig a\n\n"},
     {"config 'a#b' x\n", "\nconfig 'a#b' 'x'\n\n"},
     // Quoting.
-    {"config a x\noption o 'it'\\''s'\n", "\nconfig a 'x'\n\toption o 'it'\\''s'\n\n"},
     {"config a x\noption o a\\ b\n", "\nconfig a 'x'\n\toption o 'a b'\n\n"},
     {"config a x\noption o \"q\\\"'\"\n", "\nconfig a 'x'\n\toption o 'q\"'\\'''\n\n"},
     {"config a x\noption o ''\"b\"c'd'\n", "\nconfig a 'x'\n\toption o 'bcd'\n\n"},
@@ -31,31 +28,25 @@ constexpr ParseCase kParseCases[] = {
     {"config a x\noption o 1\noption o ''\n", "\nconfig a 'x'\n\n"},
     {"config a x\noption o 1\nconfig b y\nconfig a x\noption q 2\n",
      "\nconfig a 'x'\n\toption o '1'\n\toption q '2'\n\nconfig b 'y'\n\n"},
-    {"config a\nconfig a\n", "\nconfig a\n\nconfig a\n\n"},
     {"config zone\nconfig a 'cfg01dc81'\n", "\nconfig zone\n\nconfig a 'cfg01dc81'\n\n"},
     {"config a x\nlist l 1\nlist l '2 3'\n", "\nconfig a 'x'\n\tlist l '1'\n\tlist l '2 3'\n\n"},
     {"config a x\noption l 1\nlist l 2\n", "\nconfig a 'x'\n\tlist l '1'\n\tlist l '2'\n\n"},
     {"config a x\nlist l 1\noption l 2\n", "\nconfig a 'x'\n\toption l '2'\n\n"},
     // Faults.
     {"option o v\n", nullptr},
-    {"list o v\n", nullptr},
     {"config\n", nullptr},
     {"config 'a b'\n", nullptr},
     {"config a x-y\n", nullptr},
     {"config a x extra\n", nullptr},
     {"config a x\nconfig b x\n", nullptr},
-    {"config a x\noption\n", nullptr},
     {"config a x\noption o-p v\n", nullptr},
     {"config a x\noption o v w\n", nullptr},
     {"config a x\noption o 'v\n", nullptr},
     {"config a x\noption o \"v\n", nullptr},
     {"config a x\noption o v\\", nullptr},
-    {"package\n", nullptr},
     {"package ../p\n", nullptr},
     {"configx a\n", nullptr},
-    {"\x7f"
-     "ELF\x02\x01\x01",
-     nullptr},
+    {"\x7f\x45LF\x02\x01\x01", nullptr},
 };
 
 class UciParserTest : public UciTest {};
@@ -85,35 +76,26 @@ TEST_F(UciParserTest, ReadsAndWrites) {
 TEST_F(UciParserTest, CutOrSpoiltAnywhereIsReadOrRefused) {
     const std::string whole = "package p\nconfig a 'x' # c\n\toption o 'it'\\''s'\n\tlist l \"a\\\"b\"\n"
                               "\tlist l c\\ d\n\nconfig z\n\toption e ''\n";
-    auto expect_bounded = [&](const std::string &text) {
-        root.write_config("p", text);
-        auto ctx = context();
-        uci_package *p = nullptr;
-        const int rc = uci_load(ctx.get(), "p", &p);
-        EXPECT_TRUE(rc == UCI_OK || rc == UCI_ERR_PARSE) << rc << "\n" << text;
-        if (text.find('\0') != std::string::npos) {
-            EXPECT_EQ(rc, UCI_ERR_PARSE) << text;
-        }
-    };
-    for (size_t cut = 0; cut <= whole.size(); cut++)
-        expect_bounded(whole.substr(0, cut));
+    std::vector<std::string> texts;
     for (size_t at = 0; at < whole.size(); at++) {
-        for (char c : {'\0', '\'', '"', '\\', '\n', '#', '\xff'}) {
-            std::string spoilt = whole;
-            spoilt[at] = c;
-            expect_bounded(spoilt);
-        }
+        texts.push_back(whole.substr(0, at));
+        for (const char c : {'\0', '\'', '"', '\\', '\n', '#', '\xff'})
+            (texts.emplace_back(whole))[at] = c;
+    }
+    for (const std::string &text : texts) {
+        root.write_config("p", text);
+        uci_package *p = nullptr;
+        const int rc = uci_load(context().get(), "p", &p);
+        EXPECT_TRUE(rc == UCI_ERR_PARSE || (rc == UCI_OK && text.find('\0') == text.npos)) << rc << "\n"
+                                                                                           << text;
     }
 }
 
 TEST_F(UciParserTest, SizesAreBounded) {
-    auto repeated = [](size_t count, const char *format) {
+    auto repeated = [](size_t count, const std::string &start, const char *end) {
         std::string text = "config a x\n";
-        char line[64];
-        for (size_t i = 0; i < count; i++) {
-            snprintf(line, sizeof(line), format, i);
-            text += line;
-        }
+        for (size_t i = 0; i < count; i++)
+            text += start + std::to_string(i) + end;
         return text;
     };
     const struct {
@@ -121,14 +103,12 @@ TEST_F(UciParserTest, SizesAreBounded) {
         int expected;
     } cases[] = {
         {"config a x\noption o '" + std::string(1 << 20, 'v') + "'\n", UCI_OK},
-        {"config a x\n#" + std::string(1 << 20, 'v'), UCI_OK},
         {std::string(5 << 20, '\n'), UCI_ERR_PARSE},
-        {std::string(5 << 20, 'a'), UCI_ERR_PARSE},
-        {repeated(1024, "option o%zu v\n"), UCI_OK},
-        {repeated(1025, "option o%zu v\n"), UCI_ERR_PARSE},
-        {repeated(20000, "list l %zu\n"), UCI_OK},
-        {repeated(16383, "config b # %zu\n"), UCI_OK},
-        {repeated(16384, "config b # %zu\n"), UCI_ERR_PARSE},
+        {repeated(1024, "option o", " v\n"), UCI_OK},
+        {repeated(1025, "option o", " v\n"), UCI_ERR_PARSE},
+        {repeated(20000, "list l ", "\n"), UCI_OK},
+        {repeated(16383, "config b #", "\n"), UCI_OK},
+        {repeated(16384, "config b #", "\n"), UCI_ERR_PARSE},
     };
     for (const auto &[text, expected] : cases) {
         SCOPED_TRACE(text.substr(0, 40));
@@ -165,24 +145,20 @@ TEST_F(UciParserTest, FindsPlaces) {
         {"p.x.o", UCI_OK, "v"},
         {"p.y", UCI_OK, nullptr},
         {"p.x.q", UCI_OK, nullptr},
-        {"p.y.q", UCI_OK, nullptr},
         {"p.cfg02e48a.o", UCI_OK, "s0"}, // the names that other programs give them
         {"p.cfg04dc81.o", UCI_OK, "z1"},
         {"p.@zone[0].o", UCI_OK, "z0"},
         {"p.@zone[-1].o", UCI_OK, "z1"},
-        {"p.@zone[-2].o", UCI_OK, "z0"},
         {"p.@zone[2].o", UCI_OK, nullptr},
         {"p.@zone[-3].o", UCI_OK, nullptr},
         {"p.@[1].o", UCI_OK, "s0"},
         {"p.@a[0]=new", UCI_OK, "a"},
         {"p.@zone", UCI_ERR_INVAL, nullptr},
-        {"p.@zone[", UCI_ERR_INVAL, nullptr},
         {"p.@zone[1", UCI_ERR_INVAL, nullptr},
         {"p.@zone[]", UCI_ERR_INVAL, nullptr},
         {"p.@zone[99999999999999999999]", UCI_ERR_INVAL, nullptr},
         {"p.x.o.q", UCI_ERR_INVAL, nullptr},
         {"p..o", UCI_ERR_INVAL, nullptr},
-        {".x", UCI_ERR_INVAL, nullptr},
         {"", UCI_ERR_INVAL, nullptr},
         {"q.x", UCI_ERR_NOTFOUND, nullptr},
     };
@@ -199,8 +175,6 @@ TEST_F(UciParserTest, FindsPlaces) {
             EXPECT_STREQ(ptr.o ? ptr.o->v.string : ptr.s->type, found);
         }
     }
-    auto *x = uci_lookup_section(ctx.get(), uci_lookup_package(ctx.get(), "p"), "x");
-    EXPECT_EQ(uci_lookup_option_string(ctx.get(), x, "l"), nullptr);
 }
 
 TEST_F(UciParserTest, ChangesInMemory) {
@@ -218,20 +192,16 @@ TEST_F(UciParserTest, ChangesInMemory) {
         {uci_set, "p.y.o=w", UCI_ERR_NOTFOUND, nullptr},
         {uci_set, "p.x=", UCI_ERR_INVAL, nullptr},
         {uci_set, "p.x=b c", UCI_ERR_INVAL, nullptr},
-        {uci_set, "p.x.o", UCI_ERR_INVAL, nullptr},
         {uci_set, "p=w", UCI_ERR_INVAL, nullptr},
         {uci_add_list, "p.x.l=3", UCI_OK, "\toption o 'v'\n\tlist l '1'\n\tlist l '2'\n\tlist l '3'\n"},
         {uci_add_list, "p.x.o=3", UCI_OK, "\tlist o 'v'\n\tlist o '3'\n\tlist l '1'\n\tlist l '2'\n"},
-        {uci_add_list, "p.y.l=3", UCI_ERR_NOTFOUND, nullptr},
         {uci_del_list, "p.x.l=1", UCI_OK, "\toption o 'v'\n\tlist l '2'\n"},
         {uci_del_list, "p.x.q=1", UCI_OK, nullptr},
         {uci_delete, "p.x.o", UCI_OK, "\tlist l '1'\n\tlist l '2'\n"},
         {uci_delete, "p.x.l=1", UCI_OK, "\toption o 'v'\n\tlist l '1'\n"},
         {uci_delete, "p.x.l=7", UCI_ERR_NOTFOUND, nullptr},
-        {uci_delete, "p.x.q", UCI_ERR_NOTFOUND, nullptr},
         {uci_rename, "p.x.o=r", UCI_OK, "\toption r 'v'\n\tlist l '1'\n\tlist l '2'\n"},
         {uci_rename, "p.x.o=l", UCI_ERR_DUPLICATE, nullptr},
-        {uci_rename, "p.x=y z", UCI_ERR_INVAL, nullptr},
         {uci_rename, "p.y=z", UCI_ERR_NOTFOUND, nullptr},
     };
     const std::string before = "\toption o 'v'\n\tlist l '1'\n\tlist l '2'\n";
