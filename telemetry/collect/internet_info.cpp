@@ -43,7 +43,7 @@ struct InterfaceStatus {
     bool replied;               // with anything
     bool answered;
     bool up;
-    int64_t uptime;           // seconds
+    int64_t uptime;           // seconds, -1 when unknown
     char device[kIfNameSize]; // empty when unknown or no device name
     char gateway[kHostSize];  // empty when there is none
 };
@@ -81,7 +81,12 @@ static void handle_status_reply(blob_attr *message, void *user) {
     }
     status->answered = true;
     status->up = up != 0;
-    json_int64(reply.get(), "uptime", &status->uptime);
+    if (!json_int64(reply.get(), "uptime", &status->uptime) || status->uptime < 0 ||
+        status->uptime > INT32_MAX) {
+        status->uptime = -1;
+        if (status->up)
+            LOG_ERROR("%s: status has no \"uptime\"", status->object);
+    }
     const char *device = json_text(reply.get(), "l3_device");
     if (device != nullptr && is_device_name(device))
         copy_text(status->device, device);
@@ -151,13 +156,14 @@ int collect_internet_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     }
     telemetry_collect_watched_table(
         kInternetTable, "collect internet info successfully, now data collect count is: %d!", payload, count);
-    InterfaceStatus wan = {"network.interface.wan", "0.0.0.0", false, false, false, 0, {}, {}};
-    InterfaceStatus wan6 = {"network.interface.wan6", "::", false, false, false, 0, {}, {}};
+    InterfaceStatus wan = {"network.interface.wan", "0.0.0.0", false, false, false, -1, {}, {}};
+    InterfaceStatus wan6 = {"network.interface.wan6", "::", false, false, false, -1, {}, {}};
     query_status(&wan);
     query_status(&wan6);
     if (wan.answered) {
         telemetry_add_reading(payload, "up", wan.up ? 1 : 0, count);
-        telemetry_add_reading(payload, "ut", static_cast<double>(wan.uptime), count);
+        if (wan.uptime >= 0)
+            telemetry_add_reading(payload, "ut", static_cast<double>(wan.uptime), count);
     }
     if (wan6.answered)
         telemetry_add_reading(payload, "u6", wan6.up ? 1 : 0, count);
