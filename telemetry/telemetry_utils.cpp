@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 #include "telemetry_handles.h"
@@ -147,6 +148,16 @@ int telemetry_parse_file(const char *path, char *buffer, size_t size) {
     return 0;
 }
 
+int telemetry_write_number_file(const char *path, int number) {
+    // O_NONBLOCK: see telemetry_parse_file.
+    const FdHandle file(open(telemetry_path(path).c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
+    if (!file.valid())
+        return -1;
+    const std::string text = std::to_string(number) + "\n";
+    return write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : -2;
+}
+
 int telemetry_file_exists(const char *path) {
     return path != nullptr && access(telemetry_path(path).c_str(), F_OK) == 0;
 }
@@ -267,14 +278,8 @@ int telemetry_ping_delay_v6(char *output, const char *host) {
 
 int write_post_done_to_file(int flags) {
     telemetry_post_done = (flags >> 1) & 1;
-    const FilePtr file(fopen(telemetry_path(kPostDonePath).c_str(), "we"));
-    if (file == nullptr) {
-        LOG_ERROR("Failed to open %s", kPostDonePath);
-        return -1;
-    }
-    if (fprintf(file.get(), "%d\n", telemetry_post_done) < 0 || fflush(file.get()) != 0) {
-        LOG_ERROR("Failed to write %s", kPostDonePath);
-        return -1;
-    }
-    return 0;
+    const int written = telemetry_write_number_file(kPostDonePath, telemetry_post_done);
+    if (written != 0)
+        LOG_ERROR("Failed to %s %s", written == -1 ? "open" : "write", kPostDonePath);
+    return written == 0 ? 0 : -1;
 }

@@ -30,6 +30,8 @@ int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, si
 int shell_get_value(const char *command, char *output, int size);
 // First size - 1 bytes of a file, in a zeroed buffer. `path` is the router's path.
 int telemetry_parse_file(const char *path, char *buffer, size_t size);
+// Makes a number and a line end a file's whole content. 0, -1 when it cannot be opened, -2 when it cannot be written.
+int telemetry_write_number_file(const char *path, int number);
 // 1 when the router path exists.
 int telemetry_file_exists(const char *path);
 

@@ -6,7 +6,6 @@
 
 #include "collect/collector_patterns.h"
 #include "collect/collectors.h"
-#include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
@@ -34,14 +33,9 @@ static uint64_t read_start_count() {
 }
 
 void telemetry_count_daemon_start() {
-    const uint64_t starts = read_start_count();
-    const FilePtr file(fopen(telemetry_path(kRestartPath).c_str(), "we"));
-    if (!file) {
-        LOG_ERROR("open file %s failed", kRestartPath);
-        return;
-    }
-    if (fprintf(file.get(), "%d\n", static_cast<int>(starts) + 1) < 0 || fflush(file.get()) != 0)
-        LOG_ERROR("write file %s failed", kRestartPath);
+    const int written = telemetry_write_number_file(kRestartPath, static_cast<int>(read_start_count()) + 1);
+    if (written != 0)
+        LOG_ERROR("%s file %s failed", written == -1 ? "open" : "write", kRestartPath);
 }
 
 int collect_restart_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
