@@ -12,6 +12,8 @@
 #include "telemetry_utils.h"
 
 static constexpr int kTransferTimeoutMs = 50000;
+// More nodes than any mesh has.
+static constexpr int kMaxAnswers = 64;
 
 int ubus_client_call(const char *object, const char *method, blob_attr *arguments,
                      void (*reply)(blob_attr *message, void *user), void *user) {
@@ -62,8 +64,13 @@ void telemetry_transfer_handle_reply(blob_attr *message, TelemetryTransferApply 
     }
     int64_t seen = 0;
     for (const cJSON *answer = data->child; answer != nullptr && seen < success;
-         answer = answer->next, ++seen)
+         answer = answer->next, ++seen) {
+        if (seen == kMaxAnswers) {
+            LOG_ERROR("more than %d nodes answered, the rest is left out", kMaxAnswers);
+            return;
+        }
         apply_answer(answer, apply, user);
+    }
     if (seen < success)
         LOG_ERROR("%lld answers announced, %lld there", static_cast<long long>(success),
                   static_cast<long long>(seen));

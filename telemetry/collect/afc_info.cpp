@@ -1,5 +1,7 @@
 #include "afc_info.h"
 
+#include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -45,9 +47,21 @@ struct ChannelKeys {
 static constexpr ChannelKeys kAgentChannel = {"op_class", "channel", "max_eirp"};
 static constexpr ChannelKeys kReportedChannel = {"oc", "ch", "pw"};
 
-static void add_number(cJSON *object, const char *key, const cJSON *number) {
-    if (cJSON_IsNumber(number))
-        cJSON_AddNumberToObject(object, key, number->valuedouble);
+// Any other would only be long: up to 312 characters.
+static bool is_plain_number(const cJSON *number) {
+    return cJSON_IsNumber(number) && std::fabs(number->valuedouble) <= INT32_MAX;
+}
+
+// false when there is something, but no plain number.
+static bool add_number(cJSON *object, const char *key, const cJSON *number) {
+    if (!is_plain_number(number))
+        return number == nullptr;
+    return cJSON_AddNumberToObject(object, key, number->valuedouble) != nullptr;
+}
+
+static void add_expiry(cJSON *object, const cJSON *seconds) {
+    if (!add_number(object, "ex", seconds))
+        LOG_ERROR("AFC grant's expiry is no number in range");
 }
 
 // The state is one word; anything else could say where this node is.
@@ -63,32 +77,37 @@ static void add_state(cJSON *object, const char *state) {
     cJSON_AddStringToObject(object, "st", state);
 }
 
-// A channel without its number is left out.
-static void add_channel(cJSON *array, const cJSON *channel, const ChannelKeys &keys) {
+// A channel without its number is left out. false when anything was.
+static bool add_channel(cJSON *array, const cJSON *channel, const ChannelKeys &keys) {
     const cJSON *number = cJSON_GetObjectItemCaseSensitive(channel, keys.channel);
     JsonPtr entry(cJSON_CreateObject());
-    if (!cJSON_IsNumber(number) || !entry)
-        return;
-    add_number(entry.get(), kReportedChannel.op_class,
-               cJSON_GetObjectItemCaseSensitive(channel, keys.op_class));
-    add_number(entry.get(), kReportedChannel.channel, number);
-    add_number(entry.get(), kReportedChannel.power, cJSON_GetObjectItemCaseSensitive(channel, keys.power));
-    telemetry_attach_element(array, std::move(entry));
+    if (!is_plain_number(number) || !entry)
+        return false;
+    bool whole = add_number(entry.get(), kReportedChannel.op_class,
+                            cJSON_GetObjectItemCaseSensitive(channel, keys.op_class));
+    whole = add_number(entry.get(), kReportedChannel.channel, number) && whole;
+    whole = add_number(entry.get(), kReportedChannel.power,
+                       cJSON_GetObjectItemCaseSensitive(channel, keys.power)) &&
+            whole;
+    return telemetry_attach_element(array, std::move(entry)) && whole;
 }
 
 static void add_channels(cJSON *object, const cJSON *channels, const ChannelKeys &keys) {
     if (!cJSON_IsArray(channels))
         return;
     cJSON *array = cJSON_AddArrayToObject(object, "cl");
-    int count = 0;
+    int count = 0, broken = 0;
     const cJSON *channel = nullptr;
     cJSON_ArrayForEach(channel, channels) {
         if (count++ == kAfcChannelCount) {
             LOG_ERROR("AFC status has more than %d channels, the rest is left out", kAfcChannelCount);
-            return;
+            break;
         }
-        add_channel(array, channel, keys);
+        if (!add_channel(array, channel, keys))
+            ++broken;
     }
+    if (broken > 0)
+        LOG_ERROR("AFC status has %d channels with members that are no numbers in range", broken);
 }
 
 int collect_myself_afc_info(cJSON *object) {
@@ -102,7 +121,7 @@ int collect_myself_afc_info(cJSON *object) {
     if (!status)
         return 0;
     add_state(object, json_text(status.get(), "state"));
-    add_number(object, "ex", cJSON_GetObjectItemCaseSensitive(status.get(), "expires_in"));
+    add_expiry(object, cJSON_GetObjectItemCaseSensitive(status.get(), "expires_in"));
     add_channels(object, cJSON_GetObjectItemCaseSensitive(status.get(), "channels"), kAgentChannel);
     return 0;
 }
@@ -117,7 +136,7 @@ static void apply_afc_result(const cJSON *result, void *user) {
         return;
     cJSON_AddNumberToObject(entry.get(), "en", cJSON_IsNumber(enabled) && enabled->valuedouble != 0 ? 1 : 0);
     add_state(entry.get(), json_text(result, "st"));
-    add_number(entry.get(), "ex", cJSON_GetObjectItemCaseSensitive(result, "ex"));
+    add_expiry(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "ex"));
     add_channels(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "cl"), kReportedChannel);
     telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
 }

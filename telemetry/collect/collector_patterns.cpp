@@ -10,6 +10,10 @@
 
 int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
                                    const CollectorCountMessage &success, cJSON *payload, uint32_t *count) {
+    if (payload == nullptr || count == nullptr) { // before the change counts as reported
+        LOG_ERROR("param error");
+        return -1;
+    }
     if (telemetry_update_tmp_backup_config_by_telemetry_index(table, rows) == 0)
         return 0;
     telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(table, rows, count, payload);

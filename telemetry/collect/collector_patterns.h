@@ -40,7 +40,8 @@ using CollectorPlainMessage = CollectorMessage<0>;
 // --- A watched table: every row is reported when any of them changed ---------------------------------------
 
 // Nothing when no row differs from what was last reported; otherwise all rows with a value go into `payload`,
-// *count grows by one a member, and `success` is logged (debug) with the count. Always 0.
+// *count grows by one a member, and `success` is logged (debug) with the count. 0, or -1 without a
+// payload or count.
 int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
                                    const CollectorCountMessage &success, cJSON *payload, uint32_t *count);
 

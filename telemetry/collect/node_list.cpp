@@ -8,9 +8,6 @@
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
 
-// More nodes than any mesh has.
-static constexpr int kMaxNodes = 64;
-
 static bool is_listed(const cJSON *list, const char *digest) {
     const cJSON *entry = nullptr;
     cJSON_ArrayForEach(entry, list) {
@@ -31,10 +28,6 @@ void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry) {
     }
     if (is_listed(list, json_text(named.get(), "dm")))
         return;
-    if (cJSON_GetArraySize(list) >= kMaxNodes) {
-        LOG_ERROR("more than %d nodes answered, the rest is left out", kMaxNodes);
-        return;
-    }
     cJSON_InsertItemInArray(entry.get(), 0, cJSON_DetachItemFromObjectCaseSensitive(named.get(), "dm"));
     telemetry_attach_element(list, std::move(entry));
 }

@@ -2,7 +2,6 @@
 #include "collect/collector_patterns.h"
 #include "collect/collectors.h"
 #include "collect/setting_rows.h"
-#include "telemetry_log.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
@@ -19,12 +18,9 @@ static constexpr SettingRow kPriorityRows[] = {
 };
 
 int collect_qos_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
-    if (payload == nullptr || count == nullptr) {
-        LOG_ERROR("param error");
+    if (telemetry_collect_watched_table(
+            kQosTable, "collect qos info successfully, now data collect count is: %d!", payload, count) != 0)
         return -1;
-    }
-    telemetry_collect_watched_table(
-        kQosTable, "collect qos info successfully, now data collect count is: %d!", payload, count);
     return telemetry_collect_settings(kPriorityRows, "qos", "priority", "md5 same, don't collect!", payload,
                                       count);
 }

@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "collect/collectors.h"
 #include "collect/node_list.h"
 #include "telemetry_handles.h"
+#include "telemetry_json.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -165,13 +167,21 @@ static void apply_usb_result(const cJSON *result, void *user) {
         telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
 }
 
-// Whether the list says more than that a change which has been reported is over.
+// Whether the list says more than that a change which has been reported is over, or that the nodes answered
+// in another order.
 static bool has_changed(const cJSON *list) {
     const JsonPtr lasting(cJSON_Duplicate(list, true));
+    std::set<std::string> entries;
     cJSON *entry = nullptr;
-    cJSON_ArrayForEach(entry, lasting.get()) cJSON_DeleteItemFromObjectCaseSensitive(entry, "cc");
-    return telemetry_collect_digest_changed("usb", "usb_info", lasting.get(), "md5 same, don't collect!") ==
-           1;
+    cJSON_ArrayForEach(entry, lasting.get()) {
+        cJSON_DeleteItemFromObjectCaseSensitive(entry, "cc");
+        if (const TextPtr text = telemetry_json_print(entry); text)
+            entries.insert(text.get());
+    }
+    const JsonPtr sorted(cJSON_CreateArray());
+    for (const std::string &text : entries)
+        cJSON_AddItemToArray(sorted.get(), cJSON_CreateString(text.c_str()));
+    return telemetry_collect_digest_changed("usb", "usb_info", sorted.get(), "md5 same, don't collect!") == 1;
 }
 
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {

@@ -1,219 +1,161 @@
-// The collectors of settings and of files that other programs leave: what each reports, when, and what a
-// source that is missing, empty, huge or garbage costs.
-#include <functional>
+// The collectors of settings and of files that other programs leave: what each reports, when, what a source
+// that is missing, empty, huge or garbage costs, and what satellites may answer.
+#include <sys/stat.h>
 
 #include <gmock/gmock.h>
 
 #include "collect/collectors.h"
 #include "collect/restart_info.h"
+#include "fake_services.h"
 #include "sysroot.h"
-#include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_pre_collect.h"
-#include "telemetry_uci.h"
 
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
 
-// A source: a configuration package, or a file when the name is a path.
+// A configuration package (";" ends a line), or a file when the name is a path.
 struct Source {
-    const char *name, *content;
+    std::string name, content;
 };
 
 struct Module {
-    const char *name;
-    TelemetryCollector collect;
-    bool daily;          // only on strategy-2 cycles
-    const char *feature; // section of the profile that it needs, or null
+    struct {
+        TelemetryCollector collect;
+        bool daily;          // only on strategy-2 cycles
+        const char *feature; // section of the profile that it needs, or null
+    } head;
     std::vector<Source> sources;
     const char *reported; // first report
-    uint32_t count;
-    const char *repeated; // next report, nothing having changed
-    uint32_t repeated_count;
-    const char *broken;           // first report when no source can be read
-    const char *empty;            // the same when all are empty
-    std::function<void()> change; // of one setting
-    const char *changed;          // part of the report after it
+    // A change in one source, and the report after it.
+    struct {
+        std::string from, to;
+        const char *reported;
+    } change;
+    const char *repeated = "{}"; // when nothing changed
+    const char *broken = "{}";   // first report when no source can be read
+    const char *empty = "{}";    // first report when all are empty
 };
 
-void set(const char *package, const char *section, const char *option, const char *value) {
-    EXPECT_EQ(telemetry_set_uci_value(package, section, option, value, TELEMETRY_UCI_SYSTEM), 0);
-}
+#define OWN R"("dm":"e359fe905bfbbfddf6e237cd09d724de")"       // digest of 02-00-00-00-01-01, this node
+#define SATELLITE R"("dm":"b0e3edb0ed86c1a7247247027bd945cd")" // of 02-00-00-00-01-02
+#define GRANTED \
+    R"({"al":[{)" OWN R"(,"en":1,"st":"granted","ex":7200,"cl":[{"oc":131,"ch":37,"pw":30.50}]}]})"
 
-const std::vector<Module> &modules() {
-    static const std::vector<Module> all = {
-        {"ecomode",
-         collect_ecomode_info,
-         false,
-         "eco_mode",
-         {{"eco_mode",
-           "config eco settings\n option enable on\n option mode schedule\n option low_power_wifi 0\n"
-           "config eco schedule\n option begin 23\n option end 6\n list days mon\n list days sun\n"}},
-         R"({"en":1,"md":"schedule","sb":23,"se":6,"sd":["mon","sun"],"lw":0})",
-         6,
-         "{}",
-         0,
-         "{}",
-         "{}",
-         [] { set("eco_mode", "schedule", "begin", "22"); },
-         R"({"en":1,"md":"schedule","sb":22,"se":6,"sd":["mon","sun"],"lw":0})"},
-        {"iptv",
-         collect_iptv_info,
-         false,
-         nullptr,
-         {{"iptv", "config iptv iptv\n option enable 1\n option mode bridge\n option igmp_proxy 1\n"
-                   " option igmp_snooping 0\n option igmp_version 3\n"
-                   "config vlan vlan\n option internet_id 10\n option phone_id 20\n option tv_id 30\n"}},
-         R"({"en":1,"md":"bridge","ip":1,"is":0,"iv":3,"vi":10,"vp":20,"vt":30})",
-         8,
-         "{}",
-         0,
-         "{}",
-         "{}",
-         // An option that is gone is left out.
-         [] { set("iptv", "vlan", "phone_id", ""); },
-         R"({"en":1,"md":"bridge","ip":1,"is":0,"iv":3,"vi":10,"vt":30})"},
-        {"qos",
-         collect_qos_info,
-         false,
-         nullptr,
-         {{"qos", "config qos settings\n option enable 1\n option upload 40000\n option download 5000000000\n"
-                  " option mode gaming\nconfig device\n option mac aa\nconfig device\nconfig application\n"}},
-         R"({"en":1,"ub":40000,"db":5000000000.00,"um":"gaming","pn":2,"an":1})",
-         6,
-         "{}",
-         0,
-         "{}",
-         R"({"pn":0,"an":0})",
-         // The numbers stay as they were, and so unreported.
-         [] { set("qos", "settings", "upload", "50000"); },
-         R"({"en":1,"ub":50000,"db":5000000000.00,"um":"gaming"})"},
-        {"quicksetup",
-         collect_quicksetup_info,
-         false,
-         nullptr,
-         {{"quicksetup", "config quicksetup quicksetup\n option done true\n option duration 312\n"
-                         " option wan_detection auto\n option smart_connect off\n"},
-          {"system",
-           "config system basic\n option timezone UTC+1\n option language en_GB\n option hostname hush\n"}},
-         R"({"done":1,"st":312,"wt":"auto","tz":"UTC+1","lang":"en_GB","smart":0})",
-         6,
-         "{}",
-         0,
-         "{}",
-         "{}",
-         [] { set("system", "basic", "language", "de"); },
-         R"({"done":1,"st":312,"wt":"auto","tz":"UTC+1","lang":"de","smart":0})"},
-        {"advanced",
-         collect_advanced_info,
-         true,
-         nullptr,
-         {{"openvpn", "config server server\n option enabled 1\n"},
-          {"pptpd", "config server server\n option enabled off\n"},
-          {"l2tp", "config server server\n option enabled 0\n"},
-          {"ipsec", "config server server\n option enabled true\n"},
-          {"network",
-           "config interface wan\n option proto dhcp\nconfig interface wg0\n option proto wireguard\n"
-           "config interface wg1\n option proto wireguard\n"},
-          {"vpn",
-           "config client client\n option enabled on\n option kind wireguard\nconfig server\nconfig server\n"
-           "config device\n"},
-          {"firewall",
-           "config redirect\nconfig redirect\nconfig redirect\nconfig dmz dmz\n option enabled 1\n"},
-          {"upnpd", "config upnpd config\n option enabled 1\n"},
-          {"ddns", "config service a\n option enabled 0\nconfig service b\n option enabled on\n"}},
-         R"({"ovs":1,"pps":0,"l2s":0,"ips":1,"wgs":1,"vc":1,"vk":"wireguard","vn":2,"vd":1,"pf":3,"dm":1,"up":1,"dd":1})",
-         13,
-         "{}",
-         0,
-         "{}",
-         R"({"wgs":0,"vn":0,"vd":0,"pf":0,"dd":0})",
-         [] { set("ddns", "b", "enabled", "0"); },
-         R"({"ovs":1,"pps":0,"l2s":0,"ips":1,"wgs":1,"vc":1,"vk":"wireguard","vn":2,"vd":1,"pf":3,"dm":1,"up":1,"dd":0})"},
-        {"restart",
-         collect_restart_info,
-         true,
-         nullptr,
-         {{"telemetry_info", "config info restart_info\n option reason upgrade\n option count 2\n"
-                             " option timestamp 1754000000123\n"},
-          {"restart_schedule",
-           "config schedule schedule\n option enable 1\n list days sat\n list days sun\n"},
-          {"/proc/uptime", "5000000000.99 1.5\n"},
-          {"/tmp/telemetry/restart", "3\n"}},
-         R"({"rr":"upgrade","rn":2,"rt":1754000000123.00,"rs":1,"rw":["sat","sun"],"ut":5000000000.00,"tn":3})",
-         7,
-         R"({"ut":5000000000.00,"tn":3})",
-         2,
-         "{}",
-         "{}",
-         [] { set("restart_schedule", "schedule", "days", "fri"); },
-         R"({"rs":1,"rw":["fri"],"ut":5000000000.00,"tn":3})"},
-        {"usb",
-         collect_usb_info,
-         false,
-         nullptr,
-         {{"usb", "config usb settings\n option usb_enable on\n"},
-          {"/sys/bus/usb/devices/1-1/bDeviceClass", "00\n"},
-          {"/sys/bus/usb/devices/1-1/idVendor", "1d6b\n"},
-          {"/sys/bus/usb/devices/1-1/idProduct", "0104\n"},
-          {"/sys/bus/usb/devices/1-1:1.0/bInterfaceClass", "08\n"}},
-         R"({"ul":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","ue":1,"cc":1,"ut":1,"vi":"1d6b","pi":"0104"}]})",
-         1,
-         "{}",
-         0,
-         R"({"ul":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","ue":0,"cc":0,"ut":0}]})",
-         R"({"ul":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","ue":0,"cc":0,"ut":0}]})",
-         [] { set("usb", "settings", "usb_enable", "0"); },
-         R"("ue":0,"cc":1,"ut":1,"vi":"1d6b","pi":"0104"}]})"},
-        {"afc",
-         collect_afc_info,
-         true,
-         "afc",
-         {{"afc", "config afc afc\n option enable 1\n"},
-          {"/tmp/afc/status",
-           R"({"state":"granted","expires_in":7200,"latitude":48.1,"channels":[)"
-           R"({"op_class":131,"channel":37,"max_eirp":30.5,"center":"hush"},{"op_class":1},"x"]})"}},
-         R"({"al":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","en":1,"st":"granted","ex":7200,)"
-         R"("cl":[{"oc":131,"ch":37,"pw":30.50}]}]})",
-         1,
-         R"({"al":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","en":1,"st":"granted","ex":7200,)"
-         R"("cl":[{"oc":131,"ch":37,"pw":30.50}]}]})",
-         1,
-         R"({"al":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","en":0}]})",
-         R"({"al":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","en":0}]})",
-         [] {
-             test_sysroot().write("/tmp/afc/status",
-                                  R"({"state":"at 48.1 N","expires_in":"soon","channels":[]})");
-         },
-         R"({"al":[{"dm":"e359fe905bfbbfddf6e237cd09d724de","en":1,"cl":[]}]})"},
-        {"havenguard",
-         collect_havenguard_v2_info,
-         true,
-         nullptr,
-         {{"havenguard",
-           "config web web\n option enable 1\nconfig camera camera\n option enable 1\n"
-           "config camera_device\nconfig isolation isolation\n option enable 0\nconfig isolated_device\n"
-           "config isolated_device\nconfig application application\n option enable on\n"
-           "config blocked_application\n"},
-          {"access_control",
-           "config settings settings\n option enable 1\n option mode deny\nconfig device\n"},
-          {"parental",
-           "config profile a\n option schedule 1\n option name hush\nconfig profile b\n option schedule on\n"
-           " option time_limit 1\nconfig profile c\n option schedule 0\n"},
-          {"/tmp/havenguard/stats", R"({"blocked_pages":73,"last":"hush"})"}},
-         R"({"wp":1,"ac":1,"am":"deny","an":1,"cs":1,"cn":1,"di":0,"dn":2,"pn":3,"ps":2,"pt":1,"ab":1,"bn":1,"wb":73})",
-         14,
-         R"({"wb":73})",
-         1,
-         "{}",
-         R"({"an":0,"cn":0,"dn":0,"pn":0,"ps":0,"pt":0,"bn":0})",
-         [] { test_sysroot().write("/tmp/havenguard/stats", R"({"blocked_pages":74})"); },
-         R"({"wb":74})"},
-    };
-    return all;
+const Module kEcoMode = {
+    {collect_ecomode_info, false, "eco_mode"},
+    {{"eco_mode", "config eco settings;option enable on;option mode schedule;option low_power_wifi 0;"
+                  "config eco schedule;option begin 23;option end 6;list days mon;list days sun;"}},
+    R"({"en":1,"md":"schedule","sb":23,"se":6,"sd":["mon","sun"],"lw":0})",
+    {"begin 23", "begin 22", R"({"en":1,"md":"schedule","sb":22,"se":6,"sd":["mon","sun"],"lw":0})"}};
+
+// An option that is gone is left out.
+const Module kIptv = {
+    {collect_iptv_info, false, nullptr},
+    {{"iptv",
+      "config iptv iptv;option enable 1;option mode bridge;option igmp_proxy 1;option igmp_snooping 0;"
+      "option igmp_version 3;config vlan vlan;option internet_id 10;option phone_id 20;option tv_id 30;"}},
+    R"({"en":1,"md":"bridge","ip":1,"is":0,"iv":3,"vi":10,"vp":20,"vt":30})",
+    {"option phone_id 20", "", R"({"en":1,"md":"bridge","ip":1,"is":0,"iv":3,"vi":10,"vt":30})"}};
+
+// The numbers of sections stay as they were, and so unreported.
+const Module kQos = {
+    {collect_qos_info, false, nullptr},
+    {{"qos", "config qos settings;option enable 1;option upload 40000;option download 5000000000;"
+             "option mode gaming;config device;option mac hush;config device;config application;"}},
+    R"({"en":1,"ub":40000,"db":5000000000.00,"um":"gaming","pn":2,"an":1})",
+    {"40000", "50000", R"({"en":1,"ub":50000,"db":5000000000.00,"um":"gaming"})"},
+    "{}",
+    "{}",
+    R"({"pn":0,"an":0})"};
+
+const Module kQuicksetup = {
+    {collect_quicksetup_info, false, nullptr},
+    {{"quicksetup", "config quicksetup quicksetup;option done true;option duration 312;"
+                    "option wan_detection auto;option smart_connect off;"},
+     {"system", "config system basic;option timezone UTC+1;option language en_GB;option hostname hush;"}},
+    R"({"done":1,"st":312,"wt":"auto","tz":"UTC+1","lang":"en_GB","smart":0})",
+    {"en_GB", "de", R"({"done":1,"st":312,"wt":"auto","tz":"UTC+1","lang":"de","smart":0})"}};
+
+#define VPN \
+    R"({"ovs":1,"pps":0,"l2s":0,"ips":1,"wgs":1,"vc":1,"vk":"wireguard","vn":2,"vd":1,"pf":3,"dm":1,"up":1,)"
+const Module kAdvanced = {
+    {collect_advanced_info, true, nullptr},
+    {{"openvpn", "config server server;option enabled 1;"},
+     {"pptpd", "config server server;option enabled off;"},
+     {"l2tp", "config server server;option enabled 0;"},
+     {"ipsec", "config server server;option enabled true;"},
+     {"network", "config interface wan;option proto dhcp;config interface wg0;option proto wireguard;"
+                 "config interface wg1;option proto wireguard;"},
+     {"vpn", "config client client;option enabled on;option kind wireguard;config server;config server;"
+             "config device;"},
+     {"firewall", "config redirect;config redirect;config redirect;config dmz dmz;option enabled 1;"},
+     {"upnpd", "config upnpd config;option enabled 1;"},
+     {"ddns", "config service a;option enabled 0;config service b;option enabled on;"}},
+    VPN R"("dd":1})",
+    {"b;option enabled on", "b;option enabled 0", VPN R"("dd":0})"},
+    "{}",
+    "{}",
+    R"({"wgs":0,"vn":0,"vd":0,"pf":0,"dd":0})"};
+
+const Module kRestart = {
+    {collect_restart_info, true, nullptr},
+    {{"telemetry_info", "config info restart_info;option reason upgrade;option count 2;"
+                        "option timestamp 1754000000123;"},
+     {"restart_schedule", "config schedule schedule;option enable 1;list days sat;list days sun;"},
+     {"/proc/uptime", "5000000000.99 1.5\n"},
+     {"/tmp/telemetry/restart", "3\n"}},
+    R"({"rr":"upgrade","rn":2,"rt":1754000000123.00,"rs":1,"rw":["sat","sun"],"ut":5000000000.00,"tn":3})",
+    {"list days sat;list days sun", "list days fri", R"({"rs":1,"rw":["fri"],"ut":5000000000.00,"tn":3})"},
+    R"({"ut":5000000000.00,"tn":3})"};
+
+const Module kUsb = {{collect_usb_info, false, nullptr},
+                     {{"usb", "config usb settings;option usb_enable on;"}},
+                     R"({"ul":[{)" OWN R"(,"ue":1,"cc":1,"ut":0}]})",
+                     {" on", " 0", R"({"ul":[{)" OWN R"(,"ue":0,"cc":1,"ut":0}]})"},
+                     "{}",
+                     R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})",
+                     R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})"};
+
+const Module kAfc = {
+    {collect_afc_info, true, "afc"},
+    {{"afc", "config afc afc;option enable 1;"},
+     {"/tmp/afc/status",
+      R"({"state":"granted","expires_in":7200,"latitude":48.1,"channels":[)"
+      R"({"op_class":131,"channel":37,"max_eirp":30.5,"center":"hush"},{"op_class":1},{"channel":1e300},"x"]})"}},
+    GRANTED,
+    {R"("granted","expires_in":7200)", R"("at 48.1 N","expires_in":1e999)",
+     R"({"al":[{)" OWN R"(,"en":1,"cl":[{"oc":131,"ch":37,"pw":30.50}]}]})"},
+    GRANTED,
+    R"({"al":[{)" OWN R"(,"en":0}]})",
+    R"({"al":[{)" OWN R"(,"en":0}]})"};
+
+const Module kHavenguard = {
+    {collect_havenguard_v2_info, true, nullptr},
+    {{"havenguard",
+      "config web web;option enable 1;config camera camera;option enable 1;config camera_device;"
+      "config isolation isolation;option enable 0;config isolated_device;config isolated_device;"
+      "config application application;option enable on;config blocked_application;"},
+     {"access_control", "config settings settings;option enable 1;option mode deny;config device;"},
+     {"parental", "config profile a;option schedule 1;option name hush;config profile b;option schedule on;"
+                  "option time_limit 1;config profile c;option schedule 0;"},
+     {"/tmp/havenguard/stats", R"({"blocked_pages":73,"last":"hush"})"}},
+    R"({"wp":1,"ac":1,"am":"deny","an":1,"cs":1,"cn":1,"di":0,"dn":2,"pn":3,"ps":2,"pt":1,"ab":1,"bn":1,"wb":73})",
+    {"73", "74", R"({"wb":74})"},
+    R"({"wb":73})",
+    "{}",
+    R"({"an":0,"cn":0,"dn":0,"pn":0,"ps":0,"pt":0,"bn":0})"};
+
+const Module *const kModules[] = {&kEcoMode, &kIptv, &kQos, &kQuicksetup, &kAdvanced,
+                                  &kRestart, &kUsb,  &kAfc, &kHavenguard};
+
+std::string replaced(std::string text, const std::string &from, const std::string &to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
 }
 
 class FurtherInfo : public SysrootTest {
@@ -221,6 +163,11 @@ class FurtherInfo : public SysrootTest {
     FurtherInfo() {
         telemetry_debug_level = TELEMETRY_LOG_ERROR;
         copy_text(ctx.dev_mac, "020000000101");
+        fake_services.clear();
+        fake_service_calls.clear();
+    }
+    ~FurtherInfo() override {
+        telemetry_free_device_info_list();
     }
     // An empty router with this module's sources.
     void lay_out(const Module &module) {
@@ -228,26 +175,40 @@ class FurtherInfo : public SysrootTest {
         root.write_backup("");
         for (const Source &source : module.sources)
             write_source(source.name, source.content);
-        if (module.feature != nullptr)
-            root.write_profile(std::string("config ") + module.feature + "\n option support yes\n");
-        ctx.collect_stgy2_now = module.daily ? 1 : 0;
+        if (module.head.feature != nullptr)
+            root.write_profile(std::string("config ") + module.head.feature + "\n option support yes\n");
+        ctx.collect_stgy2_now = module.head.daily ? 1 : 0;
     }
-    void write_source(const char *name, const std::string &content) {
-        root.write(name[0] == '/' ? name : "/etc/config/" + std::string(name), content);
+    void write_source(const std::string &name, const std::string &content) {
+        if (name[0] == '/')
+            root.write(name, content);
+        else
+            root.write_config(name, replaced(content, ";", "\n"));
     }
+    // The report; its count is one a member, or one an entry of a list of nodes.
     std::string collect(const Module &module) {
         const JsonPtr payload(cJSON_CreateObject());
         count = 0;
         const OutputCapture capture;
-        EXPECT_EQ(module.collect(&ctx, payload.get(), &count), 0);
+        EXPECT_EQ(module.head.collect(&ctx, payload.get(), &count), 0);
         log = capture.text();
+        const cJSON *first = payload->child;
+        const bool nodes = first != nullptr && first->string[1] == 'l' && cJSON_IsArray(first);
+        EXPECT_EQ(count, static_cast<uint32_t>(cJSON_GetArraySize(nodes ? first : payload.get())));
+        EXPECT_LT(log.size(), 8000u);
         return telemetry_json_print(payload.get()).get();
     }
-    const Module &module_named(const std::string &name) {
-        for (const Module &module : modules())
-            if (name == module.name)
-                return module;
-        throw std::runtime_error(name);
+    // A mesh of two nodes, whose answers the synchronisation service hands over.
+    void answer(const std::string &reply) {
+        telemetry_init_device_info_list(2);
+        fake_services["sync.request"].json = reply;
+    }
+    std::string answers(int number, const std::string &result) {
+        std::string all;
+        for (int i = 0; i < number; ++i)
+            all += replaced(R"({"result":)" + result + "},", "#", std::to_string(200 + i));
+        all.pop_back();
+        return R"({"success":)" + std::to_string(number) + R"(,"data":[)" + all + "]}";
     }
 
     TelemetryCtx ctx = {};
@@ -256,197 +217,245 @@ class FurtherInfo : public SysrootTest {
 };
 
 TEST_F(FurtherInfo, EachReportsItsSettingsOnceAndAgainWhenOneChanged) {
-    for (const Module &module : modules()) {
-        SCOPED_TRACE(module.name);
-        lay_out(module);
-        EXPECT_EQ(collect(module), module.reported);
-        EXPECT_EQ(count, module.count);
-        EXPECT_THAT(module.reported, Not(HasSubstr("hush")));
-        for (int cycle = 0; cycle < 3; ++cycle) {
-            EXPECT_EQ(collect(module), module.repeated);
-            EXPECT_EQ(count, module.repeated_count);
-        }
-        module.change();
-        EXPECT_THAT(collect(module), HasSubstr(module.changed));
-        collect(module);
-        EXPECT_EQ(count, module.repeated_count);
+    for (const Module *module : kModules) {
+        SCOPED_TRACE(module->reported);
+        lay_out(*module);
+        EXPECT_EQ(collect(*module), module->reported);
+        for (int cycle = 0; cycle < 2; ++cycle)
+            EXPECT_EQ(collect(*module), module->repeated);
+        for (const Source &source : module->sources)
+            if (source.content.find(module->change.from) != std::string::npos)
+                write_source(source.name, replaced(source.content, module->change.from, module->change.to));
+        EXPECT_EQ(collect(*module), module->change.reported);
     }
 }
 
 TEST_F(FurtherInfo, EachWaitsForItsCycleAndItsFeature) {
-    for (const Module &module : modules()) {
-        SCOPED_TRACE(module.name);
-        if (module.daily) {
-            lay_out(module);
-            ctx.collect_stgy2_now = 0;
-            EXPECT_EQ(collect(module), "{}");
+    for (const Module *module : kModules) {
+        SCOPED_TRACE(module->reported);
+        lay_out(*module);
+        {
+            const OutputCapture quiet; // and nothing counts as reported
+            module->head.collect(&ctx, nullptr, &count);
+            module->head.collect(&ctx, JsonPtr(cJSON_CreateObject()).get(), nullptr);
         }
-        if (module.feature != nullptr) {
-            lay_out(module);
-            root.write_profile(std::string("config ") + module.feature + "\n option support no\n");
-            EXPECT_EQ(collect(module), "{}");
+        ctx.collect_stgy2_now = 0;
+        EXPECT_EQ(collect(*module), module->head.daily ? "{}" : module->reported);
+        if (module->head.feature != nullptr) {
+            lay_out(*module);
+            root.write_profile(std::string("config ") + module->head.feature + "\n option support no\n");
+            EXPECT_EQ(collect(*module), "{}");
         }
-        const OutputCapture quiet;
-        count = 0;
-        module.collect(&ctx, nullptr, &count);
-        EXPECT_EQ(count, 0u);
     }
     // A profile that does not know the security suite is an old one, of a board that has it.
-    const Module &havenguard = module_named("havenguard");
-    for (const char *unsupported : {"no", "not yet"}) {
-        lay_out(havenguard);
-        root.write_profile(std::string("config tm_shn\n option support '") + unsupported + "'\n");
-        EXPECT_EQ(collect(havenguard), "{}");
-    }
-    lay_out(havenguard);
+    lay_out(kHavenguard);
+    root.write_profile("config tm_shn\n option support 'not yet'\n");
+    EXPECT_EQ(collect(kHavenguard), "{}");
+    lay_out(kHavenguard);
     root.write_config("network", "config interface wan\n option wan_type dslite\n");
-    EXPECT_EQ(collect(havenguard), "{}");
+    EXPECT_EQ(collect(kHavenguard), "{}");
 }
 
 TEST_F(FurtherInfo, ABrokenSourceCostsItsMembersAndIsNamed) {
-    const std::pair<const char *, std::string> contents[] = {
-        {"empty", ""},
-        {"garbage", std::string("\xff\x00{[\"\x01'\n;`reboot`", 18)},
-        {"huge", std::string(300000, '9')},
-        {"wrong values", R"({"state":7,"expires_in":{},"channels":{},"blocked_pages":"many"})"},
+    const std::string contents[] = {
+        "",
+        std::string("\xff\x00{[\"\x01'\n;`reboot`", 18),
+        std::string(300000, '9'),
+        R"({"state":7,"expires_in":{},"channels":{},"blocked_pages":"many"})",
     };
-    for (const Module &module : modules()) {
-        // All sources at once.
-        for (const auto &[kind, content] : contents) {
-            SCOPED_TRACE(std::string(module.name) + ", all " + kind);
-            lay_out(module);
-            for (const Source &source : module.sources)
+    for (const Module *module : kModules) {
+        SCOPED_TRACE(module->reported);
+        for (const std::string &content : contents) {
+            lay_out(*module);
+            for (const Source &source : module->sources)
                 write_source(source.name, content);
-            const std::string report = collect(module);
-            if (content.empty()) { // a package without sections is a state, too
-                EXPECT_EQ(report, module.empty);
-            } else if (std::string(module.name) ==
-                       "usb") { // a device whose files say nonsense is still a device
-                EXPECT_THAT(report, HasSubstr(R"("ue":0,"cc":0,"ut":4}])"));
-                EXPECT_THAT(log, HasSubstr("usb id is not"));
-            } else {
-                EXPECT_EQ(report, module.broken);
+            // A package without sections is a state, too.
+            EXPECT_EQ(collect(*module), content.empty() ? module->empty : module->broken);
+            if (!content.empty()) {
                 EXPECT_THAT(log, HasSubstr("[telemetry]["));
             }
-            EXPECT_LT(log.size(), 8000u);
         }
-        // One at a time, missing: the others' members stay.
-        for (const Source &gone : module.sources) {
-            SCOPED_TRACE(std::string(module.name) + " without " + gone.name);
-            lay_out(module);
-            root.remove(gone.name[0] == '/' ? gone.name : "/etc/config/" + std::string(gone.name));
-            const std::string report = collect(module);
-            EXPECT_NE(report, module.reported);
-            EXPECT_LE(count, module.count);
-            if (module.sources.size() > 1) {
+        // One at a time, a directory, a pipe nobody writes to, missing: the others' members stay.
+        for (const Source &gone : module->sources) {
+            lay_out(*module);
+            const std::string path = gone.name[0] == '/' ? gone.name : "/etc/config/" + gone.name;
+            root.remove(path);
+            const std::string missing = collect(*module);
+            EXPECT_NE(missing, module->reported);
+            if (module->sources.size() > 1) {
                 EXPECT_GT(count, 0u);
             }
+            lay_out(*module);
+            root.remove(path);
+            std::filesystem::create_directory(root.path(path));
+            EXPECT_EQ(collect(*module), missing);
+            if (path != gone.name)
+                continue;
+            lay_out(*module);
+            root.remove(path);
+            mkfifo(root.path(path).c_str(), 0600);
+            EXPECT_EQ(collect(*module), missing);
         }
     }
 }
 
 TEST_F(FurtherInfo, HugeListsAreBounded) {
-    const Module &afc = module_named("afc");
-    lay_out(afc);
+    lay_out(kAfc);
     std::string channels;
     for (int i = 0; i < 1000; ++i)
         channels += R"({"op_class":131,"channel":1,"max_eirp":1},)";
     root.write("/tmp/afc/status", R"({"channels":[)" + channels + "0]}");
-    const std::string report = collect(afc);
+    const std::string report = collect(kAfc);
     EXPECT_EQ(std::count(report.begin(), report.end(), '{'), 2 + 64);
     EXPECT_THAT(log, HasSubstr("more than 64 channels"));
 
-    const Module &usb = module_named("usb");
-    lay_out(usb);
-    for (int i = 0; i < 600; ++i)
+    lay_out(kUsb);
+    for (int i = 0; i < 300; ++i)
         root.write("/sys/bus/usb/devices/9-" + std::to_string(i) + "/bDeviceClass", "08\n");
-    collect(usb);
-    EXPECT_EQ(count, 1u);
+    collect(kUsb);
     EXPECT_THAT(log, HasSubstr("more than 256 entries"));
 
-    // A list counts up to its 128th character.
-    const Module &eco = module_named("ecomode");
-    lay_out(eco);
-    std::string days = "config eco schedule\n";
-    for (int i = 0; i < 200; ++i)
-        days += " list days d" + std::to_string(100 + i) + "\n";
+    // A list counts up to its 128th character, sections without end.
+    lay_out(kEcoMode);
+    std::string days = "config eco schedule\n", sections;
+    for (int i = 0; i < 10000; ++i) {
+        days += " list days d" + std::to_string(10000 + i) + "\n";
+        sections += "config device\n";
+    }
     root.write_config("eco_mode", days);
-    EXPECT_THAT(collect(eco), HasSubstr(R"("d124"]})"));
-    EXPECT_EQ(count, 1u);
+    EXPECT_THAT(collect(kEcoMode), HasSubstr(R"("d10017"]})"));
+    root.write_config("qos", sections);
+    EXPECT_EQ(collect(kQos), R"({"pn":10000,"an":0})");
 }
 
-struct UsbCase {
-    const char *name;
-    std::vector<Source> files; // below /sys/bus/usb/devices
-    const char *entry;
-};
-
 TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
-    const UsbCase cases[] = {
-        {"root hubs only", {{"usb1/bDeviceClass", "09"}, {"usb1/idVendor", "1d6b"}}, R"("ut":0}])"},
-        {"a hub and behind it a printer",
-         {{"1-1/bDeviceClass", "09\n"},
+    const struct {
+        std::vector<Source> files; // below /sys/bus/usb/devices
+        const char *entry;
+    } cases[] = {
+        {{{"usb1/bDeviceClass", "09"}, {"usb1/idVendor", "1d6b"}}, R"("ut":0}])"},
+        {{{"1-1/bDeviceClass", "09\n"},
           {"1-1.2/bDeviceClass", "07\n"},
           {"1-1.2/idVendor", "03F0\n"},
           {"1-1.2/idProduct", "1f17\n"}},
          R"("ut":3,"vi":"03F0","pi":"1f17"}])"},
-        {"a modem that brings its own drive",
-         {{"2-1/bDeviceClass", "00"},
-          {"2-1:1.0/bInterfaceClass", "08"},
-          {"2-1:1.1/bInterfaceClass", "0a"},
-          {"2-1/idVendor", "12d1"},
-          {"2-1/idProduct", "1506"}},
-         R"("ut":2,"vi":"12d1","pi":"1506"}])"},
-        {"a camera, its interface of no known class, before a stick",
-         {{"1-1/bDeviceClass", "ef"},
+        // A modem that brings its own drive.
+        {{{"2-1/bDeviceClass", "00"}, {"2-1:1.0/bInterfaceClass", "08"}, {"2-1:1.1/bInterfaceClass", "0a"}},
+         R"("ut":2}])"},
+        // A camera, its interface of no known class, before a stick.
+        {{{"1-1/bDeviceClass", "ef"},
           {"1-1:1.0/bInterfaceClass", "0e"},
           {"1-2/bDeviceClass", "00"},
           {"1-2:1.0/bInterfaceClass", "08"}},
          R"("ut":4}])"},
-        {"ids that are none",
-         {{"1-1/bDeviceClass", "08"}, {"1-1/idVendor", "$(x)"}, {"1-1/idProduct", "12345"}},
-         R"("ut":1}])"},
-        {"an entry without a class",
-         {{"1-1;reboot/idVendor", "1234"}, {"$(reboot)/idVendor", "1234"}},
-         R"("ut":0}])"},
+        {{{"1-1/bDeviceClass", "08"}, {"1-1/idVendor", "$(x)"}, {"1-1/idProduct", "12345"}}, R"("ut":1}])"},
+        {{{"1-1;reboot/idVendor", "1234"}, {"$(reboot)/idVendor", "1234"}}, R"("ut":0}])"},
     };
-    const Module &usb = module_named("usb");
-    for (const UsbCase &usb_case : cases) {
-        SCOPED_TRACE(usb_case.name);
-        lay_out(usb);
-        root.remove("/sys");
-        for (const Source &file : usb_case.files)
-            root.write(std::string("/sys/bus/usb/devices/") + file.name, file.content);
-        EXPECT_THAT(collect(usb), HasSubstr(usb_case.entry));
+    for (const auto &port : cases) {
+        SCOPED_TRACE(port.files[0].name);
+        lay_out(kUsb);
+        for (const Source &file : port.files)
+            root.write("/sys/bus/usb/devices/" + file.name, file.content);
+        EXPECT_THAT(collect(kUsb), HasSubstr(port.entry));
+    }
+}
+
+TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
+    const std::string satellite = R"({"result":{"usb_enable":1,"usb_type":9,"vendor_id":"0781",)"
+                                  R"("product_id":"not hex","mac":"02-00-00-00-01-02"}})";
+    const std::string own = R"({"result":{"usb_enable":1,"usb_type":2,"mac":"02:00:00:00:01:01"}})";
+    lay_out(kUsb);
+    root.write_config("usb", "");
+    answer(R"({"success":3,"data":[)" + satellite + "," + own + R"(,{"result":{"usb_enable":1}}]})");
+    EXPECT_EQ(collect(kUsb), R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0},{)" SATELLITE
+                             R"(,"ue":1,"cc":0,"ut":4,"vi":"0781"}]})");
+    EXPECT_EQ(fake_service_calls.back().arguments,
+              R"({"opcode":50949,"target_type":"RE","include_myself":true,"data":{}})");
+    // Answers in another order, and a change that is over, are no news.
+    lay_out(kUsb);
+    const std::string other = R"({"result":{"usb_enable":0,"config_is_change":#,"mac":"020000000103"}})";
+    for (const char *changed : {"1", "0"}) {
+        const std::string one = satellite, two = replaced(other, "#", changed);
+        answer(R"({"success":2,"data":[)" + (*changed == '1' ? one + "," + two : two + "," + one) + "]}");
+        const std::string report = collect(kUsb);
+        EXPECT_EQ(report == "{}", *changed == '0') << report;
+    }
+
+    lay_out(kAfc);
+    answer(R"({"success":1,"data":{"result":{"en":"yes","st":"48.1 N","ex":60,"lat":1.5,"cl":[)"
+           R"({"oc":131,"ch":5,"pw":30,"lat":2.5},{"ch":"6"},[]],"mac":"02-00-00-00-01-02"}}})");
+    EXPECT_THAT(collect(kAfc),
+                HasSubstr(R"(},{)" SATELLITE R"(,"en":0,"ex":60,"cl":[{"oc":131,"ch":5,"pw":30}]}]})"));
+    EXPECT_EQ(fake_service_calls.back().arguments,
+              R"({"opcode":50952,"target_type":"RE","include_myself":true,"data":{}})");
+}
+
+TEST_F(FurtherInfo, WhatSatellitesAnswerWronglyCostsThatAnswer) {
+    const std::string huge = std::string(100000, '9');
+    const std::string lists[] = {
+        R"({"success":1,"data":{"result":{"mac":7}}})",
+        R"({"success":1,"data":{"result":[]}})",
+        R"({"success":2,"data":[7,{"result":"x"}]})",
+        R"({"success":3,"data":{}})",
+        R"({"success":"x"})",
+        "{}",
+    };
+    for (const Module *module : {&kUsb, &kAfc}) {
+        for (const std::string &reply : lists) {
+            lay_out(*module);
+            answer(reply);
+            EXPECT_EQ(collect(*module), module->reported) << reply;
+            EXPECT_THAT(log, HasSubstr("[telemetry]["));
+        }
+        lay_out(*module);
+        answer(answers(2, R"({"mac":"020000000#","usb_enable":"1","usb_type":1e300,"vendor_id":")" + huge +
+                              R"(","product_id":{},"en":[],"st":")" + huge + R"(","ex":1e300,"cl":)" + huge +
+                              "}"));
+        EXPECT_LT(collect(*module).size(), 300u);
+        EXPECT_EQ(count, 3u);
+        lay_out(*module);
+        answer(answers(5000, R"({"mac":"020000000#"})"));
+        collect(*module);
+        EXPECT_EQ(count, 65u);
+        EXPECT_THAT(log, HasSubstr("more than 64 nodes"));
+        lay_out(*module);
+        fake_services.clear();
+        EXPECT_EQ(collect(*module), module->reported);
+        EXPECT_THAT(log, HasSubstr("info failed"));
     }
 }
 
 TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
+    const char kPath[] = "/tmp/telemetry/restart";
+    const std::string real = root.path(kPath);
+    root.write_backup("");
+    const OutputCapture capture;
+    telemetry_count_daemon_start();
+    EXPECT_EQ(root.read(kPath), "1\n");
     const std::pair<const char *, const char *> cases[] = {
-        {nullptr, "1\n"},
         {"1\n", "2\n"},
         {"", "1\n"},
         {"-4\n", "1\n"},
         {"99999999999\n", "1\n"},
         {"x", "1\n"},
+        {"007", "8\n"},
         {"2147483646\n", "2147483647\n"},
         {"2147483647\n", "1\n"},
     };
     for (const auto &[before, after] : cases) {
-        root.write_backup("");
-        root.remove("/tmp/telemetry/restart");
-        if (before != nullptr)
-            root.write("/tmp/telemetry/restart", before);
-        const OutputCapture quiet;
+        root.write(kPath, before);
         telemetry_count_daemon_start();
-        EXPECT_EQ(root.read("/tmp/telemetry/restart"), after) << (before == nullptr ? "none" : before);
+        EXPECT_EQ(root.read(kPath), after) << before;
     }
-    root.remove("/tmp/telemetry");
-    const OutputCapture capture;
+    // Neither a pipe that nobody reads nor a missing directory holds the start up.
+    root.remove(kPath);
+    mkfifo(real.c_str(), 0600);
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("open file /tmp/telemetry/restart failed"));
+    root.remove("/tmp/telemetry");
+    telemetry_count_daemon_start();
     std::filesystem::create_directories(root.path("/tmp/telemetry"));
-    std::filesystem::create_symlink("/dev/full", root.path("/tmp/telemetry/restart"));
+    std::filesystem::create_symlink("/dev/full", real);
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("write file /tmp/telemetry/restart failed"));
 }
