@@ -1,5 +1,6 @@
 // "device_info": every mesh node's versions, names, wired ports, parent and backhaul.
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 
 #include "collect/collectors.h"
@@ -20,8 +21,9 @@ static void add_preferred_uplink(cJSON *entry, const MeshDeviceInfo *device) {
 static void add_uplink(cJSON *entry, const MeshDeviceInfo *device) {
     if (telemetry_add_mac_md5_to_cJSON_object(entry, "pm", device->parent_mac) != 0)
         cJSON_AddStringToObject(entry, "pm", "");
-    cJSON_AddNumberToObject(entry, "ddl",
-                            device->ping_delay[0] != '\0' ? strtod(device->ping_delay, nullptr) : -1);
+    // A satellite's text; "inf" and "nan" are no numbers to JSON.
+    const double delay = device->ping_delay[0] != '\0' ? strtod(device->ping_delay, nullptr) : -1;
+    cJSON_AddNumberToObject(entry, "ddl", std::isfinite(delay) ? delay : -1);
 }
 
 static int lan_ports_in_use(const MeshDeviceInfo *device) {
