@@ -1,3 +1,5 @@
+// "wireless_host_info", "wireless_guest_info", "wireless_iot_info": a network's settings in each band, when
+// they changed.
 #include "collect/collectors.h"
 
 #include <array>
