@@ -1,5 +1,4 @@
 #include <csignal>
-#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,15 +30,14 @@ struct watched : uloop_fd {
     int ends[2] = {-1, -1};
     std::function<void(watched &, unsigned int)> run;
 
-    explicit watched(std::function<void(watched &, unsigned int)> action, const char *ready = "",
-                     unsigned int interest = ULOOP_READ)
+    explicit watched(std::function<void(watched &, unsigned int)> action, const char *ready = "")
         : uloop_fd{}, run(std::move(action)) {
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
         cb = [](uloop_fd *u, unsigned int events) {
             static_cast<watched *>(u)->run(*static_cast<watched *>(u), events);
         };
         fd = ends[0];
-        EXPECT_EQ(uloop_fd_add(this, interest), 0);
+        EXPECT_EQ(uloop_fd_add(this, ULOOP_READ), 0);
         put(ready);
     }
     ~watched() {
@@ -172,57 +170,6 @@ TEST_F(Uloop, AHangUpIsReportedOnceAndAHalfClosedSocketStays) {
     uloop_run_timeout(0);
     uloop_run_timeout(0);
     EXPECT_EQ(calls, 2) << "a hang-up that nobody handles must not spin";
-}
-
-TEST_F(Uloop, FlagsDecideBlockingEventsAndRemoval) {
-    unsigned int last = 0;
-    watched w([&](watched &, unsigned int events) { last = events; }, "", ULOOP_READ | ULOOP_BLOCKING);
-    EXPECT_FALSE(fcntl(w.fd, F_GETFL) & O_NONBLOCK);
-    uloop_run_timeout(0);
-    EXPECT_EQ(last, 0u);
-    ASSERT_EQ(uloop_fd_add(&w, ULOOP_WRITE), 0);
-    uloop_run_timeout(0);
-    EXPECT_EQ(last, static_cast<unsigned int>(ULOOP_WRITE));
-    ASSERT_EQ(uloop_fd_add(&w, 0), 0);
-    EXPECT_FALSE(w.registered);
-    ASSERT_EQ(uloop_fd_add(&w, ULOOP_READ), 0);
-    EXPECT_TRUE(fcntl(w.fd, F_GETFL) & O_NONBLOCK);
-    uloop_fd closed = {};
-    closed.fd = 1000;
-    EXPECT_EQ(uloop_fd_add(&closed, ULOOP_READ), -1);
-}
-
-TEST(UloopSetup, IsRepeatableAndPutsSignalHandlersAndDescriptorsBack) {
-    auto handler_of = [](int number) {
-        struct sigaction now = {};
-        sigaction(number, nullptr, &now);
-        return now.sa_handler;
-    };
-    auto descriptors = [](bool inherited) {
-        int count = 0;
-        for (int fd = 0; fd < 256; fd++) {
-            const int state = fcntl(fd, F_GETFD);
-            count += state >= 0 && !(inherited && (state & FD_CLOEXEC));
-        }
-        return count;
-    };
-    const int before = descriptors(false), inherited = descriptors(true);
-    const auto foreign_handler = [](int) {};
-    signal(SIGINT, foreign_handler);
-    timer left([](timer &) {});
-    for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(uloop_init(), 0);
-        EXPECT_EQ(descriptors(true), inherited);
-        EXPECT_EQ(handler_of(SIGINT), foreign_handler);
-        EXPECT_NE(handler_of(SIGTERM), SIG_DFL);
-        uloop_timeout_set(&left, 1000);
-    }
-    uloop_done();
-    EXPECT_FALSE(left.pending);
-    EXPECT_EQ(descriptors(false), before);
-    EXPECT_EQ(handler_of(SIGINT), foreign_handler);
-    EXPECT_EQ(handler_of(SIGTERM), SIG_DFL);
-    signal(SIGINT, SIG_DFL);
 }
 
 TEST_F(Uloop, SignalsEndTheLoopWheneverTheyCome) {
