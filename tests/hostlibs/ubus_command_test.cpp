@@ -64,15 +64,15 @@ class UbusCommandTest : public SysrootTest {
 };
 
 TEST_F(UbusCommandTest, PrintsAndExitsAsScriptsExpect) {
-    Server server(bus.socket(), "served");
-    ASSERT_EQ(run("-t 20 wait_for served"), 0);
+    Server server(bus.socket(), "served"), other(bus.socket(), "served.more"), before(bus.socket(), "also");
+    ASSERT_EQ(run("-t 20 wait_for served also served.more"), 0);
     const struct {
         const char *arguments;
         int status;
         const char *out, *err;
     } cases[] = {
-        {"list", 0, "served\n", ""},
-        {"list 'ser*'", 0, "served\n", ""},
+        {"list", 0, "also\nserved\nserved.more\n", ""},
+        {"list 'ser*'", 0, "served\nserved.more\n", ""},
         {"list nothing", 4, "", "Command failed: Not found\n"},
         {"list nothing -S", 4, "", ""},
         {R"(call served echo '{"text":"a\"b","number":-1,"flag":true,"list":[1,"x"],"table":{}}')", 0,

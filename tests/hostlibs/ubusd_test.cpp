@@ -2,7 +2,6 @@
 // sent, too.
 #include <deque>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <grp.h>
@@ -170,25 +169,6 @@ TEST_F(UbusdTest, AnswersBadRequestsWithAStatus) {
     }
 }
 
-TEST_F(UbusdTest, LooksUpInPathOrderWithTypeAndSignature) {
-    for (const char *path : {"net.b", "net", "net.a", "nets", "ne"})
-        ASSERT_NE(peer.add_object(path), 0u);
-    const std::pair<const char *, std::string> cases[] = {
-        {"net", "net "}, {"net.*", "net.a net.b "}, {"*", "bystander ne net net.a net.b nets "}};
-    for (const auto &[pattern, paths] : cases) {
-        std::vector<bus_frame> data;
-        std::string found;
-        EXPECT_EQ(lookup(pattern, &data), 0);
-        for (auto &frame : data) {
-            bus_attrs attrs;
-            EXPECT_TRUE(bus_attrs_parse(frame.attr(), attrs));
-            EXPECT_TRUE(attrs[UBUS_ATTR_OBJID] && attrs[UBUS_ATTR_OBJTYPE] && attrs[UBUS_ATTR_SIGNATURE]);
-            found += std::string(attrs.text(UBUS_ATTR_OBJPATH)) + " ";
-        }
-        EXPECT_EQ(found, paths);
-    }
-}
-
 TEST_F(UbusdTest, DropsAReaderThatNeverReads) {
     std::string lookups;
     for (int i = 0; i < 1000; i++)
@@ -261,30 +241,6 @@ TEST_F(UbusdTest, ClosesDescriptorsThatComeAlong) {
     EXPECT_EQ(poll(&pfd, 1, 10000), 1);
     EXPECT_TRUE(pfd.revents & POLLHUP);
     close(ends[0]);
-}
-
-TEST_F(UbusdTest, SendsEventsOnceToThoseThatRegisteredForThem) {
-    const uint32_t object = peer.add_object("listener");
-    for (const char *pattern : {"ubus.object.*", "ubus.object.add"}) {
-        BlobBuffer args;
-        blobmsg_add_u32(args.get(), "object", object);
-        blobmsg_add_string(args.get(), "pattern", pattern);
-        bus_builder body;
-        bus_put_u32(body, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
-        bus_put_text(body, UBUS_ATTR_METHOD, "register");
-        bus_put_data(body, UBUS_ATTR_DATA, args.head());
-        peer.send(message(UBUS_MSG_INVOKE, 4, UBUS_SYSTEM_OBJECT_EVENT, std::move(body)));
-        ASSERT_EQ(peer.status(4), 0);
-    }
-    RawPeer(bus.socket()).add_object("other");
-    for (const char *name : {"ubus.object.add", "ubus.object.remove"}) {
-        auto event = peer.receive();
-        ASSERT_TRUE(event);
-        bus_attrs attrs;
-        ASSERT_TRUE(bus_attrs_parse(event->attr(), attrs));
-        EXPECT_STREQ(attrs.text(UBUS_ATTR_METHOD), name);
-        EXPECT_EQ(blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]), 1);
-    }
 }
 
 } // namespace
