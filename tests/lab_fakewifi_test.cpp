@@ -1,25 +1,22 @@
-// The daemon's driver code against the simulated driver, preloaded as in the lab: the program starts itself
-// again with the library in front.
+// The daemon's driver code against faults of the simulated driver, preloaded as in the lab: the program
+// starts itself again with the library in front. What the driver answers without faults shows in a home's
+// records.
 #include <cstring>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "collect/mtk/telemetry_platform_mtk.h"
 #include "sysroot.h"
 #include "telemetry_log.h"
 
-using testing::ElementsAre;
-
 namespace {
 
 constexpr char kScenario[] = R"({"interfaces": {
-    "ra0": {"channel": 6, "utilisation": 31, "temperature": 52},
-    "rax0": {"channel": 165, "bandwidth": 3},
-    "apclix0": {"utilisation": 12, "uplink": {"mac": "02:00:00:00:01:05", "tx": 1201, "rx": 70000, "rssi": -52}},
+    "ra0": {"channel": 6},
+    "apclix0": {"utilisation": 12},
     "rax2": {"stations": [{"mac": "02-00-00-00-02-01", "tx": 866, "rx": 780, "phymode": 4},
-                          {"mac": "02:00:00:00:02:02", "tx": 6, "rx": 7, "phymode": 0}]},
-    "ra2": {"stations": [{"mac": "02:00:00:00:02:03", "tx": 1, "rx": 2, "phymode": 1}]}}})";
+                          {"mac": "02:00:00:00:02:02", "tx": 6, "rx": 7, "phymode": 0}]}}})";
 
 class FakeWifi : public SysrootTest {
   protected:
@@ -37,7 +34,7 @@ class FakeWifi : public SysrootTest {
     void set_fault(const std::string &member, const std::string &fault) {
         const std::string faults = "\"faults\": {\"" + member + "\": \"" + fault + "\"}, ";
         std::string text = kScenario;
-        for (const char *name : {"ra0\": {", "rax0\": {", "apclix0\": {", "rax2\": {", "ra2\": {"})
+        for (const char *name : {"ra0\": {", "apclix0\": {", "rax2\": {"})
             text.insert(text.find(name) + strlen(name), faults);
         set_scenario(text);
     }
@@ -47,34 +44,6 @@ class FakeWifi : public SysrootTest {
     uint32_t number = 0;
     uint8_t byte = 0;
 };
-
-TEST_F(FakeWifi, AnswersEveryQuestion) {
-    double temperature = 0;
-    EXPECT_EQ(wlan_get_device_temperature("wifi1", &temperature), 1);
-    EXPECT_EQ(temperature, 52);
-    EXPECT_EQ(wlan_get_backhaul_ap_channel(1, &number), 1);
-    EXPECT_EQ(number, 165U);
-    EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 1);
-    EXPECT_EQ(number, 160U);
-    BackhaulStats stats = {};
-    EXPECT_EQ(wlan_get_uplink_rate("apclix0", &stats, &byte), 1);
-    EXPECT_EQ(stats.tx, 1201);
-    EXPECT_EQ(stats.rx, 70000 - 65536);
-    EXPECT_THAT(stats.mac, ElementsAre(2, 0, 0, 0, 1, 5));
-    EXPECT_EQ(byte, 40);
-    EXPECT_EQ(wlan_get_channel_util("apclix0", &byte, 3, 1), 1);
-    EXPECT_EQ(byte, 12);
-    EXPECT_EQ(wlan_get_channel_util("wlan0", &byte, 3, 1), 0) << "an interface that is not there";
-    for (const char *ifname : {"rax2", "ra5", "ra2"})
-        EXPECT_EQ(wlan_get_band_client_sta_info(ifname, &list, &count), 1) << ifname;
-    ASSERT_EQ(count, 3U);
-    EXPECT_THAT(stations[0].mac, ElementsAre(2, 0, 0, 0, 2, 1));
-    EXPECT_EQ(stations[0].txrate, 866U);
-    EXPECT_EQ(stations[0].rxrate, 780U);
-    EXPECT_EQ(stations[0].phymode, 6U);
-    EXPECT_EQ(stations[1].phymode, 3U);
-    EXPECT_THAT(stations[2].mac, ElementsAre(2, 0, 0, 0, 2, 3));
-}
 
 TEST_F(FakeWifi, FaultsComeAndGoWhileTheProgramRuns) {
     for (const char *fault : {"nodev", "busy", "short"}) {
