@@ -1,4 +1,5 @@
-// A directory in the place of the router's root, and what tests put into it: files, configuration packages, commands.
+// A directory in the place of the router's root, and what tests put into it: files, configuration packages,
+// commands.
 //
 // The daemon reads TELEMETRY_SYSROOT once, so a test process has one root. It is made by the first call of
 // test_sysroot(), emptied between tests by SysrootTest, and removed when the process ends.
@@ -11,6 +12,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -46,7 +48,8 @@ class TestSysroot {
     void clean() const {
         for (const auto &entry : std::filesystem::directory_iterator(root_))
             std::filesystem::remove_all(entry.path());
-        for (const char *directory : {"/bin", "/dev", "/etc/config", "/etc/profile.d", "/tmp/run", "/var/run"})
+        for (const char *directory :
+             {"/bin", "/dev", "/etc/config", "/etc/profile.d", "/tmp/run", "/var/run"})
             std::filesystem::create_directories(root_ + directory);
     }
 
@@ -167,4 +170,12 @@ template <typename Action> std::vector<std::string> logged_messages(Action actio
     const OutputCapture capture;
     action();
     return capture.messages();
+}
+
+// What `call` gives and writes to the log, in one to compare.
+using LoggedResult = std::pair<int, std::vector<std::string>>;
+template <typename Call> LoggedResult logged_result(Call call) {
+    LoggedResult result;
+    result.second = logged_messages([&] { result.first = call(); });
+    return result;
 }
