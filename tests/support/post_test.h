@@ -32,8 +32,8 @@ class PostTest : public SysrootTest {
                                        "config cloud 'cloud'\n\toption cloud_url 'cloud'\n"
                                        "config strategy 'strategy'\n\toption collect_interval '15'\n");
         root.write("/tmp/work_mode", R"({"work_mode":"FAP"})");
-        root.write("/tmp/run/ntpd.uptime", "1");
-        root.write("/tmp/telemetry/telemetry", "");
+        open_gate();
+        root.write_backup("");
     }
 
     ~PostTest() override {
@@ -51,6 +51,10 @@ class PostTest : public SysrootTest {
     // Collection and upload are not allowed until the clock is synchronised.
     void close_gate() {
         root.remove("/tmp/run/ntpd.uptime");
+    }
+
+    void open_gate() {
+        root.write("/tmp/run/ntpd.uptime", "1");
     }
 
     void cancel_timers() {
