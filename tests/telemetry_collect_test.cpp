@@ -112,32 +112,15 @@ class TelemetryCollect : public SysrootTest {
 
 // --- List --------------------------------------------------------------------------------------------------
 
-TEST_F(TelemetryCollect, TheLimitIsReachedByItsExactLength) {
-    EXPECT_EQ(collect_list_exceeds(&ctx, 0), 0); // no list
-    EXPECT_EQ(collect_list_exceeds(nullptr, 0), 0);
-    for (const size_t length :
-         {kUploadThreshold - 1, kUploadThreshold, kMaxBackUpLength - 1, kMaxBackUpLength}) {
-        telemetry_clear_collect_list(&ctx);
-        add_record(1, length);
-        EXPECT_EQ(collect_list_exceeds(&ctx, kUploadThreshold), length >= kUploadThreshold);
-        EXPECT_EQ(collect_list_exceeds(&ctx, kMaxBackUpLength), length >= kMaxBackUpLength);
-    }
-}
-
 TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
     const struct {
         std::vector<int> items;
         uint32_t count;
         size_t records;
-    } cases[] = {
-        {{5, 3, 4}, 7, 2},                     // aims at 8
-        {{1}, 0, 0},                           // aims at 0
-        {{1, 1, 1}, 2, 2},                     // aims at 2
-        {{1, 1}, 1, 1},                        // aims at 1
-        {{1, 1, 10}, 0, 0},                    // aims at 8: only the last record matters
-        {{10, 1, 1}, 2, 2}, {{0, 0, 3}, 0, 0}, // records without items go on the way
-        {{}, 0, 0},
-    };
+    } cases[] = {{{5, 3, 4}, 7, 2},  {{1}, 0, 0},        {{1, 1, 1}, 2, 2}, {{1, 1}, 1, 1},
+                 {{10, 1, 1}, 2, 2}, {{1, 1, 10}, 0, 0}, // aims at 8: only the last record matters
+                 {{0, 0, 3}, 0, 0},                      // records without items go on the way
+                 {{}, 0, 0}};
     for (const auto &c : cases) {
         telemetry_clear_collect_list(&ctx);
         ctx.collect_list = cJSON_CreateArray();
@@ -147,15 +130,6 @@ TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
         EXPECT_EQ(ctx.data_collect_count, c.count);
         EXPECT_EQ(records(), c.records);
     }
-}
-
-TEST_F(TelemetryCollect, ShrinkTellsItsAim) {
-    for (const int items : {5, 3, 4})
-        add_record(items);
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    EXPECT_EQ(logged_messages([this] { shrink_collect_data_list(&ctx); }),
-              (Messages{"total 12, aim to shrink to 8", "delect oldest data list",
-                        "after shrink, total count is 7"}));
 }
 
 TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
@@ -169,21 +143,10 @@ TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
     shrink_collect_data_list(&ctx); // no list at all
     EXPECT_EQ(ctx.data_collect_count, 5u);
     add_record(9);
+    add_record(4);
     ctx.data_collect_count = 3;
-    EXPECT_EQ(delect_oldest_data_list(&ctx), 9);
+    EXPECT_EQ(delect_oldest_data_list(&ctx), 9); // the oldest first
     EXPECT_EQ(ctx.data_collect_count, 0u);
-}
-
-TEST_F(TelemetryCollect, TheOldestRecordGoesFirst) {
-    add_record(5);
-    add_record(3);
-    EXPECT_EQ(delect_oldest_data_list(&ctx), 5);
-    EXPECT_EQ(delect_oldest_data_list(&ctx), 3);
-    EXPECT_EQ(delect_oldest_data_list(&ctx), 0);
-    EXPECT_EQ(ctx.data_collect_count, 0u);
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    EXPECT_EQ(logged_messages([] { EXPECT_EQ(delect_oldest_data_list(nullptr), -1); }),
-              Messages{"invalid input!"});
 }
 
 // --- Records -----------------------------------------------------------------------------------------------
@@ -193,168 +156,104 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
         int result;
         uint32_t count;
         bool kept;
-    } cases[] = {{0, 1, true}, {0, 0, false}, {-1, 5, false}, {1, 1, false}, {0, 7, true}};
+    } cases[] = {{0, 0, false}, {-1, 5, false}, {1, 1, false}, {0, 7, true}};
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
     for (const auto &c : cases) {
         telemetry_clear_collect_list(&ctx);
         ctx.collect_list = cJSON_CreateArray();
         stub_result = c.result;
         stub_count = c.count;
-        telemetry_debug_level = TELEMETRY_LOG_DEBUG;
         const Messages messages = logged_messages(
             [&] { telemetry_collect_data_by_module(&ctx, ctx.collect_list, "qos_info", collect_qos_info); });
-        EXPECT_EQ(messages.size(), c.kept ? 1u : 2u);
-        EXPECT_EQ(messages.front(), "start to collect qos_info!");
-        EXPECT_EQ(messages.back(), c.kept ? messages.front() : "collect nothing of qos_info!");
+        EXPECT_EQ(messages.back(), c.kept ? "start to collect qos_info!" : "collect nothing of qos_info!");
         EXPECT_EQ(records(), c.kept ? 1u : 0u);
         EXPECT_EQ(ctx.data_collect_count, c.kept ? c.count : 0u);
     }
-}
-
-TEST_F(TelemetryCollect, ARecordHasItsMembersInOrder) {
-    ctx.collect_list = cJSON_CreateArray();
-    stub_count = 3;
-    const time_t before = time(nullptr);
-    telemetry_collect_data_by_module(&ctx, ctx.collect_list, "qos_info", collect_qos_info);
     cJSON *record = cJSON_GetArrayItem(ctx.collect_list, 0);
-    const double collected_at = cJSON_GetNumberValue(cJSON_GetObjectItem(record, "ct"));
-    EXPECT_GE(collected_at, static_cast<double>(before));
-    EXPECT_LE(collected_at, static_cast<double>(time(nullptr)));
+    EXPECT_NEAR(cJSON_GetNumberValue(cJSON_GetObjectItem(record, "ct")), static_cast<double>(time(nullptr)),
+                60);
     cJSON_SetNumberValue(cJSON_GetObjectItem(record, "ct"), 17);
     EXPECT_STREQ(telemetry_json_print(record).get(),
-                 "{\"eid\":\"qos_info\",\"ct\":17,\"ep\":{\"from\":\"collect_qos_info\"},\"cnt\":3}");
-}
-
-TEST_F(TelemetryCollect, MissingArgumentsAreNamed) {
-    ctx.collect_list = cJSON_CreateArray();
-    const auto run = [&](TelemetryCtx *c, cJSON *list, const char *module, TelemetryCollector collector) {
-        return logged_messages([&] { telemetry_collect_data_by_module(c, list, module, collector); });
-    };
-    const Messages expected = {"param error"};
-    EXPECT_EQ(run(nullptr, ctx.collect_list, "m", collect_qos_info), expected);
-    EXPECT_EQ(run(&ctx, nullptr, "m", collect_qos_info), expected);
-    EXPECT_EQ(run(&ctx, ctx.collect_list, nullptr, collect_qos_info), expected);
-    EXPECT_EQ(run(&ctx, ctx.collect_list, "m", nullptr), expected);
-    EXPECT_EQ(logged_messages([] { telemetry_collect_data(nullptr); }), expected);
-    EXPECT_TRUE(calls.empty());
+                 "{\"eid\":\"qos_info\",\"ct\":17,\"ep\":{\"from\":\"collect_qos_info\"},\"cnt\":7}");
 }
 
 // --- Cycle -------------------------------------------------------------------------------------------------
 
-TEST_F(TelemetryCollect, ACycleRunsTheModulesInTheirOrder) {
+TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
     stub_count = 2;
     telemetry_post_done = 1;
     run_timer();
     EXPECT_EQ(post_done_of_snapshot, 0); // the marker speaks before the collection does
-    const char *const order[] = {
-        "internet_info",      "ecomode_info",        "iptv_info",         "qos_info",
-        "quicksetup_info",    "client_info",         "device_info",       "system_info",
-        "wireless_host_info", "wireless_guest_info", "wireless_iot_info", "cloud_info",
-        "advanced_info",      "restart_info",        "usb_info",          "afc_info",
-        "havenguard_info_v2",
-    };
-    ASSERT_EQ(records(), std::size(order));
-    for (size_t i = 0; i < std::size(order); i++) {
-        const cJSON *record = cJSON_GetArrayItem(ctx.collect_list, static_cast<int>(i));
-        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(record, "eid")), order[i]);
-    }
+    EXPECT_EQ(records(), 17u);
     EXPECT_EQ(calls.front(), "snapshot");
     EXPECT_EQ(calls.back(), "release");
-    EXPECT_EQ(calls.size(), std::size(order) + 2);
-    EXPECT_EQ(ctx.data_collect_count, 2 * std::size(order));
-    EXPECT_EQ(ctx.collect_count, 1u);
-    EXPECT_EQ(root.read("/tmp/telemetry/post_done"), "0\n");
+    EXPECT_EQ(calls.size(), 19u);
+    EXPECT_EQ(ctx.data_collect_count, 34u);
     EXPECT_GT(uloop_timeout_remaining64(&ctx.collect_timer), 890000);
     EXPECT_LE(uloop_timeout_remaining64(&ctx.collect_timer), 900000);
     EXPECT_FALSE(ctx.post_timer.pending);
-}
 
-TEST_F(TelemetryCollect, AFailingModuleDoesNotStopTheCycle) {
-    stub_result = -1;
-    stub_count = 2;
+    stub_result = -1; // failing modules do not stop the cycle
     run_timer();
-    EXPECT_EQ(calls.size(), 19u);
-    EXPECT_EQ(records(), 0u);
-    EXPECT_NE(ctx.collect_list, nullptr);
-    EXPECT_EQ(ctx.collect_count, 1u);
+    EXPECT_EQ(calls.size(), 38u);
+    EXPECT_EQ(records(), 17u);
+    EXPECT_EQ(ctx.collect_count, 2u);
 }
 
 TEST_F(TelemetryCollect, ASkippedCycleOnlyArmsTheTimer) {
     root.remove("/tmp/run/ntpd.uptime");
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    EXPECT_EQ(logged_messages([this] { run_timer(); }).back(), "skip current collect");
+    run_timer();
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(ctx.collect_list, nullptr);
     EXPECT_EQ(ctx.collect_count, 0u);
-    EXPECT_EQ(root.read("/tmp/telemetry/post_done"), "");
     EXPECT_TRUE(ctx.collect_timer.pending);
 }
 
 TEST_F(TelemetryCollect, ALongListAsksForAnUploadAndShrinks) {
     const struct {
         size_t length;
-        size_t records; // of three that share the length
+        bool long_last; // else the first of the three records is the long one
+        size_t records;
         bool post;
-        const char *message;
     } cases[] = {
-        {kUploadThreshold - 1, 3, false, nullptr},
-        {kUploadThreshold, 3, true, "collect data excceed upload threshold 32768! need to upload now"},
-        {kMaxBackUpLength - 1, 3, true, "collect data excceed upload threshold 32768! need to upload now"},
-        {kMaxBackUpLength, 2, true, "collect data excceed max back up len 65536! need to shrink now"},
+        {kUploadThreshold - 1, true, 3, false}, {kUploadThreshold, true, 3, true},
+        {kMaxBackUpLength - 1, true, 3, true},  {kMaxBackUpLength, true, 2, true},
+        {kMaxBackUpLength, false, 2, false}, // short after it has shrunk
     };
+    static_assert(kUploadThreshold == 32768 && kMaxBackUpLength == 65536);
     for (const auto &c : cases) {
         telemetry_clear_collect_list(&ctx);
         uloop_timeout_cancel(&ctx.post_timer);
+        add_record(1, c.long_last ? 0 : c.length);
         add_record(1);
-        add_record(1);
-        add_record(1, c.length);
-        telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-        const OutputCapture log;
+        add_record(1, c.long_last ? c.length : 0);
+        EXPECT_EQ(collect_list_exceeds(&ctx, kMaxBackUpLength), c.length >= kMaxBackUpLength);
         run_timer();
         EXPECT_EQ(records(), c.records);
         EXPECT_EQ(ctx.post_timer.pending, c.post);
         EXPECT_LE(uloop_timeout_remaining64(&ctx.post_timer), 100);
-        EXPECT_TRUE(c.message == nullptr ? !log.has("excceed") : log.has(c.message));
     }
-}
-
-TEST_F(TelemetryCollect, AListThatShrinksBelowTheThresholdIsNotUploadedEarly) {
-    add_record(1, kMaxBackUpLength);
-    add_record(1);
-    add_record(1);
-    EXPECT_EQ(logged_messages([this] { run_timer(); }), Messages{}); // all of it is debug
-    EXPECT_EQ(records(), 2u);
-    EXPECT_FALSE(ctx.post_timer.pending);
 }
 
 // --- Cadence -----------------------------------------------------------------------------------------------
 
-TEST_F(TelemetryCollect, CadencesOfTheDefaults) {
-    // The flags worked out at the end of a cycle hold for the next one.
-    for (int cycle = 1; cycle <= 193; cycle++) {
-        EXPECT_EQ(ctx.collect_stgy2_now, (cycle == 97 || cycle == 193) ? 1u : 0u) << cycle;
-        EXPECT_EQ(ctx.collect_periodic_now, (cycle > 1 && cycle % 16 == 1) ? 1u : 0u) << cycle;
-        telemetry_increase_collect_count_and_update_next_collect_strategy(&ctx);
-    }
-}
-
-TEST_F(TelemetryCollect, CadencesOfOddIntervals) {
+TEST_F(TelemetryCollect, CadencesOfIntervals) {
     const struct {
         uint32_t interval1;
         uint32_t interval2;
         uint32_t count;
         uint32_t next_stgy2;
     } cases[] = {
-        {900000, 60000, 1, 0}, // shorter than a cycle: never
-        {0, 86400000, 1, 0},   // no cycle length: never
-        {0, 0, 95, 0},
-        {900000, 900000, 4, 1},  // every cycle
+        {900000, 86400000, 95, 1},
+        {900000, 86400000, 96, 0},
+        {900000, 60000, 1, 0},   // shorter than a cycle: never
+        {0, 86400000, 1, 0},     // no cycle length: never
         {900000, 1799999, 4, 1}, // rounded down to every cycle
         {900000, 1800000, 3, 1},
         {900000, 1800000, 4, 0},
         {0xffffffff, 0x80000000, 3, 0}, // -1 and the smallest number
         {0xffffffff, 2, 3, 1},          // a ratio of -2: every second cycle
         {0xffffffff, 2, 4, 0},
-        {900000, 0xfff24460, 8, 1}, // a ratio of -1
     };
     for (const auto &c : cases) {
         ctx.collect_interval_strategy1 = c.interval1;
@@ -363,31 +262,18 @@ TEST_F(TelemetryCollect, CadencesOfOddIntervals) {
         telemetry_increase_collect_count_and_update_next_collect_strategy(&ctx);
         EXPECT_EQ(ctx.collect_stgy2_now, c.next_stgy2) << c.interval1 << " " << c.interval2 << " " << c.count;
     }
-}
-
-TEST_F(TelemetryCollect, TheCycleCountWraps) {
-    ctx.collect_count = INT_MAX - 1;
+    ctx.collect_count = INT_MAX - 1; // the count wraps
     telemetry_increase_collect_count_and_update_next_collect_strategy(&ctx);
     EXPECT_EQ(ctx.collect_count, 0u);
-    EXPECT_EQ(ctx.collect_periodic_now, 0u); // worked out before the wrap
-    telemetry_increase_collect_count_and_update_next_collect_strategy(&ctx);
-    EXPECT_EQ(ctx.collect_count, 1u);
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    EXPECT_EQ(
-        logged_messages([] { telemetry_increase_collect_count_and_update_next_collect_strategy(nullptr); }),
-        Messages{"invalid"});
+    EXPECT_EQ(ctx.collect_periodic_now, 0u); // worked out before that
 }
 
 TEST_F(TelemetryCollect, ABadIntervalNeitherSpinsNorStops) {
     for (const uint32_t bad : {0u, 0x80000000u, 0xffff15a0u}) {
         telemetry_arm_collect_timer(&ctx, bad);
         telemetry_arm_post_timer(&ctx, bad);
-        const int64_t collect = uloop_timeout_remaining64(&ctx.collect_timer);
-        const int64_t post = uloop_timeout_remaining64(&ctx.post_timer);
-        EXPECT_GT(collect, 890000);
-        EXPECT_LE(collect, 900000);
-        EXPECT_GT(post, 14390000);
-        EXPECT_LE(post, 14400000);
+        EXPECT_NEAR(static_cast<double>(uloop_timeout_remaining64(&ctx.collect_timer)), 895000, 5000);
+        EXPECT_NEAR(static_cast<double>(uloop_timeout_remaining64(&ctx.post_timer)), 14395000, 5000);
     }
     // A pending timer is moved.
     telemetry_arm_collect_timer(&ctx, INT_MAX);
