@@ -3,15 +3,9 @@
 
 #include <cstring>
 
-#include <gmock/gmock.h>
-
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
-
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -49,56 +43,51 @@ TEST_F(TelemetryUciTest, ReadsAnOption) {
         {"p", "s", "e", 16, -3, "#", {"uci_lookup_option failed: e"}},
         {"", "s", "o", 16, -1, "#", {"param error"}},
         {"p", nullptr, "o", 16, -1, "#", {"param error"}},
-        {"p", "s", "", 16, -1, "#", {"param error"}},
         {"p", "s", "o", 0, -1, "#", {"param error"}},
     };
     const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
     for (const auto &c : cases) {
         SCOPED_TRACE(c.log.empty() ? c.buffer : c.log[0]);
         char buffer[16] = "#";
-        int result = 1;
-        EXPECT_EQ(logged_messages([&] {
-                      result = uci_get_value(uci.get(), c.package, c.section, c.option, buffer, c.size);
+        EXPECT_EQ(logged_result([&] {
+                      return uci_get_value(uci.get(), c.package, c.section, c.option, buffer, c.size);
                   }),
-                  c.log);
-        EXPECT_EQ(result, c.result);
+                  LoggedResult(c.result, c.log));
         EXPECT_STREQ(buffer, c.buffer);
         // The self-contained reader adds its own line, and knows one failure only.
         Messages log = c.log;
-        if (result != 0 && log[0] != "param error")
+        if (c.result != 0 && log[0] != "param error")
             log.push_back("uci_get_value " + std::string(c.package) + "." + c.section + "." + c.option +
                           " error");
-        EXPECT_EQ(logged_messages([&] {
-                      result = telemetry_get_uci_value(c.package, c.section, c.option, buffer, c.size,
-                                                       TELEMETRY_UCI_SYSTEM);
+        EXPECT_EQ(logged_result([&] {
+                      return telemetry_get_uci_value(c.package, c.section, c.option, buffer, c.size,
+                                                     TELEMETRY_UCI_SYSTEM);
                   }),
-                  log);
-        EXPECT_EQ(result, c.result == 0 ? 0 : -1);
+                  LoggedResult(c.result == 0 ? 0 : -1, log));
     }
     EXPECT_TRUE(uci_list_empty(&uci->root)); // nothing stays loaded
 }
 
 TEST_F(TelemetryUciTest, SourcesAreDirectories) {
-    root.write_backup("config a s\noption o backup\n");
-    root.write_config("telemetry", "config a s\noption o system\n");
-    root.write("/etc/profile.d/telemetry", "config a s\noption o profile\n");
     const struct {
         uint32_t source;
-        const char *value;
-    } cases[] = {{TELEMETRY_UCI_BACKUP, "backup"},
-                 {TELEMETRY_UCI_SYSTEM, "system"},
-                 {TELEMETRY_UCI_PROFILE, "profile"}};
-    for (const auto &[source, value] : cases) {
+        const char *path, *value;
+    } cases[] = {{TELEMETRY_UCI_BACKUP, "/tmp/telemetry/telemetry", "backup"},
+                 {TELEMETRY_UCI_SYSTEM, "/etc/config/telemetry", "system"},
+                 {TELEMETRY_UCI_PROFILE, "/etc/profile.d/telemetry", "profile"}};
+    for (const auto &c : cases)
+        root.write(c.path, "config a s\noption o " + std::string(c.value) + "\n");
+    for (const auto &c : cases) {
         char buffer[16] = "";
-        EXPECT_EQ(telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), source), 0);
-        EXPECT_STREQ(buffer, value);
+        EXPECT_EQ(telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), c.source), 0);
+        EXPECT_STREQ(buffer, c.value);
     }
     // Writers know two.
     EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "b2", TELEMETRY_UCI_BACKUP), 0);
     EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "s2", TELEMETRY_UCI_PROFILE), 0);
-    EXPECT_EQ(root.read("/tmp/telemetry/telemetry"), "\nconfig a 's'\n\toption o 'b2'\n\n");
-    EXPECT_EQ(root.read("/etc/config/telemetry"), "\nconfig a 's'\n\toption o 's2'\n\n");
-    EXPECT_EQ(root.read("/etc/profile.d/telemetry"), "config a s\noption o profile\n");
+    EXPECT_EQ(root.read(cases[0].path), "\nconfig a 's'\n\toption o 'b2'\n\n");
+    EXPECT_EQ(root.read(cases[1].path), "\nconfig a 's'\n\toption o 's2'\n\n");
+    EXPECT_EQ(root.read(cases[2].path), "config a s\noption o profile\n");
 }
 
 TEST_F(TelemetryUciTest, SetsAnOption) {
@@ -116,122 +105,81 @@ TEST_F(TelemetryUciTest, SetsAnOption) {
         {"t", "o", "w", -1, nullptr, {"uci_set p.t.o=w failed", "uci_set_value [w] error"}},
         {"s", "o-p", "w", -1, nullptr, {"uci_set p.s.o-p=w failed", "uci_set_value [w] error"}},
         {"s", "o", nullptr, -1, nullptr, {"param error"}},
-        {"", "o", "w", -1, nullptr, {"param error"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.option + std::string("=") + (c.value ? c.value : ""));
         root.write_config("p", before);
-        int result = 1;
-        EXPECT_EQ(logged_messages([&] {
-                      result =
-                          telemetry_set_uci_value("p", c.section, c.option, c.value, TELEMETRY_UCI_SYSTEM);
+        EXPECT_EQ(logged_result([&] {
+                      return telemetry_set_uci_value("p", c.section, c.option, c.value, TELEMETRY_UCI_SYSTEM);
                   }),
-                  c.log);
-        EXPECT_EQ(result, c.result);
+                  LoggedResult(c.result, c.log));
         EXPECT_EQ(root.read("/etc/config/p"), c.file ? c.file : before);
     }
-}
-
-TEST_F(TelemetryUciTest, SetCommitsWhenAsked) {
-    root.write_config("p", "config a 's'\n");
+    // Committed only when asked, and as far as it can be.
     const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    root.write_config("p", "config a 's'\n");
     EXPECT_EQ(uci_set_value(uci.get(), "p", "s", "o", "1", 0), 0);
     EXPECT_EQ(root.read("/etc/config/p"), "config a 's'\n");
-    root.write("/tmp/.uci", "no directory");
-    EXPECT_EQ(logged_messages([&] { EXPECT_EQ(uci_set_value(uci.get(), "p", "s", "o", "1", 1), -1); }),
-              Messages{"uci_commit failed"});
     root.remove("/tmp/.uci");
-    EXPECT_EQ(uci_set_value(uci.get(), "p", "s", "o", "1", 1), 0);
-    EXPECT_EQ(root.read("/etc/config/p"), "\nconfig a 's'\n\toption o '1'\n\n");
-    EXPECT_EQ(uci_set_value(nullptr, "p", "s", "o", "1", 1), -1);
+    root.write("/tmp/.uci", "no directory");
+    EXPECT_EQ(logged_result([&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); }),
+              LoggedResult(-1, {"uci_commit failed"}));
 }
 
 TEST_F(TelemetryUciTest, SetCreatesTheSection) {
+    const char *const add = "failed to find the specified section! add now";
     const struct {
         const char *file, *section, *type;
-        int result;
-        const char *expected;
+        const char *expected; // null: fails, and the file stays
         Messages log;
     } cases[] = {
-        {"",
-         "s",
-         nullptr,
-         0,
-         "\nconfig config 's'\n\toption o 'v'\n\n",
-         {"failed to find the specified section! add now"}},
-        {"",
-         "s",
-         "device",
-         0,
-         "\nconfig device 's'\n\toption o 'v'\n\n",
-         {"failed to find the specified section! add now"}},
-        {"config a s\n", "s", "device", 0, "\nconfig a 's'\n\toption o 'v'\n\n", {}},
-        {"config a\nconfig a\n", "@a[1]", nullptr, 0, "\nconfig a\n\nconfig a\n\toption o 'v'\n\n", {}},
-        {"",
-         "s t",
-         nullptr,
-         -1,
-         "",
-         {"failed to find the specified section! add now", "uci_rename p.cfg016c7b=s t failed"}},
-        {"config a 's\n",
-         "s",
-         nullptr,
-         -1,
-         "config a 's\n",
-         {"failed to find the specified section! add now", "Failed to uci_load package p"}},
+        {"", "s", nullptr, "\nconfig config 's'\n\toption o 'v'\n\n", {add}},
+        {"", "s", "device", "\nconfig device 's'\n\toption o 'v'\n\n", {add}},
+        {"config a s\n", "s", "device", "\nconfig a 's'\n\toption o 'v'\n\n", {}},
+        {"config a\nconfig a\n", "@a[1]", nullptr, "\nconfig a\n\nconfig a\n\toption o 'v'\n\n", {}},
+        {"", "s t", nullptr, nullptr, {add, "uci_rename p.cfg016c7b=s t failed"}},
+        {"config a 's\n", "s", nullptr, nullptr, {add, "Failed to uci_load package p"}},
     };
     const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.file) + c.section);
         root.write_config("p", c.file);
-        int result = 1;
-        EXPECT_EQ(logged_messages([&] {
-                      result = uci_set_value_with_create(uci.get(), "p", c.section, "o", "v", c.type, 1);
+        EXPECT_EQ(logged_result([&] {
+                      return uci_set_value_with_create(uci.get(), "p", c.section, "o", "v", c.type, 1);
                   }),
-                  c.log);
-        EXPECT_EQ(result, c.result);
-        EXPECT_EQ(root.read("/etc/config/p"), c.expected);
+                  LoggedResult(c.expected ? 0 : -1, c.log));
+        EXPECT_EQ(root.read("/etc/config/p"), c.expected ? c.expected : c.file);
         EXPECT_TRUE(uci_list_empty(&uci->root));
     }
     root.write_config("telemetry", "");
     EXPECT_EQ(telemetry_set_uci_value_in_telemetry_config("s", "o", "v"), 0);
     EXPECT_EQ(root.read("/etc/config/telemetry"), "\nconfig device 's'\n\toption o 'v'\n\n");
-    EXPECT_EQ(telemetry_set_uci_value_in_telemetry_config("", "o", "v"), -1);
 }
 
 TEST_F(TelemetryUciTest, ReadsEnabledValues) {
+    const Messages none, error = {"value enabled error"};
     const struct {
         const char *value;
         int expected;
         Messages log;
     } cases[] = {
-        {"on", 1, {}},
-        {"1", 1, {}},
-        {"true", 1, {}},
-        {"off", 0, {}},
-        {"0", 0, {}},
-        {"false", 0, {}},
-        {"TRUE", 0, {"value enabled error"}},
-        {"on ", 0, {"value enabled error"}},
-        {"one", 0, {"value enabled error"}},
-        {"", 0, {"uci_lookup_option failed: enable", "uci_get_value enabled error"}},
+        {"on", 1, none},    {"1", 1, none},
+        {"true", 1, none},  {"off", 0, none},
+        {"0", 0, none},     {"false", 0, none},
+        {"TRUE", 0, error}, {"on ", 0, error},
+        {"one", 0, error},  {"", 0, {"uci_lookup_option failed: enable", "uci_get_value enabled error"}},
     };
     for (const auto &[value, expected, log] : cases) {
-        SCOPED_TRACE(value);
         const std::string file = "config a s\noption enable '" + std::string(value) + "'\n";
         root.write_config("telemetry", file);
         root.write_backup(file);
-        for (uint32_t source : {TELEMETRY_UCI_BACKUP, TELEMETRY_UCI_SYSTEM, TELEMETRY_UCI_PROFILE}) {
-            int result = 2;
-            EXPECT_EQ(logged_messages([&] {
-                          result = telemetry_get_uci_enabled_value("telemetry", "s", "enable", source);
+        for (uint32_t source : {TELEMETRY_UCI_BACKUP, TELEMETRY_UCI_SYSTEM, TELEMETRY_UCI_PROFILE})
+            EXPECT_EQ(logged_result([&, v = source] {
+                          return telemetry_get_uci_enabled_value("telemetry", "s", "enable", v);
                       }),
-                      log);
-            EXPECT_EQ(result, expected);
-        }
+                      LoggedResult(expected, log))
+                << value;
     }
-    EXPECT_EQ(logged_messages([] { telemetry_get_uci_enabled_value(nullptr, "s", "enable", 1); }),
-              Messages{"param error"});
 }
 
 TEST_F(TelemetryUciTest, ReadsTheProfile) {
@@ -241,37 +189,29 @@ TEST_F(TelemetryUciTest, ReadsTheProfile) {
     const struct {
         const char *type, *option;
         int size;
-        int result;
-        const char *buffer;
+        const char *buffer; // "#" after a failure
         Messages log;
     } cases[] = {
-        {"feature", "support", 16, 0, "yes_always", {}},
-        {"feature", "support", 4, 0, "yes", {}},
-        {"feature", "none", 16, -1, "#", {"lookup ptr failed"}},
-        {"none", "support", 16, -1, "#", {"lookup ptr failed"}},
-        {"other", "support", 16, -1, "#", {"lookup ptr failed"}},
+        {"feature", "support", 16, "yes_always", {}},
+        {"feature", "support", 4, "yes", {}},
+        {"feature", "none", 16, "#", {"lookup ptr failed"}},
+        {"none", "support", 16, "#", {"lookup ptr failed"}},
+        {"other", "support", 16, "#", {"lookup ptr failed"}},
         // "profile.@a_type...[0].support" is cut to 49 characters.
-        {"a_type_with_a_name_that_fills_the_path", "support", 16, -1, "#", {"lookup ptr failed"}},
-        {"", "support", 16, -1, "#", {"invalid input!"}},
-        {"feature", nullptr, 16, -1, "#", {"invalid input!"}},
-        {"feature", "support", 0, -1, "#", {"invalid input!"}},
+        {"a_type_with_a_name_that_fills_the_path", "support", 16, "#", {"lookup ptr failed"}},
+        {"feature", nullptr, 16, "#", {"invalid input!"}},
+        {"feature", "support", 0, "#", {"invalid input!"}},
     };
+    char buffer[16];
     for (const auto &c : cases) {
-        char buffer[16] = "#";
-        int result = 1;
-        EXPECT_EQ(logged_messages([&] { result = uci_get_profile_option(c.type, c.option, buffer, c.size); }),
-                  c.log);
-        EXPECT_EQ(result, c.result);
+        strcpy(buffer, "#");
+        EXPECT_EQ(logged_result([&] { return uci_get_profile_option(c.type, c.option, buffer, c.size); }),
+                  LoggedResult(c.buffer[0] == '#' ? -1 : 0, c.log));
         EXPECT_STREQ(buffer, c.buffer);
     }
-    telemetry_debug_enable = 0; // the bare print has no gate
-    char buffer[4];
-    EXPECT_EQ(logged_messages([&] { uci_get_profile_option(nullptr, "o", buffer, 4); }),
-              Messages{"invalid input!"});
-    telemetry_debug_enable = 1;
     root.remove("/etc/profile.d/profile");
-    EXPECT_EQ(logged_messages([&] { uci_get_profile_option("feature", "support", buffer, 4); }),
-              Messages{"uci load profile failed"});
+    EXPECT_EQ(logged_result([&] { return uci_get_profile_option("feature", "support", buffer, 4); }),
+              LoggedResult(-1, {"uci load profile failed"}));
 }
 
 TEST_F(TelemetryUciTest, TraversesSectionsInOrder) {
@@ -285,12 +225,9 @@ TEST_F(TelemetryUciTest, TraversesSectionsInOrder) {
     };
     EXPECT_EQ(telemetry_traverse_config_section_and_do("p", note, &walked), 0);
     EXPECT_EQ(walked, "a1 b- a2 ");
-    EXPECT_EQ(logged_messages([&] {
-                  EXPECT_EQ(telemetry_traverse_config_section_and_do("p", nullptr, &walked), -1);
-                  EXPECT_EQ(telemetry_traverse_config_section_and_do(nullptr, note, &walked), -1);
-                  EXPECT_EQ(telemetry_traverse_config_section_and_do("none", note, &walked), -1);
-              }),
-              (Messages{"params error", "params error", "load uci package failed."}));
+    EXPECT_EQ(telemetry_traverse_config_section_and_do("p", nullptr, &walked), -1);
+    EXPECT_EQ(logged_result([&] { return telemetry_traverse_config_section_and_do("none", note, &walked); }),
+              LoggedResult(-1, {"load uci package failed."}));
 }
 
 } // namespace
