@@ -3,7 +3,6 @@
 #include "../docs/example_collector.cpp"
 
 #include <fstream>
-#include <sstream>
 
 #include <gmock/gmock.h>
 
@@ -17,25 +16,14 @@ namespace {
 
 std::string source_file(const std::string &name) {
     std::ifstream file(std::string(TEST_SOURCE_DIR) + "/" + name);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 // Content of the page's first block of a language.
 std::string block_of(const std::string &page, const std::string &language) {
     const std::string opening = "```" + language + "\n";
-    const size_t begin = page.find(opening);
-    if (begin == std::string::npos)
-        return {};
-    const size_t from = begin + opening.size();
+    const size_t from = page.find(opening) + opening.size();
     return page.substr(from, page.find("```", from) - from);
-}
-
-template <typename Action> std::string logged_text(Action action) {
-    const OutputCapture capture;
-    action();
-    return capture.text();
 }
 
 class ExampleCollector : public SysrootTest {
@@ -76,11 +64,11 @@ TEST_F(ExampleCollector, ReportsAgainOnlyAfterAChange) {
     root.write_config("led", "config light 'light'\n\toption enable '0'\n\toption colour 'white'\n"
                              "config night 'night'\n\toption end '6'\n");
     telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    std::string text;
-    const std::string said = logged_text([&] { text = run(); });
+    const OutputCapture said;
+    const std::string text = run();
     EXPECT_THAT(text, HasSubstr(R"("ep":{"en":0,"ne":6,"co":"white"},"cnt":3})"));
-    EXPECT_THAT(said, HasSubstr("] collect_led_info(")) << "the line is the collector's own";
-    EXPECT_THAT(said, HasSubstr("): collect led info successfully, now data collect count is: 3!\n"));
+    EXPECT_THAT(said.text(), HasSubstr("] collect_led_info(")) << "the line is the collector's own";
+    EXPECT_THAT(said.text(), HasSubstr("): collect led info successfully, now data collect count is: 3!\n"));
 }
 
 // The other pattern, with a collector of the same size.
@@ -98,17 +86,13 @@ TEST_F(ExampleCollector, ReportsABuiltObjectOnlyWhenItsDigestChanged) {
     const std::pair<const char *, bool> cases[] = {{"white", false}, {"white", true}, {"red", false}};
     for (const auto &[colour, same] : cases) {
         root.write_config("led", "config light 'light'\n\toption colour '" + std::string(colour) + "'\n");
-        const std::string said = logged_text(
-            [&] { telemetry_collect_data_by_module(&ctx, list.get(), "colours", collect_colours); });
-        EXPECT_EQ(said.find("] collect_colours(") != std::string::npos, same) << said;
-        EXPECT_EQ(said.find("): colours same\n") != std::string::npos, same) << said;
+        const OutputCapture said;
+        telemetry_collect_data_by_module(&ctx, list.get(), "colours", collect_colours);
+        EXPECT_EQ(said.has("] collect_colours("), same);
+        EXPECT_EQ(said.has("): colours same\n"), same);
     }
     ASSERT_EQ(cJSON_GetArraySize(list.get()), 2);
     EXPECT_THAT(telemetry_json_print(list.get()).get(), HasSubstr(R"("ep":{"cl":["red"]},"cnt":1})"));
-    EXPECT_EQ(ctx.data_collect_count, 2U);
-
-    EXPECT_FALSE(telemetry_attach_member(nullptr, "k", JsonPtr(cJSON_CreateArray())));
-    EXPECT_FALSE(telemetry_attach_element(nullptr, JsonPtr(cJSON_CreateArray())));
 }
 
 } // namespace
