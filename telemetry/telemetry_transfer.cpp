@@ -12,8 +12,8 @@
 #include "telemetry_utils.h"
 
 static constexpr int kTransferTimeoutMs = 50000;
-// More nodes than any mesh has.
-static constexpr int kMaxAnswers = 64;
+// More nodes than any mesh has: every answer that is none costs a line of the log.
+static constexpr int kMaxAnswers = 256;
 
 int ubus_client_call(const char *object, const char *method, blob_attr *arguments,
                      void (*reply)(blob_attr *message, void *user), void *user) {
@@ -203,10 +203,13 @@ void parseClientStaInfoMsg(const cJSON *result) {
         return;
     }
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(result, "client_sta_list");
+    bool empty_said = false; // once a list: it may have a hundred thousand of them
     for (const cJSON *entry = cJSON_IsArray(list) ? list->child : nullptr; entry != nullptr;
          entry = entry->next) {
         if (entry->child == nullptr) {
-            LOG_ERROR("pItem is NULL");
+            if (!empty_said)
+                LOG_ERROR("pItem is NULL");
+            empty_said = true;
             continue;
         }
         const char *address = json_text(entry, "mac_addr");
