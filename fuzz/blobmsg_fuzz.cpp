@@ -1,33 +1,17 @@
 // The bytes as a message from the bus (parse, walk, print) and as JSON text from a user (convert, print
 // again).
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
 #include <vector>
 
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
-
-struct text_release {
-    void operator()(char *text) const {
-        free(text);
-    }
-};
-using text_handle = std::unique_ptr<char, text_release>;
+#include "support/fuzz_root.h"
+#include "telemetry_handles.h"
 
 static const blobmsg_policy policy[] = {
     {"a", BLOBMSG_TYPE_STRING}, {"b", BLOBMSG_TYPE_INT32},  {"c", BLOBMSG_TYPE_TABLE},
     {"d", BLOBMSG_TYPE_ARRAY},  {"e", BLOBMSG_TYPE_UNSPEC}, {"f", BLOBMSG_CAST_INT64},
 };
 static constexpr int policy_len = static_cast<int>(ARRAY_SIZE(policy));
-
-static void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 // Every accessor on everything, checked or not; what a walk yields is sound in its length only.
 static void read_all(blob_attr *list, int depth) {
@@ -38,7 +22,7 @@ static void read_all(blob_attr *list, int depth) {
         sink = sink + strlen(blobmsg_name(pos)) + strlen(blobmsg_get_string(pos)) + blobmsg_get_u8(pos) +
                blobmsg_get_u16(pos) + blobmsg_get_u32(pos) + blobmsg_cast_u64(pos);
         blobmsg_check_array(pos, BLOBMSG_TYPE_UNSPEC);
-        text_handle value(blobmsg_format_json_value(pos));
+        TextPtr value(blobmsg_format_json_value(pos));
         if (depth < 4)
             read_all(pos, depth + 1);
     }
@@ -59,29 +43,24 @@ static void try_message(const uint8_t *data, size_t size) {
     blobmsg_parse_array(policy, policy_len, tb, blob_data(head), static_cast<unsigned int>(size));
     blob_parse_untrusted(head, exact.size(), tb, nullptr, policy_len);
     read_all(head, 0);
-    text_handle compact(blobmsg_format_json(head, true));
-    text_handle indented(blobmsg_format_json_indent(head, true, 0));
+    TextPtr compact(blobmsg_format_json(head, true));
+    TextPtr indented(blobmsg_format_json_indent(head, true, 0));
     require(!compact == !indented);
 }
 
 // What was converted is a sound message, and its text converts to a message with the same text.
 static void try_text(const std::string &text) {
-    blob_buf b = {};
-    blob_buf again = {};
-    require(blob_buf_init(&b, 0) == 0 && blob_buf_init(&again, 0) == 0);
-    if (blobmsg_add_json_from_string(&b, text.c_str()) && blob_len(b.head) > 0) {
-        blob_attr *tb[policy_len];
-        require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head),
-                              static_cast<unsigned int>(blob_len(b.head))) == 0);
-        text_handle first(blobmsg_format_json(b.head, true));
-        require(first && blobmsg_add_json_from_string(&again, first.get()));
-        text_handle second(blobmsg_format_json(again.head, true));
-        require(second && strcmp(first.get(), second.get()) == 0);
-    } else {
-        require(blob_len(b.head) == 0);
-    }
-    blob_buf_free(&b);
-    blob_buf_free(&again);
+    BlobBuffer b, again;
+    const bool added = blobmsg_add_json_from_string(b.get(), text.c_str());
+    const auto len = static_cast<unsigned int>(blob_len(b.head()));
+    if (!added || len == 0)
+        return require(len == 0);
+    blob_attr *tb[policy_len];
+    require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head()), len) == 0);
+    const TextPtr first(blobmsg_format_json(b.head(), true));
+    require(first && blobmsg_add_json_from_string(again.get(), first.get()));
+    const TextPtr second(blobmsg_format_json(again.head(), true));
+    require(second && strcmp(first.get(), second.get()) == 0);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

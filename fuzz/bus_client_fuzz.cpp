@@ -1,11 +1,11 @@
 // The client library's input: everything that a bus sends after its greeting, while the client looks up,
 // registers an object, calls and waits. The first byte tells what the client does.
 #include <cstdint>
-#include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "../hostlibs/ubus/ubus_internal.h"
+#include "support/fuzz_root.h"
 
 namespace {
 
@@ -61,8 +61,7 @@ void act(ubus_context *ctx, uint8_t what) {
         ubus_complete_request_async(ctx, &req);
     }
     ubus_handle_event(ctx);
-    if (!ctx->conn->ended || !list_empty(&ctx->requests))
-        abort(); // the stream is at its end, and nobody waits any more
+    require(ctx->conn->ended && list_empty(&ctx->requests)); // at the stream's end nobody waits any more
     ubus_shutdown(ctx);
 }
 
@@ -81,8 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ubus_context ctx;
     ubus_init(&ctx);
     ctx.connection_lost = [](ubus_context *) {};
-    if (!sent || !ubus_adopt_socket(&ctx, ends[0], 1000))
-        abort();
+    require(sent && ubus_adopt_socket(&ctx, ends[0], 1000));
     act(&ctx, data[0]);
     close(ends[1]);
     return 0;

@@ -2,7 +2,6 @@
 // arrive.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <iterator>
 #include <memory>
 
@@ -35,8 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             request->request_status = POST_REQUEST_FAILED;
     }
     call.on_complete(request.get());
-    if (context.ctx.post_state > TELEMETRY_POST_STATE_READY_FOR_UPLOAD || context.ctx.post_retry_count >= 5)
-        abort();
+    require(context.ctx.post_state <= TELEMETRY_POST_STATE_READY_FOR_UPLOAD &&
+            context.ctx.post_retry_count < 5);
     free(request->response.data);
     return 0;
 }

@@ -2,27 +2,19 @@
 // services as messages and as JSON, the answers to each opcode. The first byte chooses; telemetry_bus_call()
 // is the one of fake_services.h and hands the input over.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "../tests/support/fake_services.h"
 #include "collect/collectors.h"
+#include "support/fuzz_root.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_pre_collect.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 template <size_t N> void require_terminated(const char (&text)[N]) {
     require(strnlen(text, N) < N);
@@ -59,10 +51,12 @@ void check_snapshot() {
     telemetry_debug_level = TELEMETRY_LOG_INFO;
 }
 
-void report() {
+using Collector = decltype(&collect_client_list);
+
+void report(std::initializer_list<Collector> collectors) {
     static TelemetryCtx ctx;
     ctx.collect_periodic_now = 1;
-    for (const auto collect : {collect_client_list, collect_device_list}) {
+    for (const Collector collect : collectors) {
         const JsonPtr payload(cJSON_CreateObject());
         uint32_t count = 0;
         collect(&ctx, payload.get(), &count);
@@ -70,39 +64,14 @@ void report() {
     }
 }
 
-// A root of the fuzzer's own with what the steps read besides the input.
-const std::string &root() {
-    static const std::string directory = [] {
-        char name[] = "/tmp/mesh-fuzz-XXXXXX";
-        require(mkdtemp(name) != nullptr);
-        setenv("TELEMETRY_SYSROOT", name, 1);
-        const std::string made = name;
-        for (const char *part :
-             {"/etc", "/etc/config", "/etc/profile.d", "/tmp", "/tmp/sync-server", "/tmp/client_mgmt"})
-            require(mkdir((made + part).c_str(), 0700) == 0);
-        return made;
-    }();
-    return directory;
-}
-
-void write_file(const char *path, const uint8_t *data, size_t size) {
-    const FdHandle file(open((root() + path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    require(file.valid() && write(file.get(), data, size) == static_cast<ssize_t>(size));
-}
-
-void remove_root() {
-    const std::string command = "rm -rf " + root();
-    require(system(command.c_str()) == 0);
-}
-
 // The input as the reply of one service: as a message's bytes, or as JSON made a message.
 ServiceAnswer answer_of(const uint8_t *data, size_t size, bool json) {
     ServiceAnswer answer;
     answer.fill = [=](blob_buf *reply) {
+        const std::string text(reinterpret_cast<const char *>(data), size);
         if (!json)
             blob_put_raw(reply, data, static_cast<unsigned>(size));
-        else if (!blobmsg_add_json_from_string(
-                     reply, std::string(reinterpret_cast<const char *>(data), size).c_str()))
+        else if (!blobmsg_add_json_from_string(reply, text.c_str()))
             blob_buf_init(reply, 0);
     };
     return answer;
@@ -128,8 +97,6 @@ constexpr const char *kServices[] = {"tfstats.get", "client_mgmt.get_myself", "c
                                      "sync.request"};
 
 void run_service(int which) {
-    TelemetryCtx ctx = {};
-    ctx.collect_periodic_now = 1;
     int32_t count = 0;
     switch (which) {
     case 0:
@@ -148,23 +115,8 @@ void run_service(int which) {
     default:
         telemetry_collect_RE_device_info();
         telemetry_get_re_client_sta_list();
-        for (const auto collect : {collect_usb_info, collect_afc_info}) {
-            const JsonPtr payload(cJSON_CreateObject());
-            uint32_t items = 0;
-            collect(&ctx, payload.get(), &items);
-        }
+        report({collect_usb_info, collect_afc_info});
     }
-}
-
-// The satellites' system figures, as the collector that asks for them takes them; its own measurement is cut
-// short.
-void run_system() {
-    TelemetryCtx ctx = {};
-    ctx.collect_periodic_now = 1;
-    const JsonPtr payload(cJSON_CreateObject());
-    uint32_t items = 0;
-    collect_system_info(&ctx, payload.get(), &items);
-    require(telemetry_json_print(payload.get()) != nullptr);
 }
 
 } // namespace
@@ -174,8 +126,7 @@ extern "C" unsigned sleep(unsigned) {
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    root();
-    atexit(remove_root);
+    fuzz_root();
     // The log is what is read of the records, but nobody reads it.
     require(freopen("/dev/null", "w", stdout) != nullptr);
     return 0;
@@ -184,9 +135,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0)
         return 0;
-    const int choice = *data % 14;
-    data++;
+    const int choice = *data++ % 14;
     size--;
+    const std::string_view file(reinterpret_cast<const char *>(data), size);
     lay_out();
     fake_services.clear();
     fake_service_calls.clear();
@@ -195,18 +146,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         run_service(choice / 2);
     } else if (choice < 12) {
         fake_services["sync.request"] = answer_of(data, size, choice % 2 == 1);
-        run_system();
+        report({collect_system_info}); // it asks the satellites for their figures
     } else if (choice == 12) {
-        write_file(kReClientListPath, data, size);
+        fuzz_root().write(kReClientListPath, file);
         telemetry_complete_re_client_list_info();
     } else {
-        write_file(kMeshDeviceListPath, data, size);
+        fuzz_root().write(kMeshDeviceListPath, file);
         telemetry_init_device_list_info_from_file();
         telemetry_get_fap_ipaddr();
         telemetry_get_device_mac_by_id("a");
     }
     check_snapshot();
-    report();
+    report({collect_client_list, collect_device_list});
     telemetry_free_pre_collect_info();
     require(telemetry_pre_collect.clients == nullptr && telemetry_pre_collect.devices == nullptr);
     return 0;

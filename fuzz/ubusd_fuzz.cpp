@@ -5,10 +5,10 @@
 // "CLI0".."CLI2" the clients' ids; random as they are, no input could name them otherwise.
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include "../hostlibs/ubusd/ubusd.h"
+#include "support/fuzz_root.h"
 
 namespace {
 
@@ -37,9 +37,8 @@ void check_queue(ubusd_client &client) {
         bus_frame frame;
         bus_attrs attrs;
         std::string_view in(sent.data(), sent.size());
-        if (bus_reader_take(reader, in, frame) != bus_read::message || !in.empty() ||
-            !bus_attrs_parse(frame.attr(), attrs))
-            abort();
+        require(bus_reader_take(reader, in, frame) == bus_read::message && in.empty() &&
+                bus_attrs_parse(frame.attr(), attrs));
     }
     client.queue.clear();
     client.queue_bytes = 0;
@@ -73,14 +72,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         for (ubusd_client *client : clients)
             check_queue(*client);
     }
-    if (bystander.doomed || bystander.objects.size() != 1 || server.paths.count("bystander") != 1)
-        abort();
-
+    require(!bystander.doomed && bystander.objects.size() == 1 && server.paths.count("bystander") == 1);
     ubusd_client_drop(*clients[0]);
     ubusd_client_drop(*clients[1]);
     ubusd_reap(server);
-    if (server.clients.size() != 1 || server.objects.size() != 1)
-        abort();
+    require(server.clients.size() == 1 && server.objects.size() == 1);
     ubusd_stop(server);
     return 0;
 }

@@ -1,47 +1,24 @@
 // A context that may keep what it is told but never sends: the root says that the clock is not synchronised.
 #pragma once
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <string>
 
+#include "fuzz_root.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
 
-class FuzzRoot {
-  public:
-    FuzzRoot() {
-        char name[] = "/tmp/tlf-XXXXXX";
-        if (mkdtemp(name) == nullptr)
-            abort();
-        root_ = name;
-        setenv("TELEMETRY_SYSROOT", name, 1);
-        std::filesystem::create_directories(root_ + "/etc/config");
-        std::filesystem::create_directories(root_ + "/tmp");
-        std::ofstream(root_ + "/etc/config/telemetry")
-            << "config basic 'basic'\n\toption enable 'on'\n\nconfig cloud 'cloud'\n\nconfig strategy "
-               "'strategy'\n";
-        telemetry_debug_enable = 0;
-        uloop_init();
-    }
-    ~FuzzRoot() {
-        std::error_code ignored;
-        std::filesystem::remove_all(root_, ignored);
-    }
-    FuzzRoot(const FuzzRoot &) = delete;
-    FuzzRoot &operator=(const FuzzRoot &) = delete;
-
-  private:
-    std::string root_;
-};
-
 // Zero-filled but for what the calls need; its timers leave the loop with it.
 struct FuzzContext {
     FuzzContext() {
-        static const FuzzRoot root;
+        static const bool started = [] {
+            fuzz_root().write("/etc/config/telemetry",
+                              "config basic 'basic'\n\toption enable 'on'\n\n"
+                              "config cloud 'cloud'\n\nconfig strategy 'strategy'\n");
+            telemetry_debug_enable = 0;
+            return uloop_init() == 0;
+        }();
+        require(started);
         memset(&ctx, 0, sizeof(ctx));
         ctx.collect_timer.cb = [](uloop_timeout *) {};
         ctx.post_timer.cb = telemetry_post_data;

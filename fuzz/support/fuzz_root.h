@@ -1,0 +1,48 @@
+// What fuzz targets share: a check, and a router's root of their own that goes with the process.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+inline void require(bool holds) {
+    if (!holds)
+        abort();
+}
+
+class FuzzRoot {
+  public:
+    FuzzRoot() {
+        char name[] = "/tmp/tlf-XXXXXX";
+        require(mkdtemp(name) != nullptr);
+        root_ = name;
+        setenv("TELEMETRY_SYSROOT", name, 1);
+        for (const char *directory : {"/etc/config", "/etc/profile.d", "/tmp/telemetry", "/tmp/sync-server",
+                                      "/tmp/client_mgmt", "/var/run", "/save"})
+            std::filesystem::create_directories(root_ + directory);
+    }
+    ~FuzzRoot() {
+        std::error_code ignored;
+        std::filesystem::remove_all(root_, ignored);
+    }
+    FuzzRoot(const FuzzRoot &) = delete;
+    FuzzRoot &operator=(const FuzzRoot &) = delete;
+    // The real path of a router path.
+    std::string path(const std::string &router_path) const {
+        return root_ + router_path;
+    }
+    void write(const std::string &router_path, std::string_view content) const {
+        require(bool(std::ofstream(path(router_path), std::ios::binary) << content << std::flush));
+    }
+
+  private:
+    std::string root_;
+};
+
+// Made by the first call.
+inline const FuzzRoot &fuzz_root() {
+    static const FuzzRoot root;
+    return root;
+}
