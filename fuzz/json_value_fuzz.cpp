@@ -1,43 +1,40 @@
 // The option-to-JSON helpers and the JSON writer: any text, any type code, any tree that parses.
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
+#include "support/fuzz_root.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
-
-static void check(bool holds) {
-    if (!holds)
-        abort();
-}
 
 // What is printed has the measured length and parses again. Two decimals may lose digits and the sign of a
 // small number ("-0.00" is 0), but only once: after that the text stays as it is.
 static void check_printing(const cJSON *tree) {
     size_t length = 0;
     const TextPtr text = telemetry_json_print(tree, &length);
-    check(text != nullptr && strlen(text.get()) == length);
-    check(telemetry_json_length(tree) == static_cast<long>(length));
+    require(text != nullptr && strlen(text.get()) == length);
+    require(telemetry_json_length(tree) == static_cast<long>(length));
     const JsonPtr again(cJSON_Parse(text.get()));
-    check(again != nullptr);
+    require(again != nullptr);
     const TextPtr second = telemetry_json_print(again.get());
-    check(second != nullptr);
+    require(second != nullptr);
     const JsonPtr settled(cJSON_Parse(second.get()));
     const TextPtr third = telemetry_json_print(settled.get());
-    check(third != nullptr && strcmp(second.get(), third.get()) == 0);
-    check(telemetry_json_print_formatted(tree) != nullptr);
+    require(third != nullptr && strcmp(second.get(), third.get()) == 0);
+    require(telemetry_json_print_formatted(tree) != nullptr);
 }
 
 static void try_values(const std::string &text, int type) {
     const JsonPtr object(cJSON_CreateObject());
     const int length = static_cast<int>(text.size() + 1);
     telemetry_add_value_to_cJSON_object(object.get(), "v", text.c_str(), type % 4);
-    telemetry_add_value_list_to_cJSON_object(object.get(), "l", text.c_str(), length, 4 + type % 4);
+    const int result =
+        telemetry_add_value_list_to_cJSON_object(object.get(), "l", text.c_str(), length, 4 + type % 5);
+    const cJSON *list = cJSON_GetObjectItem(object.get(), "l");
+    require((result == 0) == (list != nullptr) && cJSON_GetArraySize(list) <= 128);
     telemetry_add_mac_md5_to_cJSON_object(object.get(), "m", text.c_str());
     check_printing(object.get());
     char mac[18];
-    check(mac_to_upper_short_line(mac, text.c_str()) == 0);
+    require(mac_to_upper_short_line(mac, text.c_str()) == 0);
     telemetry_is_host(text.c_str());
 }
 
