@@ -1,5 +1,7 @@
 // The collectors of settings and of files that other programs leave: what each reports, when, what a source
 // that is missing, empty, huge or garbage costs, and what satellites may answer.
+#include <sstream>
+
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -35,9 +37,9 @@ struct Module {
         std::string from, to;
         const char *reported;
     } change;
+    const char *empty = "{}";    // first report when all sources are empty
+    const char *broken = "{}";   // the same when none can be read
     const char *repeated = "{}"; // when nothing changed
-    const char *broken = "{}";   // first report when no source can be read
-    const char *empty = "{}";    // first report when all are empty
 };
 
 #define OWN R"("dm":"e359fe905bfbbfddf6e237cd09d724de")"       // digest of 02-00-00-00-01-01, this node
@@ -68,8 +70,6 @@ const Module kQos = {
              "option mode gaming;config device;option mac hush;config device;config application;"}},
     R"({"en":1,"ub":40000,"db":5000000000.00,"um":"gaming","pn":2,"an":1})",
     {"40000", "50000", R"({"en":1,"ub":50000,"db":5000000000.00,"um":"gaming"})"},
-    "{}",
-    "{}",
     R"({"pn":0,"an":0})"};
 
 const Module kQuicksetup = {
@@ -97,8 +97,6 @@ const Module kAdvanced = {
      {"ddns", "config service a;option enabled 0;config service b;option enabled on;"}},
     VPN R"("dd":1})",
     {"b;option enabled on", "b;option enabled 0", VPN R"("dd":0})"},
-    "{}",
-    "{}",
     R"({"wgs":0,"vn":0,"vd":0,"pf":0,"dd":0})"};
 
 const Module kRestart = {
@@ -110,15 +108,17 @@ const Module kRestart = {
      {"/tmp/telemetry/restart", "3\n"}},
     R"({"rr":"upgrade","rn":2,"rt":1754000000123.00,"rs":1,"rw":["sat","sun"],"ut":5000000000.00,"tn":3})",
     {"list days sat;list days sun", "list days fri", R"({"rs":1,"rw":["fri"],"ut":5000000000.00,"tn":3})"},
+    "{}",
+    "{}",
     R"({"ut":5000000000.00,"tn":3})"};
 
+#define NO_USB R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})"
 const Module kUsb = {{collect_usb_info, false, nullptr},
                      {{"usb", "config usb settings;option usb_enable on;"}},
                      R"({"ul":[{)" OWN R"(,"ue":1,"cc":1,"ut":0}]})",
                      {" on", " 0", R"({"ul":[{)" OWN R"(,"ue":0,"cc":1,"ut":0}]})"},
-                     "{}",
-                     R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})",
-                     R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})"};
+                     NO_USB,
+                     NO_USB};
 
 const Module kAfc = {
     {collect_afc_info, true, "afc"},
@@ -129,9 +129,9 @@ const Module kAfc = {
     GRANTED,
     {R"("granted","expires_in":7200)", R"("at 48.1 N","expires_in":1e999)",
      R"({"al":[{)" OWN R"(,"en":1,"cl":[{"oc":131,"ch":37,"pw":30.50}]}]})"},
-    GRANTED,
     R"({"al":[{)" OWN R"(,"en":0}]})",
-    R"({"al":[{)" OWN R"(,"en":0}]})"};
+    R"({"al":[{)" OWN R"(,"en":0}]})",
+    GRANTED};
 
 const Module kHavenguard = {
     {collect_havenguard_v2_info, true, nullptr},
@@ -145,9 +145,9 @@ const Module kHavenguard = {
      {"/tmp/havenguard/stats", R"({"blocked_pages":73,"last":"hush"})"}},
     R"({"wp":1,"ac":1,"am":"deny","an":1,"cs":1,"cn":1,"di":0,"dn":2,"pn":3,"ps":2,"pt":1,"ab":1,"bn":1,"wb":73})",
     {"73", "74", R"({"wb":74})"},
-    R"({"wb":73})",
+    R"({"an":0,"cn":0,"dn":0,"pn":0,"ps":0,"pt":0,"bn":0})",
     "{}",
-    R"({"an":0,"cn":0,"dn":0,"pn":0,"ps":0,"pt":0,"bn":0})"};
+    R"({"wb":73})"};
 
 const Module *const kModules[] = {&kEcoMode, &kIptv, &kQos, &kQuicksetup, &kAdvanced,
                                   &kRestart, &kUsb,  &kAfc, &kHavenguard};
@@ -274,6 +274,9 @@ TEST_F(FurtherInfo, ABrokenSourceCostsItsMembersAndIsNamed) {
             if (!content.empty()) {
                 EXPECT_THAT(log, HasSubstr("[telemetry]["));
             }
+            for (const Source &source : module->sources)
+                write_source(source.name, source.content);
+            EXPECT_EQ(collect(*module), module->reported);
         }
         // One at a time, a directory, a pipe nobody writes to, missing: the others' members stay.
         for (const Source &gone : module->sources) {
@@ -329,34 +332,26 @@ TEST_F(FurtherInfo, HugeListsAreBounded) {
 }
 
 TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
-    const struct {
-        std::vector<Source> files; // below /sys/bus/usb/devices
-        const char *entry;
-    } cases[] = {
-        {{{"usb1/bDeviceClass", "09"}, {"usb1/idVendor", "1d6b"}}, R"("ut":0}])"},
-        {{{"1-1/bDeviceClass", "09\n"},
-          {"1-1.2/bDeviceClass", "07\n"},
-          {"1-1.2/idVendor", "03F0\n"},
-          {"1-1.2/idProduct", "1f17\n"}},
+    // Files below /sys/bus/usb/devices.
+    const std::pair<std::string, const char *> cases[] = {
+        {"usb1/bDeviceClass=09 usb1/idVendor=1d6b", R"("ut":0}])"},
+        {"1-1/bDeviceClass=09 1-1.2/bDeviceClass=07 1-1.2/idVendor=03F0 1-1.2/idProduct=1f17",
          R"("ut":3,"vi":"03F0","pi":"1f17"}])"},
-        // A modem that brings its own drive.
-        {{{"2-1/bDeviceClass", "00"}, {"2-1:1.0/bInterfaceClass", "08"}, {"2-1:1.1/bInterfaceClass", "0a"}},
-         R"("ut":2}])"},
-        // A camera, its interface of no known class, before a stick.
-        {{{"1-1/bDeviceClass", "ef"},
-          {"1-1:1.0/bInterfaceClass", "0e"},
-          {"1-2/bDeviceClass", "00"},
-          {"1-2:1.0/bInterfaceClass", "08"}},
+        // A modem that brings its own drive; a camera, its interface of no known class, before a stick.
+        {"2-1/bDeviceClass=00 2-1:1.0/bInterfaceClass=08 2-1:1.1/bInterfaceClass=0a", R"("ut":2}])"},
+        {"1-1/bDeviceClass=ef 1-1:1.0/bInterfaceClass=0e 1-2/bDeviceClass=00 1-2:1.0/bInterfaceClass=08",
          R"("ut":4}])"},
-        {{{"1-1/bDeviceClass", "08"}, {"1-1/idVendor", "$(x)"}, {"1-1/idProduct", "12345"}}, R"("ut":1}])"},
-        {{{"1-1;reboot/idVendor", "1234"}, {"$(reboot)/idVendor", "1234"}}, R"("ut":0}])"},
+        {"1-1/bDeviceClass=08 1-1/idVendor=$(x) 1-1/idProduct=12345", R"("ut":1}])"},
+        {"1-1;reboot/idVendor=1234 $(reboot)/idVendor=1234", R"("ut":0}])"},
     };
-    for (const auto &port : cases) {
-        SCOPED_TRACE(port.files[0].name);
+    for (const auto &[files, entry] : cases) {
+        SCOPED_TRACE(files);
         lay_out(kUsb);
-        for (const Source &file : port.files)
-            root.write("/sys/bus/usb/devices/" + file.name, file.content);
-        EXPECT_THAT(collect(kUsb), HasSubstr(port.entry));
+        std::istringstream words(files);
+        for (std::string word; words >> word;)
+            root.write("/sys/bus/usb/devices/" + word.substr(0, word.find('=')),
+                       word.substr(word.find('=') + 1) + "\n");
+        EXPECT_THAT(collect(kUsb), HasSubstr(entry));
     }
 }
 
@@ -416,8 +411,8 @@ TEST_F(FurtherInfo, WhatSatellitesAnswerWronglyCostsThatAnswer) {
         lay_out(*module);
         answer(answers(5000, R"({"mac":"020000000#"})"));
         collect(*module);
-        EXPECT_EQ(count, 65u);
-        EXPECT_THAT(log, HasSubstr("more than 64 nodes"));
+        EXPECT_LT(count, 300u);
+        EXPECT_THAT(log, HasSubstr("nodes answered, the rest is left out"));
         lay_out(*module);
         fake_services.clear();
         EXPECT_EQ(collect(*module), module->reported);

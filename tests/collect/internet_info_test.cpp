@@ -121,30 +121,11 @@ TEST_F(InternetInfo, DelaysOfTheDayAreThoseOfTheConfiguredHostsOrTheGateways) {
 TEST_F(InternetInfo, NoTextFromOutsideReachesAShell) {
     collect();
     const std::string touch = "touch " + root.path("/marker");
-    const std::string hostile[] = {"198.51.100.1;" + touch,
-                                   "`" + touch + "`",
-                                   "$(" + touch + ")",
-                                   "198.51.100.1\n" + touch,
-                                   "198.51.100.1\rtouch",
-                                   "a|" + touch,
-                                   "a&" + touch,
-                                   "a>" + root.path("/marker"),
-                                   "-f",
-                                   "--help",
-                                   "-c9",
-                                   "198.51.100.1 -s 9",
-                                   "'",
-                                   "\"",
-                                   "\\",
-                                   "*",
-                                   "a/b",
-                                   "$HOME",
-                                   std::string(300, 'a'),
-                                   "\xc3\xa9.example",
-                                   "2001:db8::1%eth0",
-                                   "a\tb",
-                                   "~root",
-                                   "a'b'"};
+    std::vector<std::string> hostile = {"-f", "--help", "$(" + touch + ")", "`" + touch + "`",
+                                        "\xc3\xa9.example"};
+    hostile.emplace_back(254, 'a');
+    for (const char c : std::string(" \t\r\n;|&<>()$`'\"\\*?~/%!#{}[]=,_@+^"))
+        hostile.push_back(std::string("2001:db8::1") + c + touch);
     for (const std::string &text : hostile) {
         SCOPED_TRACE(text);
         // As a configured host.
