@@ -23,9 +23,10 @@ static constexpr int kLowpowerTimeoutMs = 1000;
 
 // --- CPU ---
 
+// Ticks of all processors. Sums wrap as 32-bit figures do after months of uptime.
 struct CpuSample {
-    int total;
-    int busy;
+    uint32_t total;
+    int32_t busy;
 };
 
 static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
@@ -39,20 +40,18 @@ static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
         LOG_ERROR("fget failed!");
         return -1;
     }
-    // Sums wrap as 32-bit figures do after months of uptime.
-    unsigned counters[10] = {};
-    unsigned total = 0;
+    uint32_t counters[10] = {};
+    uint32_t total = 0;
     const char *place = line + strcspn(line, " ");
-    for (unsigned &counter : counters) {
+    for (uint32_t &counter : counters) {
         char *end = nullptr;
-        counter = static_cast<unsigned>(strtoul(place, &end, 10));
+        counter = static_cast<uint32_t>(strtoul(place, &end, 10));
         if (end == place)
             return -1;
         place = end;
         total += counter;
     }
-    const int busy = static_cast<int>(total - counters[3] - counters[4]);
-    *sample = {static_cast<int>(total), busy < 0 ? 0 : busy};
+    *sample = {total, std::max(static_cast<int32_t>(total - counters[3] - counters[4]), 0)};
     return 0;
 }
 
@@ -68,12 +67,8 @@ int telemetry_system_info_get_cpu_info() {
         LOG_ERROR("get cpu info failed!");
         return -1;
     }
-    int64_t total = static_cast<int64_t>(second.total) - first.total;
-    int64_t busy = static_cast<int64_t>(second.busy) - first.busy;
-    if (total <= 0)
-        total = 1;
-    if (busy < 0)
-        busy = 0;
+    const int64_t total = std::max(static_cast<int32_t>(second.total - first.total), 1);
+    const int64_t busy = std::max<int64_t>(static_cast<int64_t>(second.busy) - first.busy, 0);
     return static_cast<int>(busy * 100 / total);
 }
 
@@ -112,12 +107,17 @@ int telemetry_system_info_get_mem_info(int kind) {
 
 // --- Figures of this node ---
 
-// The number in a small file, which then replaces *number.
+// The number in a small file, which then replaces *number. A text in its place ("<unknown>" is what the
+// kernel says of a frequency that it cannot measure) is as good as no file.
 static bool read_number_file(const char *path, int *number) {
     char text[128];
     if (telemetry_parse_file(path, text, sizeof(text)) != 0)
         return false;
-    *number = telemetry_text_to_int(text);
+    char *end = nullptr;
+    const long long value = strtoll(text, &end, 10);
+    if (end == text)
+        return false;
+    *number = static_cast<int>(value);
     return true;
 }
 
