@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
 
 #include "collect/cloud_info.h"
@@ -44,10 +45,19 @@ template <size_t N> static constexpr int rows(const TelemetryIndexEntry (&)[N]) 
     return static_cast<int>(N);
 }
 
+// Without O_NONBLOCK a pipe that nobody writes to would hold the loop for ever.
+static FilePtr open_file(const char *path, int flags, const char *mode) {
+    const int fd = open(telemetry_path(path).c_str(), flags | O_NONBLOCK | O_CLOEXEC);
+    FilePtr file(fd >= 0 ? fdopen(fd, mode) : nullptr);
+    if (!file && fd >= 0)
+        close(fd);
+    return file;
+}
+
 int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *count) {
     if (!telemetry_file_exists(kHeartbeatTimeoutPath))
         return 0;
-    const FilePtr file(fopen(telemetry_path(kHeartbeatTimeoutPath).c_str(), "r+"));
+    const FilePtr file = open_file(kHeartbeatTimeoutPath, O_RDWR, "r+");
     if (!file) {
         LOG_ERROR("open file %s failed", kHeartbeatTimeoutPath);
         return -1;
@@ -132,7 +142,7 @@ int telemetry_update_upgrade_config(const char *node_id, const char *version) {
 }
 
 int telemetry_check_device_upgrade(cJSON *payload, uint32_t *count) {
-    const FilePtr file(fopen(telemetry_path(kMeshDeviceListPath).c_str(), "r"));
+    const FilePtr file = open_file(kMeshDeviceListPath, O_RDONLY, "r");
     if (!file) {
         LOG_ERROR("can not open file: %s, wait first probe of sync", kMeshDeviceListPath);
         return -1;
