@@ -8,11 +8,6 @@
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
 
-static constexpr int kStationBands = 2;
-static constexpr int kNetworkTypes = 4;
-// What the driver can report of one interface, for every query of a pass over bands and network types.
-static constexpr uint32_t kStationCapacity = kStationBands * kNetworkTypes * 64;
-
 using StationArray = std::unique_ptr<ClientStaInfo, HandleRelease<free>>;
 
 // Takes out what a repeated query of the same interface added again: entries from `added` on whose MAC stands

@@ -10,6 +10,11 @@
 inline constexpr int kWiredPortCount = 16;
 inline constexpr int kBackhaulSlots = 4;
 inline constexpr int kBackhaulBands = 2;
+// One pass over the access point interfaces asks every band for every network type.
+inline constexpr int kStationBands = 2;
+inline constexpr int kNetworkTypes = 4;
+// Room for all that the driver can report in such a pass: 64 stations an interface.
+inline constexpr uint32_t kStationCapacity = kStationBands * kNetworkTypes * 64;
 // Size of the buffers for the mesh device list, the satellites' client list and the work mode file.
 inline constexpr size_t kListFileSize = 65536;
 

@@ -17,11 +17,6 @@
 #include "telemetry_pre_collect.h"
 #include "telemetry_utils.h"
 
-// Stations of one radio interface that the driver can report, and the interfaces that are asked: four network
-// types on each of two bands.
-static constexpr uint32_t kStationsPerInterface = 64;
-static constexpr uint32_t kStationRoom = 2 * 4 * kStationsPerInterface;
-
 static int reply_failure(ubus_context *bus, ubus_request_data *request) {
     BlobBuffer reply;
     return telemetry_ubus_reply(bus, request, reply.get(), -1);
@@ -69,12 +64,12 @@ int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data
     std::unique_ptr<ClientStaInfo[]> stations;
     uint32_t found = 0;
     if (client_num > 0) {
-        stations.reset(new (std::nothrow) ClientStaInfo[kStationRoom]());
+        stations.reset(new (std::nothrow) ClientStaInfo[kStationCapacity]());
         if (!stations) {
             LOG_ERROR("malloc failed");
             return reply_failure(bus, request);
         }
-        ClientStaList list = {static_cast<uint8_t>(client_num), kStationRoom, stations.get()};
+        ClientStaList list = {static_cast<uint8_t>(client_num), kStationCapacity, stations.get()};
         // What could be gathered counts, also when one of the interfaces does not answer.
         telemetry_get_client_sta_info(&list, &found);
     } else {
@@ -82,7 +77,7 @@ int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data
     }
     BlobBuffer reply;
     void *array = blobmsg_open_array(reply.get(), "client_sta_list");
-    for (uint32_t i = 0; i < std::min(found, kStationRoom); ++i)
+    for (uint32_t i = 0; i < std::min(found, kStationCapacity); ++i)
         add_station(reply.get(), stations[i]);
     blobmsg_close_array(reply.get(), array);
     return telemetry_ubus_reply(bus, request, reply.get(), 0);
