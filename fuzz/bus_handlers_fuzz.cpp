@@ -17,7 +17,7 @@
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 
-// --- The platform: no waiting, no driver, and commands that only show what would reach a shell -------------
+// --- The platform: no waiting, no driver, and commands that only show what would reach a shell ---
 
 extern "C" unsigned sleep(unsigned) {
     return 0;

@@ -12,7 +12,7 @@
 
 using Messages = std::vector<std::string>;
 
-// --- Collectors and snapshot of the test's own, in the place of the daemon's -------------------------------
+// --- Collectors and snapshot of the test's own, in the place of the daemon's ---
 
 static int stub_result;
 static uint32_t stub_count;
@@ -59,7 +59,7 @@ void telemetry_free_pre_collect_info() {
     calls.push_back("release");
 }
 
-// --- Fixture -----------------------------------------------------------------------------------------------
+// --- Fixture ---
 
 class TelemetryCollect : public SysrootTest {
   protected:
@@ -110,7 +110,7 @@ class TelemetryCollect : public SysrootTest {
     TelemetryCtx ctx;
 };
 
-// --- List --------------------------------------------------------------------------------------------------
+// --- List ---
 
 TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
     const struct {
@@ -149,7 +149,7 @@ TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
     EXPECT_EQ(ctx.data_collect_count, 0u);
 }
 
-// --- Records -----------------------------------------------------------------------------------------------
+// --- Records ---
 
 TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
     const struct {
@@ -177,7 +177,7 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
                  "{\"eid\":\"qos_info\",\"ct\":17,\"ep\":{\"from\":\"collect_qos_info\"},\"cnt\":7}");
 }
 
-// --- Cycle -------------------------------------------------------------------------------------------------
+// --- Cycle ---
 
 TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
     stub_count = 2;
@@ -235,7 +235,7 @@ TEST_F(TelemetryCollect, ALongListAsksForAnUploadAndShrinks) {
     }
 }
 
-// --- Cadence -----------------------------------------------------------------------------------------------
+// --- Cadence ---
 
 TEST_F(TelemetryCollect, CadencesOfIntervals) {
     const struct {

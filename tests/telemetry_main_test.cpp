@@ -15,7 +15,7 @@ using Messages = std::vector<std::string>;
 
 int telemetry_main();
 
-// --- The subsystems that start-up calls, as the test wants them --------------------------------------------
+// --- The subsystems that start-up calls, as the test wants them ---
 
 static std::vector<std::string> calls;
 static bool pool_fails;
@@ -59,7 +59,7 @@ void telemetry_post_data(uloop_timeout *) {}
 
 void telemetry_collect_data(uloop_timeout *) {}
 
-// --- Fixture -----------------------------------------------------------------------------------------------
+// --- Fixture ---
 
 class TelemetryMain : public SysrootTest {
   protected:
@@ -116,7 +116,7 @@ class TelemetryMain : public SysrootTest {
     TelemetryCtx ctx;
 };
 
-// --- Steps -------------------------------------------------------------------------------------------------
+// --- Steps ---
 
 TEST_F(TelemetryMain, InitFillsTheRecord) {
     uloop_init();
@@ -244,7 +244,7 @@ TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
     EXPECT_EQ(out.text(), "still here");
 }
 
-// --- The whole ---------------------------------------------------------------------------------------------
+// --- The whole ---
 
 TEST_F(TelemetryMain, AFailingStepIsNamedAndTheLast) {
     const auto init = [this] { return logged_result([this] { return telemetry_init_ctx(&ctx); }); };

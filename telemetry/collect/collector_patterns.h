@@ -37,7 +37,7 @@ template <int Counts> struct CollectorMessage {
 using CollectorCountMessage = CollectorMessage<1>;
 using CollectorPlainMessage = CollectorMessage<0>;
 
-// --- A watched table: every row is reported when any of them changed ---------------------------------------
+// --- A watched table: every row is reported when any of them changed ---
 
 // Nothing when no row differs from what was last reported; otherwise all rows with a value go into `payload`,
 // *count grows by one a member, and `success` is logged (debug) with the count. 0, or -1 without a
@@ -54,7 +54,7 @@ int telemetry_collect_watched_table(const TelemetryIndexEntry (&table)[Rows], Co
     return telemetry_collect_watched_rows(table, static_cast<int>(Rows), success, payload, count);
 }
 
-// --- The digest of a built object: reported as a block when its text changed -------------------------------
+// --- The digest of a built object: reported as a block when its text changed ---
 
 // 1 when `object` differs from the one last reported as package/name (and is now the recorded one); 0 with
 // the message `unchanged` (debug) when it is the same, and 0 when the digest cannot be kept.
@@ -67,7 +67,7 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
                                      uint32_t items, CollectorPlainMessage unchanged, cJSON *payload,
                                      uint32_t *count);
 
-// --- Readings ----------------------------------------------------------------------------------------------
+// --- Readings ---
 
 // The whole number that a one-line file of a driver or the kernel begins with ("73124881932",
 // "86400.27 9.1"). false, with one log line, when the file cannot be read or begins otherwise. `path` is the
@@ -77,7 +77,7 @@ bool telemetry_read_number_file(const char *path, uint64_t *number);
 // Adds a number under `key` and raises *count.
 void telemetry_add_reading(cJSON *payload, const char *key, double number, uint32_t *count);
 
-// --- Trees -------------------------------------------------------------------------------------------------
+// --- Trees ---
 
 // Hands `item` over to `object` under `key`, or to the end of `array`. false, with `item` released, when
 // either is missing or memory ran out.

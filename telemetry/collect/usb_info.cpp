@@ -131,7 +131,7 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
     return 0;
 }
 
-// --- Every node --------------------------------------------------------------------------------------------
+// --- Every node ---
 
 // Ids are there only with a device.
 static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
