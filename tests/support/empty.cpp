@@ -1,1 +1,0 @@
-// Keeps the support library a library while no other helper has a source file.
