@@ -29,21 +29,19 @@ static void expect_same_as_cjson(const cJSON *item) {
 }
 
 TEST(TelemetryJson, NumbersFollowTheWireFormat) {
-    const std::pair<double, const char *> cases[] = {{-0.0, "0"},
-                                                     {-10304, "-10304"},
-                                                     {INT_MAX, "2147483647"},
-                                                     {INT_MIN, "-2147483648"},
-                                                     {2147483648.0, "2147483648.00"},
-                                                     {-2147483649.0, "-2147483649.00"},
-                                                     {9007199254740991.0, "9007199254740991.00"},
-                                                     {-9007199254740994.0, "-9007199254740994.00"},
-                                                     {2147483647.5, "2147483647.50"},
-                                                     {1e21, "1000000000000000000000.00"},
-                                                     {99.999, "100.00"},
-                                                     {0.125, "0.12"},
-                                                     /* a tie goes to the even digit */ {-0.001, "-0.00"},
-                                                     {NAN, "null"},
-                                                     {-INFINITY, "null"}};
+    const std::pair<double, const char *> cases[] = {
+        {-0.0, "0"},
+        {INT_MAX, "2147483647"},
+        {INT_MIN, "-2147483648"},
+        {2147483648.0, "2147483648.00"},
+        {-9007199254740994.0, "-9007199254740994.00"},
+        {2147483647.5, "2147483647.50"},
+        {1e21, "1000000000000000000000.00"},
+        {0.125, "0.12"}, // a tie goes to the even digit
+        {-0.001, "-0.00"},
+        {NAN, "null"},
+        {-INFINITY, "null"},
+    };
     for (const auto &[value, text] : cases)
         EXPECT_EQ(print(JsonPtr(cJSON_CreateNumber(value)).get()), text);
 }
@@ -139,16 +137,16 @@ TEST(TelemetryJson, OddTreesPrintAsByCJson) {
     cJSON_AddItemReferenceToObject(tree.get(), "again", shared.get());
     cJSON_AddItemToObjectCS(tree.get(), "constant", cJSON_CreateObjectReference(shared->child));
     cJSON_AddItemToObject(tree.get(), "", cJSON_CreateRaw(""));
-    for (cJSON *item :
-         {cJSON_AddNullToObject(tree.get(), "k"), cJSON_AddStringToObject(tree.get(), "t", "x")}) {
-        char *&text =
-            cJSON_IsString(item) ? item->valuestring : item->string; // one without a key, one without a text
-        cJSON_free(text);
-        text = nullptr;
+    // One without a key, one without a text.
+    cJSON *keyless = cJSON_AddNullToObject(tree.get(), "k");
+    cJSON *textless = cJSON_AddStringToObject(tree.get(), "t", "x");
+    for (char **text : {&keyless->string, &textless->valuestring}) {
+        cJSON_free(*text);
+        *text = nullptr;
     }
     expect_same_as_cjson(tree.get());
 
-    // What has no text makes the whole unprintable.
+    // What is no item makes the whole unprintable.
     cJSON *raw = cJSON_AddRawToObject(tree.get(), "bad", "x");
     raw->type = cJSON_Invalid;
     EXPECT_EQ(print(tree.get()), "(null)");

@@ -1,5 +1,5 @@
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <dlfcn.h>
 #include <limits>
 #include <string>

@@ -231,49 +231,29 @@ TEST_F(TelemetryUbusQueryTest, OnlyAnAddressReachesThePing) {
     EXPECT_FALSE(root.exists("/bin/ping6.log"));
 }
 
-TEST_F(TelemetryUbusQueryTest, UsbReportsTheFirstDeviceThatIsNoHub) {
+// What these find is tested with their records; here is how it is answered.
+TEST_F(TelemetryUbusQueryTest, UsbAndAfcState) {
     const std::string mac = R"("mac":"0A-0B-0C-0D-0E-0F","err_code":0})";
-    std::filesystem::create_directories(root.path(kBackupConfigDir));
     root.write_backup("");
     EXPECT_EQ(call("collect_usb_info").json,
-              R"({"usb_enable":0,"config_is_change":0,"usb_type":0,"vendor_id":"",)"
-              R"("product_id":"",)" +
-                  mac);
-    const auto device = [&](const std::string &name, const char *device_class, const char *interface_class) {
-        const std::string directory = std::string(kUsbDeviceDir) + "/" + name;
-        root.write(directory + "/bDeviceClass", std::string(device_class) + "\n");
-        root.write(directory + "/idVendor", "0781\n");
-        root.write(directory + "/idProduct", "55a9\n");
-        root.write(directory + ":1.0/bInterfaceClass", std::string(interface_class) + "\n");
-    };
-    device("usb1", "09", "09");
-    device("1-1", "09", "09");
-    device("1-1.2", "00", "08");
+              R"({"usb_enable":0,"config_is_change":0,"usb_type":0,"vendor_id":"","product_id":"",)" + mac);
+    const std::string device = std::string(kUsbDeviceDir) + "/1-1.2";
+    root.write(device + "/bDeviceClass", "00\n");
+    root.write(device + "/idVendor", "0781\n");
+    root.write(device + "/idProduct", "55a9\n");
+    root.write(device + ":1.0/bInterfaceClass", "08\n");
     root.write_config("usb", "config settings 'settings'\n\toption usb_enable 'on'\n");
     const std::string storage = R"("usb_type":1,"vendor_id":"0781","product_id":"55a9",)" + mac;
     EXPECT_EQ(call("collect_usb_info").json, R"({"usb_enable":1,"config_is_change":1,)" + storage);
     EXPECT_EQ(call("collect_usb_info").json, R"({"usb_enable":1,"config_is_change":0,)" + storage);
-    // A modem that brings its own drive, and one with a broken id.
-    device("1-1.2", "02", "08");
-    root.write(std::string(kUsbDeviceDir) + "/1-1.2/idVendor", "$(id)\n");
-    EXPECT_EQ(call("collect_usb_info").json,
-              R"({"usb_enable":1,"config_is_change":0,"usb_type":2,"vendor_id":"",)"
-              R"("product_id":"55a9",)" +
-                  mac);
-}
 
-TEST_F(TelemetryUbusQueryTest, AfcStateLeavesOutWhatIsNoState) {
-    const std::string tail = R"("mac":"0A-0B-0C-0D-0E-0F","err_code":0})";
-    EXPECT_EQ(call("collect_afc_info").json, R"({"en":0,)" + tail);
+    EXPECT_EQ(call("collect_afc_info").json, R"({"en":0,)" + mac);
     root.write_config("afc", "config afc 'afc'\n\toption enable '1'\n");
     root.write(kAfcStatusPath,
                R"({"state":"granted","expires_in":3600,"location":{"lat":1.5},"channels":[)"
                R"({"op_class":131,"channel":5,"max_eirp":30.5},{"channel":"x"},{"channel":9}]})");
     EXPECT_EQ(call("collect_afc_info").json,
-              R"({"en":1,"st":"granted","ex":3600,"cl":[{"oc":131,"ch":5,"pw":30.500000},{"ch":9}],)" + tail);
-    for (const char *garbage : {"", "[1,2]", "{\"state\":", "\x01\x02"}) {
-        root.write(kAfcStatusPath, garbage);
-        EXPECT_EQ(call("collect_afc_info").json, R"({"en":1,)" + tail);
-        EXPECT_THAT(messages, Contains(HasSubstr("holds no JSON object")));
-    }
+              R"({"en":1,"st":"granted","ex":3600,"cl":[{"oc":131,"ch":5,"pw":30.500000},{"ch":9}],)" + mac);
+    root.write(kAfcStatusPath, "{\"state\":");
+    EXPECT_EQ(call("collect_afc_info").json, R"({"en":1,)" + mac);
 }

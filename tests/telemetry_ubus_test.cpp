@@ -1,5 +1,5 @@
-// The bus object over a real bus: its methods and policies, every command's effect, hostile arguments, the
-// state dump, and the connection's loss and return.
+// The bus object over a real bus: every command's effect, hostile arguments, the state dump, and the
+// connection's loss and return.
 #include "telemetry_ubus.h"
 
 #include <cstring>
