@@ -15,7 +15,7 @@
 #include "telemetry_collect.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_transfer.h"
 #include "telemetry_utils.h"
 
 extern "C" unsigned sleep(unsigned) {

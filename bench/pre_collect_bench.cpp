@@ -14,7 +14,10 @@
 #include "sysroot.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_pre_client.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_satellites.h"
+#include "telemetry_snapshot.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The status light: whether it is on, and the hours in which it stays dark. Reported on a change.
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
+#include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kLedOptions[] = {

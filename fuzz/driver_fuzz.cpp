@@ -6,7 +6,7 @@
 #include <linux/wireless.h>
 #include <vector>
 
-#include "collect/mtk/telemetry_platform_mtk.h"
+#include "telemetry_platform_mtk.h"
 #include "support/fuzz_root.h"
 #include "telemetry_log.h"
 

@@ -11,8 +11,8 @@
 #include <unistd.h>
 
 #include "../tests/support/fake_services.h"
-#include "collect/collectors.h"
-#include "collect/restart_info.h"
+#include "collectors.h"
+#include "restart_info.h"
 #include "telemetry_json.h"
 #include "telemetry_paths.h"
 #include "telemetry_utils.h"

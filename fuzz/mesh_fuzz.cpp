@@ -7,12 +7,16 @@
 #include <unistd.h>
 
 #include "../tests/support/fake_services.h"
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "support/fuzz_root.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_pre_client.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_pre_device.h"
+#include "telemetry_satellites.h"
+#include "telemetry_snapshot.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "collect/restart_info.h"
+#include "restart_info.h"
 #include "telemetry_collect.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"

@@ -1,6 +1,6 @@
 // "advanced_info": VPN servers and client, and what is opened towards the internet, when it changed.
-#include "collect/collectors.h"
-#include "collect/setting_rows.h"
+#include "collectors.h"
+#include "setting_rows.h"
 #include "telemetry_log.h"
 
 static constexpr SettingRow kAdvancedRows[] = {

@@ -7,14 +7,15 @@
 #include <new>
 #include <utility>
 
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
-#include "collect/node_list.h"
+#include "collector_patterns.h"
+#include "collectors.h"
+#include "node_list.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
+#include "telemetry_transfer.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <iterator>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
 
 // By client_type. Code 0 is "unknown" in the table and goes out as "other", like codes beyond it.

@@ -5,13 +5,14 @@
 #include <fcntl.h>
 #include <string>
 
-#include "collect/cloud_info.h"
-#include "collect/collectors.h"
+#include "cloud_info.h"
+#include "collectors.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 static constexpr int kFirstLineSize = 128;

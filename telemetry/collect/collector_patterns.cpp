@@ -1,4 +1,4 @@
-#include "collect/collector_patterns.h"
+#include "collector_patterns.h"
 
 #include <charconv>
 #include <cstring>

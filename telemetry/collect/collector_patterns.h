@@ -7,7 +7,7 @@
 #include <cjson/cJSON.h>
 
 #include "telemetry_handles.h"
-#include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 
 // A literal message together with the place that names it: log lines carry the collector's function and line,
 // not this helper's. Counts are the "%d" conversions that the text must hold, no other conversion is

@@ -3,10 +3,10 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
 
 // The node's preferred uplink; nothing when it prefers none or one that the mesh does not have.

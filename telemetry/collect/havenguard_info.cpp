@@ -1,7 +1,7 @@
 // "havenguard_info_v2": settings of the security suite when they changed, its counters always.
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
-#include "collect/setting_rows.h"
+#include "collector_patterns.h"
+#include "collectors.h"
+#include "setting_rows.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"

@@ -4,13 +4,14 @@
 #include <cstring>
 #include <string>
 
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
+#include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 static constexpr int kStatusTimeoutMs = 1000;

@@ -1,7 +1,8 @@
 // "iptv_info": IPTV settings, when they changed.
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
+#include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kIptvTable[] = {

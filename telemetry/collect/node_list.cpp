@@ -1,9 +1,9 @@
-#include "collect/node_list.h"
+#include "node_list.h"
 
 #include <cstring>
 #include <utility>
 
-#include "collect/collector_patterns.h"
+#include "collector_patterns.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_utils.h"

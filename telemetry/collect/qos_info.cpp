@@ -1,8 +1,9 @@
 // "qos_info": bandwidth and mode, and how many devices and applications have priority, when they changed.
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
-#include "collect/setting_rows.h"
+#include "collector_patterns.h"
+#include "collectors.h"
+#include "setting_rows.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kQosTable[] = {

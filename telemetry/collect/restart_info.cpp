@@ -1,14 +1,15 @@
 // "restart_info": why and when the router restarted, its restart schedule, uptime and starts of this daemon.
-#include "collect/restart_info.h"
+#include "restart_info.h"
 
 #include <cstdint>
 #include <iterator>
 
-#include "collect/collector_patterns.h"
-#include "collect/collectors.h"
+#include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kRestartTable[] = {

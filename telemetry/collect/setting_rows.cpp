@@ -1,4 +1,4 @@
-#include "collect/setting_rows.h"
+#include "setting_rows.h"
 
 #include <cstring>
 

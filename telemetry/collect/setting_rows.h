@@ -6,7 +6,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "collect/collector_patterns.h"
+#include "collector_patterns.h"
 
 enum SettingKind {
     SETTING_FLAG,     // option of a named section: 1 for "on", "1", "true", otherwise 0

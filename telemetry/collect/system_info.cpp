@@ -1,5 +1,5 @@
 // "system_info": every node's load, memory, temperatures, connections and low-power figures.
-#include "collect/system_info.h"
+#include "system_info.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,13 +7,14 @@
 #include <memory>
 #include <unistd.h>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
+#include "telemetry_transfer.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 

@@ -1,6 +1,6 @@
 // "wireless_host_info", "wireless_guest_info", "wireless_iot_info": a network's settings in each band, when
 // they changed.
-#include "collect/collectors.h"
+#include "collectors.h"
 
 #include <array>
 #include <cstdio>
@@ -8,9 +8,10 @@
 #include <cstring>
 #include <utility>
 
-#include "collect/collector_patterns.h"
-#include "collect/wlan_platform.h"
+#include "collector_patterns.h"
+#include "wlan_platform.h"
 #include "telemetry_log.h"
+#include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
 static constexpr int kValueSize = 128;

@@ -1,11 +1,11 @@
 // Bad and unusual sources of the cloud record; what it is in a sound home, the home's records show.
-#include "collect/cloud_info.h"
+#include "cloud_info.h"
 
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"

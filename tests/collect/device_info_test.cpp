@@ -3,11 +3,12 @@
 
 #include <gmock/gmock.h>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "sysroot.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
 
 using testing::ElementsAre;
 using testing::EndsWith;

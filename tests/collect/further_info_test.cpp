@@ -6,13 +6,13 @@
 
 #include <gmock/gmock.h>
 
-#include "collect/collectors.h"
-#include "collect/restart_info.h"
+#include "collectors.h"
+#include "restart_info.h"
 #include "fake_services.h"
 #include "sysroot.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
-#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
 
 using ::testing::HasSubstr;
 using ::testing::Not;

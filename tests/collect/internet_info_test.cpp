@@ -2,7 +2,7 @@
 // echo.
 #include <gmock/gmock.h>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "fake_services.h"
 #include "sysroot.h"
 #include "telemetry_json.h"

@@ -1,15 +1,16 @@
 // Load, memory, temperatures of this node from files of the root, the satellites' from answers on the bus.
 // The 3 seconds between the two CPU samples are replaced by the second sample.
-#include "collect/system_info.h"
+#include "system_info.h"
 
 #include <gmock/gmock.h>
 
-#include "collect/collectors.h"
+#include "collectors.h"
 #include "fake_services.h"
 #include "sysroot.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
 
 using testing::Contains;
 using testing::ElementsAre;

@@ -1,9 +1,9 @@
 // The wireless collectors on real configuration files, with an operation table of this file for the driver.
-#include "collect/collectors.h"
+#include "collectors.h"
 
 #include <gmock/gmock.h>
 
-#include "collect/wlan_platform.h"
+#include "wlan_platform.h"
 #include "sysroot.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"

@@ -1,0 +1,425 @@
+// The snapshot's client side, step by step, from services, files and a driver that answer what each test
+// says.
+#include "telemetry_pre_client.h"
+#include "telemetry_pre_collect.h"
+#include "telemetry_snapshot.h"
+
+#include <cstring>
+#include <sstream>
+
+#include <malloc.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fake_services.h"
+#include "sysroot.h"
+#include "telemetry_log.h"
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// Bytes that the process has allocated; where a sanitizer owns the heap, it is the one to ask.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+static int64_t allocated_bytes() {
+    return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes != nullptr
+                                    ? __sanitizer_get_current_allocated_bytes()
+                                    : mallinfo2().uordblks);
+}
+
+static constexpr char kReList[] = "/tmp/client_mgmt/re_client_list";
+static constexpr const char *kModules[] = {"iot_kiro", "iot_zuna", "philips_hue", "matter"};
+
+// --- A driver: stations by interface; names as on the board, the fourth network type has none
+
+struct Radio {
+    std::map<std::string, std::vector<ClientStaInfo>> stations;
+    std::vector<std::string> asked;
+    std::string failing_query;
+    int failing_type = 3;
+};
+static Radio radio;
+
+static int fake_if_name(int32_t band, int32_t type, char *name, int32_t size) {
+    if (type == radio.failing_type || type > 2)
+        return 0;
+    constexpr int kDigits[] = {2, 4, 5};
+    snprintf(name, static_cast<size_t>(size), "%s%d", band == 0 ? "ra" : "rax", kDigits[type]);
+    return 1;
+}
+
+static int fake_stations(const char *ifname, ClientStaList *list, uint32_t *count) {
+    radio.asked.push_back(ifname);
+    if (radio.failing_query == ifname || *ifname == '\0')
+        return 0;
+    for (const ClientStaInfo &station : radio.stations[ifname]) {
+        if (*count < list->capacity)
+            list->stations[(*count)++] = station;
+    }
+    return 1;
+}
+
+static ClientStaInfo station(int number, uint32_t rate, uint8_t is_mlo = 0) {
+    const auto high = static_cast<uint8_t>(number >> 8), low = static_cast<uint8_t>(number);
+    return {{2, 0, 0, 2, high, low}, {2, 0, 0, 9, high, low}, 3, rate, rate + 1, is_mlo};
+}
+
+// --- Services
+
+static ServiceAnswer tfstats(int total, const std::string &entries) {
+    return {"{\"total\":" + std::to_string(total) + ",\"tfslist\":[" + entries + "]}"};
+}
+
+// Entries of the statistics, in order, the whole row of them `times`.
+static std::string tfs_entries(std::initializer_list<const char *> macs, int times = 1) {
+    std::string text;
+    for (int i = 0; i < times; ++i) {
+        for (const char *mac : macs)
+            text += std::string(text.empty() ? "" : ",") + R"({"ip":"1","mac":")" + mac + "\"}";
+    }
+    return text;
+}
+
+class PreClientTest : public SysrootTest {
+  protected:
+    PreClientTest() : before_(wlan_platform_ops) {
+        operations_.get_band_if_name = fake_if_name;
+        operations_.get_band_client_sta_info = fake_stations;
+        wlan_platform_ops = &operations_;
+        radio = {};
+        fake_service_calls.clear();
+        fake_services = {
+            {"tfstats.get", tfstats(3, R"({"ip":"10.0.0.1","mac":"02:00:00:02:00:01","retx_byte":5000000000},
+                {"ip":"10.0.0.2","mac":"020000020002"},{"ip":"10.0.0.3","mac":"02-00-00-02-00-03"})")},
+            {"client_mgmt.get_myself",
+             {R"({"a":{"mac":"02:00:00:02:00:01","hostname":"phone","wire_type":"wireless","is_guest":7,
+                "connection_type":"5G","device_id":"MAIN","network_type":2,"signal_level_2g":1,
+                "signal_level_5g":70,"signal_level_6g":9,"client_type":2},
+                "n":5,"e":{},"x":{"mac":"02:00:00:02:00:99"}})"}},
+            {"client_mgmt.get",
+             {R"({"b":{"mac":"02:00:00:02:00:02","client_type":6},"c":{"mac":"02:00:00:02:00:03"}})"}},
+            {"sync.list", {R"({"MAIN":{"mac":"02:00:00:01:00:01"},"SAT":{"mac":"02:00:00:01:00:02"}})"}}};
+        root.write(kReList,
+                   R"([{"mac":"020000020002","hostname":"tv","is_mlo":true,"is_guest":0,"device_id":"SAT",
+            "wire_type":"wired","connection_type":"eth","network_type":1,"signal_level_2g":44,
+            "signal_level_5g":55,"client_type":5},{"mac":7},4])");
+        for (const char *module : kModules)
+            root.write_config(module, "");
+    }
+    ~PreClientTest() override {
+        telemetry_free_pre_collect_info();
+        wlan_platform_ops = before_;
+        telemetry_debug_level = TELEMETRY_LOG_INFO;
+    }
+    // The messages of a build, each followed by a bar.
+    static std::string build(int expected) {
+        std::string text;
+        for (const std::string &line :
+             logged_messages([&] { EXPECT_EQ(telemetry_pre_clients_info(), expected); }))
+            text += line + "|";
+        return text;
+    }
+    static PreClientInfo &client(int index) {
+        return telemetry_get_client_info_list()[index];
+    }
+    // What is known of a client, without its identification as IoT device.
+    static std::string fields(int index) {
+        const PreClientInfo &it = client(index);
+        std::ostringstream text;
+        text << it.ipaddr << ' ' << it.mac << ' ' << it.retx_byte << '/' << it.rerx_byte;
+        if (it.is_exist != 0)
+            text << ' ' << it.hostname << ' ' << it.wire_type << ' ' << it.connection_type << ' '
+                 << it.device_id << " guest " << int{it.is_guest} << " mlo " << int{it.is_mlo} << " network "
+                 << it.network_type << " levels " << it.signal_level_2g << ' ' << it.signal_level_5g
+                 << " type " << it.client_type;
+        text << " on " << it.ap_mac << ' ' << static_cast<int32_t>(it.phymode) << ' '
+             << static_cast<int32_t>(it.rxrate) << ' ' << static_cast<int32_t>(it.txrate);
+        return text.str();
+    }
+    WlanPlatformOps operations_ = {};
+    const WlanPlatformOps *before_;
+};
+
+TEST_F(PreClientTest, EveryFieldHasItsSource) {
+    radio.stations["rax2"] = {station(1, 866), station(2, 100, 1)};
+    EXPECT_EQ(build(0), "get band ifname failed|get band ifname failed|");
+    ASSERT_EQ(telemetry_get_client_num(), 3);
+    EXPECT_EQ(fields(0),
+              "10.0.0.1 02-00-00-02-00-01 5000000000/0 phone wireless 5G MAIN guest 1 mlo 0 network 2 "
+              "levels 1 70 type 2 on 02-00-00-01-00-01 3 866 867");
+    // The station of this number is another one's multi-link address.
+    EXPECT_EQ(fields(1), "10.0.0.2 02-00-00-02-00-02 0/0 tv wired eth SAT guest 0 mlo 1 network 1 "
+                         "levels 44 55 type 6 on 02-00-00-01-00-02 -1 -1 -1");
+    EXPECT_EQ(fields(2), "10.0.0.3 02-00-00-02-00-03 0/0 on  -1 -1 -1");
+    EXPECT_EQ(telemetry_get_myself_client_num_value(), 2); // entries that parse, known or not
+
+    std::vector<std::string> calls;
+    for (const ServiceCall &call : fake_service_calls) {
+        calls.push_back(call.name + call.arguments);
+        EXPECT_EQ(call.timeout_ms, 5000);
+    }
+    EXPECT_THAT(calls,
+                ElementsAre("tfstats.get", "client_mgmt.get_myself", R"(client_mgmt.get{"request_type":0})",
+                            "sync.list", "client_mgmt.get_myself"));
+    EXPECT_EQ(get_telemetry_pre_client_info("02:00:00:02:00:01"), &client(0));
+    EXPECT_EQ(get_telemetry_pre_client_info("0200"), &client(0));           // by prefix
+    EXPECT_EQ(get_telemetry_pre_client_info("02:00:00:02:00:03"), nullptr); // not confirmed
+    EXPECT_EQ(get_telemetry_pre_client_info(""), nullptr);
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
+    const auto dump = logged_messages([] { telemetry_print_client_info(); });
+    EXPECT_EQ(std::count(dump.begin(), dump.end(), "wire_type : wireless"), 2);
+    EXPECT_EQ(dump.size(), 3u * 22);
+}
+
+// Answers that are none.
+static constexpr char kAbsent[] = "absent", kUnreachable[] = "unreachable", kFailed[] = "failed",
+                      kSilent[] = "silent";
+
+static void set_answer(const std::string &service, const std::string &reply) {
+    fake_services[service] = {reply};
+    if (reply == kAbsent)
+        fake_services.erase(service);
+    else if (reply == kUnreachable)
+        fake_services[service].error = TELEMETRY_BUS_NO_CONNECTION;
+    else if (reply == kFailed)
+        fake_services[service].error = TELEMETRY_BUS_CALL_FAILED;
+    else if (reply == kSilent)
+        fake_services[service].has_data = false;
+}
+
+TEST_F(PreClientTest, StepsThatFail) {
+    const std::string fits(65533, ' ');
+    struct Row {
+        std::string source; // a service's method, or a file
+        std::string answer;
+        bool fatal;
+        const char *messages;
+    };
+    const Row rows[] = {
+        {"tfstats.get", kAbsent, true, "lookup tfstats project failed|pre_collect ubus clients info error|"},
+        {"tfstats.get", kFailed, true, "ubus_invoke failed|pre_collect ubus clients info error|"},
+        {"tfstats.get", kUnreachable, true, "ubus connect failed|pre_collect ubus clients info error|"},
+        {"tfstats.get", R"({"total":3})", true,
+         "blobmsg prase tfstats array failed|clients info list is NULL|pre_collect RE clients info failed|"},
+        {"tfstats.get", R"({"total":"3","tfslist":{}})", true, "blobmsg prase tfstats array failed|"},
+        {"tfstats.get", kSilent, true, "clients info list is NULL|"},
+        {"tfstats.get", R"({"total":0,"tfslist":[]})", true, "clients info list is NULL|"},
+        {"tfstats.get", R"({"total":2,"tfslist":[{"ip":"1"},{"mac":"02"},7]})", true, "clients number is 0|"},
+        {"client_mgmt.get_myself", kAbsent, true,
+         "lookup client_mgmt project failed|pre_collect AP clients info failed|"},
+        {"client_mgmt.get_myself", kFailed, true, "pre_collect AP clients info failed|"},
+        {"client_mgmt.get", kFailed, false, "ubus_invoke failed|"},
+        {"client_mgmt.get", kSilent, false, ""},
+        {kReList, kAbsent, true,
+         "open file /tmp/client_mgmt/re_client_list fialed|pre_collect RE clients info failed|"},
+        {kReList, "", true, "cJSON parse failed|"},
+        {kReList, R"({"a":{"mac":"02"}})", true, "cJSON parse failed|"},
+        {kReList, "[]", false, ""},
+        {kReList, "[" + fits + "]", false, ""},
+        {kReList, "[ " + fits + "]", true, "cJSON parse failed|"}, // its end is beyond the buffer
+        {"sync.list", kAbsent, true, "lookup client_mgmt project failed|pre_collect get sync list failed|"},
+        {"sync.list", kSilent, true, "sync list get NULL|pre_collect get sync list failed|"},
+        {"sync.list", R"({"MAIN":7,"SAT":[{"mac":"x"}]})", false, ""},
+        {"/etc/config/iot_zuna", kAbsent, false, "uci_load failed, package=iot_zuna.|"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.source + " " + row.answer.substr(0, 60));
+        const auto services = fake_services;
+        const bool file = row.source[0] == '/';
+        const std::string content = root.read(row.source);
+        if (!file)
+            set_answer(row.source, row.answer);
+        else if (row.answer == kAbsent)
+            root.remove(row.source);
+        else
+            root.write(row.source, row.answer);
+        EXPECT_THAT(build(row.fatal ? -1 : 0), HasSubstr(row.messages));
+        EXPECT_EQ(telemetry_get_client_info_list() == nullptr, row.fatal);
+        EXPECT_EQ(telemetry_get_client_num(), row.fatal ? 0 : 3);
+        fake_services = services;
+        if (file)
+            root.write(row.source, content);
+        build(0); // whole again
+        EXPECT_EQ(telemetry_get_client_num(), 3);
+    }
+    // Only the second reading of the own clients fails.
+    int readings = 0;
+    fake_services["client_mgmt.get_myself"].fill = [&](blob_buf *) {
+        if (++readings == 1)
+            fake_services["client_mgmt.get_myself"].error = TELEMETRY_BUS_CALL_FAILED;
+    };
+    EXPECT_THAT(build(-1), HasSubstr("|pre_collect get client sta list failed|"));
+}
+
+TEST_F(PreClientTest, TotalIsBoundedByWhatIsThere) {
+    const std::string many = tfs_entries({"02:00:00:02:00:09"}, 5000);
+    struct Row {
+        int total;
+        std::string entries;
+        int clients;
+        std::vector<std::string> messages;
+    };
+    const Row rows[] = {
+        {3, R"({"ip":"1","mac":"02"},{"mac":"03"},{"ip":"3","mac":"04"})", 2, {}},
+        {2, tfs_entries({"02", "03", "04"}), 2, {"tfslist has more than 2 entries, cut"}},
+        {9, tfs_entries({"02"}), 1, {}},
+        {4096, many, 4096, {"tfslist has more than 4096 entries, cut"}},
+        {INT32_MAX, tfs_entries({"02"}), 1, {"tfstats announces 2147483647 clients, using 4096"}},
+        {-1, many, 0, {"tfstats announces -1 clients, using 0"}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.total);
+        fake_services["tfstats.get"] = tfstats(row.total, row.entries);
+        EXPECT_EQ(logged_messages([] { EXPECT_EQ(telemetry_get_client_list_from_tfstats(), 0); }),
+                  row.messages);
+        EXPECT_EQ(telemetry_get_client_num(), row.clients);
+    }
+}
+
+TEST_F(PreClientTest, LongTextsAreCutAndSaidOnce) {
+    const std::string text(5000, 't');
+    std::string entry = R"({"mac":"02:00:00:02:00:01")";
+    for (const char *key : {"hostname", "wire_type", "connection_type", "device_id"})
+        entry += std::string(",\"") + key + "\":\"" + text + "\"";
+    entry += "}";
+    fake_services["client_mgmt.get_myself"] = {R"({"a":)" + entry + R"(,"b":)" + entry + "}"};
+    root.write(kReList, "[" + entry + "]");
+    fake_services["tfstats.get"] = tfstats(1, R"({"ip":")" + text + R"(","mac":"02:00:00:02:00:01:ff:ff"})");
+    EXPECT_THAT(build(0),
+                HasSubstr("tfstats: 1 texts are too long and were cut, the first is a ip|"
+                          "client_mgmt: 8 texts are too long and were cut, the first is a hostname|" +
+                          std::string(kReList) + ": 4 texts are too long and were cut"));
+    EXPECT_EQ(client(0).ipaddr, text.substr(0, 15));
+    EXPECT_EQ(client(0).hostname, text.substr(0, 63));
+    EXPECT_EQ(client(0).wire_type, text.substr(0, 15));
+    EXPECT_EQ(client(0).connection_type, text.substr(0, 15));
+    EXPECT_EQ(client(0).device_id, text.substr(0, 127));
+    EXPECT_STREQ(client(0).mac, "02-00-00-02-00-01");
+}
+
+TEST_F(PreClientTest, IotDevices) {
+    fake_services["tfstats.get"] = tfstats(2, tfs_entries({"02:00:00:02:00:01", "02:00:00:02:00:03"}));
+    struct Row {
+        std::map<std::string, std::string> packages;
+        const char *module, *category;
+    };
+    const auto device = [](const char *mac, const char *category = nullptr) {
+        return std::string("config d\n\toption mac '") + mac + "'\n" +
+               (category != nullptr ? std::string("\toption category '") + category + "'\n" : "");
+    };
+    const Row rows[] = {
+        {{{"matter", device("02:00:00:02:00:01", "lock")}, {"iot_kiro", device("020000020001", "light")}},
+         "kiro",
+         "light"},
+        {{{"matter", device("02:00:00:02:00:01", "s")}}, "matter", "switch"},
+        {{{"philips_hue", device("02-00-00-02-00-01", "se")}}, "hue", "sensor"},
+        {{{"iot_zuna", device("02:00:00:02:00:01", "sensors")}}, "zuna", nullptr},
+        {{{"iot_zuna", device("02:00", "lock") + device("02:00:00:02:00:01", "light")}}, "zuna", "lock"},
+        {{{"iot_zuna", device("02:00:00:02:00:77", "lock") + "config d\n"}}, nullptr, nullptr},
+    };
+    for (const Row &row : rows) {
+        for (const char *module : kModules)
+            root.write_config(module, row.packages.count(module) != 0 ? row.packages.at(module) : "");
+        build(0);
+        EXPECT_STREQ(client(0).iot_module, row.module);
+        EXPECT_STREQ(client(0).iot_category, row.category);
+        EXPECT_EQ(client(0).is_iotdevice, row.module != nullptr);
+        EXPECT_EQ(client(1).is_iotdevice, 0); // not confirmed
+    }
+}
+
+TEST_F(PreClientTest, StationsOfEveryInterfaceOnce) {
+    std::vector<ClientStaInfo> room(512);
+    ClientStaList list = {1, 512, room.data()};
+    uint32_t found = 0;
+    radio.stations = {
+        {"ra2", {station(1, 10)}}, {"ra5", {station(2, 10), station(3, 10)}}, {"rax4", {station(1, 10)}}};
+    EXPECT_EQ(telemetry_get_client_sta_info(&list, &found), -1); // the fourth type has no name
+    EXPECT_EQ(found, 4u); // a MAC on two interfaces is two stations, one interface asked twice is not
+    EXPECT_THAT(radio.asked, ElementsAre("ra2", "ra4", "ra5", "ra5", "rax2", "rax4", "rax5", "rax5"));
+
+    // No name for the first type: nothing is asked again of the other band, and the rest is found.
+    radio.asked.clear();
+    radio.failing_type = 0;
+    radio.failing_query = "ra4";
+    EXPECT_THAT(logged_messages([&] { telemetry_get_client_sta_info(&list, &found); }),
+                Contains("get client sta info  failed ifname:ra4"));
+    EXPECT_THAT(radio.asked, ElementsAre("", "ra4", "ra5", "ra5", "", "rax4", "rax5", "rax5"));
+    EXPECT_EQ(found, 3u);
+}
+
+TEST_F(PreClientTest, MoreStationsThanTheServiceCounts) {
+    // 300 stations of which the service counts 256: in 8 bits none.
+    const char *const interfaces[] = {"ra2", "ra4", "ra5", "rax2", "rax4", "rax5"};
+    std::string entries, own;
+    for (int i = 0; i < 300; ++i) {
+        char mac[18];
+        snprintf(mac, sizeof(mac), "02:00:00:02:%02x:%02x", i >> 8, i & 255);
+        entries += (i > 0 ? "," : "") + tfs_entries({mac});
+        if (i < 256)
+            own += std::string(i > 0 ? ",\"" : "\"") + mac + R"(":{"mac":")" + mac + "\"}";
+        radio.stations[interfaces[i / 50]].push_back(station(i, static_cast<uint32_t>(i)));
+    }
+    fake_services["tfstats.get"] = tfstats(300, entries);
+    fake_services["client_mgmt.get_myself"] = {"{" + own + "}"};
+    build(0);
+    EXPECT_EQ(telemetry_get_myself_client_num_value(), 256);
+    for (int i = 0; i < 300; ++i)
+        EXPECT_EQ(client(i).rxrate, static_cast<uint32_t>(i));
+    // Without clients of its own the driver is not asked.
+    fake_services["client_mgmt.get_myself"] = {"{}"};
+    radio.asked.clear();
+    build(0);
+    EXPECT_THAT(radio.asked, IsEmpty());
+}
+
+TEST_F(PreClientTest, LookupsSayWhatIsMissing) {
+    const auto lookup = [](const char *mac) {
+        return logged_messages([&] { get_telemetry_pre_client_info(mac); });
+    };
+    EXPECT_THAT(lookup(nullptr), ElementsAre("params is NULL"));
+    EXPECT_THAT(lookup("02"), ElementsAre("clients num is 0"));
+    telemetry_pre_collect.client_num = 1;
+    EXPECT_THAT(lookup("02"), ElementsAre("pre client info is NULL"));
+    telemetry_pre_collect.client_num = 0;
+    EXPECT_THAT(logged_messages([] { telemetry_identify_iot_device_from_client_list(); }),
+                ElementsAre("client list is not exist"));
+    // The first record of an address has everything; a confirmed one is looked for behind it.
+    fake_services["tfstats.get"] = tfstats(3, tfs_entries({"02", "02:00:00:02:00:01", "02:00:00:02:00:01"}));
+    telemetry_get_client_list_from_tfstats();
+    EXPECT_EQ(telemetry_find_client_by_mac("02-00-00-02-00-01"), &client(1));
+    EXPECT_EQ(telemetry_find_client_by_mac("02"), &client(0));
+    client(2).is_exist = 1;
+    EXPECT_EQ(get_telemetry_pre_client_info("020000020001"), &client(2));
+}
+
+TEST_F(PreClientTest, MemoryIsBackAfterEveryCycle) {
+    radio.stations["rax2"] = {station(1, 866)};
+    telemetry_debug_enable = 0;
+    const auto left_over = [](const std::string &service, const std::string &reply) {
+        const auto services = fake_services;
+        set_answer(service, reply);
+        int64_t left = 0;
+        for (int cycle = 0; cycle < 2; ++cycle) { // the first allocates what stays
+            fake_service_calls = {};
+            radio.asked = {};
+            const int64_t before = allocated_bytes();
+            telemetry_pre_clients_info();
+            telemetry_free_pre_collect_info();
+            fake_service_calls = {};
+            radio.asked = {};
+            left = allocated_bytes() - before;
+        }
+        fake_services = services;
+        return left;
+    };
+    EXPECT_EQ(left_over("tfstats.get", tfstats(4096, tfs_entries({"02:00:00:02:00:01"}, 4096)).json), 0);
+    for (const char *service : {"tfstats.get", "client_mgmt.get_myself", "client_mgmt.get", "sync.list"}) {
+        for (const char *reply : {kFailed, R"({"a":{"mac":"02:00:00:02:00:01","device_id":7},"b":[1,2,3]})"})
+            EXPECT_EQ(left_over(service, reply), 0) << service << reply;
+    }
+    telemetry_debug_enable = 1;
+}
