@@ -25,8 +25,10 @@ struct ExpectedText {
     const char *name;
     const char *value; // null: any text
 };
-constexpr std::array<ExpectedText, 3> kKeyBody = {{{"deviceId", nullptr}, {"hwId", nullptr}, {"mac", nullptr}}};
-constexpr std::array<ExpectedText, 2> kStrategyBody = {{{"deviceId", nullptr}, {"deviceType", "HOMEWIFISYSTEM"}}};
+constexpr std::array<ExpectedText, 3> kKeyBody = {
+    {{"deviceId", nullptr}, {"hwId", nullptr}, {"mac", nullptr}}};
+constexpr std::array<ExpectedText, 2> kStrategyBody = {
+    {{"deviceId", nullptr}, {"deviceType", "HOMEWIFISYSTEM"}}};
 constexpr std::array<ExpectedText, 7> kDeviceBody = {{{"di", nullptr},
                                                       {"dt", "HOMEWIFISYSTEM"},
                                                       {"dhv", nullptr},
@@ -63,7 +65,8 @@ template <size_t N> bool take_texts(const cJSON *&item, const std::array<Expecte
 }
 
 // Takes "Id=...,AccessKey=...,Signature=..." apart; false when it is anything else.
-bool split_authorization(const std::string &text, std::string &stamp, std::string &key, std::string &signature) {
+bool split_authorization(const std::string &text, std::string &stamp, std::string &key,
+                         std::string &signature) {
     constexpr std::string_view kId = "Id=", kKey = ",AccessKey=", kSignature = ",Signature=";
     size_t key_at = text.find(kKey), signature_at = text.find(kSignature);
     if (!text.starts_with(kId) || key_at == text.npos || signature_at == text.npos || signature_at < key_at)
@@ -95,8 +98,9 @@ int handle_key(const cJSON *body, ApiResult &result) {
     result.device = lab::json_text(body, "deviceId");
     result.issued_for_mac = lab::json_text(body, "mac");
     result.issued = {"ak-" + random_text(16), random_text(32), false};
-    result.answer = R"({"error_code":0,"result":{"expiresIn":86400,"accessKey":")" + result.issued.access_key +
-                    R"(","accessSecret":")" + result.issued.access_secret + R"("}})";
+    result.answer = R"({"error_code":0,"result":{"expiresIn":86400,"accessKey":")" +
+                    result.issued.access_key + R"(","accessSecret":")" + result.issued.access_secret +
+                    R"("}})";
     return 0;
 }
 
@@ -251,8 +255,8 @@ std::string_view api_raw_member(std::string_view object, std::string_view name) 
 }
 
 ApiResult api_handle(CloudStore &store, const CloudStrategy &strategy, const std::string &path,
-                     const std::string &headers, const std::string &content_type, const std::string &authorization,
-                     const std::string &body) {
+                     const std::string &headers, const std::string &content_type,
+                     const std::string &authorization, const std::string &body) {
     ApiResult result;
     StoredRequest &request = result.request;
     request.call = api_call_of_path(path);

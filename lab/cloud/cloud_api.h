@@ -1,4 +1,5 @@
-// The three calls of the cloud's API: checks the signature and the body of a request, and makes the regular answer.
+// The three calls of the cloud's API: checks the signature and the body of a request, and makes the regular
+// answer.
 #pragma once
 
 #include <string>
@@ -24,7 +25,7 @@ struct ApiResult {
     StoredRequest request; // to be stored; its verdict is the API's own until a script changes it
     std::string answer;
     std::string device;
-    StoredKey issued;                  // by an accepted "key" call
+    StoredKey issued; // by an accepted "key" call
     std::string issued_for_mac;
     std::vector<StoredRecord> records; // of an accepted "upload" call
 };
@@ -32,10 +33,11 @@ struct ApiResult {
 // "key", "strategy", "upload", or "" for a path that is none of them.
 std::string api_call_of_path(const std::string &path);
 
-// Judges one request. `headers` is the text to be stored, the two others are single header values ("" when absent).
+// Judges one request. `headers` is the text to be stored, the two others are single header values ("" when
+// absent).
 ApiResult api_handle(CloudStore &store, const CloudStrategy &strategy, const std::string &path,
-                     const std::string &headers, const std::string &content_type, const std::string &authorization,
-                     const std::string &body);
+                     const std::string &headers, const std::string &content_type,
+                     const std::string &authorization, const std::string &body);
 
 // The signature that belongs to a request: 40 lowercase hexadecimal digits.
 std::string api_signature(const std::string &body, const std::string &stamp, const std::string &path,

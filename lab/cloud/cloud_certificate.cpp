@@ -60,7 +60,8 @@ Credentials make_credentials(const CertificateWish &wish, const Credentials *iss
         add_extension(certificate, signer, NID_basic_constraints, "critical,CA:TRUE");
         add_extension(certificate, signer, NID_key_usage, "critical,keyCertSign,cRLSign");
     }
-    must(X509_sign(certificate, issuer ? issuer->key.get() : made.key.get(), EVP_sha256()) > 0, "cannot sign");
+    must(X509_sign(certificate, issuer ? issuer->key.get() : made.key.get(), EVP_sha256()) > 0,
+         "cannot sign");
     return made;
 }
 

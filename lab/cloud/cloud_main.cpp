@@ -1,5 +1,7 @@
-// lab-cloud: the cloud service of the lab. Serves TLS on 127.0.0.1 and is driven over plain HTTP on a second port.
-//   lab-cloud --dir DIR     ca.cer, cloud.db, port and control_port are written there; the last two when it serves.
+// lab-cloud: the cloud service of the lab. Serves TLS on 127.0.0.1 and is driven over plain HTTP on a second
+// port.
+//   lab-cloud --dir DIR     ca.cer, cloud.db, port and control_port are written there; the last two when it
+//   serves.
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>

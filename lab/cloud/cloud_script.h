@@ -1,5 +1,5 @@
-// Misbehaviour on request: for each call a queue of steps, each used for one or more requests; an empty queue means that
-// the cloud behaves.
+// Misbehaviour on request: for each call a queue of steps, each used for one or more requests; an empty queue
+// means that the cloud behaves.
 #pragma once
 
 #include <chrono>

@@ -46,8 +46,7 @@ int port_of(const sockaddr_in &address) {
 } // namespace
 
 CloudServer::CloudServer(CloudStore &store, CloudScript &script, CloudCertificates &certificates)
-    : store_(store), script_(script), certificates_(certificates) {
-}
+    : store_(store), script_(script), certificates_(certificates) {}
 
 CloudServer::~CloudServer() {
     down();
@@ -152,8 +151,8 @@ void CloudServer::serve(const httplib::Request &request, httplib::Response &resp
     {
         std::lock_guard lock(mutex_);
         result = api_handle(store_, strategy_, request.path, header_text(request.headers),
-                            request.get_header_value("Content-Type"), request.get_header_value("X-Authorization"),
-                            request.body);
+                            request.get_header_value("Content-Type"),
+                            request.get_header_value("X-Authorization"), request.body);
         bool regular = step.kind == "ok";
         if (!regular) {
             result.request.verdict = step.kind;
@@ -204,8 +203,8 @@ void CloudServer::cut_connection(int remote_port) {
         sockaddr_in local = {}, remote = {};
         socklen_t local_size = sizeof(local), remote_size = sizeof(remote);
         if (getsockname(fd, reinterpret_cast<sockaddr *>(&local), &local_size) == 0 &&
-            getpeername(fd, reinterpret_cast<sockaddr *>(&remote), &remote_size) == 0 && port_of(local) == port_ &&
-            port_of(remote) == remote_port)
+            getpeername(fd, reinterpret_cast<sockaddr *>(&remote), &remote_size) == 0 &&
+            port_of(local) == port_ && port_of(remote) == remote_port)
             shutdown(fd, SHUT_RDWR);
     }
 }

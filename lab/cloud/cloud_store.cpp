@@ -30,7 +30,8 @@ class Statement {
         statement_.reset(made);
     }
     Statement &bind(const std::string &text) {
-        sqlite3_bind_text(statement_.get(), ++bound_, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+        sqlite3_bind_text(statement_.get(), ++bound_, text.data(), static_cast<int>(text.size()),
+                          SQLITE_TRANSIENT);
         return *this;
     }
     Statement &bind(int64_t number) {

@@ -13,12 +13,12 @@
 struct sqlite3;
 
 struct StoredRequest {
-    std::string call;    // "key", "strategy", "upload", or "" for a path that is none of them
+    std::string call; // "key", "strategy", "upload", or "" for a path that is none of them
     std::string path, headers, body;
     std::string stamp, access_key; // from the signature header
-    int signature = -1;  // 1 valid, 0 missing or wrong, -1 none asked
-    std::string verdict; // "accepted", "refused", or the kind of the scripted step that answered
-    int error_code = 0;  // that was answered
+    int signature = -1;            // 1 valid, 0 missing or wrong, -1 none asked
+    std::string verdict;           // "accepted", "refused", or the kind of the scripted step that answered
+    int error_code = 0;            // that was answered
 };
 
 struct StoredKey {

@@ -63,8 +63,8 @@ std::string value_of(const cJSON *object, const char *key) {
 
 struct Column {
     const char *heading;
-    const char *key;   // "tem.cpu": member of a member; '#' in front: a digest, shown by name
-    const char *unit;  // behind the value
+    const char *key;  // "tem.cpu": member of a member; '#' in front: a digest, shown by name
+    const char *unit; // behind the value
 };
 
 std::string cell(const cJSON *entry, const Column &column, const NamesByDigest &names) {
@@ -76,7 +76,8 @@ std::string cell(const cJSON *entry, const Column &column, const NamesByDigest &
     if (dot == key.npos)
         value = value_of(entry, column.key);
     else
-        value = value_of(cJSON_GetObjectItemCaseSensitive(entry, key.substr(0, dot).c_str()), column.key + dot + 1);
+        value = value_of(cJSON_GetObjectItemCaseSensitive(entry, key.substr(0, dot).c_str()),
+                         column.key + dot + 1);
     return value == "-" ? value : value + column.unit;
 }
 
@@ -184,7 +185,8 @@ std::string any_list_table(const cJSON *list, const NamesByDigest &names) {
     cJSON_ArrayForEach(entry, list) {
         cJSON_ArrayForEach(item, entry) {
             const char *key = item->string;
-            if (std::none_of(columns.begin(), columns.end(), [&](const Column &c) { return !strcmp(c.heading, key); }))
+            if (std::none_of(columns.begin(), columns.end(),
+                             [&](const Column &c) { return !strcmp(c.heading, key); }))
                 columns.push_back({key, strcmp(key, "dm") == 0 ? "#dm" : key, ""});
         }
     }
@@ -225,8 +227,9 @@ std::string report_records(const std::vector<lab::CloudRecord> &records, const l
     std::string text;
     size_t number = 0;
     for (const lab::CloudRecord &record : records) {
-        text += "record " + std::to_string(++number) + "  " + record.eid + "  (post " + std::to_string(record.post) +
-                ", collected at " + record.ct + ", " + std::to_string(record.payload.size()) + " bytes)\n";
+        text += "record " + std::to_string(++number) + "  " + record.eid + "  (post " +
+                std::to_string(record.post) + ", collected at " + record.ct + ", " +
+                std::to_string(record.payload.size()) + " bytes)\n";
         lab::JsonTree payload(cJSON_Parse(record.payload.c_str()));
         text += payload ? payload_text(record.eid, payload.get(), names) : "    not JSON\n";
     }

@@ -1,8 +1,8 @@
 // lab-runner: a mesh on this machine, from a scenario.
 //   lab-runner [--scenario NAME|FILE] [--once]
-// Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one collection and one
-// upload, prints what the cloud received, the verdict and the mesh as the records tell it; exit status 0 only when
-// everything was as it should be.
+// Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one
+// collection and one upload, prints what the cloud received, the verdict and the mesh as the records tell it;
+// exit status 0 only when everything was as it should be.
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -80,8 +80,8 @@ std::string log_without_dumps(const std::string &log) {
 void require_status(lab::Lab &lab, const char *method) {
     lab::BusReply reply = lab.node().call(method);
     if (reply.status != 0 || lab::json_number(reply.json.get(), "err_code", -1) != 0)
-        fail(lab, std::string("the bus method ") + method + " failed: status " + std::to_string(reply.status) + " " +
-                      reply.text);
+        fail(lab, std::string("the bus method ") + method + " failed: status " +
+                      std::to_string(reply.status) + " " + reply.text);
 }
 
 long number_of(const std::map<std::string, std::string> &state, const char *line) {
@@ -143,7 +143,8 @@ void run_once(lab::Lab &lab) {
     for (size_t index = 0; index < lab.node_count(); index++) {
         int status = lab.node(index).daemon.stop();
         if (status != 0)
-            fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " + std::to_string(status));
+            fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " +
+                          std::to_string(status));
     }
     printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
     printf("\nThe mesh, as the cloud now knows it\n%s", summary_text(records).c_str());
@@ -152,8 +153,8 @@ void run_once(lab::Lab &lab) {
 void print_help(lab::Lab &lab) {
     lab::LabNode &node = lab.node();
     std::string ubus = lab::default_bin_dir() + "/ubus -s " + node.bus_socket();
-    printf("The lab is up: %zu nodes in %s, the cloud at https://%s\n", lab.node_count(), lab.directory().c_str(),
-           lab.cloud().address().c_str());
+    printf("The lab is up: %zu nodes in %s, the cloud at https://%s\n", lab.node_count(),
+           lab.directory().c_str(), lab.cloud().address().c_str());
     printf("Bus of the main node: %s\n\n", node.bus_socket().c_str());
     for (size_t index = 1; index < lab.node_count(); index++)
         printf("Bus of satellite %zu: %s\n", index, lab.node(index).bus_socket().c_str());
@@ -183,8 +184,8 @@ void follow(lab::Lab &lab) {
 void run(const Options &options) {
     lab::Lab lab(options.scenario);
     lab.start();
-    printf("lab \"%s\" is up: %zu nodes, %zu clients, all daemons on their buses\n", lab.scenario().name.c_str(),
-           lab.node_count(), lab.scenario().clients.size());
+    printf("lab \"%s\" is up: %zu nodes, %zu clients, all daemons on their buses\n",
+           lab.scenario().name.c_str(), lab.node_count(), lab.scenario().clients.size());
     fflush(stdout);
     if (options.once) {
         run_once(lab);

@@ -28,7 +28,8 @@ std::string default_bin_dir() {
     return given ? given : LAB_BIN_DIR;
 }
 
-Lab::Lab(const std::string &scenario_name, const std::string &bin_dir) : scenario_(scenario_load(scenario_name)) {
+Lab::Lab(const std::string &scenario_name, const std::string &bin_dir)
+    : scenario_(scenario_load(scenario_name)) {
     prepare(bin_dir);
 }
 
@@ -57,8 +58,8 @@ void Lab::start_without_daemons() {
         node->start_services();
     for (auto &node : nodes_) {
         if (node->services.pid() > 0 && !node->wait_for_object("tfstats", kDaemonStartMs))
-            throw std::runtime_error("the services of node " + node->scenario().device_id + " do not start: " +
-                                     node->read("/lab/services.log"));
+            throw std::runtime_error("the services of node " + node->scenario().device_id +
+                                     " do not start: " + node->read("/lab/services.log"));
     }
 }
 
@@ -70,8 +71,9 @@ void Lab::start() {
         if (!wait_until([&] { return !node->daemon.running() || node->wait_for_object("telemetry", 0); },
                         kDaemonStartMs) ||
             !node->daemon.running())
-            throw std::runtime_error("the daemon of node " + node->scenario().device_id + " does not come up:\n" +
-                                     node->console() + node->read("/lab/daemon.log"));
+            throw std::runtime_error("the daemon of node " + node->scenario().device_id +
+                                     " does not come up:\n" + node->console() +
+                                     node->read("/lab/daemon.log"));
     }
 }
 

@@ -29,8 +29,8 @@ class Lab {
     Lab(const Lab &) = delete;
     Lab &operator=(const Lab &) = delete;
 
-    // Starts bus, services and daemon of every node and waits for the daemons' bus objects. Throws std::runtime_error
-    // that names the node and shows its console when one does not come up.
+    // Starts bus, services and daemon of every node and waits for the daemons' bus objects. Throws
+    // std::runtime_error that names the node and shows its console when one does not come up.
     void start();
     // The same without the daemons, for tests that start them by hand.
     void start_without_daemons();

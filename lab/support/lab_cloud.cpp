@@ -32,7 +32,8 @@ std::string http_exchange(int port, const std::string &request) {
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(connection.fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
-        send(connection.fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+        send(connection.fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size()))
         throw std::runtime_error(std::string("cloud control: ") + strerror(errno));
     std::string answer;
     char chunk[4096];
@@ -50,12 +51,14 @@ std::string http_exchange(int port, const std::string &request) {
 
 std::string column_text(sqlite3_stmt *row, int column) {
     const void *data = sqlite3_column_blob(row, column);
-    return data ? std::string(static_cast<const char *>(data), static_cast<size_t>(sqlite3_column_bytes(row, column)))
+    return data ? std::string(static_cast<const char *>(data),
+                              static_cast<size_t>(sqlite3_column_bytes(row, column)))
                 : std::string();
 }
 
 // Runs `take` for each row of a query on the cloud's store.
-void query(const std::string &file, const std::string &text, const std::function<void(sqlite3_stmt *)> &take) {
+void query(const std::string &file, const std::string &text,
+           const std::function<void(sqlite3_stmt *)> &take) {
     sqlite3 *opened = nullptr;
     int result = sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
     std::unique_ptr<sqlite3, int (*)(sqlite3 *)> db(opened, sqlite3_close);
@@ -78,7 +81,8 @@ void LabCloud::start(const std::string &bin_dir, const std::string &directory) {
     for (const char *file : {"/port", "/control_port", "/cloud.db", "/cloud.db-wal", "/cloud.db-shm"})
         unlink((directory + file).c_str());
     process_.start({{bin_dir + "/lab-cloud", "--dir", directory}, {}, directory + "/cloud.log"});
-    bool serves = wait_until([&] { return file_exists(directory + "/port") || !process_.running(); }, kStartMs);
+    bool serves =
+        wait_until([&] { return file_exists(directory + "/port") || !process_.running(); }, kStartMs);
     if (!serves || !process_.running())
         throw std::runtime_error("the cloud does not start: " + read_file(directory + "/cloud.log"));
     port_ = atoi(read_file(directory + "/port").c_str());
@@ -101,9 +105,11 @@ std::string LabCloud::database() const {
     return directory_ + "/cloud.db";
 }
 
-std::string LabCloud::control(const std::string &method, const std::string &path, const std::string &body) const {
-    return http_exchange(control_port_, method + " /" + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" +
-                                            "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+std::string LabCloud::control(const std::string &method, const std::string &path,
+                              const std::string &body) const {
+    return http_exchange(control_port_,
+                         method + " /" + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" +
+                             "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
 }
 
 void LabCloud::script(const std::string &call, const std::string &steps) {
@@ -147,9 +153,9 @@ JsonTree LabCloud::counts() const {
 long LabCloud::count(const std::string &name) const {
     JsonTree all = counts();
     size_t dot = name.find('.');
-    const cJSON *object =
-        dot == name.npos ? all.get()
-                         : cJSON_GetObjectItemCaseSensitive(all.get(), name.substr(0, dot).c_str());
+    const cJSON *object = dot == name.npos
+                              ? all.get()
+                              : cJSON_GetObjectItemCaseSensitive(all.get(), name.substr(0, dot).c_str());
     const std::string last = dot == name.npos ? name : name.substr(dot + 1);
     if (!cJSON_GetObjectItemCaseSensitive(object, last.c_str()))
         throw std::runtime_error("the cloud has no count " + name);
@@ -163,11 +169,13 @@ bool LabCloud::wait_for_count(const std::string &name, long at_least, int timeou
 std::vector<CloudRequest> LabCloud::requests(const std::string &call) const {
     std::vector<CloudRequest> list;
     query(database(),
-          "SELECT call, path, headers, body, stamp, access_key, signature, verdict, error_code FROM requests ORDER BY id",
+          "SELECT call, path, headers, body, stamp, access_key, signature, verdict, error_code FROM requests "
+          "ORDER BY id",
           [&](sqlite3_stmt *row) {
-              CloudRequest request = {column_text(row, 0), column_text(row, 1), column_text(row, 2),
-                                      column_text(row, 3), column_text(row, 4), column_text(row, 5),
-                                      sqlite3_column_int(row, 6), column_text(row, 7), sqlite3_column_int(row, 8)};
+              CloudRequest request = {
+                  column_text(row, 0),        column_text(row, 1), column_text(row, 2),
+                  column_text(row, 3),        column_text(row, 4), column_text(row, 5),
+                  sqlite3_column_int(row, 6), column_text(row, 7), sqlite3_column_int(row, 8)};
               if (call.empty() || request.call == call)
                   list.push_back(request);
           });
@@ -177,17 +185,18 @@ std::vector<CloudRequest> LabCloud::requests(const std::string &call) const {
 std::vector<CloudRecord> LabCloud::records() const {
     std::vector<CloudRecord> list;
     query(database(), "SELECT post_id, eid, ct, payload FROM records ORDER BY id", [&](sqlite3_stmt *row) {
-        list.push_back({static_cast<long>(sqlite3_column_int64(row, 0)), column_text(row, 1), column_text(row, 2),
-                        column_text(row, 3)});
+        list.push_back({static_cast<long>(sqlite3_column_int64(row, 0)), column_text(row, 1),
+                        column_text(row, 2), column_text(row, 3)});
     });
     return list;
 }
 
 std::vector<CloudKey> LabCloud::keys() const {
     std::vector<CloudKey> list;
-    query(database(), "SELECT access_key, access_secret, expired FROM keys ORDER BY id", [&](sqlite3_stmt *row) {
-        list.push_back({column_text(row, 0), column_text(row, 1), sqlite3_column_int(row, 2) != 0});
-    });
+    query(database(), "SELECT access_key, access_secret, expired FROM keys ORDER BY id",
+          [&](sqlite3_stmt *row) {
+              list.push_back({column_text(row, 0), column_text(row, 1), sqlite3_column_int(row, 2) != 0});
+          });
     return list;
 }
 

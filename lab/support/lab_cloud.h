@@ -1,4 +1,5 @@
-// The cloud as its users see it: started as a process, driven over its control port, its store read from SQLite.
+// The cloud as its users see it: started as a process, driven over its control port, its store read from
+// SQLite.
 #pragma once
 
 #include <string>
@@ -11,7 +12,7 @@ namespace lab {
 
 struct CloudRequest {
     std::string call, path, headers, body, stamp, access_key;
-    int signature = -1; // 1 valid, 0 missing or wrong, -1 none asked
+    int signature = -1;  // 1 valid, 0 missing or wrong, -1 none asked
     std::string verdict; // "accepted", "refused", or the kind of the scripted step
     int error_code = 0;  // that was answered
 };

@@ -101,7 +101,8 @@ ConfigSection *ConfigPackage::section(const std::string &name) {
     return nullptr;
 }
 
-void ConfigPackage::set(const std::string &section_name, const std::string &option, const std::string &value) {
+void ConfigPackage::set(const std::string &section_name, const std::string &option,
+                        const std::string &value) {
     if (!section(section_name))
         sections.push_back({section_name, section_name, {}});
     ConfigOption &target = option_of(*section(section_name), option);
@@ -133,7 +134,8 @@ ConfigPackage config_parse(const std::string &text) {
         std::vector<std::string> words = split_words(line);
         if (words.size() >= 2 && words[0] == "config") {
             package.sections.push_back({words[1], words.size() > 2 ? words[2] : "", {}});
-        } else if (words.size() >= 3 && !package.sections.empty() && (words[0] == "option" || words[0] == "list")) {
+        } else if (words.size() >= 3 && !package.sections.empty() &&
+                   (words[0] == "option" || words[0] == "list")) {
             ConfigOption &option = option_of(package.sections.back(), words[1]);
             option.is_list = words[0] == "list";
             if (!option.is_list)
@@ -162,7 +164,8 @@ void config_merge(ConfigPackage &package, const cJSON *sections) {
     cJSON_ArrayForEach(item, sections) {
         std::string name = item->string;
         if (cJSON_IsNull(item)) {
-            std::erase_if(package.sections, [&](const ConfigSection &section) { return section.name == name; });
+            std::erase_if(package.sections,
+                          [&](const ConfigSection &section) { return section.name == name; });
             continue;
         }
         const cJSON *type = cJSON_GetObjectItemCaseSensitive(item, "_type");

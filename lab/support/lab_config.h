@@ -1,4 +1,5 @@
-// Configuration packages in the form that the platform's configuration library writes: read, changed and written whole.
+// Configuration packages in the form that the platform's configuration library writes: read, changed and
+// written whole.
 #pragma once
 
 #include <string>
@@ -35,8 +36,9 @@ struct ConfigPackage {
 ConfigPackage config_parse(const std::string &text);
 std::string config_print(const ConfigPackage &package);
 
-// Puts a scenario's package object over `package`: {"section": {"_type": "...", "option": "value" | ["a", "b"]}}.
-// A section named "@..." becomes an anonymous one, appended each time. `null` removes an option or a section.
+// Puts a scenario's package object over `package`: {"section": {"_type": "...", "option": "value" | ["a",
+// "b"]}}. A section named "@..." becomes an anonymous one, appended each time. `null` removes an option or a
+// section.
 void config_merge(ConfigPackage &package, const cJSON *sections);
 
 } // namespace lab

@@ -23,8 +23,8 @@ namespace {
 
 std::atomic<bool> interrupted = false;
 
-// The janitor lives in a process of its own and outlives whatever happens to this one: the closing end of the pipe tells
-// it that nobody needs the directory any more.
+// The janitor lives in a process of its own and outlives whatever happens to this one: the closing end of the
+// pipe tells it that nobody needs the directory any more.
 [[noreturn]] void janitor_run(int pipe_end, const std::string &path) {
     setpgid(0, 0);
     signal(SIGINT, SIG_IGN);

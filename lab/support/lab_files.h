@@ -1,5 +1,5 @@
-// Files, directories and waiting, as the lab and the tests need them. Failures throw std::runtime_error: a lab that
-// cannot write its own directory has nothing better to do than to say so and end.
+// Files, directories and waiting, as the lab and the tests need them. Failures throw std::runtime_error: a
+// lab that cannot write its own directory has nothing better to do than to say so and end.
 #pragma once
 
 #include <functional>
@@ -34,16 +34,16 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text, unsigned mode = 0644);
 void make_directories(const std::string &path);
 
-// Asks `condition` every few milliseconds until it holds or `timeout_ms` have passed; returns whether it held.
-// Throws std::runtime_error("interrupted") once after interrupt_waits().
+// Asks `condition` every few milliseconds until it holds or `timeout_ms` have passed; returns whether it
+// held. Throws std::runtime_error("interrupted") once after interrupt_waits().
 bool wait_until(const std::function<bool()> &condition, int timeout_ms);
 // Ends the wait in progress, or the next one; may be called from a signal handler.
 void interrupt_waits();
 // Whether an interruption is still to be taken by a wait.
 bool interrupt_is_pending();
 
-// A directory of its own below /tmp with a short name (socket paths are limited to 107 bytes), removed when the object
-// goes or when this process dies in whatever way.
+// A directory of its own below /tmp with a short name (socket paths are limited to 107 bytes), removed when
+// the object goes or when this process dies in whatever way.
 class RunDirectory {
   public:
     RunDirectory();

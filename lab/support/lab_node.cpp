@@ -44,10 +44,10 @@ std::string variable(const char *name) {
 
 } // namespace
 
-LabNode::LabNode(const Scenario &scenario, size_t index, const std::string &directory, const std::string &bin_dir)
-    : scenario_(scenario), index_(index), directory_(directory), root_(directory + "/n" + std::to_string(index)),
-      bin_dir_(bin_dir) {
-}
+LabNode::LabNode(const Scenario &scenario, size_t index, const std::string &directory,
+                 const std::string &bin_dir)
+    : scenario_(scenario), index_(index), directory_(directory),
+      root_(directory + "/n" + std::to_string(index)), bin_dir_(bin_dir) {}
 
 std::string LabNode::bus_socket() const {
     return root_ + "/var/run/ubus.sock";
@@ -74,8 +74,8 @@ void LabNode::start_bus() {
     unlink(bus_socket().c_str());
     bus.start({{program(bin_dir_, "ubusd"), "-s", bus_socket()}, {}, root_ + "/lab/ubusd.log"});
     if (!wait_until([&] { return !bus.running() || socket_answers(bus_socket()); }, 10000) || !bus.running())
-        throw std::runtime_error("the bus of node " + scenario().device_id + " does not start: " +
-                                 read_file(root_ + "/lab/ubusd.log"));
+        throw std::runtime_error("the bus of node " + scenario().device_id +
+                                 " does not start: " + read_file(root_ + "/lab/ubusd.log"));
 }
 
 void LabNode::start_services() {
@@ -125,10 +125,10 @@ void LabNode::stop() {
     bus.stop();
 }
 
-BusReply LabNode::call_object(const std::string &object, const std::string &method, const std::string &arguments,
-                              int timeout_s) const {
-    CommandResult result = run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-t", std::to_string(timeout_s),
-                                        "-S", "call", object, method, arguments},
+BusReply LabNode::call_object(const std::string &object, const std::string &method,
+                              const std::string &arguments, int timeout_s) const {
+    CommandResult result = run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-t",
+                                        std::to_string(timeout_s), "-S", "call", object, method, arguments},
                                        {}, (timeout_s + 5) * 1000);
     BusReply reply;
     reply.status = result.status;
@@ -146,8 +146,9 @@ BusReply LabNode::call(const std::string &method, const std::string &arguments, 
 bool LabNode::wait_for_object(const std::string &object, int timeout_ms) const {
     return wait_until(
         [&] {
-            return run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-S", "list", object}, {}, 5000).status ==
-                   0;
+            return run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-S", "list", object}, {},
+                               5000)
+                       .status == 0;
         },
         timeout_ms);
 }
@@ -168,7 +169,8 @@ bool LabNode::exists(const std::string &path) const {
     return file_exists(root_ + path);
 }
 
-std::string LabNode::config(const std::string &package, const std::string &section, const std::string &option) const {
+std::string LabNode::config(const std::string &package, const std::string &section,
+                            const std::string &option) const {
     return config_parse(read("/etc/config/" + package)).get(section, option);
 }
 

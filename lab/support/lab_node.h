@@ -35,16 +35,16 @@ class LabNode {
     void start_bus();
     void start_services(); // nothing when lab-services was not built
     void start_daemon();
-    // Moves the daemon's monotonic clock, so that its timers and time-outs are due. The first call must come before
-    // the daemon starts (0 will do); without one its clock is the machine's.
+    // Moves the daemon's monotonic clock, so that its timers and time-outs are due. The first call must come
+    // before the daemon starts (0 will do); without one its clock is the machine's.
     void advance_clock(int64_t ms);
     // SIGTERM to each, the daemon first.
     void stop();
     Process bus, services, daemon;
 
     // Calls a method of a bus object.
-    BusReply call_object(const std::string &object, const std::string &method, const std::string &arguments = "{}",
-                         int timeout_s = 30) const;
+    BusReply call_object(const std::string &object, const std::string &method,
+                         const std::string &arguments = "{}", int timeout_s = 30) const;
     // The same of the daemon's own object.
     BusReply call(const std::string &method, const std::string &arguments = "{}", int timeout_s = 30) const;
     bool wait_for_object(const std::string &object, int timeout_ms = 10000) const;
@@ -54,7 +54,8 @@ class LabNode {
     void write(const std::string &path, const std::string &text) const;
     void remove(const std::string &path) const;
     bool exists(const std::string &path) const;
-    std::string config(const std::string &package, const std::string &section, const std::string &option) const;
+    std::string config(const std::string &package, const std::string &section,
+                       const std::string &option) const;
     void set_config(const std::string &package, const std::string &section, const std::string &option,
                     const std::string &value) const;
     // Misbehaviour of the services and the driver (docs/lab.md), from the next call on.
@@ -63,7 +64,8 @@ class LabNode {
     // What the daemon wrote to /dev/console; from an offset when given.
     std::string console(size_t from = 0) const;
     bool wait_for_console(const std::string &text, int timeout_ms, size_t from = 0) const;
-    // The daemon's state dump (its method "print"): "post state" -> "3" and so on. Empty when it does not answer.
+    // The daemon's state dump (its method "print"): "post state" -> "3" and so on. Empty when it does not
+    // answer.
     std::map<std::string, std::string> state() const;
     // Waits until a line of the state dump has that value (the daemon answers between its cycles).
     bool wait_for_state(const std::string &line, const std::string &value, int timeout_ms) const;

@@ -44,7 +44,8 @@ std::vector<char *> pointers(std::vector<std::string> &texts) {
     return list;
 }
 
-// Runs between fork and exec: nothing here may allocate. `report` closes on exec; an errno on it tells of a failure.
+// Runs between fork and exec: nothing here may allocate. `report` closes on exec; an errno on it tells of a
+// failure.
 [[noreturn]] void child_run(pid_t parent, char **argv, char **envp, int in, int out, int report) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -66,7 +67,8 @@ std::vector<char *> pointers(std::vector<std::string> &texts) {
     _exit(127);
 }
 
-// Forks and executes; `out` becomes stdout and stderr unless it is -1. Throws when the program cannot be executed.
+// Forks and executes; `out` becomes stdout and stderr unless it is -1. Throws when the program cannot be
+// executed.
 pid_t spawn(const ProcessSpec &spec, int out) {
     std::vector<std::string> arguments = spec.argv;
     std::vector<std::string> environment = merged_environment(spec.env);
@@ -108,8 +110,7 @@ Process::~Process() {
 }
 
 Process::Process(Process &&other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), exit_(std::exchange(other.exit_, kStillRunning)) {
-}
+    : pid_(std::exchange(other.pid_, -1)), exit_(std::exchange(other.exit_, kStillRunning)) {}
 
 Process &Process::operator=(Process &&other) noexcept {
     std::swap(pid_, other.pid_);
@@ -190,7 +191,8 @@ CommandResult run_command(const std::vector<std::string> &argv,
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     bool in_time = true;
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         pollfd wanted = {ends[0], POLLIN, 0};
         int ready = poll(&wanted, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (ready < 0 && errno == EINTR && !interrupt_is_pending())

@@ -1,5 +1,6 @@
-// Child processes of the lab. Each is the leader of a process group of its own (Ctrl-C on the terminal reaches only the
-// runner, and ending a child ends what it started) and is killed by the kernel when the thread that started it dies.
+// Child processes of the lab. Each is the leader of a process group of its own (Ctrl-C on the terminal
+// reaches only the runner, and ending a child ends what it started) and is killed by the kernel when the
+// thread that started it dies.
 #pragma once
 
 #include <string>
@@ -13,7 +14,7 @@ namespace lab {
 struct ProcessSpec {
     std::vector<std::string> argv;                             // argv[0] is a path, or a name found in PATH
     std::vector<std::pair<std::string, std::string>> env = {}; // put over this process's own environment
-    std::string output = {};                                   // stdout and stderr are appended here; empty: inherited
+    std::string output = {}; // stdout and stderr are appended here; empty: inherited
 };
 
 // Exit of a child: the exit status, or -signal when a signal ended it.
@@ -28,7 +29,8 @@ class Process {
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    // Starts a program; throws std::runtime_error when it cannot be executed. A child still running is stopped first.
+    // Starts a program; throws std::runtime_error when it cannot be executed. A child still running is
+    // stopped first.
     void start(const ProcessSpec &spec);
     bool running();
     pid_t pid() const {
@@ -50,8 +52,8 @@ class Process {
 
 // Result of a command that was run to its end.
 struct CommandResult {
-    int status = -1;  // exit status, -signal, or kStillRunning when `timeout_ms` ran out and it was killed
-    std::string out;  // stdout and stderr
+    int status = -1; // exit status, -signal, or kStillRunning when `timeout_ms` ran out and it was killed
+    std::string out; // stdout and stderr
 };
 CommandResult run_command(const std::vector<std::string> &argv,
                           const std::vector<std::pair<std::string, std::string>> &env, int timeout_ms);

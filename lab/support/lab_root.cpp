@@ -31,7 +31,8 @@ const cJSON *member(const cJSON *object, const char *name) {
     return cJSON_GetObjectItemCaseSensitive(object, name);
 }
 
-// Sockets in use on this machine: what stands for the number of tracked connections where the kernel tracks none.
+// Sockets in use on this machine: what stands for the number of tracked connections where the kernel tracks
+// none.
 std::string count_sockets() {
     long count = 0;
     for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6", "/proc/net/udp", "/proc/net/udp6"}) {
@@ -70,13 +71,15 @@ void build_node_config(Packages &packages, const ScenarioNode &node, const std::
 
 // What the main node knows of the mesh.
 void build_mesh_config(Packages &packages, const Scenario &scenario) {
-    for (const char *package : {"bind_device_list", "device_prefer", "iot_kiro", "iot_zuna", "philips_hue", "matter"})
+    for (const char *package :
+         {"bind_device_list", "device_prefer", "iot_kiro", "iot_zuna", "philips_hue", "matter"})
         packages[package];
     for (const ScenarioNode &node : scenario.nodes) {
         if (!node.nickname.empty())
             packages["bind_device_list"].set(node.device_id, "nickname", node.nickname);
         if (!node.prefer_connect_device.empty())
-            packages["device_prefer"].set(node.device_id, "prefer_connect_device", node.prefer_connect_device);
+            packages["device_prefer"].set(node.device_id, "prefer_connect_device",
+                                          node.prefer_connect_device);
         if (!node.fw_version.empty())
             packages["telemetry_info"].set(node.device_id, "fwver", node.fw_version);
     }
@@ -84,9 +87,10 @@ void build_mesh_config(Packages &packages, const Scenario &scenario) {
     for (const ScenarioClient &client : scenario.clients) {
         if (client.iot_module.empty())
             continue;
-        std::string package = client.iot_module.find('_') == std::string::npos && client.iot_module != "matter"
-                                  ? (client.iot_module == "hue" ? "philips_hue" : "iot_" + client.iot_module)
-                                  : client.iot_module;
+        std::string package =
+            client.iot_module.find('_') == std::string::npos && client.iot_module != "matter"
+                ? (client.iot_module == "hue" ? "philips_hue" : "iot_" + client.iot_module)
+                : client.iot_module;
         std::string section = "device" + std::to_string(++number);
         packages[package].set(section, "mac", client.mac);
         if (!client.iot_category.empty())
@@ -123,12 +127,17 @@ void build_config(const std::string &root, const Scenario &scenario, size_t inde
 
 void build_board(const std::string &root, const ScenarioNode &node) {
     std::map<std::string, std::string> identity = {
-        {"DEV_ID", node.device_id},     {"HW_ID", "HW" + node.device_id.substr(0, 30)}, {"HARDVERSION", node.hw_version},
-        {"OEM_ID", "OEM0000000000001"}, {"SOFTVERSION", node.fw_version},               {"MODEL", node.model},
+        {"DEV_ID", node.device_id},
+        {"HW_ID", "HW" + node.device_id.substr(0, 30)},
+        {"HARDVERSION", node.hw_version},
+        {"OEM_ID", "OEM0000000000001"},
+        {"SOFTVERSION", node.fw_version},
+        {"MODEL", node.model},
         {"MAC", node.mac},
     };
     const cJSON *item;
-    cJSON_ArrayForEach(item, member(node.json, "getfirm")) identity[item->string] = cJSON_GetStringValue(item);
+    cJSON_ArrayForEach(item, member(node.json, "getfirm")) identity[item->string] =
+        cJSON_GetStringValue(item);
     for (const auto &[name, value] : identity)
         root_write(root, "/lab/board/getfirm/" + name, value + "\n");
 
@@ -147,8 +156,8 @@ void build_board(const std::string &root, const ScenarioNode &node) {
                                     root + "/lib/telemetry/wire_port_info.sh");
 }
 
-// The file of the simulated driver: the node's "driver", and the scenario's wireless clients as stations of the AP
-// interfaces that they are on.
+// The file of the simulated driver: the node's "driver", and the scenario's wireless clients as stations of
+// the AP interfaces that they are on.
 std::string driver_file(const Scenario &scenario, const ScenarioNode &node) {
     JsonTree file(cJSON_Duplicate(member(node.json, "driver"), 1));
     if (!file)
@@ -274,7 +283,8 @@ void root_build(const std::string &root, const Scenario &scenario, size_t index,
     root_write(root, "/dev/console", "");
     root_write(root, "/etc/certificate/2048_newroot.cer", ca_certificate);
     build_system_files(root);
-    JsonTree defaults = parse_json(read_file(std::string(LAB_SOURCE_DIR) + "/defaults.json"), "lab/defaults.json");
+    JsonTree defaults =
+        parse_json(read_file(std::string(LAB_SOURCE_DIR) + "/defaults.json"), "lab/defaults.json");
     build_config(root, scenario, index, defaults.get(), cloud_url);
     build_board(root, node);
     build_state_files(root, scenario, index);

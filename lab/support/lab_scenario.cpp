@@ -14,7 +14,8 @@ namespace {
 // Device ids name sections of configuration files.
 bool is_section_name(const std::string &text) {
     return !text.empty() &&
-           text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_") == text.npos;
+           text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_") ==
+               text.npos;
 }
 
 void parse_ports(const cJSON *ports, ScenarioNode &node) {

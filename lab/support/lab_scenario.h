@@ -1,5 +1,5 @@
-// The scenario: a whole mesh as one JSON file (its form is in docs/lab.md). Read by the runner, the simulated services
-// and the tests; what a record does not hold is still to be had from its `json` member.
+// The scenario: a whole mesh as one JSON file (its form is in docs/lab.md). Read by the runner, the simulated
+// services and the tests; what a record does not hold is still to be had from its `json` member.
 #pragma once
 
 #include <string>
@@ -22,14 +22,15 @@ struct ScenarioNode {
     std::string parent; // device id of the node it hangs from, empty on the main node
     int wan_port = -1;
     std::vector<ScenarioPort> ports;
-    const cJSON *json = nullptr; // "radios", "uplink", "low_power", "getfirm", "config", "files", "faults", ...
+    const cJSON *json =
+        nullptr; // "radios", "uplink", "low_power", "getfirm", "config", "files", "faults", ...
 };
 
 struct ScenarioClient {
     std::string mac, ip, hostname;
     std::string node; // device id of the node it is attached to
     std::string wire_type, connection_type;
-    std::string interface;        // AP interface of a wireless client ("ra2", "rax2", ...), empty for a wired one
+    std::string interface; // AP interface of a wireless client ("ra2", "rax2", ...), empty for a wired one
     std::string iot_module, iot_category;
     std::string mld_mac;
     int phymode = 0, tx = 0, rx = 0; // of the station, as the driver reports them
@@ -50,7 +51,8 @@ struct Scenario {
     const ScenarioNode *node(const std::string &device_id) const;
 };
 
-// Parses a scenario; throws std::runtime_error that names what is wrong (no node, a duplicate id, an unknown node, ...).
+// Parses a scenario; throws std::runtime_error that names what is wrong (no node, a duplicate id, an unknown
+// node, ...).
 Scenario scenario_parse(const std::string &text, const std::string &what = "scenario");
 // `name_or_file`: a path, or the name of a file in lab/scenarios ("one", "home", "large").
 Scenario scenario_load(const std::string &name_or_file);

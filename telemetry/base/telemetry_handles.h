@@ -30,8 +30,7 @@ using CurlSlistPtr = std::unique_ptr<curl_slist, HandleRelease<curl_slist_free_a
 // A file descriptor that is closed with its scope.
 class FdHandle {
   public:
-    explicit FdHandle(int fd) : fd_(fd) {
-    }
+    explicit FdHandle(int fd) : fd_(fd) {}
     ~FdHandle() {
         if (fd_ >= 0)
             close(fd_);
@@ -72,8 +71,9 @@ class BlobBuffer {
     blob_buf buf_;
 };
 
-// Copies a text into a buffer of `size` characters: at most size - 1 of them, always terminated. A null source
-// empties it. No strnlen: where the compiler knows the source, it takes a bound beyond it for a mistake.
+// Copies a text into a buffer of `size` characters: at most size - 1 of them, always terminated. A null
+// source empties it. No strnlen: where the compiler knows the source, it takes a bound beyond it for a
+// mistake.
 inline void copy_text(char *destination, size_t size, const char *source) {
     if (size == 0)
         return;

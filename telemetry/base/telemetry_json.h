@@ -1,13 +1,13 @@
-// Printing of cJSON trees with the number rule of the wire format: "%d" when the value is integral and within the
-// signed 32-bit range, "%.2f" otherwise, null when it is not finite. Layout and escapes are cJSON's own.
+// Printing of cJSON trees with the number rule of the wire format: "%d" when the value is integral and within
+// the signed 32-bit range, "%.2f" otherwise, null when it is not finite. Layout and escapes are cJSON's own.
 #pragma once
 
 #include <cstddef>
 
 #include "telemetry_handles.h"
 
-// Compact text, zero-terminated; `length` (may be null) receives its length without the zero. Null for a null or
-// invalid tree or when memory runs out.
+// Compact text, zero-terminated; `length` (may be null) receives its length without the zero. Null for a null
+// or invalid tree or when memory runs out.
 TextPtr telemetry_json_print(const cJSON *item, size_t *length = nullptr);
 
 // The same with line breaks and tabs, for people.

@@ -1,4 +1,5 @@
-// Reading members of JSON objects that come from other programs: a member of the wrong type counts as missing.
+// Reading members of JSON objects that come from other programs: a member of the wrong type counts as
+// missing.
 #pragma once
 
 #include <cmath>

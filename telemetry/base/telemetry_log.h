@@ -27,18 +27,18 @@ void telemetry_print_write(const char *file, const char *function, int line, con
     __attribute__((format(printf, 4, 5)));
 
 // The gate comes before the arguments: a filtered message costs a comparison.
-#define TELEMETRY_LOG(level, ...)                                                                                 \
-    do {                                                                                                          \
-        if (telemetry_log_enabled(level))                                                                         \
-            telemetry_log_write(__FILE__, __func__, __LINE__, __VA_ARGS__);                                       \
+#define TELEMETRY_LOG(level, ...)                                           \
+    do {                                                                    \
+        if (telemetry_log_enabled(level))                                   \
+            telemetry_log_write(__FILE__, __func__, __LINE__, __VA_ARGS__); \
     } while (0)
 
 #define LOG_DEBUG(...) TELEMETRY_LOG(TELEMETRY_LOG_DEBUG, __VA_ARGS__)
 #define LOG_INFO(...) TELEMETRY_LOG(TELEMETRY_LOG_INFO, __VA_ARGS__)
 #define LOG_ERROR(...) TELEMETRY_LOG(TELEMETRY_LOG_ERROR, __VA_ARGS__)
 
-#define TELEMETRY_PRINT(...)                                                                                      \
-    do {                                                                                                          \
-        if (telemetry_log_enabled(TELEMETRY_LOG_INFO))                                                            \
-            telemetry_print_write(__FILE__, __func__, __LINE__, __VA_ARGS__);                                     \
+#define TELEMETRY_PRINT(...)                                                  \
+    do {                                                                      \
+        if (telemetry_log_enabled(TELEMETRY_LOG_INFO))                        \
+            telemetry_print_write(__FILE__, __func__, __LINE__, __VA_ARGS__); \
     } while (0)

@@ -1,7 +1,7 @@
 // Every absolute path of the platform, and the one place where a different root is put in front of it.
 //
-// Constants are router paths. Whoever opens, creates or runs one passes it through telemetry_path(); functions that
-// take a path (telemetry_parse_file and the like) take the router path and do that themselves.
+// Constants are router paths. Whoever opens, creates or runs one passes it through telemetry_path();
+// functions that take a path (telemetry_parse_file and the like) take the router path and do that themselves.
 #pragma once
 
 #include <string>
@@ -37,15 +37,18 @@ inline constexpr char kUsbDeviceDir[] = "/sys/bus/usb/devices";
 inline constexpr char kAfcStatusPath[] = "/tmp/afc/status";
 inline constexpr char kHavenguardStatsPath[] = "/tmp/havenguard/stats";
 
-// The root in front of every path: $TELEMETRY_SYSROOT, read once; empty on a router. A root that holds a character
-// outside [A-Za-z0-9/._-] ends the process with one line on standard error, since the root becomes part of commands.
+// The root in front of every path: $TELEMETRY_SYSROOT, read once; empty on a router. A root that holds a
+// character outside [A-Za-z0-9/._-] ends the process with one line on standard error, since the root becomes
+// part of commands.
 const std::string &telemetry_sysroot();
 
 // `path` below the root: the path itself on a router.
 std::string telemetry_path(std::string_view path);
 
-// Bus socket for "the default socket": null (the library's default) on a router, the root's own socket otherwise.
+// Bus socket for "the default socket": null (the library's default) on a router, the root's own socket
+// otherwise.
 const char *telemetry_bus_default_socket();
 
-// Bus socket for callers that name kBusSocketPath: that path where it exists (or a root is set), else the default.
+// Bus socket for callers that name kBusSocketPath: that path where it exists (or a root is set), else the
+// default.
 const char *telemetry_bus_named_socket();

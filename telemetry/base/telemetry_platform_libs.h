@@ -10,6 +10,7 @@ extern "C" {
 #include <libubus.h>
 #include <uci.h>
 
-// The record that embeds a timer or list node, from the address of that member. The record is standard layout.
-#define TELEMETRY_RECORD_OF(pointer, Record, member)                                                              \
+// The record that embeds a timer or list node, from the address of that member. The record is standard
+// layout.
+#define TELEMETRY_RECORD_OF(pointer, Record, member) \
     (reinterpret_cast<Record *>(reinterpret_cast<char *>(pointer) - offsetof(Record, member)))

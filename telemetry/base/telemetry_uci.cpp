@@ -206,8 +206,7 @@ int uci_set_value(uci_context *uci, const char *package, const char *section, co
         return -1;
     }
     LoadedPackage loaded(uci, package);
-    uci_section *target =
-        loaded.get() == nullptr ? nullptr : uci_lookup_section(uci, loaded.get(), section);
+    uci_section *target = loaded.get() == nullptr ? nullptr : uci_lookup_section(uci, loaded.get(), section);
     return set_and_commit(uci, loaded, target, package, section, option, value, commit);
 }
 

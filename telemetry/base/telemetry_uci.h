@@ -1,4 +1,5 @@
-// Configuration access. Every call opens and releases its own context; a failed read leaves the buffer as it was.
+// Configuration access. Every call opens and releases its own context; a failed read leaves the buffer as it
+// was.
 #pragma once
 
 #include <cstdint>
@@ -17,42 +18,46 @@ enum TelemetryUciSource : uint32_t {
 // A context of libuci for a source, with its configuration and save directory set; null when memory ran out.
 uci_context *telemetry_uci_alloc_context(uint32_t source);
 
-// Opens a self-contained call: a context for `source` when every text has at least one character and memory is there;
-// otherwise null, with one line in the caller's name.
+// Opens a self-contained call: a context for `source` when every text has at least one character and memory
+// is there; otherwise null, with one line in the caller's name.
 UciContextPtr telemetry_uci_open(uint32_t source, std::initializer_list<const char *> texts,
-                                 const char *file = __builtin_FILE(), const char *function = __builtin_FUNCTION(),
-                                 int line = __builtin_LINE());
+                                 const char *file = __builtin_FILE(),
+                                 const char *function = __builtin_FUNCTION(), int line = __builtin_LINE());
 
 // --- With the caller's context ---
 
 // Value of an option, cut to size - 1 characters. -1 no package, -2 no section, -3 no option or an empty one.
-int uci_get_value(uci_context *uci, const char *package, const char *section, const char *option, char *buffer,
-                  int size);
+int uci_get_value(uci_context *uci, const char *package, const char *section, const char *option,
+                  char *buffer, int size);
 // Sets an option of an existing section; commits when asked. An empty value removes the option.
-int uci_set_value(uci_context *uci, const char *package, const char *section, const char *option, const char *value,
-                  int commit);
+int uci_set_value(uci_context *uci, const char *package, const char *section, const char *option,
+                  const char *value, int commit);
 // The same, and makes the section (of `type`, "config" when null) when it does not exist.
 int uci_set_value_with_create(uci_context *uci, const char *package, const char *section, const char *option,
                               const char *value, const char *type, int commit);
 // The two on the system's configuration directory; the writer makes sections of type "device" and commits.
 int _telemetry_get_value_in_telemetry_config(uci_context *uci, const char *package, const char *section,
                                              const char *option, char *buffer, int size);
-int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package, const char *section,
-                                                         const char *option, const char *value);
+int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package,
+                                                         const char *section, const char *option,
+                                                         const char *value);
 
 // --- Self-contained ---
 
-// Option of the first section of a type in the device profile; at most `size` bytes, the last one forced to zero.
+// Option of the first section of a type in the device profile; at most `size` bytes, the last one forced to
+// zero.
 int uci_get_profile_option(const char *section_type, const char *option, char *buffer, int size);
-int telemetry_get_uci_value(const char *package, const char *section, const char *option, char *buffer, int size,
-                            uint32_t source);
+int telemetry_get_uci_value(const char *package, const char *section, const char *option, char *buffer,
+                            int size, uint32_t source);
 int telemetry_set_uci_value(const char *package, const char *section, const char *option, const char *value,
                             uint32_t source);
 // 1 for "on", "1", "true"; 0 for "off", "0", "false", anything else and every failure.
-int telemetry_get_uci_enabled_value(const char *package, const char *section, const char *option, uint32_t source);
+int telemetry_get_uci_enabled_value(const char *package, const char *section, const char *option,
+                                    uint32_t source);
 // Writes package `telemetry` of the system's configuration, making the section.
 int telemetry_set_uci_value_in_telemetry_config(const char *section, const char *option, const char *value);
 
 // Called for each section of a package, in file order; the result is ignored.
 using TelemetrySectionCallback = int (*)(void *user, uci_context *uci, uci_element *section);
-int telemetry_traverse_config_section_and_do(const char *package, TelemetrySectionCallback callback, void *user);
+int telemetry_traverse_config_section_and_do(const char *package, TelemetrySectionCallback callback,
+                                             void *user);

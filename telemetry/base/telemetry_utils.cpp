@@ -150,8 +150,8 @@ int telemetry_parse_file(const char *path, char *buffer, size_t size) {
 
 int telemetry_write_number_file(const char *path, int number) {
     // O_NONBLOCK: see telemetry_parse_file.
-    const FdHandle file(open(telemetry_path(path).c_str(),
-                             O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
+    const FdHandle file(
+        open(telemetry_path(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666));
     if (!file.valid())
         return -1;
     const std::string text = std::to_string(number) + "\n";

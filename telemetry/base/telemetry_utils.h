@@ -15,22 +15,24 @@ int32_t telemetry_text_to_int(const char *text);
 
 // Source without "-" and ":", a-z as A-Z. `destination` holds at least the source's length + 1.
 int mac_to_format(char *destination, const char *source);
-// Source with "-" after every two characters but the last. `destination` holds at least 3/2 of the source's length + 1.
+// Source with "-" after every two characters but the last. `destination` holds at least 3/2 of the source's
+// length + 1.
 int mac_to_short_line(char *destination, const char *source);
-// Both in turn: aa:bb:cc:dd:ee:ff becomes AA-BB-CC-DD-EE-FF. `destination` holds 18 characters; a source that would
-// not fit (more than 12 characters without separators) is cut there.
+// Both in turn: aa:bb:cc:dd:ee:ff becomes AA-BB-CC-DD-EE-FF. `destination` holds 18 characters; a source that
+// would not fit (more than 12 characters without separators) is cut there.
 int mac_to_upper_short_line(char *destination, const char *source);
 // n bytes as 2n lower case hexadecimal digits; `length` (of the destination) must exceed 2n.
 int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, size_t n);
 
 // --- Commands and files ---
 
-// Output of a shell command (first read, at most 2048 bytes), less one trailing line end, copied as exactly `size`
-// bytes: zero-padded, and without a terminator when the text has `size` or more characters.
+// Output of a shell command (first read, at most 2048 bytes), less one trailing line end, copied as exactly
+// `size` bytes: zero-padded, and without a terminator when the text has `size` or more characters.
 int shell_get_value(const char *command, char *output, int size);
 // First size - 1 bytes of a file, in a zeroed buffer. `path` is the router's path.
 int telemetry_parse_file(const char *path, char *buffer, size_t size);
-// Makes a number and a line end a file's whole content. 0, -1 when it cannot be opened, -2 when it cannot be written.
+// Makes a number and a line end a file's whole content. 0, -1 when it cannot be opened, -2 when it cannot be
+// written.
 int telemetry_write_number_file(const char *path, int number);
 // 1 when the router path exists.
 int telemetry_file_exists(const char *path);
@@ -54,30 +56,34 @@ int check_is_auto_upgrade_support();
 
 // --- Measurements and markers ---
 
-// Average delay of three echoes, ms with six decimals, into `output` (at least 128 characters; untouched when the
-// command could not run). `host` must be an address or host name: anything else never reaches the shell and gives -1.
+// Average delay of three echoes, ms with six decimals, into `output` (at least 128 characters; untouched when
+// the command could not run). `host` must be an address or host name: anything else never reaches the shell
+// and gives -1.
 int telemetry_ping_delay_v4(char *output, const char *host);
 int telemetry_ping_delay_v6(char *output, const char *host);
 // 1 when the text is an IPv4 or IPv6 address.
 int telemetry_is_ip_address(const char *text);
-// 1 when the text is an address or a host name: letters, digits, "-" and ".", at most 253 characters, no leading "-".
+// 1 when the text is an address or a host name: letters, digits, "-" and ".", at most 253 characters, no
+// leading "-".
 int telemetry_is_host(const char *text);
 
 // -1 until the first call of write_post_done_to_file.
 extern int telemetry_post_done;
-// Writes bit 1 of `flags` to /tmp/telemetry/post_done: 1 (a cycle starts) writes 0, 2 (an upload was sent) writes 1.
+// Writes bit 1 of `flags` to /tmp/telemetry/post_done: 1 (a cycle starts) writes 0, 2 (an upload was sent)
+// writes 1.
 int write_post_done_to_file(int flags);
 
 // --- Encodings and digests (telemetry_digest.cpp) ---
 
-// Standard alphabet with padding; `output` holds 4 * ceil(length / 3) + 1 characters. A length below 1 is a failure,
-// here and in the two digests.
+// Standard alphabet with padding; `output` holds 4 * ceil(length / 3) + 1 characters. A length below 1 is a
+// failure, here and in the two digests.
 int base64_encode(const uint8_t *input, int32_t length, char *output);
 // Raw MD5, 16 bytes.
 int md5_encode(const uint8_t *input, int32_t length, uint8_t *output);
 // MD5 as 32 lower case hexadecimal digits; `output` holds at least 33 characters.
 int md5_encode_str(const uint8_t *input, int32_t length, char *output);
-// First n (1 to 20) bytes of HMAC-SHA1(key, message) as lower case hexadecimal; `output` holds 2n + 1, 41 at most.
+// First n (1 to 20) bytes of HMAC-SHA1(key, message) as lower case hexadecimal; `output` holds 2n + 1, 41 at
+// most.
 int hmac_sha1_encode(const char *message, int n, char *output, const char *key);
 // One-shot MD5 of `length` bytes into 16 bytes.
 void md5_calc(uint8_t *digest, const void *data, size_t length);
@@ -86,7 +92,7 @@ void md5_calc(uint8_t *digest, const void *data, size_t length);
 
 // Value type codes of options.
 enum TelemetryValueType : int {
-    TELEMETRY_VALUE_INT = 0,     // on/true 1, off/false 0, else a 32-bit integer
+    TELEMETRY_VALUE_INT = 0, // on/true 1, off/false 0, else a 32-bit integer
     TELEMETRY_VALUE_INT64 = 1,
     TELEMETRY_VALUE_DOUBLE = 2,
     TELEMETRY_VALUE_STRING = 3,
@@ -98,8 +104,10 @@ enum TelemetryValueType : int {
 
 // Adds the text, converted by type code 0-2 (any other code: as a string), under `key`.
 int telemetry_add_value_to_cJSON_object(cJSON *object, const char *key, const char *text, int type);
-// Adds an array of the text's elements, separated by single blanks, by type code 4-7. Only the first 128 characters
-// count; an element that crosses them is dropped. `length` is the size of the text's buffer.
-int telemetry_add_value_list_to_cJSON_object(cJSON *object, const char *key, const char *text, int length, int type);
-// Adds the MD5 of a MAC text as hexadecimal under `key`: -1 when the text is missing or empty, and nothing is added.
+// Adds an array of the text's elements, separated by single blanks, by type code 4-7. Only the first 128
+// characters count; an element that crosses them is dropped. `length` is the size of the text's buffer.
+int telemetry_add_value_list_to_cJSON_object(cJSON *object, const char *key, const char *text, int length,
+                                             int type);
+// Adds the MD5 of a MAC text as hexadecimal under `key`: -1 when the text is missing or empty, and nothing is
+// added.
 int telemetry_add_mac_md5_to_cJSON_object(cJSON *object, const char *key, const char *mac);

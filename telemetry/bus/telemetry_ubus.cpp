@@ -245,7 +245,8 @@ static bool restore_connection() {
         status = ubus_add_object(telemetry_bus, &telemetry_object);
     reconnecting = false;
     if (status != UBUS_STATUS_OK) {
-        // An absent bus has been told once; anything else, such as a name that another process holds, would go unseen.
+        // An absent bus has been told once; anything else, such as a name that another process holds, would
+        // go unseen.
         TELEMETRY_LOG(status == UBUS_STATUS_CONNECTION_FAILED ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR,
                       "ubus reconnect failed: %s", ubus_strerror(status));
         return false;

@@ -12,17 +12,18 @@ TelemetryCtx *telemetry_ubus_ctx();
 // The object with its methods, registered or not.
 const ubus_object *telemetry_ubus_object();
 
-// Ends a reply with "err_code" (0, or -1 for a failure that the log explains) and sends it. The handler's status.
+// Ends a reply with "err_code" (0, or -1 for a failure that the log explains) and sends it. The handler's
+// status.
 int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code);
 
 // Handlers of the satellite queries (telemetry_ubus_query.cpp).
-int ubus_collect_client_info(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-                             blob_attr *message);
-int ubus_collect_system_info(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-                             blob_attr *message);
-int ubus_collect_usb_info(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-                          blob_attr *message);
-int ubus_collect_afc_info(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-                          blob_attr *message);
-int ubus_collect_device_info(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-                             blob_attr *message);
+int ubus_collect_client_info(ubus_context *bus, ubus_object *object, ubus_request_data *request,
+                             const char *method, blob_attr *message);
+int ubus_collect_system_info(ubus_context *bus, ubus_object *object, ubus_request_data *request,
+                             const char *method, blob_attr *message);
+int ubus_collect_usb_info(ubus_context *bus, ubus_object *object, ubus_request_data *request,
+                          const char *method, blob_attr *message);
+int ubus_collect_afc_info(ubus_context *bus, ubus_object *object, ubus_request_data *request,
+                          const char *method, blob_attr *message);
+int ubus_collect_device_info(ubus_context *bus, ubus_object *object, ubus_request_data *request,
+                             const char *method, blob_attr *message);

@@ -1,5 +1,6 @@
-// The collectors of the module table. Each follows the contract of TelemetryCollector (telemetry_collect.h): it adds
-// members to the payload, sets the count, returns 0 on success, and reports nothing by leaving the count at 0.
+// The collectors of the module table. Each follows the contract of TelemetryCollector (telemetry_collect.h):
+// it adds members to the payload, sets the count, returns 0 on success, and reports nothing by leaving the
+// count at 0.
 #pragma once
 
 #include "telemetry_collect.h"

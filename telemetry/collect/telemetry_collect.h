@@ -12,8 +12,9 @@
 inline constexpr size_t kMaxBackUpLength = 65536;
 inline constexpr size_t kUploadThreshold = 32768;
 
-// A collector fills `payload` (a new, empty object that stays the scheduler's) and sets `count` (0 at entry) to the
-// number of items it added. 0 is success; a record is kept only for success with a count of at least 1.
+// A collector fills `payload` (a new, empty object that stays the scheduler's) and sets `count` (0 at entry)
+// to the number of items it added. 0 is success; a record is kept only for success with a count of at
+// least 1.
 using TelemetryCollector = int (*)(TelemetryCtx *ctx, cJSON *payload, uint32_t *count);
 
 // 1 when the list's compact text has at least `limit` bytes; 0 otherwise and without a list.

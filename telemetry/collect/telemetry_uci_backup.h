@@ -17,24 +17,26 @@ struct TelemetryIndexEntry {
     const char *package;
     const char *section;
     const char *option;
-    int value_type;            // TelemetryValueType
+    int value_type; // TelemetryValueType
 };
 
 int _telemetry_get_value_in_tmp_backup_config(uci_context *uci, const char *package, const char *section,
                                               const char *option, char *buffer, int size);
-int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, const char *package, const char *section,
-                                                          const char *option, const char *value);
+int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, const char *package,
+                                                          const char *section, const char *option,
+                                                          const char *value);
 // Option of the backup section "<package>_<section>".
 int telemetry_get_uci_value_in_tmp_backup_config(const char *package, const char *section, const char *option,
                                                  char *buffer, int size);
 int telemetry_set_uci_value_in_tmp_backup_config(const char *package, const char *section, const char *option,
                                                  const char *value);
-// 1 when a watched option differs from the recorded value; all differing values are then recorded. One that could
-// not be recorded does not count: the next call finds it again.
+// 1 when a watched option differs from the recorded value; all differing values are then recorded. One that
+// could not be recorded does not count: the next call finds it again.
 int telemetry_update_tmp_backup_config_by_telemetry_index(const TelemetryIndexEntry *table, int rows);
 // Adds every recorded value of the table; `count` grows by 1 a member.
-int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table, int rows,
-                                                                    uint32_t *count, cJSON *payload);
+int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table,
+                                                                    int rows, uint32_t *count,
+                                                                    cJSON *payload);
 // Adds every live value of the table and empties the option: one-shot values that other programs leave.
 int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table, int rows,
                                                                   uint32_t *count, cJSON *payload);

@@ -1,5 +1,5 @@
-// The one record that holds the daemon's state. It lives for the whole run; everything reaches it by argument, timer
-// callbacks by the place of their timer in it.
+// The one record that holds the daemon's state. It lives for the whole run; everything reaches it by
+// argument, timer callbacks by the place of their timer in it.
 #pragma once
 
 #include <cstdint>
@@ -38,10 +38,10 @@ struct TelemetryCtx {
     char access_key[129];
     char access_secret[129];
     // Collection.
-    CollectedDataList *collect_list; // owned; null until the first cycle that is allowed to collect
-    uint32_t post_state;             // TelemetryPostState
-    uint32_t data_collect_count;     // items in collect_list: the sum of its "cnt"
-    uint32_t collect_count;          // cycles run
+    CollectedDataList *collect_list;     // owned; null until the first cycle that is allowed to collect
+    uint32_t post_state;                 // TelemetryPostState
+    uint32_t data_collect_count;         // items in collect_list: the sum of its "cnt"
+    uint32_t collect_count;              // cycles run
     uint32_t collect_interval_strategy1; // ms
     uint32_t collect_interval_strategy2; // ms
     uint32_t collect_interval_periodic;  // ms, fixed
@@ -49,7 +49,7 @@ struct TelemetryCtx {
     uint32_t collect_periodic_now;       // 1: the next cycle collects the periodic items
     uloop_timeout collect_timer;
     // Upload.
-    uint32_t post_interval; // ms
+    uint32_t post_interval;                        // ms
     PostRequest *post_requests[kPostRequestCount]; // allocated once, never freed
     uloop_timeout post_timer;
     uint32_t post_retry_count;
@@ -61,9 +61,9 @@ static_assert(std::is_standard_layout_v<TelemetryCtx>, "timers find the record b
 static_assert(std::is_trivially_default_constructible_v<TelemetryCtx>, "the record starts as zero bytes");
 static_assert(std::is_trivially_copyable_v<TelemetryCtx>, "the record starts as zero bytes");
 
-// Arms the timer that runs telemetry_collect_data, in ms. A pending timer is moved. 0 and values beyond 2147483647
-// (what a configuration of 0, negative or huge minutes yields) are logged and replaced by 15 minutes, so that a bad
-// interval can neither spin the loop nor stop collection.
+// Arms the timer that runs telemetry_collect_data, in ms. A pending timer is moved. 0 and values beyond
+// 2147483647 (what a configuration of 0, negative or huge minutes yields) are logged and replaced by 15
+// minutes, so that a bad interval can neither spin the loop nor stop collection.
 void telemetry_arm_collect_timer(TelemetryCtx *ctx, uint32_t ms);
 // The same for telemetry_post_data; the replacement is 4 hours.
 void telemetry_arm_post_timer(TelemetryCtx *ctx, uint32_t ms);

@@ -1,4 +1,5 @@
-// The client side of the snapshot and its steps (telemetry_pre_client_service.cpp, ..._iot.cpp, ..._station.cpp).
+// The client side of the snapshot and its steps (telemetry_pre_client_service.cpp, ..._iot.cpp,
+// ..._station.cpp).
 #pragma once
 
 #include "telemetry_snapshot.h"

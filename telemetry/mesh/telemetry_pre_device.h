@@ -1,4 +1,5 @@
-// The device side of the snapshot: the mesh device list, completed from configuration, context and satellites.
+// The device side of the snapshot: the mesh device list, completed from configuration, context and
+// satellites.
 #pragma once
 
 #include "telemetry_ctx.h"

@@ -86,7 +86,8 @@ int telemetry_collect_re_backhaul_info(const char *fap_ipaddr) {
         LOG_ERROR("invalid input");
         return -1;
     }
-    return telemetry_transfer_call(TELEMETRY_TRANSFER_DEVICE, true, fap_ipaddr, handle_ubus_call_from_re_backhaul_info, nullptr);
+    return telemetry_transfer_call(TELEMETRY_TRANSFER_DEVICE, true, fap_ipaddr,
+                                   handle_ubus_call_from_re_backhaul_info, nullptr);
 }
 
 // --- Station details of the satellites' clients ---
@@ -128,5 +129,6 @@ void handle_ubus_call_from_re_client_sta_list(blob_attr *message, void *user) {
 }
 
 int telemetry_get_re_client_sta_list() {
-    return telemetry_transfer_call(TELEMETRY_TRANSFER_CLIENT, false, nullptr, handle_ubus_call_from_re_client_sta_list, nullptr);
+    return telemetry_transfer_call(TELEMETRY_TRANSFER_CLIENT, false, nullptr,
+                                   handle_ubus_call_from_re_client_sta_list, nullptr);
 }

@@ -1,4 +1,5 @@
-// The snapshot of the mesh that the collectors of one cycle share: its records, their holder, and how to find one.
+// The snapshot of the mesh that the collectors of one cycle share: its records, their holder, and how to find
+// one.
 #pragma once
 
 #include <cstddef>

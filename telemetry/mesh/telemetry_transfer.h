@@ -1,5 +1,5 @@
-// The asking side of the queries between mesh nodes: one request to the synchronisation service, which forwards it to
-// the satellites and joins their answers.
+// The asking side of the queries between mesh nodes: one request to the synchronisation service, which
+// forwards it to the satellites and joins their answers.
 #pragma once
 
 #include <cstdint>

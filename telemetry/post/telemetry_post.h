@@ -1,4 +1,5 @@
-// Upload: the pool of HTTP requests, the state machine that keeps key and strategy fresh, the three cloud calls.
+// Upload: the pool of HTTP requests, the state machine that keeps key and strategy fresh, the three cloud
+// calls.
 #pragma once
 
 #include <cstdint>
@@ -116,6 +117,6 @@ void telemetry_post_data(uloop_timeout *timer);
 void post_refresh_key_cb(PostRequest *request);
 void post_get_strategy_cb(PostRequest *request);
 void post_upload_data_cb(PostRequest *request);
-// Applies "collect_interval_strategy1=%d,collect_interval_strategy2=%d,post_interval=%d" (minutes), keeps it in the
-// configuration. -1 leaves the intervals as they were.
+// Applies "collect_interval_strategy1=%d,collect_interval_strategy2=%d,post_interval=%d" (minutes), keeps it
+// in the configuration. -1 leaves the intervals as they were.
 int telemetry_update_strategy(TelemetryCtx *ctx, const char *content);

@@ -1,6 +1,6 @@
-// Questions to the Wi-Fi driver. Collectors call the generic wlan_get_* entries only; the table behind them holds the
-// implementation for the board's chipset. Bands: 0 is 2.4 GHz, 1 is 5 GHz. Every entry gives 1 on success, 0 on
-// failure or when the platform has no such operation.
+// Questions to the Wi-Fi driver. Collectors call the generic wlan_get_* entries only; the table behind them
+// holds the implementation for the board's chipset. Bands: 0 is 2.4 GHz, 1 is 5 GHz. Every entry gives 1 on
+// success, 0 on failure or when the platform has no such operation.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@ struct ClientStaInfo {
 
 // Stations of all interfaces of this node.
 struct ClientStaList {
-    uint8_t count;         // clients that the client management service reports for this node, kept in 8 bits
-    uint32_t capacity;     // entries behind `stations`
+    uint8_t count;     // clients that the client management service reports for this node, kept in 8 bits
+    uint32_t capacity; // entries behind `stations`
     ClientStaInfo *stations;
 };
 
@@ -65,6 +65,6 @@ int wlan_get_sta_if_name(int32_t band, char *name, int32_t size);
 int wlan_get_band_if_name(int32_t band, int32_t network_type, char *name, int32_t size);
 // Channel width of the 5 GHz radio in MHz.
 int wlan_get_wifi_bandwidth(uint32_t *bandwidth);
-// Appends the interface's stations at index *count of the list and raises *count; entries beyond the list's capacity
-// are cut with one log line.
+// Appends the interface's stations at index *count of the list and raises *count; entries beyond the list's
+// capacity are cut with one log line.
 int wlan_get_band_client_sta_info(const char *ifname, ClientStaList *list, uint32_t *count);
