@@ -16,9 +16,7 @@ class TelemetryUciTest : public SysrootTest {
     TelemetryUciTest() {
         telemetry_debug_level = TELEMETRY_LOG_DEBUG;
     }
-    ~TelemetryUciTest() override {
-        telemetry_debug_level = TELEMETRY_LOG_INFO;
-    }
+    UciContextPtr uci{telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM)};
 };
 
 TEST_F(TelemetryUciTest, ReadsAnOption) {
@@ -26,8 +24,7 @@ TEST_F(TelemetryUciTest, ReadsAnOption) {
     root.write_config("bad", "config a 's\n");
     const struct {
         const char *package, *section, *option;
-        int size;
-        int result;
+        int size, result;
         const char *buffer; // untouched ("#") after a failure
         Messages log;
     } cases[] = {
@@ -45,140 +42,106 @@ TEST_F(TelemetryUciTest, ReadsAnOption) {
         {"p", nullptr, "o", 16, -1, "#", {"param error"}},
         {"p", "s", "o", 0, -1, "#", {"param error"}},
     };
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    char buffer[16];
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.log.empty() ? c.buffer : c.log[0]);
-        char buffer[16] = "#";
-        EXPECT_EQ(logged_result([&] {
-                      return uci_get_value(uci.get(), c.package, c.section, c.option, buffer, c.size);
-                  }),
-                  LoggedResult(c.result, c.log));
+        strcpy(buffer, "#");
+        expect_logged(c.result, c.log, [&] {
+            return uci_get_value(uci.get(), c.package, c.section, c.option, buffer, c.size);
+        });
         EXPECT_STREQ(buffer, c.buffer);
-        // The self-contained reader adds its own line, and knows one failure only.
-        Messages log = c.log;
-        if (c.result != 0 && log[0] != "param error")
-            log.push_back("uci_get_value " + std::string(c.package) + "." + c.section + "." + c.option +
-                          " error");
-        EXPECT_EQ(logged_result([&] {
-                      return telemetry_get_uci_value(c.package, c.section, c.option, buffer, c.size,
-                                                     TELEMETRY_UCI_SYSTEM);
-                  }),
-                  LoggedResult(c.result == 0 ? 0 : -1, log));
     }
     EXPECT_TRUE(uci_list_empty(&uci->root)); // nothing stays loaded
+    // The self-contained reader adds its own line, and knows one failure only.
+    expect_logged(-1, {"uci_lookup_option failed: q", "uci_get_value p.s.q error"},
+                  [&] { return telemetry_get_uci_value("p", "s", "q", buffer, 16, TELEMETRY_UCI_SYSTEM); });
 }
 
 TEST_F(TelemetryUciTest, SourcesAreDirectories) {
     const struct {
         uint32_t source;
-        const char *path, *value;
-    } cases[] = {{TELEMETRY_UCI_BACKUP, "/tmp/telemetry/telemetry", "backup"},
-                 {TELEMETRY_UCI_SYSTEM, "/etc/config/telemetry", "system"},
-                 {TELEMETRY_UCI_PROFILE, "/etc/profile.d/telemetry", "profile"}};
+        const char *path, *value, *written; // writers know two sources
+    } cases[] = {{TELEMETRY_UCI_BACKUP, "/tmp/telemetry/telemetry", "backup", "b"},
+                 {TELEMETRY_UCI_SYSTEM, "/etc/config/telemetry", "system", "p"},
+                 {TELEMETRY_UCI_PROFILE, "/etc/profile.d/telemetry", "profile", "profile"}};
+    char buffer[16] = "";
     for (const auto &c : cases)
         root.write(c.path, "config a s\noption o " + std::string(c.value) + "\n");
     for (const auto &c : cases) {
-        char buffer[16] = "";
         EXPECT_EQ(telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), c.source), 0);
         EXPECT_STREQ(buffer, c.value);
     }
-    // Writers know two.
-    EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "b2", TELEMETRY_UCI_BACKUP), 0);
-    EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "s2", TELEMETRY_UCI_PROFILE), 0);
-    EXPECT_EQ(root.read(cases[0].path), "\nconfig a 's'\n\toption o 'b2'\n\n");
-    EXPECT_EQ(root.read(cases[1].path), "\nconfig a 's'\n\toption o 's2'\n\n");
-    EXPECT_EQ(root.read(cases[2].path), "config a s\noption o profile\n");
-}
-
-TEST_F(TelemetryUciTest, SetsAnOption) {
-    const std::string before = "config a 's'\n\toption o 'v'\n";
-    const struct {
-        const char *section, *option, *value;
-        int result;
-        const char *file; // null: as before
-        Messages log;
-    } cases[] = {
-        {"s", "o", "it's", 0, "\nconfig a 's'\n\toption o 'it'\\''s'\n\n", {}},
-        {"s", "n", "a=b.c", 0, "\nconfig a 's'\n\toption o 'v'\n\toption n 'a=b.c'\n\n", {}},
-        {"s", "o", "", 0, "\nconfig a 's'\n\n", {}},
-        {"s", "n", "", 0, nullptr, {}},
-        {"t", "o", "w", -1, nullptr, {"uci_set p.t.o=w failed", "uci_set_value [w] error"}},
-        {"s", "o-p", "w", -1, nullptr, {"uci_set p.s.o-p=w failed", "uci_set_value [w] error"}},
-        {"s", "o", nullptr, -1, nullptr, {"param error"}},
-    };
+    EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "b", TELEMETRY_UCI_BACKUP), 0);
+    EXPECT_EQ(telemetry_set_uci_value("telemetry", "s", "o", "p", TELEMETRY_UCI_PROFILE), 0);
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.option + std::string("=") + (c.value ? c.value : ""));
-        root.write_config("p", before);
-        EXPECT_EQ(logged_result([&] {
-                      return telemetry_set_uci_value("p", c.section, c.option, c.value, TELEMETRY_UCI_SYSTEM);
-                  }),
-                  LoggedResult(c.result, c.log));
-        EXPECT_EQ(root.read("/etc/config/p"), c.file ? c.file : before);
+        telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), c.source);
+        EXPECT_STREQ(buffer, c.written);
     }
-    // Committed only when asked, and as far as it can be.
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
-    root.write_config("p", "config a 's'\n");
-    EXPECT_EQ(uci_set_value(uci.get(), "p", "s", "o", "1", 0), 0);
-    EXPECT_EQ(root.read("/etc/config/p"), "config a 's'\n");
-    root.remove("/tmp/.uci");
-    root.write("/tmp/.uci", "no directory");
-    EXPECT_EQ(logged_result([&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); }),
-              LoggedResult(-1, {"uci_commit failed"}));
 }
 
-TEST_F(TelemetryUciTest, SetCreatesTheSection) {
+TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
+    const std::string v = "config a 's'\n\toption o 'v'\n";
     const char *const add = "failed to find the specified section! add now";
+    const char *const failed = "uci_set_value [w] error";
     const struct {
-        const char *file, *section, *type;
-        const char *expected; // null: fails, and the file stays
+        std::string file;
+        const char *section, *option, *value;
+        const char *type; // of a new section, "" the default; null: of an existing one only
+        std::string after;
         Messages log;
+        int result = 0;
     } cases[] = {
-        {"", "s", nullptr, "\nconfig config 's'\n\toption o 'v'\n\n", {add}},
-        {"", "s", "device", "\nconfig device 's'\n\toption o 'v'\n\n", {add}},
-        {"config a s\n", "s", "device", "\nconfig a 's'\n\toption o 'v'\n\n", {}},
-        {"config a\nconfig a\n", "@a[1]", nullptr, "\nconfig a\n\nconfig a\n\toption o 'v'\n\n", {}},
-        {"", "s t", nullptr, nullptr, {add, "uci_rename p.cfg016c7b=s t failed"}},
-        {"config a 's\n", "s", nullptr, nullptr, {add, "Failed to uci_load package p"}},
+        {v, "s", "o", "it's", nullptr, "\nconfig a 's'\n\toption o 'it'\\''s'\n\n", {}},
+        {v, "s", "n", "a=b.c", nullptr, "\nconfig a 's'\n\toption o 'v'\n\toption n 'a=b.c'\n\n", {}},
+        {v, "s", "o", "", nullptr, "\nconfig a 's'\n\n", {}},
+        {v, "s", "n", "", nullptr, v, {}},
+        {v, "t", "o", "w", nullptr, v, {"uci_set p.t.o=w failed", failed}, -1},
+        {v, "s", "o-p", "w", nullptr, v, {"uci_set p.s.o-p=w failed", failed}, -1},
+        {v, "s", "o", nullptr, nullptr, v, {"param error"}, -1},
+        {"", "s", "o", "v", "", "\nconfig config 's'\n\toption o 'v'\n\n", {add}},
+        {"", "s", "o", "v", "device", "\nconfig device 's'\n\toption o 'v'\n\n", {add}},
+        {"config a s\n", "s", "o", "v", "device", "\nconfig a 's'\n\toption o 'v'\n\n", {}},
+        {"config a\nconfig a\n", "@a[1]", "o", "v", "", "\nconfig a\n\nconfig a\n\toption o 'v'\n\n", {}},
+        {"", "s t", "o", "v", "", "", {add, "uci_rename p.cfg016c7b=s t failed"}, -1},
+        {"config a 's\n", "s", "o", "v", "", "config a 's\n", {add, "Failed to uci_load package p"}, -1},
     };
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.file) + c.section);
+        SCOPED_TRACE(c.file + c.section + c.option + "=" + (c.value ? c.value : ""));
         root.write_config("p", c.file);
-        EXPECT_EQ(logged_result([&] {
-                      return uci_set_value_with_create(uci.get(), "p", c.section, "o", "v", c.type, 1);
-                  }),
-                  LoggedResult(c.expected ? 0 : -1, c.log));
-        EXPECT_EQ(root.read("/etc/config/p"), c.expected ? c.expected : c.file);
+        expect_logged(c.result, c.log, [&] {
+            return c.type == nullptr
+                       ? telemetry_set_uci_value("p", c.section, c.option, c.value, TELEMETRY_UCI_SYSTEM)
+                       : uci_set_value_with_create(uci.get(), "p", c.section, c.option, c.value, c.type, 1);
+        });
+        EXPECT_EQ(root.read("/etc/config/p"), c.after);
         EXPECT_TRUE(uci_list_empty(&uci->root));
     }
     root.write_config("telemetry", "");
     EXPECT_EQ(telemetry_set_uci_value_in_telemetry_config("s", "o", "v"), 0);
     EXPECT_EQ(root.read("/etc/config/telemetry"), "\nconfig device 's'\n\toption o 'v'\n\n");
+    // Committed only when asked, and as far as it can be.
+    root.write_config("p", v);
+    EXPECT_EQ(uci_set_value(uci.get(), "p", "s", "o", "1", 0), 0);
+    EXPECT_EQ(root.read("/etc/config/p"), v);
+    root.remove("/tmp/.uci");
+    root.write("/tmp/.uci", "no directory");
+    expect_logged(-1, {"uci_commit failed"}, [&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); });
 }
 
 TEST_F(TelemetryUciTest, ReadsEnabledValues) {
-    const Messages none, error = {"value enabled error"};
-    const struct {
-        const char *value;
-        int expected;
-        Messages log;
-    } cases[] = {
-        {"on", 1, none},    {"1", 1, none},
-        {"true", 1, none},  {"off", 0, none},
-        {"0", 0, none},     {"false", 0, none},
-        {"TRUE", 0, error}, {"on ", 0, error},
-        {"one", 0, error},  {"", 0, {"uci_lookup_option failed: enable", "uci_get_value enabled error"}},
+    const auto read = [&](const std::string &value, uint32_t source) {
+        root.write_config("telemetry", "config a s\noption enable '" + value + "'\n");
+        root.write_backup("config a s\noption enable '" + value + "'\n");
+        return logged_result(
+            [&] { return telemetry_get_uci_enabled_value("telemetry", "s", "enable", source); });
     };
-    for (const auto &[value, expected, log] : cases) {
-        const std::string file = "config a s\noption enable '" + std::string(value) + "'\n";
-        root.write_config("telemetry", file);
-        root.write_backup(file);
-        for (uint32_t source : {TELEMETRY_UCI_BACKUP, TELEMETRY_UCI_SYSTEM, TELEMETRY_UCI_PROFILE})
-            EXPECT_EQ(logged_result([&, v = source] {
-                          return telemetry_get_uci_enabled_value("telemetry", "s", "enable", v);
-                      }),
-                      LoggedResult(expected, log))
-                << value;
+    for (const uint32_t source : {TELEMETRY_UCI_BACKUP, TELEMETRY_UCI_SYSTEM, TELEMETRY_UCI_PROFILE}) {
+        for (const char *on : {"on", "1", "true"})
+            EXPECT_EQ(read(on, source), LoggedResult(1, {}));
+        for (const char *off : {"off", "0", "false"})
+            EXPECT_EQ(read(off, source), LoggedResult(0, {}));
+        for (const char *other : {"TRUE", "on ", "one"})
+            EXPECT_EQ(read(other, source), LoggedResult(0, {"value enabled error"}));
+        EXPECT_EQ(read("", source).second.back(), "uci_get_value enabled error");
     }
 }
 
@@ -186,6 +149,7 @@ TEST_F(TelemetryUciTest, ReadsTheProfile) {
     root.write_profile(
         "config other\nconfig feature\noption support 'yes_always'\nconfig feature\noption support no\n"
         "config a_type_with_a_name_that_fills_the_path\noption support yes\n");
+    const Messages failed = {"lookup ptr failed"};
     const struct {
         const char *type, *option;
         int size;
@@ -194,31 +158,31 @@ TEST_F(TelemetryUciTest, ReadsTheProfile) {
     } cases[] = {
         {"feature", "support", 16, "yes_always", {}},
         {"feature", "support", 4, "yes", {}},
-        {"feature", "none", 16, "#", {"lookup ptr failed"}},
-        {"none", "support", 16, "#", {"lookup ptr failed"}},
-        {"other", "support", 16, "#", {"lookup ptr failed"}},
+        {"feature", "none", 16, "#", failed},
+        {"none", "support", 16, "#", failed},
+        {"other", "support", 16, "#", failed},
         // "profile.@a_type...[0].support" is cut to 49 characters.
-        {"a_type_with_a_name_that_fills_the_path", "support", 16, "#", {"lookup ptr failed"}},
+        {"a_type_with_a_name_that_fills_the_path", "support", 16, "#", failed},
         {"feature", nullptr, 16, "#", {"invalid input!"}},
         {"feature", "support", 0, "#", {"invalid input!"}},
     };
-    char buffer[16];
     for (const auto &c : cases) {
-        strcpy(buffer, "#");
-        EXPECT_EQ(logged_result([&] { return uci_get_profile_option(c.type, c.option, buffer, c.size); }),
-                  LoggedResult(c.buffer[0] == '#' ? -1 : 0, c.log));
+        char buffer[16] = "#";
+        expect_logged(c.log.empty() ? 0 : -1, c.log,
+                      [&] { return uci_get_profile_option(c.type, c.option, buffer, c.size); });
         EXPECT_STREQ(buffer, c.buffer);
     }
     root.remove("/etc/profile.d/profile");
-    EXPECT_EQ(logged_result([&] { return uci_get_profile_option("feature", "support", buffer, 4); }),
-              LoggedResult(-1, {"uci load profile failed"}));
+    char buffer[4];
+    expect_logged(-1, {"uci load profile failed"},
+                  [&] { return uci_get_profile_option("feature", "support", buffer, 4); });
 }
 
 TEST_F(TelemetryUciTest, TraversesSectionsInOrder) {
     root.write_config("p", "config a x\noption mac 1\nconfig b\nconfig a y\noption mac 2\n");
     std::string walked;
-    const auto note = [](void *user, uci_context *uci, uci_element *section) {
-        const char *mac = uci_lookup_option_string(uci, uci_to_section(section), "mac");
+    const auto note = [](void *user, uci_context *context, uci_element *section) {
+        const char *mac = uci_lookup_option_string(context, uci_to_section(section), "mac");
         *static_cast<std::string *>(user) +=
             std::string(uci_to_section(section)->type) + (mac ? mac : "-") + " ";
         return -1;
@@ -226,8 +190,8 @@ TEST_F(TelemetryUciTest, TraversesSectionsInOrder) {
     EXPECT_EQ(telemetry_traverse_config_section_and_do("p", note, &walked), 0);
     EXPECT_EQ(walked, "a1 b- a2 ");
     EXPECT_EQ(telemetry_traverse_config_section_and_do("p", nullptr, &walked), -1);
-    EXPECT_EQ(logged_result([&] { return telemetry_traverse_config_section_and_do("none", note, &walked); }),
-              LoggedResult(-1, {"load uci package failed."}));
+    expect_logged(-1, {"load uci package failed."},
+                  [&] { return telemetry_traverse_config_section_and_do("none", note, &walked); });
 }
 
 } // namespace

@@ -179,3 +179,7 @@ template <typename Call> LoggedResult logged_result(Call call) {
     result.second = logged_messages([&] { result.first = call(); });
     return result;
 }
+
+template <typename Call> void expect_logged(int result, const std::vector<std::string> &log, Call call) {
+    EXPECT_EQ(logged_result(call), LoggedResult(result, log));
+}
