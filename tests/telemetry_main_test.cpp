@@ -18,8 +18,7 @@ int telemetry_main();
 // --- The subsystems that start-up calls, as the test wants them ---
 
 static std::vector<std::string> calls;
-static bool pool_fails;
-static bool bus_fails;
+static bool pool_fails, bus_fails;
 static std::string popen_fails_for;
 static uloop_timeout far_timer; // armed until the loop is taken down
 static int free_descriptor;     // the lowest one when the bus is connected
@@ -65,12 +64,10 @@ class TelemetryMain : public SysrootTest {
   protected:
     void SetUp() override {
         calls.clear();
-        pool_fails = false;
-        bus_fails = false;
+        pool_fails = bus_fails = false;
         popen_fails_for.clear();
         memset(&ctx, 0, sizeof(ctx));
         add_getfirm("echo aa:bb:cc:dd:ee:0f");
-        root.write_config("telemetry", kConfig);
     }
     void TearDown() override {
         telemetry_debug_level = TELEMETRY_LOG_INFO;
@@ -82,17 +79,10 @@ class TelemetryMain : public SysrootTest {
     }
     // Runs main with its output going to the console of the root: the messages there.
     Messages run_main() {
-        fflush(stdout);
-        fflush(stderr);
-        const int out = dup(STDOUT_FILENO);
-        const int err = dup(STDERR_FILENO);
-        EXPECT_EQ(telemetry_main(), 0);
-        fflush(stdout);
-        fflush(stderr);
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        close(out);
-        close(err);
+        {
+            const OutputCapture out, err(stderr);
+            EXPECT_EQ(telemetry_main(), 0);
+        }
         return logged_messages([&] { printf("%s", root.read("/dev/console").c_str()); });
     }
     // Loads a configuration of one option: whether a line said so.
@@ -104,102 +94,82 @@ class TelemetryMain : public SysrootTest {
         return log.has(option +
                        (section == "cloud" ? " has room for " : " is not a usable number of minutes"));
     }
-    static constexpr char kConfig[] = "config cloud 'cloud'\n"
-                                      "\toption cloud_url 'cloud.test:8443'\n"
-                                      "\toption accessKey 'key'\n"
-                                      "\toption accessSecret 'secret'\n"
-                                      "config strategy 'strategy'\n"
-                                      "\toption strategyID 'id'\n"
-                                      "\toption collect_interval '5'\n"
-                                      "\toption collect_interval_2 '60'\n"
-                                      "\toption post_interval '120'\n";
     TelemetryCtx ctx;
 };
 
 // --- Steps ---
 
-TEST_F(TelemetryMain, InitFillsTheRecord) {
+TEST_F(TelemetryMain, InitFillsTheRecordFromToolAndDefaults) {
     uloop_init();
     memset(&ctx, 0x5a, sizeof(ctx));
-    EXPECT_EQ(telemetry_init_ctx(&ctx), 0);
+    const auto [result, log] = logged_result([this] { return telemetry_init_ctx(&ctx); });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(log.size(), 7u); // a line for each option
     EXPECT_EQ(
         std::string(ctx.dev_id) + ctx.hw_id + ctx.hw_version + ctx.oem_id + ctx.firmware + ctx.model,
         "value of DEV_IDvalue of HW_IDvalue of HARDVERSIONvalue of OEM_IDvalue of SOFTVERSIONvalue of MODEL");
     EXPECT_STREQ(ctx.dev_mac, "AABBCCDDEE0F");
-    EXPECT_STREQ(ctx.post_api, "https://cloud.test:8443");
-    EXPECT_EQ(std::string(ctx.access_key) + ctx.access_secret + ctx.strategy_id, "keysecretid");
-    EXPECT_EQ(ctx.collect_interval_strategy1, 300000u);
-    EXPECT_EQ(ctx.collect_interval_strategy2, 3600000u);
+    EXPECT_STREQ(ctx.post_api, "https://telemetry.example.net");
+    EXPECT_EQ(std::string(ctx.access_key) + ctx.access_secret + ctx.strategy_id, "");
+    EXPECT_EQ(ctx.collect_interval_strategy1, 900000u);
+    EXPECT_EQ(ctx.collect_interval_strategy2, 86400000u);
     EXPECT_EQ(ctx.collect_interval_periodic, 14400000u);
-    EXPECT_EQ(ctx.post_interval, 7200000u);
+    EXPECT_EQ(ctx.post_interval, 14400000u);
     EXPECT_EQ(ctx.collect_list, nullptr);
     EXPECT_TRUE(ctx.collect_timer.pending);
     EXPECT_FALSE(ctx.post_timer.pending);
     EXPECT_EQ(ctx.post_timer.cb, telemetry_post_data);
 }
 
-TEST_F(TelemetryMain, MissingOptionsHaveDefaults) {
-    root.remove("/etc/config/telemetry");
-    memset(ctx.access_secret, 'x', sizeof(ctx.access_secret) - 1);
-    EXPECT_EQ(logged_messages([this] { EXPECT_EQ(telemetry_load_uci_config(&ctx), 0); }).size(), 7u);
-    EXPECT_STREQ(ctx.post_api, "https://telemetry.example.net");
-    EXPECT_STREQ(ctx.access_secret, "");
-    EXPECT_EQ(ctx.collect_interval_strategy1, 900000u);
-    EXPECT_EQ(ctx.collect_interval_strategy2, 86400000u);
-    EXPECT_EQ(ctx.post_interval, 14400000u);
-}
-
-TEST_F(TelemetryMain, TextsOfTheCloudAreCutToTheirRoom) {
-    const struct {
-        std::string url;
-        std::string expected;
-    } cases[] = {
+TEST_F(TelemetryMain, OptionsHaveRoomAndLimits) {
+    const std::pair<std::string, std::string> urls[] = {
         {"http://host", "http://host"},
-        {"httpd.test", "httpd.test"},
         {"HTTP://host", "https://HTTP://host"},
         {std::string(2040, 'a'), "https://" + std::string(2040, 'a')},
         {std::string(2041, 'a'), "https://" + std::string(2040, 'a')},
         {"http" + std::string(4000, 'a'), "http" + std::string(2043, 'a')},
     };
-    for (const auto &c : cases) {
-        EXPECT_EQ(load("cloud", "cloud_url", c.url), c.url.size() > 2040);
-        EXPECT_EQ(ctx.post_api, c.expected);
+    for (const auto &[url, post_api] : urls) {
+        EXPECT_EQ(load("cloud", "cloud_url", url), url.size() > 2040);
+        EXPECT_EQ(ctx.post_api, post_api);
     }
-    load("cloud", "accessKey", std::string(500, 'k'));
-    EXPECT_EQ(ctx.access_key, std::string(127, 'k'));
-}
+    const std::tuple<const char *, const char *, char(&)[129]> texts[] = {
+        {"cloud", "accessKey", ctx.access_key},
+        {"cloud", "accessSecret", ctx.access_secret},
+        {"strategy", "strategyID", ctx.strategy_id},
+    };
+    for (const auto &[section, option, field] : texts) {
+        load(section, option, std::string(500, 'k'));
+        EXPECT_EQ(field, std::string(127, 'k'));
+    }
 
-TEST_F(TelemetryMain, IntervalsAreMinutesIn32Bits) {
-    const struct {
-        const char *minutes;
-        uint32_t ms;
-        bool usable;
-    } cases[] = {{"5min", 300000, true},       {"35791", 2147460000, true},      {"0", 0, false},
-                 {"often", 0, false},          {"-1", 0xffff15a0, false},        {"71583", 12704, false},
-                 {"35792", 2147520000, false}, {"2147483647", 0xffff15a0, false}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(load("strategy", "collect_interval", c.minutes), !c.usable) << c.minutes;
-        EXPECT_EQ(ctx.collect_interval_strategy1, c.ms) << c.minutes;
+    const std::tuple<const char *, uint32_t, bool> intervals[] = {
+        {"5min", 300000, true},       {"35791", 2147460000, true},      {"0", 0, false},
+        {"often", 0, false},          {"-1", 0xffff15a0, false},        {"71583", 12704, false},
+        {"35792", 2147520000, false}, {"2147483647", 0xffff15a0, false}};
+    for (const auto &[minutes, ms, usable] : intervals) {
+        EXPECT_EQ(load("strategy", "collect_interval", minutes), !usable) << minutes;
+        EXPECT_EQ(ctx.collect_interval_strategy1, ms) << minutes;
     }
+    load("strategy", "collect_interval_2", "60");
+    EXPECT_EQ(ctx.collect_interval_strategy2, 3600000u);
+    load("strategy", "post_interval", "120");
+    EXPECT_EQ(ctx.post_interval, 7200000u);
 }
 
 TEST_F(TelemetryMain, WhateverTheFirmwareToolPrintsFits) {
-    const struct {
-        const char *mac; // shell command
-        std::string dev_mac;
-        const char *message;
-    } cases[] = {
-        {"printf '%5000s' x", std::string(64, ' '), "getfirm MAC prints more than 64 characters"},
-        {"printf '%64s' x", std::string(63, ' ') + "X", nullptr},
-        {"head -c 5000 /dev/zero", "", "getfirm MAC prints nothing"},
-        {"printf 'a\\001b\\000c'", "A\001B", "getfirm MAC prints bytes that are no plain text"},
-        {"printf '\\377\\200'", "\xff\x80", "getfirm MAC prints bytes that are no plain text"},
+    const Messages odd = {"getfirm MAC prints bytes that are no plain text"};
+    const std::tuple<const char *, std::string, Messages> cases[] = {
+        {"printf '%5000s' x", std::string(64, ' '), {"getfirm MAC prints more than 64 characters"}},
+        {"printf '%64s' x", std::string(63, ' ') + "X", {}},
+        {"head -c 5000 /dev/zero", "", {"getfirm MAC prints nothing"}},
+        {"printf 'a\\001b\\000c'", "A\001B", odd},
+        {"printf '\\377\\200'", "\xff\x80", odd},
     };
-    for (const auto &c : cases) {
-        add_getfirm(c.mac);
-        const Messages messages = logged_messages([this] { EXPECT_EQ(telemetry_get_device_info(&ctx), 0); });
-        EXPECT_EQ(messages, c.message == nullptr ? Messages{} : Messages{c.message});
-        EXPECT_EQ(ctx.dev_mac, c.dev_mac);
+    for (const auto &[mac, dev_mac, log] : cases) {
+        add_getfirm(mac);
+        expect_logged(0, log, [this] { return telemetry_get_device_info(&ctx); });
+        EXPECT_EQ(ctx.dev_mac, dev_mac);
         EXPECT_STREQ(ctx.model, "value of MODEL");
     }
 }
@@ -207,9 +177,12 @@ TEST_F(TelemetryMain, WhateverTheFirmwareToolPrintsFits) {
 // Other services use both as well.
 TEST_F(TelemetryMain, BackupAndHeartbeatFile) {
     const char heartbeats[] = "/tmp/cloud_heartbeat_timeout_count";
+    const auto create = [] {
+        telemetry_create_heartbeat_timeout_file();
+        return telemetry_init_tmp_backup_config();
+    };
     const mode_t mask = umask(0);
-    EXPECT_EQ(telemetry_init_tmp_backup_config(), 0);
-    telemetry_create_heartbeat_timeout_file();
+    expect_logged(0, {}, create);
     umask(mask);
     for (const char *path : {"/tmp/telemetry", heartbeats})
         EXPECT_EQ(std::filesystem::status(root.path(path)).permissions(), std::filesystem::perms(0777));
@@ -218,25 +191,22 @@ TEST_F(TelemetryMain, BackupAndHeartbeatFile) {
 
     root.write_backup("config device 'a_b'\n");
     root.write(heartbeats, "1234\n");
-    EXPECT_EQ(telemetry_init_tmp_backup_config(), 0);
-    telemetry_create_heartbeat_timeout_file();
+    expect_logged(0, {}, create);
     EXPECT_EQ(root.read("/tmp/telemetry/telemetry"), "config device 'a_b'\n"); // survives a restart
     EXPECT_EQ(root.read(heartbeats), "0\n");
 
-    const Messages failed = {"init /tmp/cloud_heartbeat_timeout_count failed"};
+    const std::string failed = "init /tmp/cloud_heartbeat_timeout_count failed";
     root.remove(heartbeats);
     std::filesystem::create_symlink("/dev/full", root.path(heartbeats));
-    EXPECT_EQ(logged_messages(telemetry_create_heartbeat_timeout_file), failed);
+    expect_logged(0, {failed}, create);
     root.remove("/tmp");
-    EXPECT_EQ(logged_messages(telemetry_create_heartbeat_timeout_file), failed);
+    expect_logged(-1, {failed, "mkdir /tmp/telemetry failed"}, create);
     root.write("/tmp/telemetry", "a file in the place of the directory");
-    EXPECT_EQ(logged_result(telemetry_init_tmp_backup_config),
-              LoggedResult(-1, {"create /tmp/telemetry/telemetry failed"}));
+    expect_logged(-1, {"create /tmp/telemetry/telemetry failed"}, create);
 }
 
 TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
-    const OutputCapture out;
-    const OutputCapture err(stderr);
+    const OutputCapture out, err(stderr);
     root.remove("/dev");
     EXPECT_EQ(telemetry_redirect_output("/dev/console"), -1);
     printf("still here");
@@ -247,28 +217,31 @@ TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
 // --- The whole ---
 
 TEST_F(TelemetryMain, AFailingStepIsNamedAndTheLast) {
-    const auto init = [this] { return logged_result([this] { return telemetry_init_ctx(&ctx); }); };
+    const auto init = [this] { return telemetry_init_ctx(&ctx); };
+    root.write_config("telemetry", "");
     pool_fails = true;
-    EXPECT_EQ(init(), LoggedResult(-2, {"telemetry_init_post_request error"}));
+    expect_logged(-2, {"telemetry_init_post_request error"}, init);
     EXPECT_STREQ(ctx.post_api, "");
 
     pool_fails = false;
     popen_fails_for = "getfirm OEM_ID";
-    EXPECT_EQ(init(), LoggedResult(-2, {"error: popen exe [getfirm OEM_ID] failed",
-                                        "shell_get_value oem_id error", "telemetry_get_device_info error"}));
+    const auto [result, log] = logged_result(init);
+    EXPECT_EQ(result, -2);
+    EXPECT_EQ(Messages(log.end() - 3, log.end()),
+              (Messages{"error: popen exe [getfirm OEM_ID] failed", "shell_get_value oem_id error",
+                        "telemetry_get_device_info error"}));
     EXPECT_STREQ(ctx.oem_id, "");
     EXPECT_STREQ(ctx.dev_mac, "AABBCCDDEE0F"); // one tool's call does not stop the others
     EXPECT_FALSE(ctx.collect_timer.pending);
 
     calls.clear();
     root.remove("/tmp");
-    EXPECT_EQ(init(),
-              LoggedResult(-2, {"mkdir /tmp/telemetry failed", "telemetry_init_tmp_backup_config error"}));
+    expect_logged(-2, {"mkdir /tmp/telemetry failed", "telemetry_init_tmp_backup_config error"}, init);
     EXPECT_TRUE(calls.empty());
 }
 
 TEST_F(TelemetryMain, MainStartsRunsAndEnds) {
-    EXPECT_EQ(run_main(), Messages{});
+    run_main();
     EXPECT_EQ(calls, (Messages{"pool", "bus", "state machine", "free bus"}));
     EXPECT_TRUE(root.exists("/tmp/telemetry/restart"));
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
@@ -293,18 +266,13 @@ TEST_F(TelemetryMain, TheLogReachesNoSocketWhenTheOutputIsClosed) {
 TEST_F(TelemetryMain, MainEndsWithoutLoopWhenStartUpFails) {
     telemetry_debug_level = TELEMETRY_LOG_DEBUG;
     bus_fails = true;
+    root.write("/dev/console", "booted\n");
     const Messages log = run_main();
-    ASSERT_GE(log.size(), 3u);
-    EXPECT_EQ(log.front(), "telemetry start");
+    ASSERT_GE(log.size(), 4u);
+    EXPECT_EQ(log[0], "booted");
+    EXPECT_EQ(log[1], "telemetry start");
     EXPECT_EQ(log[log.size() - 2], "telemetry_init_ctx error, stop");
     EXPECT_EQ(log.back(), "telemetry end");
     EXPECT_EQ(calls, (Messages{"pool", "bus"}));
     EXPECT_EQ(root.read("/tmp/cloud_heartbeat_timeout_count"), "0");
-
-    telemetry_debug_level = TELEMETRY_LOG_INFO;
-    pool_fails = true;
-    uloop_done(); // the collect timer of the first run is in the record that the second one zeroes
-    root.write("/dev/console", "booted\n");
-    EXPECT_EQ(run_main(),
-              (Messages{"booted", "telemetry_init_post_request error", "telemetry_init_ctx error, stop"}));
 }

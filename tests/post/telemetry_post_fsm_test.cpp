@@ -37,10 +37,10 @@ constexpr Outcome kNoRetry = {kReady, true, 0, 0, nullptr};
 constexpr char kContent[] = "collect_interval_strategy1=30,collect_interval_strategy2=1440,post_interval=10";
 
 struct AnswerCase {
-    int32_t status;
     std::string response;
     Outcome outcome;
-    const char *message; // that must be logged, null none
+    const char *message = nullptr; // that must be logged
+    int32_t status = POST_REQUEST_OK;
 };
 
 class PostFsmTest : public PostTest {
@@ -48,12 +48,14 @@ class PostFsmTest : public PostTest {
     void begin(uint32_t state) {
         drop_requests();
         cancel_timers();
+        open_gate();
         telemetry_clear_collect_list(&ctx);
         add_record(R"({"eid":"a","ct":1,"ep":{},"cnt":2})");
         ctx.post_state = state;
         ctx.post_retry_count = 3;
         ctx.post_retry_interval = 4000;
         copy_text(ctx.strategy_id, "old");
+        copy_text(ctx.access_secret, "s");
     }
 
     void use_all_slots() {
@@ -61,24 +63,8 @@ class PostFsmTest : public PostTest {
             telemetry_post_alloc_request(&ctx);
     }
 
-    void expect_timer(uloop_timeout *timer, uint32_t ms) {
-        if (ms == 0) {
-            EXPECT_FALSE(pending(timer));
-        } else {
-            EXPECT_TRUE(armed_for(timer, ms));
-        }
-    }
-
-    void expect_outcome(const Outcome &outcome) {
-        EXPECT_EQ(ctx.post_state, outcome.state);
-        EXPECT_EQ(ctx.post_retry_count, outcome.retries_reset ? 0U : 4U);
-        EXPECT_EQ(ctx.post_retry_interval, outcome.retries_reset ? 1000U : 8000U);
-        expect_timer(&ctx.post_retry_timer, outcome.retry_timer);
-        expect_timer(&ctx.post_timer, outcome.post_timer);
-        EXPECT_EQ(requests_in_use(), outcome.next == nullptr ? 0 : 1);
-        if (outcome.next != nullptr) {
-            EXPECT_NE(sent(outcome.next), nullptr);
-        }
+    static void expect_timer(uloop_timeout *timer, uint32_t ms) {
+        EXPECT_TRUE(ms == 0 ? testing::AssertionResult(!pending(timer)) : armed_for(timer, ms)) << ms;
     }
 
     void run(uint32_t state, Callback callback, const std::vector<AnswerCase> &cases) {
@@ -89,28 +75,33 @@ class PostFsmTest : public PostTest {
             if (c.message != nullptr) {
                 EXPECT_THAT(lines, Contains(c.message));
             }
-            expect_outcome(c.outcome);
+            EXPECT_EQ(ctx.post_state, c.outcome.state);
+            EXPECT_EQ(ctx.post_retry_count, c.outcome.retries_reset ? 0U : 4U);
+            EXPECT_EQ(ctx.post_retry_interval, c.outcome.retries_reset ? 1000U : 8000U);
+            expect_timer(&ctx.post_retry_timer, c.outcome.retry_timer);
+            expect_timer(&ctx.post_timer, c.outcome.post_timer);
+            EXPECT_EQ(requests_in_use(), c.outcome.next == nullptr ? 0 : 1);
+            EXPECT_EQ(c.outcome.next == nullptr || sent(c.outcome.next) != nullptr, true);
         }
     }
-};
 
-// Answers that no call can judge.
-static std::vector<AnswerCase> unusable_answers(const Outcome &retry) {
-    static constexpr char kNoAnswer[] = "request_status error or response error";
-    static constexpr char kNoCode[] = "receive error, error_code invalid";
-    return {
-        {POST_REQUEST_TIMED_OUT, R"({"error_code":0})", retry, kNoAnswer},
-        {POST_REQUEST_FAILED, R"({"error_code":0})", retry, kNoAnswer},
-        {POST_REQUEST_OK, "", retry, kNoAnswer},
-        {POST_REQUEST_OK, "<html>busy</html>", retry, "cJSON_Parse failed"},
-        {POST_REQUEST_OK, std::string(100000, '['), retry, "cJSON_Parse failed"},
-        {POST_REQUEST_OK, "{}", retry, kNoCode},
-        {POST_REQUEST_OK, "[0]", retry, kNoCode},
-        {POST_REQUEST_OK, R"({"error_code":"0"})", retry, kNoCode},
-        {POST_REQUEST_OK, R"({"error_code":null})", retry, kNoCode},
-        {POST_REQUEST_OK, R"({"error_code":0.5})", retry, kNoCode},
-    };
-}
+    // First the answers that no call can judge.
+    void run_all(uint32_t state, Callback callback, const Outcome &retry, std::vector<AnswerCase> cases) {
+        static constexpr char kNoAnswer[] = "request_status error or response error";
+        static constexpr char kNoCode[] = "receive error, error_code invalid";
+        run(state, callback,
+            {{R"({"error_code":0})", retry, kNoAnswer, POST_REQUEST_TIMED_OUT},
+             {R"({"error_code":0})", retry, kNoAnswer, POST_REQUEST_FAILED},
+             {"", retry, kNoAnswer},
+             {"<html>busy</html>", retry, "cJSON_Parse failed"},
+             {std::string(100000, '['), retry, "cJSON_Parse failed"},
+             {"{}", retry, kNoCode},
+             {"[0]", retry, kNoCode},
+             {R"({"error_code":"0"})", retry, kNoCode},
+             {R"({"error_code":0.5})", retry, kNoCode}});
+        run(state, callback, cases);
+    }
+};
 
 static std::string code(const char *value) {
     return std::string(R"({"error_code":)") + value + "}";
@@ -121,162 +112,133 @@ static std::string result(const std::string &members) {
 }
 
 TEST_F(PostFsmTest, access_key_answers) {
-    run(kKey, post_refresh_key_cb, unusable_answers(kRetryKey));
     const std::string key = R"("expiresIn":1,"accessKey":"k2")";
-    run(kKey, post_refresh_key_cb,
-        {
-            {0, result(key + R"(,"accessSecret":"s2")"), kToStrategy, nullptr},
-            {0, code("-10304"), kRetryKey, "receive error, error_code=-10304"},
-            {0, code("1e300"), kRetryKey, "receive error, error_code=2147483647"},
-            {0, code("0"), kRetryKey, "parse result failed"},
-            {0, R"({"error_code":0,"result":"text"})", kRetryKey, "parse expiresIn failed"},
-            {0, result(R"("accessKey":"k","accessSecret":"s")"), kRetryKey, "parse expiresIn failed"},
-            {0, result(R"("expiresIn":1)"), kRetryKey, "parse accessKey failed"},
-            {0, result(R"("expiresIn":1,"accessKey":5)"), kRetryKey, "no accessKey"},
-            {0, result(key), kRetryKey, "parse accessSecret failed"},
-            {0, result(key + R"(,"accessSecret":null)"), kRetryKey, "no access_secret"},
-        });
-    // The key of an answer without a secret stays.
-    EXPECT_STREQ(ctx.access_key, "k2");
+    run_all(kKey, post_refresh_key_cb, kRetryKey,
+            {{result(key + R"(,"accessSecret":"s2")"), kToStrategy},
+             {code("-10304"), kRetryKey, "receive error, error_code=-10304"},
+             {code("1e300"), kRetryKey, "receive error, error_code=2147483647"},
+             {code("0"), kRetryKey, "parse result failed"},
+             {R"({"error_code":0,"result":"text"})", kRetryKey, "parse expiresIn failed"},
+             {result(R"("accessKey":"k","accessSecret":"s")"), kRetryKey, "parse expiresIn failed"},
+             {result(R"("expiresIn":1)"), kRetryKey, "parse accessKey failed"},
+             {result(R"("expiresIn":1,"accessKey":5)"), kRetryKey, "no accessKey"},
+             {result(key), kRetryKey, "parse accessSecret failed"},
+             {result(key + R"(,"accessSecret":null)"), kRetryKey, "no access_secret"}});
+    EXPECT_STREQ(ctx.access_key, "k2"); // of an answer without a secret: it stays
 }
 
 TEST_F(PostFsmTest, strategy_answers) {
-    run(kStrategy, post_get_strategy_cb, unusable_answers(kRetryStrategy));
-    run(kStrategy, post_get_strategy_cb,
-        {
-            {0, code("0"), kToReady, nullptr},
-            {0, result(R"("strategyId":"old")"), kToReady, nullptr},
-            {0, result(std::string(R"("strategyId":"new","strategyContent":")") + kContent + '"'), kToReady,
-             nullptr},
-            {0, result(""), kRetryStrategy, "parse strategyId failed"},
-            {0, result(R"("strategyId":7)"), kRetryStrategy, "non strategyId"},
-            {0, result(R"("strategyId":"a")"), kRetryStrategy, "parse strategyContent failed"},
-            {0, result(R"("strategyId":"b","strategyContent":{})"), kRetryStrategy, "non content"},
-            {0, result(R"("strategyId":"c","strategyContent":"soon")"), kRetryStrategy,
-             "handle strategy content failed"},
-        });
+    run_all(kStrategy, post_get_strategy_cb, kRetryStrategy,
+            {{code("0"), kToReady},
+             {result(R"("strategyId":"old")"), kToReady},
+             {result(std::string(R"("strategyId":"new","strategyContent":")") + kContent + '"'), kToReady},
+             {result(""), kRetryStrategy, "parse strategyId failed"},
+             {result(R"("strategyId":7)"), kRetryStrategy, "non strategyId"},
+             {result(R"("strategyId":"a")"), kRetryStrategy, "parse strategyContent failed"},
+             {result(R"("strategyId":"b","strategyContent":{})"), kRetryStrategy, "non content"},
+             {result(R"("strategyId":"c","strategyContent":"soon")"), kRetryStrategy,
+              "handle strategy content failed"}});
 }
 
 TEST_F(PostFsmTest, error_codes) {
-    constexpr Outcome kKeyLater = {kKey, false, 8000, 0, nullptr};
-    const struct {
-        const char *code;
-        Outcome strategy;
-        Outcome upload;
-        const char *message;
-    } cases[] = {
-        {"-10301", kRetryStrategy, kNoRetry, "singature calculate error!"},
-        {"-10303", kRetryStrategy, kNoRetry, "singature calculate error!"},
-        {"-10304", kToKey, kKeyLater, "access_key overdue!"},
+    static constexpr char kData[] = "data error!", kDevice[] = "device information error!",
+                          kSignature[] = "singature calculate error!",
+                          kNone[] = "no strategy, use default strategy!";
+    const std::tuple<const char *, Outcome, Outcome, const char *> cases[] = {
+        {"-10301", kRetryStrategy, kNoRetry, kSignature},
+        {"-10303", kRetryStrategy, kNoRetry, kSignature},
+        {"-10304", kToKey, kRetryKey, "access_key overdue!"},
         {"-10306", kRetryStrategy, kNoRetry, "request rejected!"},
-        {"-20105", kRetryStrategy, kNoRetry, "data error!"},
-        {"-20107", kRetryStrategy, kNoRetry, "data error!"},
-        {"-20501", kRetryStrategy, kNoRetry, "device information error!"},
-        {"-20511", kRetryStrategy, kNoRetry, "device information error!"},
-        {"-20000", kToReady, kRetryUpload, "no strategy, use default strategy!"},
-        {"-29004", kToReady, kRetryUpload, "no strategy, use default strategy!"},
+        {"-20105", kRetryStrategy, kNoRetry, kData},
+        {"-20107", kRetryStrategy, kNoRetry, kData},
+        {"-20501", kRetryStrategy, kNoRetry, kDevice},
+        {"-20511", kRetryStrategy, kNoRetry, kDevice},
+        {"-20000", kToReady, kRetryUpload, kNone},
+        {"-29004", kToReady, kRetryUpload, kNone},
         {"12", kRetryStrategy, kNoRetry, "invalid error_code:12"},
     };
-    for (const auto &c : cases) {
-        run(kStrategy, post_get_strategy_cb, {{0, code(c.code), c.strategy, c.message}});
-        run(kReady, post_upload_data_cb, {{0, code(c.code), c.upload, c.message}});
+    for (const auto &[number, strategy, upload, message] : cases) {
+        run(kStrategy, post_get_strategy_cb, {{code(number), strategy, message}});
+        run(kReady, post_upload_data_cb, {{code(number), upload, message}});
         EXPECT_EQ(ctx.data_collect_count, 2U); // no failure costs a record
     }
-    run(kReady, post_upload_data_cb, unusable_answers(kRetryUpload));
+    run_all(kReady, post_upload_data_cb, kRetryUpload, {});
     EXPECT_EQ(cJSON_GetArraySize(ctx.collect_list), 1);
-    run(kReady, post_upload_data_cb, {{0, R"({"error_code":0,"more":[1]})", kNoRetry, nullptr}});
+    run(kReady, post_upload_data_cb, {{R"({"error_code":0,"more":[1]})", kNoRetry}});
     EXPECT_EQ(ctx.data_collect_count, 0U);
     EXPECT_EQ(ctx.collect_list, nullptr);
 }
 
 TEST_F(PostFsmTest, start_asks_for_what_is_missing) {
-    for (const auto &[key, secret] : {std::pair("k", ""), {"", "s"}, {"k", "s"}}) {
-        const bool known = *key != 0 && *secret != 0;
-        begin(TELEMETRY_POST_STATE_INIT);
+    const std::tuple<uint32_t, const char *, const char *, uint32_t, Callback> cases[] = {
+        {TELEMETRY_POST_STATE_INIT, "k", "", kKey, post_refresh_key_cb},
+        {TELEMETRY_POST_STATE_INIT, "", "s", kKey, post_refresh_key_cb},
+        {TELEMETRY_POST_STATE_INIT, "k", "s", kStrategy, post_get_strategy_cb},
+        {4, "k", "s", 4, nullptr},
+    };
+    for (const auto &[state, key, secret, next_state, call] : cases) {
+        begin(state);
         copy_text(ctx.access_key, key);
         copy_text(ctx.access_secret, secret);
         telemetry_post_state_FSM(&ctx);
-        EXPECT_EQ(ctx.post_state, known ? kStrategy : kKey);
-        EXPECT_NE(sent(known ? post_get_strategy_cb : post_refresh_key_cb), nullptr);
+        EXPECT_EQ(ctx.post_state, next_state);
+        EXPECT_EQ(sent(call) != nullptr, call != nullptr);
     }
-    begin(4);
-    telemetry_post_state_FSM(&ctx);
-    EXPECT_EQ(ctx.post_state, 4U);
-    EXPECT_EQ(requests_in_use(), 0);
 }
 
-// A call that cannot be sent waits 30 seconds and counts as no retry.
+// Senders that cannot send wait, a call of the state machine 30 seconds, and count no retry.
 TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
-    const auto expect_wait = [&](const char *message) {
-        const uint32_t state = ctx.post_state;
-        const auto lines = logged_messages([&] { telemetry_post_state_FSM(&ctx); });
-        EXPECT_THAT(lines, Contains(message));
-        EXPECT_EQ(ctx.post_state, state);
-        EXPECT_TRUE(armed_for(&ctx.post_retry_timer, kPostWaitMs));
-        EXPECT_EQ(ctx.post_retry_count, 3U);
-        EXPECT_EQ(ctx.post_retry_interval, 4000U);
+    const auto no_slots = [&] { use_all_slots(); };
+    const auto closed = [&] { close_gate(); };
+    const auto no_secret = [&] { ctx.access_secret[0] = '\0'; };
+    const auto no_records = [&] { telemetry_clear_collect_list(&ctx); };
+    const auto step = [&] { telemetry_post_state_FSM(&ctx); };
+    const auto upload = [&] { ctx.post_timer.cb(&ctx.post_timer); };
+    using Action = std::function<void()>;
+    const std::tuple<uint32_t, Action, Action, const char *> cases[] = {
+        // no message: the upload is sent
+        {kKey, no_slots, step, "no available request"},
+        {kKey, closed, step, "dont refresh key! wait for a while"},
+        {kStrategy, no_slots, step, "no available request"},
+        {kStrategy, closed, step, "dont get strategy! wait for a while"},
+        {kStrategy, no_secret, step, "add_curl_request_signature failed"},
+        {kReady, no_records, upload, "insufficient state or no data, skip upload"},
+        {kStrategy, [] {}, upload, "insufficient state or no data, skip upload"},
+        {kReady, no_secret, upload, "add_curl_request_signature failed"},
+        {kReady, [&] { no_records(), ctx.data_collect_count = 1; }, upload, "cJSON_PrintUnformatted failed"},
+        {kReady, closed, upload, "skip upload"},
+        {kReady, no_slots, upload, "no available request"},
+        {kReady, [] {}, upload, nullptr},
     };
     telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    for (const uint32_t state : {kKey, kStrategy}) {
+    for (const auto &[state, prepare, send, message] : cases) {
+        SCOPED_TRACE(message == nullptr ? "sent" : message);
         begin(state);
-        use_all_slots();
-        expect_wait("no available request");
-        begin(state);
-        close_gate();
-        expect_wait(state == kKey ? "dont refresh key! wait for a while"
-                                  : "dont get strategy! wait for a while");
-        open_gate();
+        prepare();
+        const int slots = requests_in_use();
+        const auto lines = logged_messages(send);
+        const bool call = pending(&ctx.post_retry_timer);
+        EXPECT_TRUE(
+            armed_for(call ? &ctx.post_retry_timer : &ctx.post_timer, call ? kPostWaitMs : kPostInterval));
+        EXPECT_EQ(ctx.post_state, state);
+        EXPECT_EQ(ctx.post_retry_count, 3U);
+        EXPECT_EQ(ctx.post_retry_interval, 4000U);
+        EXPECT_EQ(requests_in_use() - slots, message == nullptr ? 1 : 0);
+        EXPECT_EQ(sent(post_upload_data_cb) != nullptr, message == nullptr);
+        EXPECT_EQ(root.read("/tmp/telemetry/post_done"), message == nullptr ? "1\n" : "");
+        if (message != nullptr) {
+            EXPECT_THAT(lines, Contains(message));
+        }
     }
-    begin(kStrategy);
-    ctx.access_secret[0] = '\0';
-    expect_wait("add_curl_request_signature failed");
-    EXPECT_EQ(requests_in_use(), 0);
     telemetry_debug_level = TELEMETRY_LOG_INFO;
-
     // The timer's callback runs the state again.
-    ctx.access_secret[0] = 's';
+    begin(kStrategy);
     ctx.post_retry_timer.cb(&ctx.post_retry_timer);
     EXPECT_NE(sent(post_get_strategy_cb), nullptr);
 }
 
-TEST_F(PostFsmTest, upload_timer_sends_what_is_there) {
-    const auto nothing = [] {};
-    const auto no_records = [&] { telemetry_clear_collect_list(&ctx); };
-    const struct {
-        uint32_t state;
-        std::function<void()> prepare;
-        const char *message; // null: the upload is sent
-    } cases[] = {
-        {kReady, no_records, "insufficient state or no data, skip upload"},
-        {kStrategy, nothing, "insufficient state or no data, skip upload"},
-        {kReady, [&] { ctx.access_secret[0] = '\0'; }, "add_curl_request_signature failed"},
-        {kReady, [&] { no_records(), ctx.data_collect_count = 1; }, "cJSON_PrintUnformatted failed"},
-        {kReady, [&] { close_gate(); }, "skip upload"},
-        {kReady, [&] { use_all_slots(); }, "no available request"},
-        {kReady, nothing, nullptr},
-    };
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.message == nullptr ? "sent" : c.message);
-        begin(c.state);
-        c.prepare();
-        const auto lines = logged_messages([&] { ctx.post_timer.cb(&ctx.post_timer); });
-        EXPECT_TRUE(armed_for(&ctx.post_timer, kPostInterval));
-        EXPECT_EQ(ctx.post_retry_count, 3U);
-        EXPECT_EQ(sent(post_upload_data_cb) != nullptr, c.message == nullptr);
-        EXPECT_EQ(root.read("/tmp/telemetry/post_done"), c.message == nullptr ? "1\n" : "");
-        if (c.message != nullptr) {
-            EXPECT_THAT(lines, Contains(c.message));
-        }
-        ctx.access_secret[0] = 's';
-        open_gate();
-    }
-    telemetry_debug_level = TELEMETRY_LOG_INFO;
-}
-
 // r, 2r, 4r, 8r seconds for every first wait r, each at most a minute; the fifth failure decides by state.
 TEST_F(PostFsmTest, five_failures_in_a_row) {
-    close_gate();
     const std::pair<uint32_t, const char *> states[] = {
         {kKey, "retry 5 times, continue retry refresh key"},
         {kStrategy, "retry 5 times, use default strategy"},
@@ -286,22 +248,21 @@ TEST_F(PostFsmTest, five_failures_in_a_row) {
         for (uint32_t first = 1000; first <= 9000; first += 1000) {
             SCOPED_TRACE(testing::Message() << "state " << state << " first wait " << first);
             begin(state);
+            close_gate();
             uloop_timeout *timer = state == kReady ? &ctx.post_timer : &ctx.post_retry_timer;
             ctx.post_retry_count = 0;
-            telemetry_post_retry(&ctx);
-            EXPECT_EQ(ctx.post_retry_count, 1U);
-            EXPECT_TRUE(armed_for(timer, ctx.post_retry_interval));
-            EXPECT_EQ(ctx.post_retry_interval % 1000, 0U);
-            EXPECT_TRUE(ctx.post_retry_interval >= 1000 && ctx.post_retry_interval <= 9000);
-
-            uint32_t wait = first;
-            ctx.post_retry_interval = first;
-            for (uint32_t count = 2; count <= 4; count++) {
+            uint32_t wait = 0;
+            for (uint32_t count = 1; count <= 4; count++) {
                 telemetry_post_retry(&ctx);
-                wait = std::min(wait * 2, 60000U);
                 EXPECT_EQ(ctx.post_retry_count, count);
+                EXPECT_TRUE(armed_for(timer, ctx.post_retry_interval));
+                if (count == 1) { // a random one
+                    EXPECT_EQ(ctx.post_retry_interval % 1000, 0U);
+                    EXPECT_TRUE(ctx.post_retry_interval >= 1000 && ctx.post_retry_interval <= 9000);
+                    ctx.post_retry_interval = first;
+                }
+                wait = count == 1 ? first : std::min(wait * 2, 60000U);
                 EXPECT_EQ(ctx.post_retry_interval, wait);
-                EXPECT_TRUE(armed_for(timer, wait));
             }
             cancel_timers();
             EXPECT_THAT(logged_messages([&] { telemetry_post_retry(&ctx); }), Contains(message));

@@ -25,10 +25,9 @@ static std::string content(const std::string &collect1, const std::string &colle
 
 TEST_F(PostMessageTest, credentials_are_kept_in_the_configuration) {
     const auto take = [&](const std::string &key, const char *secret) {
-        ctx.post_state = TELEMETRY_POST_STATE_REFRESH_KEY;
+        const std::string texts = R"("accessKey":")" + key + R"(","accessSecret":")" + secret;
         answer(post_refresh_key_cb, POST_REQUEST_OK,
-               R"({"error_code":0,"result":{"expiresIn":60,"accessKey":")" + key + R"(","accessSecret":")" +
-                   secret + R"("}})");
+               R"({"error_code":0,"result":{"expiresIn":60,)" + texts + R"("}})");
     };
     take(std::string(300, 'k'), "it's");
     EXPECT_EQ(ctx.access_key, std::string(128, 'k'));
@@ -74,24 +73,23 @@ TEST_F(PostMessageTest, strategy_contents) {
         ctx.collect_interval_strategy2 = unchanged[1];
         ctx.post_interval = unchanged[2];
         EXPECT_EQ(telemetry_update_strategy(&ctx, text.c_str()), ms.empty() ? -1 : 0);
-        EXPECT_EQ(
-            (Intervals{ctx.collect_interval_strategy1, ctx.collect_interval_strategy2, ctx.post_interval}),
-            ms.empty() ? unchanged : ms);
+        const Intervals now = {ctx.collect_interval_strategy1, ctx.collect_interval_strategy2,
+                               ctx.post_interval};
+        EXPECT_EQ(now, ms.empty() ? unchanged : ms);
         EXPECT_EQ(pending(&ctx.collect_timer), !ms.empty() && ms[0] != unchanged[0]);
         EXPECT_FALSE(pending(&ctx.post_timer));
         EXPECT_EQ(root.read("/etc/config/telemetry") == before, ms.empty());
     }
     EXPECT_EQ(telemetry_update_strategy(&ctx, content("7", "8", "9").c_str()), 0);
-    EXPECT_EQ(option("strategy", "strategyID"), "id7");
-    EXPECT_EQ(option("strategy", "collect_interval"), "7");
-    EXPECT_EQ(option("strategy", "collect_interval_2"), "8");
-    EXPECT_EQ(option("strategy", "post_interval"), "9");
+    for (const auto &[name, value] : {std::pair("strategyID", "id7"),
+                                      {"collect_interval", "7"},
+                                      {"collect_interval_2", "8"},
+                                      {"post_interval", "9"}})
+        EXPECT_EQ(option("strategy", name), value);
     EXPECT_TRUE(armed_for(&ctx.collect_timer, 420000));
 
     // More than a timer can wait is told, also where the product wraps to something short.
-    EXPECT_EQ(logged_result([&] {
-                  return telemetry_update_strategy(&ctx, content("35791", "35792", "71583").c_str());
-              }),
-              LoggedResult(
-                  0, {"interval of 35792 minutes is not usable", "interval of 71583 minutes is not usable"}));
+    expect_logged(
+        0, {"interval of 35792 minutes is not usable", "interval of 71583 minutes is not usable"},
+        [&] { return telemetry_update_strategy(&ctx, content("35791", "35792", "71583").c_str()); });
 }
