@@ -1,12 +1,7 @@
 // "internet_info": the network daemon's answers, the device's counters, and which hosts are asked for an
 // echo.
-#include <gmock/gmock.h>
-
-#include "collectors.h"
+#include "collector_test.h"
 #include "fake_services.h"
-#include "sysroot.h"
-#include "telemetry_json.h"
-#include "telemetry_log.h"
 #include "telemetry_uci.h"
 
 using ::testing::AnyOf;
@@ -22,15 +17,12 @@ const char kWan[] =
 const char kWan6[] = R"({"up":true,"uptime":7,"route":[{"target":"::","mask":0,"nexthop":"2001:db8::1"}]})";
 const char kCounters[] = R"(,"rb":1,"tb":2,"rp":3,"tp":4,"re":5,"te":6,"rd":7,"td":8)";
 
-class InternetInfo : public SysrootTest {
+class InternetInfo : public CollectorTest {
   protected:
     InternetInfo() {
-        telemetry_debug_level = TELEMETRY_LOG_ERROR;
         set_status(kWan, kWan6);
-        root.write_backup("");
-        root.write_config("network", "config interface wan\n option wan_type dynamic\n option proto dhcp\n"
-                                     " option mtu 1480\n option peerdns 1\n option password hush\n"
-                                     "config interface wan6\n option proto dhcpv6\n");
+        put("network", "config interface wan;option wan_type dynamic;option proto dhcp;option mtu 1480;"
+                       "option peerdns 1;option password hush;config interface wan6;option proto dhcpv6;");
         root.write_config("telemetry", "config internet internet\n");
         int value = 1;
         for (const char *file : {"rx_bytes", "tx_bytes", "rx_packets", "tx_packets", "rx_errors", "tx_errors",
@@ -45,13 +37,10 @@ class InternetInfo : public SysrootTest {
     }
     std::string collect(bool daily = false) {
         ctx.collect_stgy2_now = daily ? 1 : 0;
-        const JsonPtr payload(cJSON_CreateObject());
-        uint32_t count = 0;
-        const OutputCapture capture;
-        EXPECT_EQ(collect_internet_info(&ctx, payload.get(), &count), 0);
-        log = capture.text();
-        EXPECT_EQ(count, static_cast<uint32_t>(cJSON_GetArraySize(payload.get())));
-        return telemetry_json_print(payload.get()).get();
+        const std::string payload = CollectorTest::collect(collect_internet_info);
+        const JsonPtr tree(cJSON_Parse(payload.c_str()));
+        EXPECT_EQ(count, static_cast<uint32_t>(cJSON_GetArraySize(tree.get())));
+        return payload;
     }
     // Empty: the object is not there.
     void set_status(const std::string &wan, const std::string &wan6) {
@@ -61,20 +50,20 @@ class InternetInfo : public SysrootTest {
         if (!wan6.empty())
             fake_services["network.interface.wan6.status"].json = wan6;
     }
-    // Of both protocols; json: with its quotes.
-    void set_gateways(const std::string &json, const std::string &device = "\"\"") {
+    // Of both protocols, and the name of their device.
+    void set_gateways(const std::string &text, const std::string &device = "") {
+        const auto quoted = [](const std::string &name) {
+            return std::string(telemetry_json_print(JsonPtr(cJSON_CreateString(name.c_str())).get()).get());
+        };
         const std::string head =
-            R"({"up":true,"uptime":1,"l3_device":)" + device + R"(,"route":[{"target":")";
-        set_status(head + R"(0.0.0.0","mask":0,"nexthop":)" + json + "}]}",
-                   head + R"(::","mask":0,"nexthop":)" + json + "}]}");
+            R"({"up":true,"uptime":1,"l3_device":)" + quoted(device) + R"(,"route":[{"target":")";
+        const std::string tail = R"(","mask":0,"nexthop":)" + quoted(text) + "}]}";
+        set_status(head + "0.0.0.0" + tail, head + "::" + tail);
     }
     void set_hosts(const std::string &v4, const std::string &v6) {
         telemetry_set_uci_value("telemetry", "internet", "ping_v4", v4.c_str(), TELEMETRY_UCI_SYSTEM);
         telemetry_set_uci_value("telemetry", "internet", "ping_v6", v6.c_str(), TELEMETRY_UCI_SYSTEM);
     }
-
-    TelemetryCtx ctx = {};
-    std::string log;
 };
 
 TEST_F(InternetInfo, SettingsOnAChangeStateAndCountersAlways) {
@@ -91,19 +80,15 @@ TEST_F(InternetInfo, SettingsOnAChangeStateAndCountersAlways) {
 }
 
 TEST_F(InternetInfo, DelaysOfTheDayAreThoseOfTheConfiguredHostsOrTheGateways) {
-    const struct {
-        const char *v4, *v6, *asked_v4, *asked_v6;
-    } cases[] = {
-        {"", "", "198.51.100.1", "2001:db8::1"},
-        {"probe-1.example.net", "2001:db8:5::7", "probe-1.example.net", "2001:db8:5::7"},
-        {"203.0.113.7", "", "203.0.113.7", "2001:db8::1"},
-    };
-    for (const auto &host : cases) {
+    const std::pair<std::string, std::string> hosts[] = {
+        {"", ""}, {"probe-1.example.net", "2001:db8:5::7"}, {"203.0.113.7", ""}};
+    for (const auto &[v4, v6] : hosts) {
         root.remove("/ping.log");
-        set_hosts(host.v4, host.v6);
+        set_hosts(v4, v6);
         EXPECT_THAT(collect(true), HasSubstr(R"("d4":2.25,"d6":4.50)"));
-        EXPECT_EQ(root.read("/ping.log"), std::string("ping [-c] [3] [") + host.asked_v4 +
-                                              "]\nping6 [-c] [3] [" + host.asked_v6 + "]\n");
+        EXPECT_EQ(root.read("/ping.log"), "ping [-c] [3] [" + (v4.empty() ? "198.51.100.1" : v4) +
+                                              "]\nping6 [-c] [3] [" + (v6.empty() ? "2001:db8::1" : v6) +
+                                              "]\n");
     }
     // An echo that does not come back is a delay of 0.
     root.add_command("ping", "echo '3 packets transmitted, 0 packets received, 100% packet loss'");
@@ -111,7 +96,7 @@ TEST_F(InternetInfo, DelaysOfTheDayAreThoseOfTheConfiguredHostsOrTheGateways) {
     // Gateways that no echo can be sent to.
     set_hosts("", "");
     root.remove("/ping.log");
-    for (const char *nexthop : {R"("fe80::1")", R"("::")", R"("0.0.0.0")", R"("")", "7"}) {
+    for (const char *nexthop : {"fe80::1", "::", "0.0.0.0", ""}) {
         set_gateways(nexthop);
         EXPECT_EQ(collect(true), R"({"up":1,"ut":1,"u6":1})");
     }
@@ -128,16 +113,12 @@ TEST_F(InternetInfo, NoTextFromOutsideReachesAShell) {
         hostile.push_back(std::string("2001:db8::1") + c + touch);
     for (const std::string &text : hostile) {
         SCOPED_TRACE(text);
-        // As a configured host.
         set_status(kWan, kWan6);
         set_hosts(text, text);
         EXPECT_THAT(collect(true), Not(AnyOf(HasSubstr("\"d4\""), HasSubstr("\"d6\""))));
         EXPECT_THAT(log, HasSubstr("ping_v4 is no address or host name"));
-        // As gateway and as device.
         set_hosts("", "");
-        const JsonPtr quoted(cJSON_CreateString(text.c_str()));
-        const std::string json = telemetry_json_print(quoted.get()).get();
-        set_gateways(json, json);
+        set_gateways(text, text);
         EXPECT_EQ(collect(true), R"({"up":1,"ut":1,"u6":1})");
         EXPECT_EQ(root.read("/ping.log"), "");
         EXPECT_FALSE(root.exists("/marker"));
@@ -153,9 +134,6 @@ TEST_F(InternetInfo, NoTextFromOutsideReachesAShell) {
 
 TEST_F(InternetInfo, BrokenAnswersAndCountersCostTheirMembersOnly) {
     collect();
-    std::string routes;
-    for (int i = 0; i < 5000; ++i)
-        routes += R"({"target":"10.0.0.0","mask":8,"nexthop":"10.0.0.9"},)";
     const struct {
         std::string wan, wan6, report;
     } cases[] = {
@@ -163,9 +141,7 @@ TEST_F(InternetInfo, BrokenAnswersAndCountersCostTheirMembersOnly) {
         {"{}", kWan6, R"({"u6":1})"},
         {R"({"up":"yes","uptime":"long","l3_device":7,"route":{}})", "[]", "{}"},
         {R"({"up":true,"uptime":"long","l3_device":7,"route":[7,[],{"target":1}]})", "", R"({"up":1})"},
-        {R"({"up":true,"uptime":1e300,"l3_device":")" + std::string(20000, 'x') + R"(","route":[)" + routes +
-             "7]}",
-         "", R"({"up":1})"},
+        {R"({"up":true,"uptime":1e300,"l3_device":")" + std::string(20000, 'x') + "\"}", "", R"({"up":1})"},
         {R"({"up":true,"uptime":-1,"l3_device":"gone0"})", "", R"({"up":1})"},
         {R"({"up":false,"pending":true})", "", R"({"up":0})"},
     };
@@ -176,17 +152,12 @@ TEST_F(InternetInfo, BrokenAnswersAndCountersCostTheirMembersOnly) {
         EXPECT_LT(log.size(), 1500u);
     }
     set_status(kWan, kWan6);
-    fake_services["network.interface.wan.status"].has_data = false;
-    EXPECT_EQ(collect(), R"({"u6":1})");
-    set_status(kWan, kWan6);
     for (const std::string &content : {std::string(), std::string("many\n"), std::string(1000000, '9'),
                                        std::string("-1\n"), std::string("12x\n"), std::string("\0\0\0", 3)}) {
         root.write("/sys/class/net/eth1/statistics/rx_bytes", content);
         EXPECT_THAT(collect(), HasSubstr(R"("u6":1,"tb":2)")) << content.substr(0, 20);
         EXPECT_THAT(log, HasSubstr("rx_bytes holds no number"));
     }
-    root.remove("/sys/class/net/eth1/statistics/rx_bytes");
-    EXPECT_THAT(collect(), HasSubstr(R"("u6":1,"tb":2)"));
 }
 
 } // namespace

@@ -2,15 +2,8 @@
 // The 3 seconds between the two CPU samples are replaced by the second sample.
 #include "system_info.h"
 
-#include <gmock/gmock.h>
-
-#include "collectors.h"
+#include "collector_test.h"
 #include "fake_services.h"
-#include "sysroot.h"
-#include "telemetry_json.h"
-#include "telemetry_log.h"
-#include "telemetry_pre_collect.h"
-#include "telemetry_snapshot.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -31,29 +24,21 @@ constexpr char kMemory[] =
 std::string second_sample;
 unsigned slept;
 
-WlanPlatformOps make_ops() {
-    WlanPlatformOps ops = {};
-    ops.get_device_temperature = [](const char *ifname, double *temperature) {
-        *temperature = 50 + (ifname[4] - '0') * 0.25;
-        return strcmp(ifname, "wifi2") == 0 ? 0 : 1;
-    };
-    ops.get_cpu_temperature = [](double *temperature) {
-        *temperature = 71;
-        return 1;
-    };
-    return ops;
-}
-const WlanPlatformOps kOps = make_ops();
-
-class SystemInfo : public SysrootTest {
+class SystemInfo : public CollectorTest {
   protected:
     SystemInfo() {
-        telemetry_debug_level = TELEMETRY_LOG_ERROR;
-        wlan_platform_ops = &kOps;
+        ops.get_device_temperature = [](const char *ifname, double *temperature) {
+            *temperature = 50 + (ifname[4] - '0') * 0.25;
+            return strcmp(ifname, "wifi2") == 0 ? 0 : 1;
+        };
+        ops.get_cpu_temperature = [](double *temperature) {
+            *temperature = 71;
+            return 1;
+        };
+        wlan_platform_ops = &ops;
         fake_services.clear();
         fake_service_calls.clear();
         slept = 0;
-        ctx.collect_periodic_now = 1;
         copy_text(ctx.dev_mac, "020000000001");
         root.write(kStat, "cpu  100 0 0 1000 0 0 0 0 0 0\n");
         second_sample = "cpu  130 0 0 1060 10 0 0 0 0 0\n";
@@ -63,10 +48,6 @@ class SystemInfo : public SysrootTest {
         root.write(kScalingFreq, "1300000\n");
         root.write_config("sysmode", "config sysmode 'sysmode'\n\toption mode 'router'\n");
     }
-    ~SystemInfo() override {
-        telemetry_free_pre_collect_info();
-        wlan_platform_ops = &wlan_platform_ops_mtk;
-    }
     // A mesh of nodes with these addresses; the first is the main node.
     void set_nodes(const std::vector<const char *> &macs) {
         ASSERT_EQ(telemetry_init_device_info_list(static_cast<int>(macs.size())), 0);
@@ -74,16 +55,7 @@ class SystemInfo : public SysrootTest {
             copy_text(telemetry_pre_collect.devices[i].mac, macs[i]);
         telemetry_pre_collect.devices[0].is_fap = 1;
     }
-    // The payload's text, empty when nothing is reported.
-    std::string collect() {
-        const JsonPtr payload(cJSON_CreateObject());
-        count = 0;
-        result = collect_system_info(&ctx, payload.get(), &count);
-        return count > 0 ? telemetry_json_print(payload.get()).get() : "";
-    }
-    TelemetryCtx ctx = {};
-    uint32_t count = 0;
-    int result = 0;
+    WlanPlatformOps ops = {};
 };
 
 } // namespace
@@ -102,49 +74,51 @@ namespace {
 TEST_F(SystemInfo, CpuUsageIsTheShareOfBusyTicks) {
     const std::string opening = "error: open file /proc/stat failed", failed = "get cpu info failed!";
     const struct {
-        const char *first, *second;
-        LoggedResult usage;
+        std::string first, second;
+        int usage;
+        std::vector<std::string> messages;
     } cases[] = {
-        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  2 3 4 4 5 7 8 9 10 11", {100, {}}},
-        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  1 2 3 8 5 6 7 8 9 11", {20, {}}}, // integer percent
-        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  130 0 0 1060 10 0 0 0 0 0", {30, {}}},
-        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  100 0 0 1000 0 0 0 0 0 0", {0, {}}},
-        {"cpu  100 0 0 1000 0 0 0 0 0 0", "cpu  90 0 0 1100 0 0 0 0 0 0", {0, {}}},
+        {"1 2 3 4 5 6 7 8 9 10", "2 3 4 4 5 7 8 9 10 11", 100, {}},
+        {"1 2 3 4 5 6 7 8 9 10", "1 2 3 8 5 6 7 8 9 11", 20, {}}, // integer percent
+        {"100 0 0 1000 0 0 0 0 0 0", "130 0 0 1060 10 0 0 0 0 0", 30, {}},
+        {"100 0 0 1000 0 0 0 0 0 0", "100 0 0 1000 0 0 0 0 0 0", 0, {}},
+        {"100 0 0 1000 0 0 0 0 0 0", "90 0 0 1100 0 0 0 0 0 0", 0, {}},
         // Counters beyond 32 bits, and a sum that passes the largest signed and unsigned number in between.
-        {"cpu  4294967296 0 0 9000000000 0 0 0 0 0 0",
-         "cpu  4294967396 0 0 9000000300 0 0 0 0 0 0",
-         {25, {}}},
-        {"cpu  100 0 0 2147483500 0 0 0 0 0 0", "cpu  150 0 0 2147483650 0 0 0 0 0 0", {25, {}}},
-        {"cpu  100 0 0 4294967150 0 0 0 0 0 0", "cpu  150 0 0 4294967300 0 0 0 0 0 0", {25, {}}},
-        {"cpu  1 2 3 4 5 6 7 8 9", "", {-1, {failed}}},
-        {"", "", {-1, {"fget failed!", failed}}},
-        {"cpu  1 2 3 4 5 6 7 8 9 10", "", {-1, {opening, failed}}},
-        {"cpu  1 2 3 4 5 6 7 8 9 10", "cpu  x", {-1, {failed}}},
+        {"4294967296 0 0 9000000000 0 0 0 0 0 0", "4294967396 0 0 9000000300 0 0 0 0 0 0", 25, {}},
+        {"100 0 0 2147483500 0 0 0 0 0 0", "150 0 0 2147483650 0 0 0 0 0 0", 25, {}},
+        {"100 0 0 4294967150 0 0 0 0 0 0", "150 0 0 4294967300 0 0 0 0 0 0", 25, {}},
+        {"1 2 3 4 5 6 7 8 9", "", -1, {failed}},
+        {"", "", -1, {"fget failed!", failed}},
+        {"1 2 3 4 5 6 7 8 9 10", "", -1, {opening, failed}},
+        {"1 2 3 4 5 6 7 8 9 10", "x", -1, {failed}},
     };
     for (const auto &one : cases) {
-        root.write(kStat, one.first);
-        second_sample = one.second;
+        root.write(kStat, one.first.empty() ? "" : "cpu  " + one.first);
+        second_sample = one.second.empty() ? "" : "cpu  " + one.second;
         slept = 0;
-        EXPECT_EQ(logged_result(telemetry_system_info_get_cpu_info), one.usage) << one.first;
-        EXPECT_TRUE(slept == 3 || (slept == 0 && one.usage.first == -1)) << one.first;
+        EXPECT_EQ(logged_result(telemetry_system_info_get_cpu_info), LoggedResult(one.usage, one.messages));
+        EXPECT_TRUE(slept == 3 || (slept == 0 && one.usage == -1)) << one.first;
     }
 }
 
 TEST_F(SystemInfo, MemoryIsTheFirstLineOfEachWord) {
-    const std::string filler(600, 'x');
+    // MemTotal, MemFree, Buffers, then Cached and SwapCached in this order.
+    const auto text = [](int total, int free, int buffers, const std::string &rest) {
+        return "MemTotal: " + std::to_string(total) + " kB\nMemFree: " + std::to_string(free) +
+               " kB\nBuffers: " + std::to_string(buffers) + " kB\n" + rest;
+    };
     const struct {
         std::string text;
         int total, usage, available;
     } cases[] = {
         {kMemory, 1000, 55, 300},
-        {filler + "\nMemTotal: 1000 kB\nMemTotal: 7 kB\nMemFree: 900 kB\nBuffers: 0 kB\nCached: 0 "
-                  "kB\nSwapCached: 0 kB\n",
+        {std::string(600, 'x') + "\nMemTotal: 1000 kB\n" +
+             text(7, 900, 0, "Cached: 0 kB\nSwapCached: 0 kB\n"),
          1000, 10, 900},
         // "SwapCached" holds the word "Cached", and here it comes first.
-        {"MemTotal: 1000 kB\nMemFree: 300 kB\nBuffers: 50 kB\nSwapCached: 10 kB\nCached: 500 kB\n", 1000, 63,
-         300},
-        {"MemTotal: 1000 kB\nMemFree: 300 kB\nBuffers: 50 kB\nCached: 100 kB\n", 1000, -1, 300},
-        {"MemTotal: 0 kB\nMemFree: 0 kB\nBuffers: 0 kB\nCached: 0 kB\nSwapCached: 0 kB\n", 0, -1, 0},
+        {text(1000, 300, 50, "SwapCached: 10 kB\nCached: 500 kB\n"), 1000, 63, 300},
+        {text(1000, 300, 50, "Cached: 100 kB\n"), 1000, -1, 300},
+        {text(0, 0, 0, "Cached: 0 kB\nSwapCached: 0 kB\n"), 0, -1, 0},
         {"MemTotal: many kB\n", -1, -1, -1},
     };
     for (const auto &one : cases) {
@@ -163,18 +137,17 @@ TEST_F(SystemInfo, DoesWithoutTheSourcesOfThisNode) {
     root.write(kCpuinfoFreq, "<unknown>\n");
     fake_services["low_power.telemetry_get"].json =
         R"({"res":"busy","associate_time":5,"associate_duration":140})";
-    EXPECT_THAT(collect(), HasSubstr(R"("cfq":1300000,"mt":1000,"mu":55,"mf":300,"natn":417,"lat":0,"lad":0,)"
-                                     R"("tem":{"w0":50,"w1":50.25,"w2":-1,"cpu":71}}]})"));
+    EXPECT_THAT(collect(collect_system_info),
+                HasSubstr(R"("cfq":1300000,"mt":1000,"mu":55,"mf":300,"natn":417,"lat":0,"lad":0,)"
+                          R"("tem":{"w0":50,"w1":50.25,"w2":-1,"cpu":71}}]})"));
     ASSERT_EQ(fake_service_calls.size(), 1U) << "there is nobody else to ask";
     EXPECT_EQ(fake_service_calls[0].timeout_ms, 1000);
 
     for (const char *path : {kStat, kMeminfo, kConntrack, kCpuinfoFreq, kScalingFreq, "/etc/config/sysmode"})
         root.remove(path);
     fake_services.clear();
-    const auto said = logged_messages([&] {
-        EXPECT_THAT(collect(),
-                    HasSubstr(R"("wm":"","cu":-1,"cfq":0,"mt":-1,"mu":-1,"mf":-1,"natn":0,"lat":0,"lad":0)"));
-    });
+    EXPECT_THAT(collect(collect_system_info),
+                HasSubstr(R"("wm":"","cu":-1,"cfq":0,"mt":-1,"mu":-1,"mf":-1,"natn":0,"lat":0,"lad":0)"));
     EXPECT_THAT(said, IsSupersetOf({"open file /proc/sys/net/netfilter/nf_conntrack_count failed",
                                     "ubus call lowpower error!"}));
 }
@@ -209,15 +182,14 @@ TEST_F(SystemInfo, TakesWhatSatellitesAnswer) {
     for (const auto &one : cases) {
         set_nodes({"02-00-00-00-00-01", "02-00-00-00-00-02"});
         fake_services["sync.request"].json = R"({"success":1,"data":{"result":{)" + one.result + "}}}";
-        EXPECT_EQ(logged_messages([&] { EXPECT_THAT(collect(), HasSubstr(one.entry)) << one.result; }),
-                  one.messages)
-            << one.result;
+        EXPECT_THAT(collect(collect_system_info), HasSubstr(one.entry)) << one.result;
+        EXPECT_EQ(said, one.messages) << one.result;
         EXPECT_EQ(count, 2U);
     }
     EXPECT_THAT(fake_service_calls.back().arguments, HasSubstr("50948"));
     fake_services.erase("sync.request");
-    EXPECT_THAT(logged_messages([&] { EXPECT_NE(collect(), "") << "own figures stay"; }),
-                Contains("get re system info failed"));
+    EXPECT_NE(collect(collect_system_info), "") << "own figures stay";
+    EXPECT_THAT(said, Contains("get re system info failed"));
 }
 
 TEST_F(SystemInfo, ReportsNothingWithoutItsTurnOrItsNodes) {
@@ -226,19 +198,20 @@ TEST_F(SystemInfo, ReportsNothingWithoutItsTurnOrItsNodes) {
     set_nodes({"02-00-00-00-00-01", "02-00-00-00-00-02"});
     telemetry_pre_collect.devices[0].is_fap = 0;
     telemetry_pre_collect.devices[1].is_fap = 1;
-    EXPECT_THAT(collect(), testing::ContainsRegex(R"("cpu":0\}\},\{"dm".*"cpu":71\}\}\]\})"));
+    EXPECT_THAT(collect(collect_system_info),
+                testing::ContainsRegex(R"("cpu":0\}\},\{"dm".*"cpu":71\}\}\]\})"));
 
     set_nodes({"02-00-00-00-00-01", ""});
-    EXPECT_THAT(logged_messages([&] { EXPECT_NE((collect(), result), 0); }),
-                IsSupersetOf({"cJSON_Add Mac Md5 failed", "add system info failed"}));
+    EXPECT_EQ(collect(collect_system_info), "");
+    EXPECT_THAT(said, IsSupersetOf({"cJSON_Add Mac Md5 failed", "add system info failed"}));
     telemetry_free_pre_collect_info();
-    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(collect(), ""); }), ElementsAre("get device list error"));
-
+    collect(collect_system_info);
+    EXPECT_THAT(said, ElementsAre("get device list error"));
     telemetry_debug_level = TELEMETRY_LOG_DEBUG;
     ctx.collect_periodic_now = 0;
     slept = 0;
-    EXPECT_THAT(logged_messages([&] { EXPECT_EQ(collect(), ""); }),
-                ElementsAre("no need to collect system info"));
+    collect(collect_system_info);
+    EXPECT_THAT(said, ElementsAre("no need to collect system info"));
     EXPECT_EQ(slept, 0U);
 }
 

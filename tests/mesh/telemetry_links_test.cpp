@@ -3,6 +3,7 @@
 #include "telemetry_snapshot.h"
 
 #include <cstring>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::Pair;
 
 // The script answers from files ports/wan_num, ports/link_N and ports/speed_N, and notes what it was asked.
 static constexpr char kScript[] = R"(#!/bin/sh
@@ -30,14 +32,13 @@ class LinksTest : public SysrootTest {
         root.write("/ports/link_" + std::to_string(number), link);
         root.write("/ports/speed_" + std::to_string(number), speed);
     }
-    // Sections of a type and a port number each; "-": without that option.
-    void profile(const std::vector<std::pair<std::string, std::string>> &sections) {
+    // Sections, each a type and a port number; "-": without that option.
+    void profile(const std::string &sections) {
+        std::istringstream words(sections);
         std::string text;
-        for (const auto &[type, number] : sections) {
-            text += "config interface\n";
-            text += type != "-" ? "\toption type '" + type + "'\n" : "";
-            text += number != "-" ? "\toption port '" + number + "'\n" : "";
-        }
+        for (std::string type, number; words >> type >> number;)
+            text += "config interface\n" + (type != "-" ? "\toption type '" + type + "'\n" : "") +
+                    (number != "-" ? "\toption port '" + number + "'\n" : "");
         root.write("/etc/profile.d/interfaces", text);
     }
     WiredPortInfo ports[kWiredPortCount] = {};
@@ -52,17 +53,7 @@ TEST_F(LinksTest, PortsInUseAreTheWanPortAndThoseWithASpeed) {
     port(5, "1\n", "-1\n");
     port(6, "up\n", "1000\n"); // no number
     root.write("/ports/wan_num", "1\n");
-    profile({{"eth", "1"},
-             {"eth", "2"},
-             {"wlan", "9"},
-             {"-", "8"},
-             {"e", "3"},
-             {"eth", "-"},
-             {"et", "4"},
-             {"ethernet", "7"},
-             {"eth", "5"},
-             {"eth", "6"},
-             {"eth", "10"}});
+    profile("eth 1 eth 2 wlan 9 - 8 e 3 eth - et 4 ethernet 7 eth 5 eth 6 eth 10");
     memset(ports, 0x55, sizeof(ports));
     ASSERT_EQ(telemetry_collect_wired_port_num(&used, ports, kWiredPortCount, 1), 0);
     EXPECT_EQ(used, 2);
@@ -83,34 +74,31 @@ TEST_F(LinksTest, PortsInUseAreTheWanPortAndThoseWithASpeed) {
 }
 
 TEST_F(LinksTest, PortsBeyondTheRoomAndWithoutProfile) {
-    EXPECT_THAT(logged_messages([&] {
-                    EXPECT_EQ(telemetry_collect_wired_port_num(&used, ports, kWiredPortCount, 1), -1);
-                }),
-                Contains("uci load interface failed"));
+    const auto count = [&](int32_t *number, WiredPortInfo *list, int room, int wan) {
+        return logged_result([&] { return telemetry_collect_wired_port_num(number, list, room, wan); });
+    };
+    EXPECT_THAT(count(&used, ports, 16, 1), Pair(-1, Contains("uci load interface failed")));
+    EXPECT_THAT(count(nullptr, ports, 16, 1), Pair(-1, ElementsAre("param error")));
+    EXPECT_THAT(count(&used, nullptr, 16, 1), Pair(-1, ElementsAre("param error")));
     EXPECT_EQ(used, -5);
-    EXPECT_EQ(telemetry_collect_wired_port_num(nullptr, ports, kWiredPortCount, 1), -1);
-    EXPECT_EQ(telemetry_collect_wired_port_num(&used, nullptr, kWiredPortCount, 1), -1);
 
-    std::vector<std::pair<std::string, std::string>> sections;
+    std::string sections;
     for (int number = 1; number <= 17; ++number) {
-        sections.emplace_back("eth", std::to_string(number));
+        sections += " eth " + std::to_string(number);
         port(number, "1\n", "100\n");
     }
     // In a smaller room the entry behind it is untouched.
     for (const int room : {16, 2}) {
         profile(sections);
         memset(ports, 0x55, sizeof(ports));
-        EXPECT_THAT(
-            logged_messages([&] { EXPECT_EQ(telemetry_collect_wired_port_num(&used, ports, room, 0), 0); }),
-            ElementsAre("port count found exceeds the maximun allowed"));
+        EXPECT_THAT(count(&used, ports, room, 0),
+                    Pair(0, ElementsAre("port count found exceeds the maximun allowed")));
         EXPECT_EQ(used, room);
         EXPECT_EQ(ports[room - 1].port, room);
     }
     EXPECT_EQ(ports[2].port, 0x55555555);
-    sections.resize(16); // what fits is no excess
-    profile(sections);
-    EXPECT_THAT(logged_messages([&] { telemetry_collect_wired_port_num(&used, ports, 16, 0); }),
-                ElementsAre());
+    profile(sections.substr(0, sections.size() - 7)); // what fits is no excess
+    EXPECT_THAT(count(&used, ports, 16, 0), Pair(0, ElementsAre()));
 }
 
 TEST_F(LinksTest, ScriptOutputIsBounded) {
@@ -135,37 +123,34 @@ static int done(const std::string &what) {
     return what == failing ? 0 : 1;
 }
 
-static int fake_sta_name(int32_t band, char *name, int32_t size) {
-    if (!done("name " + std::to_string(band) + " " + std::to_string(size)))
-        return 0;
-    snprintf(name, static_cast<size_t>(size), band == 0 ? "apcli0" : "apclix0");
-    return 1;
-}
-
-static int fake_uplink(const char *ifname, BackhaulStats *stats, uint8_t *rssi) {
-    if (!done(std::string("uplink ") + ifname))
-        return 0;
-    *stats = {300, 200, {}, {}};
-    *rssi = 40;
-    return 1;
-}
-
-static int fake_channel(uint32_t band, uint32_t *channel) {
-    *channel = band == 0 ? 6 : 149;
-    return done("channel " + std::to_string(band));
-}
-
-static int fake_util(const char *ifname, uint8_t *util, uint32_t band, uint8_t flag) {
-    *util = 33;
-    return done(std::string("util ") + ifname + " " + std::to_string(band) + " " + std::to_string(flag));
+static WlanPlatformOps backhaul_operations() {
+    WlanPlatformOps operations = {};
+    operations.get_sta_if_name = [](int32_t band, char *name, int32_t size) {
+        const int named = done("name " + std::to_string(band) + " " + std::to_string(size));
+        if (named != 0)
+            snprintf(name, static_cast<size_t>(size), band == 0 ? "apcli0" : "apclix0");
+        return named;
+    };
+    operations.get_uplink_rate = [](const char *ifname, BackhaulStats *stats, uint8_t *rssi) {
+        *rssi = 40;
+        if (!done(std::string("uplink ") + ifname))
+            return 0;
+        *stats = {300, 200, {}, {}};
+        return 1;
+    };
+    operations.get_backhaul_ap_channel = [](uint32_t band, uint32_t *channel) {
+        *channel = band == 0 ? 6 : 149;
+        return done("channel " + std::to_string(band));
+    };
+    operations.get_channel_util = [](const char *ifname, uint8_t *util, uint32_t band, uint8_t flag) {
+        *util = 33;
+        return done(std::string("util ") + ifname + " " + std::to_string(band) + " " + std::to_string(flag));
+    };
+    return operations;
 }
 
 TEST(Backhaul, EveryStepRunsWhateverFailed) {
-    WlanPlatformOps operations = {};
-    operations.get_sta_if_name = fake_sta_name;
-    operations.get_uplink_rate = fake_uplink;
-    operations.get_backhaul_ap_channel = fake_channel;
-    operations.get_channel_util = fake_util;
+    const WlanPlatformOps operations = backhaul_operations();
     const WlanPlatformOps *before = wlan_platform_ops;
     wlan_platform_ops = &operations;
     struct Row {
@@ -210,30 +195,30 @@ TEST(Backhaul, EveryStepRunsWhateverFailed) {
 
 TEST_F(LinksTest, ParentIsASatellitesOnly) {
     struct Row {
-        const char *work_mode; // null: no file
+        std::string work_mode; // empty: no file
         int result;
         const char *parent, *message;
     };
     const Row rows[] = {
-        {R"({"work_mode":"RE","parent_mac":"02:00:00:01:00:0a"})", 0, "02-00-00-01-00-0A", nullptr},
-        {R"({"work_mode":"FAP","parent_mac":"02:00:00:01:00:0a"})", 0, "", nullptr},
-        {R"({"work_mode":"F","parent_mac":"02:00:00:01:00:0a"})", 0, "", nullptr},
-        {R"({"work_mode":"FAPX","parent_mac":"020000010001"})", 0, "02-00-00-01-00-01", nullptr},
-        {R"({"work_mode":7,"parent_mac":"02:00:00:01:00:0a"})", 0, "", nullptr},
-        {R"({"work_mode":"RE","parent_mac":12})", -1, "", nullptr},
-        {R"({"work_mode":"RE","parent_mac":"02:00:00:01:00:0a:0b:0c:0d"})", 0, "02-00-00-01-00-0A", nullptr},
+        {R"({"work_mode":"RE","parent_mac":"02:00:00:01:00:0a"})", 0, "02-00-00-01-00-0A", ""},
+        {R"({"work_mode":"FAP","parent_mac":"02:00:00:01:00:0a"})", 0, "", ""},
+        {R"({"work_mode":"F","parent_mac":"02:00:00:01:00:0a"})", 0, "", ""},
+        {R"({"work_mode":"FAPX","parent_mac":"020000010001"})", 0, "02-00-00-01-00-01", ""},
+        {R"({"work_mode":7,"parent_mac":"02:00:00:01:00:0a"})", 0, "", ""},
+        {R"({"work_mode":"RE","parent_mac":12})", -1, "", ""},
+        {R"({"work_mode":"RE","parent_mac":"02:00:00:01:00:0a:0b:0c:0d"})", 0, "02-00-00-01-00-0A", ""},
         {R"({"work_mode":"RE")", -1, "", "cJSON parse failed"},
-        {nullptr, -1, "", "open file /tmp/work_mode failed"},
+        {"", -1, "", "open file /tmp/work_mode failed"},
     };
     for (const Row &row : rows) {
-        SCOPED_TRACE(row.work_mode == nullptr ? "no file" : row.work_mode);
-        row.work_mode != nullptr ? root.write("/tmp/work_mode", row.work_mode)
-                                 : root.remove("/tmp/work_mode");
+        SCOPED_TRACE(row.work_mode);
+        row.work_mode.empty() ? root.remove("/tmp/work_mode") : root.write("/tmp/work_mode", row.work_mode);
         char parent[18] = "";
-        const auto messages =
-            logged_messages([&] { EXPECT_EQ(telemetry_collect_device_parent_mac(parent), row.result); });
+        const auto [result, said] =
+            logged_result([&] { return telemetry_collect_device_parent_mac(parent); });
+        EXPECT_EQ(result, row.result);
         EXPECT_STREQ(parent, row.parent);
-        EXPECT_EQ(messages.empty() ? "" : messages.back(), row.message == nullptr ? "" : row.message);
+        EXPECT_EQ(said.empty() ? "" : said.back(), row.message);
     }
     EXPECT_THAT(logged_messages([] { EXPECT_EQ(telemetry_collect_device_parent_mac(nullptr), -1); }),
                 ElementsAre("params error!"));

@@ -5,6 +5,7 @@
 #include "telemetry_transfer.h"
 
 #include <cstring>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,48 +22,43 @@ static void take_text(const cJSON *result, void *user) {
     *static_cast<std::string *>(user) += text.get();
 }
 
+// What a reply of the synchronisation service gives: results, a bar, messages.
+static std::string take_apart(const std::string &reply) {
+    std::string text;
+    fake_services["sync.request"] = {reply};
+    const auto said = logged_messages([&] {
+        EXPECT_EQ(telemetry_transfer_request(TELEMETRY_TRANSFER_SYSTEM, true, nullptr, take_text, &text), 0);
+    });
+    for (const std::string &line : said)
+        text += "|" + line;
+    return text;
+}
+
 TEST(Transfer, RepliesAreTakenApart) {
-    struct Row {
-        std::string reply;
-        const char *results;
-        std::vector<std::string> messages;
+    const char kNone[] = "|cJSON_get_object success failed", kNoResult[] = "|cJSON_GetObject filed";
+    const std::pair<const char *, std::string> rows[] = {
+        {R"({"success":1,"data":{"result":{"a":1}}})", R"({"a":1})"},
+        {R"({"success":2,"data":[{"result":{"a":1}},{"result":{"b":2}}]})", R"({"a":1}{"b":2})"},
+        {R"({"success":1,"data":[{"result":1}]})", kNoResult},
+        {R"({"success":2,"data":[{"result":1},{"no":1}]})", std::string("1") + kNoResult},
+        {R"({"success":2,"data":[{"result":1},{"result":2},{"result":3}]})", "12"},
+        {R"({"success":2000000000,"data":[{"result":1}]})", "1|2000000000 answers announced, 1 there"},
+        {R"({"success":2,"data":"text"})", "|2 answers announced, 0 there"},
+        {R"({"success":0,"data":{"result":1}})", kNone},
+        {R"({"success":-1,"data":{"result":1}})", kNone},
+        {R"({"success":"1","data":{"result":1}})", kNone},
+        {R"({"data":{"result":1}})", kNone},
+        {R"({"success":1})", kNone},
     };
-    std::string many;
-    for (int i = 0; i < 300; ++i)
-        many += i < 255 ? "{\"result\":{}}," : "{\"result\":" + std::to_string(i) + "},";
-    many.pop_back();
-    const Row rows[] = {
-        {R"({"success":1,"data":{"result":{"a":1}}})", R"({"a":1})", {}},
-        {R"({"success":2,"data":[{"result":{"a":1}},{"result":{"b":2}}]})", R"({"a":1}{"b":2})", {}},
-        {R"({"success":1,"data":[{"result":1}]})", "", {"cJSON_GetObject filed"}},
-        {R"({"success":2,"data":[{"result":1},{"no":1}]})", "1", {"cJSON_GetObject filed"}},
-        {R"({"success":2,"data":[{"result":1},{"result":2},{"result":3}]})", "12", {}},
-        {R"({"success":2000000000,"data":[{"result":1}]})", "1", {"2000000000 answers announced, 1 there"}},
-        {R"({"success":2,"data":"text"})", "", {"2 answers announced, 0 there"}},
-        {R"({"success":0,"data":{"result":1}})", "", {"cJSON_get_object success failed"}},
-        {R"({"success":-1,"data":{"result":1}})", "", {"cJSON_get_object success failed"}},
-        {R"({"success":"1","data":{"result":1}})", "", {"cJSON_get_object success failed"}},
-        {R"({"data":{"result":1}})", "", {"cJSON_get_object success failed"}},
-        {R"({"success":1})", "", {"cJSON_get_object success failed"}},
-    };
-    std::string results;
-    const auto request = [&](const std::string &reply) {
-        results.clear();
-        fake_services["sync.request"] = {reply};
-        return logged_messages([&] {
-            EXPECT_EQ(
-                telemetry_transfer_request(TELEMETRY_TRANSFER_SYSTEM, true, nullptr, take_text, &results), 0);
-        });
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.reply);
-        const auto messages = request(row.reply);
-        EXPECT_EQ(results, row.results);
-        EXPECT_EQ(messages, row.messages);
+    for (const auto &[reply, expected] : rows)
+        EXPECT_EQ(take_apart(reply), expected) << reply;
+    std::string many, first;
+    for (int i = 0; i < 300; ++i) {
+        many += (i > 0 ? ",{\"result\":" : "{\"result\":") + std::to_string(i) + "}";
+        first += i < 256 ? std::to_string(i) : "";
     }
-    EXPECT_THAT(request(R"({"success":300,"data":[)" + many + "]}"),
-                ElementsAre("more than 256 nodes answered, the rest is left out"));
-    EXPECT_EQ(results.substr(results.size() - 5), "{}255");
+    EXPECT_EQ(take_apart(R"({"success":300,"data":[)" + many + "]}"),
+              first + "|more than 256 nodes answered, the rest is left out");
     EXPECT_THAT(logged_messages([] { telemetry_transfer_handle_reply(nullptr, take_text, nullptr); }),
                 ElementsAre("error callback"));
 }
@@ -73,75 +69,72 @@ TEST(Transfer, RequestsAndFailedCalls) {
     telemetry_transfer_request(TELEMETRY_TRANSFER_AFC, true, nullptr, take_text, nullptr);
     telemetry_get_re_client_sta_list();
     telemetry_collect_re_backhaul_info("192.168.0.1");
-    std::vector<std::string> arguments;
-    for (const ServiceCall &call : fake_service_calls) {
-        arguments.push_back(call.arguments);
-        EXPECT_EQ(call.timeout_ms, 50000);
-    }
-    EXPECT_THAT(arguments,
-                ElementsAre(R"({"opcode":50952,"target_type":"RE","include_myself":true,"data":{}})",
-                            R"({"opcode":50947,"target_type":"RE","data":{}})",
-                            R"({"opcode":50946,"target_type":"RE","include_myself":true,)"
-                            R"("data":{"params":{"ip_ap_addr":"192.168.0.1"}}})"));
-    EXPECT_THAT(logged_messages([] { EXPECT_EQ(telemetry_collect_re_backhaul_info(nullptr), -1); }),
-                ElementsAre("invalid input"));
+    std::string arguments;
+    for (const ServiceCall &call : fake_service_calls)
+        arguments += std::to_string(call.timeout_ms) + call.arguments;
+    EXPECT_EQ(arguments, R"(50000{"opcode":50952,"target_type":"RE","include_myself":true,"data":{}})"
+                         R"(50000{"opcode":50947,"target_type":"RE","data":{}})"
+                         R"(50000{"opcode":50946,"target_type":"RE","include_myself":true,)"
+                         R"("data":{"params":{"ip_ap_addr":"192.168.0.1"}}})");
+    EXPECT_EQ(logged_result([] { return telemetry_collect_re_backhaul_info(nullptr); }),
+              LoggedResult(-1, {"invalid input"}));
     for (const auto &[error, message] : {std::pair{TELEMETRY_BUS_NO_CONNECTION, "ubus connect failed"},
                                          {TELEMETRY_BUS_NO_OBJECT, "ubus invoke failed."},
                                          {TELEMETRY_BUS_CALL_FAILED, "ubus invoke failed."}}) {
         fake_services["sync.request"].error = error;
-        EXPECT_THAT(logged_messages([] { EXPECT_EQ(telemetry_get_re_client_sta_list(), -1); }),
-                    ElementsAre(message));
+        EXPECT_EQ(logged_result(telemetry_get_re_client_sta_list), LoggedResult(-1, {message}));
     }
 }
 
-// Three nodes, of which the last two have the same address.
+// Three nodes and three clients, of which the last two have the same address.
 class ApplyTest : public ::testing::Test {
   protected:
     ApplyTest() {
         telemetry_init_device_info_list(3);
-        for (int i = 0; i < 3; ++i)
-            snprintf(device(i).mac, sizeof(device(i).mac), "02-00-00-01-00-%02X", i < 2 ? i + 1 : 2);
+        telemetry_pre_collect.clients = clients =
+            static_cast<PreClientInfo *>(calloc(3, sizeof(PreClientInfo)));
+        telemetry_pre_collect.client_num = 3;
+        nodes = telemetry_get_device_info_list();
+        for (int i = 0; i < 3; ++i) {
+            snprintf(nodes[i].mac, sizeof(nodes[i].mac), "02-00-00-01-00-%02X", i < 2 ? i + 1 : 2);
+            snprintf(clients[i].mac, sizeof(clients[i].mac), "02-00-00-02-00-%02X", i < 2 ? i + 1 : 2);
+        }
     }
     ~ApplyTest() override {
         telemetry_free_pre_collect_info();
     }
-    static MeshDeviceInfo &device(int index) {
-        return telemetry_get_device_info_list()[index];
-    }
-    static std::vector<std::string> apply(const std::string &result) {
+    static std::vector<std::string> apply(const std::string &result,
+                                          void (*take)(const cJSON *) = telemetry_apply_re_backhaul_result) {
         const JsonPtr tree(cJSON_Parse(result.c_str()));
-        return logged_messages([&] { telemetry_apply_re_backhaul_result(tree.get()); });
+        return logged_messages([&] { take(tree.get()); });
     }
+    MeshDeviceInfo *nodes;
+    PreClientInfo *clients;
 };
 
 TEST_F(ApplyTest, EveryMemberHasItsField) {
+    const MeshDeviceInfo &node = nodes[1];
+    const BackhaulInfo &link = node.backhaul[1];
+    const auto fields = [&] {
+        std::ostringstream text;
+        text << node.wire_port_num << ' ' << node.parent_mac << ' ' << node.ping_delay << ' '
+             << node.hw_version << ' ' << node.wired_ports[0].speed << ' ' << node.wired_ports[1].port << ' '
+             << node.band_num << ' ' << link.backhaul_type << ' ' << int{link.rssi} << ' ' << link.stats->tx
+             << ' ' << link.stats->rx << ' ' << int(link.channel) << ' ' << int{link.chan_util};
+        return text.str();
+    };
     EXPECT_THAT(
         apply(R"({"wired_port_used_num":3,"port_info":[{"port_num":1,"port_speed":2500},{"port_num":4},7],
         "parent_mac":"02:00:00:01:00:01","ping_delay":"1.600000","hw_version":"2.0","backhaul_info":[{},
         {"backhaul_type":"5G","backhaul_rssi":40,"backhaul_txrate":-1,"backhaul_rxrate":1441,
         "backhaul_channel":149,"backhaul_channle_util":31},"x"],"mac":"02:00:00:01:00:02","err_code":-1})"),
         IsEmpty());
-    const MeshDeviceInfo &node = device(1);
-    EXPECT_EQ(node.wire_port_num, 3);
-    EXPECT_STREQ(node.parent_mac, "02-00-00-01-00-01");
-    EXPECT_STREQ(node.ping_delay, "1.600000");
-    EXPECT_STREQ(node.hw_version, "2.0");
-    EXPECT_EQ(node.wired_ports[0].speed, 2500);
-    EXPECT_EQ(node.wired_ports[1].port, 4);
-    EXPECT_EQ(node.band_num, 3);
-    const BackhaulInfo &link = node.backhaul[1];
-    EXPECT_STREQ(link.backhaul_type, "5G");
-    EXPECT_EQ(link.rssi, 40);
-    EXPECT_EQ(link.stats->tx, 65535); // 16 bits come as a signed number
-    EXPECT_EQ(link.stats->rx, 1441);
-    EXPECT_EQ(link.channel, 149);
-    EXPECT_EQ(link.chan_util, 31);
+    // 16 bits come as a signed number.
+    EXPECT_EQ(fields(), "3 02-00-00-01-00-01 1.600000 2.0 2500 4 3 5G 40 65535 1441 149 31");
     // A second answer changes what it holds and keeps the rest; a correctly spelt key is none.
     apply(
         R"({"mac":"02-00-00-01-00-02","backhaul_info":[{},{"backhaul_channel_util":99}],"port_info":{"a":{}}})");
-    EXPECT_EQ(node.band_num, 2);
-    EXPECT_EQ(link.chan_util, 31);
-    EXPECT_EQ(node.wire_port_num, 3);
+    EXPECT_EQ(fields(), "3 02-00-00-01-00-01 1.600000 2.0 2500 4 2 5G 40 65535 1441 149 31");
 }
 
 TEST_F(ApplyTest, AnswersGoToTheFirstNodeWhoseMacBeginsWithTheirs) {
@@ -154,16 +147,15 @@ TEST_F(ApplyTest, AnswersGoToTheFirstNodeWhoseMacBeginsWithTheirs) {
         {R"("02000001000")", 0},
         {R"("")", -1},
         {"2", -1},
-        {R"("02:00:00:01:00:09")", -1},
         {"null", -1},
+        {R"("02:00:00:01:00:09")", -1},
     };
     for (const auto &[mac, owner] : rows) {
-        SCOPED_TRACE(mac);
         for (int i = 0; i < 3; ++i)
-            device(i).wire_port_num = -1;
+            nodes[i].wire_port_num = -1;
         apply(std::string(R"({"wired_port_used_num":7,"mac":)") + mac + "}");
         for (int i = 0; i < 3; ++i)
-            EXPECT_EQ(device(i).wire_port_num, i == owner ? 7 : -1) << i;
+            EXPECT_EQ(nodes[i].wire_port_num, i == owner ? 7 : -1) << mac << i;
     }
     for (const char *result : {"7", "[]", "\"text\"", "null", "{}", R"([{"mac":"02:00:00:01:00:02"}])"})
         EXPECT_THAT(apply(result), IsEmpty()) << result;
@@ -184,39 +176,25 @@ TEST_F(ApplyTest, MoreThanThereIsRoomForIsCut) {
                             "port_info has more than 16 ports, cut",
                             "backhaul_type is longer than 22 characters, cut",
                             "backhaul_info has more than 4 links, cut"));
-    const MeshDeviceInfo &node = device(0);
-    EXPECT_EQ(node.wired_ports[15].port, 16);
-    EXPECT_EQ(node.band_num, 4);
-    EXPECT_EQ(node.backhaul[3].channel, 4);
-    EXPECT_EQ(node.backhaul[0].backhaul_type, text.substr(0, 22));
-    EXPECT_EQ(node.hw_version, text.substr(0, 64));
-    EXPECT_EQ(node.ping_delay, text.substr(0, 127));
-    EXPECT_STREQ(node.parent_mac, "XX-XX-XX-XX-XX-XX");
-    EXPECT_STREQ(device(1).mac, "02-00-00-01-00-02");
+    EXPECT_TRUE(nodes->wired_ports[15].port == 16 && nodes->band_num == 4 && nodes->backhaul[3].channel == 4);
+    EXPECT_EQ(nodes->backhaul[0].backhaul_type, text.substr(0, 22));
+    EXPECT_EQ(nodes->hw_version, text.substr(0, 64));
+    EXPECT_EQ(nodes->ping_delay, text.substr(0, 127));
+    EXPECT_STREQ(nodes->parent_mac, "XX-XX-XX-XX-XX-XX");
+    EXPECT_STREQ(nodes[1].mac, "02-00-00-01-00-02");
 }
 
-TEST(ClientResult, RatesGoToTheFirstClientOfTheAddress) {
-    const auto parse = [](const char *result) {
-        const JsonPtr tree(cJSON_Parse(result));
-        return logged_messages([&] { parseClientStaInfoMsg(tree.get()); });
-    };
-    EXPECT_THAT(parse("{}"), ElementsAre("client info is NULL"));
-    PreCollectInfo *info = &telemetry_pre_collect;
-    info->clients = static_cast<PreClientInfo *>(calloc(3, sizeof(PreClientInfo)));
-    info->client_num = 3;
-    for (int i = 0; i < 3; ++i)
-        snprintf(info->clients[i].mac, sizeof(info->clients[i].mac), "02-00-00-02-00-%02X",
-                 i < 2 ? i + 1 : 2);
-    EXPECT_THAT(parse(R"({"client_sta_list":[{"mac_addr":"02:00:00:02:00:02","pymode":6,"ng_rxrate":780,
+TEST_F(ApplyTest, RatesGoToTheFirstClientOfTheAddress) {
+    EXPECT_THAT(apply(R"({"client_sta_list":[{"mac_addr":"02:00:00:02:00:02","pymode":6,"ng_rxrate":780,
         "ng_txrate":866},{}, 5, {"mac_addr":7,"pymode":1}, {"pymode":1}, {"mac_addr":"","pymode":1},
-        {"mac_addr":"02:00:00:02:00:09","pymode":1}, {"mac_addr":"02:00:00:02:00:01","ng_txrate":"fast"}]})"),
+        {"mac_addr":"02:00:00:02:00:09","pymode":1}, {"mac_addr":"02:00:00:02:00:01","ng_txrate":"fast"}]})",
+                      parseClientStaInfoMsg),
                 ElementsAre("pItem is NULL")); // once for all of them
     for (const char *other : {"7", "{}", R"({"client_sta_list":{"a":{"mac_addr":"02","pymode":1}}})", "null"})
-        EXPECT_THAT(parse(other), IsEmpty()) << other;
-    EXPECT_EQ(info->clients[1].phymode, 6u);
-    EXPECT_EQ(info->clients[1].rxrate, 780u);
-    EXPECT_EQ(info->clients[1].txrate, 866u);
-    EXPECT_EQ(info->clients[0].phymode, 0u);
-    EXPECT_EQ(info->clients[2].phymode, 0u);
+        EXPECT_THAT(apply(other, parseClientStaInfoMsg), IsEmpty()) << other;
+    const PreClientInfo &client = clients[1];
+    EXPECT_TRUE(client.phymode == 6 && client.rxrate == 780 && client.txrate == 866);
+    EXPECT_EQ(clients[0].phymode + clients[2].phymode, 0u);
     telemetry_free_pre_collect_info();
+    EXPECT_THAT(apply("{}", parseClientStaInfoMsg), ElementsAre("client info is NULL"));
 }
