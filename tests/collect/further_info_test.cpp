@@ -4,24 +4,16 @@
 
 #include <sys/stat.h>
 
-#include <gmock/gmock.h>
-
-#include "collectors.h"
-#include "restart_info.h"
+#include "collector_test.h"
 #include "fake_services.h"
-#include "sysroot.h"
-#include "telemetry_json.h"
-#include "telemetry_log.h"
-#include "telemetry_snapshot.h"
+#include "restart_info.h"
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
 
-// A configuration package (";" ends a line), or a file when the name is a path.
 struct Source {
-    std::string name, content;
+    std::string name, content; // as CollectorTest::put() takes them
 };
 
 struct Module {
@@ -152,56 +144,40 @@ const Module kHavenguard = {
 const Module *const kModules[] = {&kEcoMode, &kIptv, &kQos, &kQuicksetup, &kAdvanced,
                                   &kRestart, &kUsb,  &kAfc, &kHavenguard};
 
-std::string replaced(std::string text, const std::string &from, const std::string &to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-        text.replace(at, from.size(), to);
-    return text;
-}
-
-class FurtherInfo : public SysrootTest {
+class FurtherInfo : public CollectorTest {
   protected:
     FurtherInfo() {
-        telemetry_debug_level = TELEMETRY_LOG_ERROR;
         copy_text(ctx.dev_mac, "020000000101");
-        fake_services.clear();
-        fake_service_calls.clear();
     }
-    ~FurtherInfo() override {
-        telemetry_free_device_info_list();
-    }
-    // An empty router with this module's sources.
-    void lay_out(const Module &module) {
+    // An empty router with this module's sources, and a mesh of two nodes of which the other answers this.
+    void lay_out(const Module &module, const char *support = "yes", const std::string &answer = "") {
         root.clean();
         root.write_backup("");
         for (const Source &source : module.sources)
-            write_source(source.name, source.content);
+            put(source.name, source.content);
         if (module.head.feature != nullptr)
-            root.write_profile(std::string("config ") + module.head.feature + "\n option support yes\n");
+            root.write_profile(std::string("config ") + module.head.feature + "\n option support " + support);
         ctx.collect_stgy2_now = module.head.daily ? 1 : 0;
-    }
-    void write_source(const std::string &name, const std::string &content) {
-        if (name[0] == '/')
-            root.write(name, content);
-        else
-            root.write_config(name, replaced(content, ";", "\n"));
+        fake_services.clear();
+        telemetry_free_device_info_list();
+        if (answer.empty())
+            return;
+        telemetry_init_device_info_list(2);
+        fake_services["sync.request"].json = answer;
     }
     // The report; its count is one a member, or one an entry of a list of nodes.
     std::string collect(const Module &module) {
-        const JsonPtr payload(cJSON_CreateObject());
-        count = 0;
-        const OutputCapture capture;
-        EXPECT_EQ(module.head.collect(&ctx, payload.get(), &count), 0);
-        log = capture.text();
+        const std::string text = CollectorTest::collect(module.head.collect);
+        const JsonPtr payload(cJSON_Parse(text.c_str()));
         const cJSON *first = payload->child;
         const bool nodes = first != nullptr && first->string[1] == 'l' && cJSON_IsArray(first);
         EXPECT_EQ(count, static_cast<uint32_t>(cJSON_GetArraySize(nodes ? first : payload.get())));
         EXPECT_LT(log.size(), 8000u);
-        return telemetry_json_print(payload.get()).get();
+        return text;
     }
-    // A mesh of two nodes, whose answers the synchronisation service hands over.
-    void answer(const std::string &reply) {
-        telemetry_init_device_info_list(2);
-        fake_services["sync.request"].json = reply;
+    std::string collect(const Module &module, const std::string &answer) {
+        lay_out(module, "yes", answer);
+        return collect(module);
     }
     std::string answers(int number, const std::string &result) {
         std::string all;
@@ -210,56 +186,45 @@ class FurtherInfo : public SysrootTest {
         all.pop_back();
         return R"({"success":)" + std::to_string(number) + R"(,"data":[)" + all + "]}";
     }
-
-    TelemetryCtx ctx = {};
-    uint32_t count = 0;
-    std::string log;
 };
 
 TEST_F(FurtherInfo, EachReportsItsSettingsOnceAndAgainWhenOneChanged) {
     for (const Module *module : kModules) {
         SCOPED_TRACE(module->reported);
         lay_out(*module);
+        { // nothing counts as reported yet
+            const OutputCapture quiet;
+            module->head.collect(&ctx, nullptr, &count);
+            module->head.collect(&ctx, JsonPtr(cJSON_CreateObject()).get(), nullptr);
+        }
+        ctx.collect_stgy2_now = 0;
+        if (module->head.daily) {
+            EXPECT_EQ(collect(*module), "{}");
+        }
+        ctx.collect_stgy2_now = module->head.daily ? 1 : 0;
         EXPECT_EQ(collect(*module), module->reported);
         for (int cycle = 0; cycle < 2; ++cycle)
             EXPECT_EQ(collect(*module), module->repeated);
         for (const Source &source : module->sources)
             if (source.content.find(module->change.from) != std::string::npos)
-                write_source(source.name, replaced(source.content, module->change.from, module->change.to));
+                put(source.name, replaced(source.content, module->change.from, module->change.to));
         EXPECT_EQ(collect(*module), module->change.reported);
-    }
-}
-
-TEST_F(FurtherInfo, EachWaitsForItsCycleAndItsFeature) {
-    for (const Module *module : kModules) {
-        SCOPED_TRACE(module->reported);
-        lay_out(*module);
-        {
-            const OutputCapture quiet; // and nothing counts as reported
-            module->head.collect(&ctx, nullptr, &count);
-            module->head.collect(&ctx, JsonPtr(cJSON_CreateObject()).get(), nullptr);
-        }
-        ctx.collect_stgy2_now = 0;
-        EXPECT_EQ(collect(*module), module->head.daily ? "{}" : module->reported);
-        if (module->head.feature != nullptr) {
-            lay_out(*module);
-            root.write_profile(std::string("config ") + module->head.feature + "\n option support no\n");
-            EXPECT_EQ(collect(*module), "{}");
-        }
+        lay_out(*module, "no");
+        EXPECT_EQ(collect(*module), module->head.feature != nullptr ? "{}" : module->reported);
     }
     // A profile that does not know the security suite is an old one, of a board that has it.
-    lay_out(kHavenguard);
-    root.write_profile("config tm_shn\n option support 'not yet'\n");
-    EXPECT_EQ(collect(kHavenguard), "{}");
-    lay_out(kHavenguard);
-    root.write_config("network", "config interface wan\n option wan_type dslite\n");
-    EXPECT_EQ(collect(kHavenguard), "{}");
+    for (const Source &source : {Source{"/etc/profile.d/profile", "config tm_shn\n option support 'not yet'"},
+                                 {"network", "config interface wan; option wan_type dslite"}}) {
+        lay_out(kHavenguard);
+        put(source.name, source.content);
+        EXPECT_EQ(collect(kHavenguard), "{}");
+    }
 }
 
 TEST_F(FurtherInfo, ABrokenSourceCostsItsMembersAndIsNamed) {
     const std::string contents[] = {
         "",
-        std::string("\xff\x00{[\"\x01'\n;`reboot`", 18),
+        std::string("\xff\x00{[\"\x01'\n:`reboot`", 18),
         std::string(300000, '9'),
         R"({"state":7,"expires_in":{},"channels":{},"blocked_pages":"many"})",
     };
@@ -268,36 +233,31 @@ TEST_F(FurtherInfo, ABrokenSourceCostsItsMembersAndIsNamed) {
         for (const std::string &content : contents) {
             lay_out(*module);
             for (const Source &source : module->sources)
-                write_source(source.name, content);
+                put(source.name, content);
             // A package without sections is a state, too.
             EXPECT_EQ(collect(*module), content.empty() ? module->empty : module->broken);
-            if (!content.empty()) {
-                EXPECT_THAT(log, HasSubstr("[telemetry]["));
-            }
+            EXPECT_TRUE(content.empty() || log.find("[telemetry][") != std::string::npos);
             for (const Source &source : module->sources)
-                write_source(source.name, source.content);
+                put(source.name, source.content);
             EXPECT_EQ(collect(*module), module->reported);
         }
-        // One at a time, a directory, a pipe nobody writes to, missing: the others' members stay.
+        // One at a time missing, a directory, a pipe nobody writes to: the others' members stay.
         for (const Source &gone : module->sources) {
-            lay_out(*module);
             const std::string path = gone.name[0] == '/' ? gone.name : "/etc/config/" + gone.name;
-            root.remove(path);
-            const std::string missing = collect(*module);
-            EXPECT_NE(missing, module->reported);
-            if (module->sources.size() > 1) {
-                EXPECT_GT(count, 0u);
+            std::string missing;
+            for (const char *kind : {"absent", "directory", "pipe"}) {
+                lay_out(*module);
+                root.remove(path);
+                if (*kind == 'd')
+                    std::filesystem::create_directory(root.path(path));
+                if (*kind == 'p' && path == gone.name)
+                    mkfifo(root.path(path).c_str(), 0600);
+                const std::string report = collect(*module);
+                missing = *kind == 'a' ? report : missing;
+                EXPECT_EQ(report, missing) << kind << path;
             }
-            lay_out(*module);
-            root.remove(path);
-            std::filesystem::create_directory(root.path(path));
-            EXPECT_EQ(collect(*module), missing);
-            if (path != gone.name)
-                continue;
-            lay_out(*module);
-            root.remove(path);
-            mkfifo(root.path(path).c_str(), 0600);
-            EXPECT_EQ(collect(*module), missing);
+            EXPECT_NE(missing, module->reported);
+            EXPECT_TRUE(count > 0 || module->sources.size() == 1);
         }
     }
 }
@@ -307,7 +267,7 @@ TEST_F(FurtherInfo, HugeListsAreBounded) {
     std::string channels;
     for (int i = 0; i < 1000; ++i)
         channels += R"({"op_class":131,"channel":1,"max_eirp":1},)";
-    root.write("/tmp/afc/status", R"({"channels":[)" + channels + "0]}");
+    put("/tmp/afc/status", R"({"channels":[)" + channels + "0]}");
     const std::string report = collect(kAfc);
     EXPECT_EQ(std::count(report.begin(), report.end(), '{'), 2 + 64);
     EXPECT_THAT(log, HasSubstr("more than 64 channels"));
@@ -359,27 +319,24 @@ TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
     const std::string satellite = R"({"result":{"usb_enable":1,"usb_type":9,"vendor_id":"0781",)"
                                   R"("product_id":"not hex","mac":"02-00-00-00-01-02"}})";
     const std::string own = R"({"result":{"usb_enable":1,"usb_type":2,"mac":"02:00:00:00:01:01"}})";
-    lay_out(kUsb);
-    root.write_config("usb", "");
-    answer(R"({"success":3,"data":[)" + satellite + "," + own + R"(,{"result":{"usb_enable":1}}]})");
+    lay_out(kUsb, "yes",
+            R"({"success":3,"data":[)" + satellite + "," + own + R"(,{"result":{"usb_enable":1}}]})");
+    put("usb", "");
     EXPECT_EQ(collect(kUsb), R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0},{)" SATELLITE
                              R"(,"ue":1,"cc":0,"ut":4,"vi":"0781"}]})");
     EXPECT_EQ(fake_service_calls.back().arguments,
               R"({"opcode":50949,"target_type":"RE","include_myself":true,"data":{}})");
     // Answers in another order, and a change that is over, are no news.
-    lay_out(kUsb);
-    const std::string other = R"({"result":{"usb_enable":0,"config_is_change":#,"mac":"020000000103"}})";
-    for (const char *changed : {"1", "0"}) {
-        const std::string one = satellite, two = replaced(other, "#", changed);
-        answer(R"({"success":2,"data":[)" + (*changed == '1' ? one + "," + two : two + "," + one) + "]}");
-        const std::string report = collect(kUsb);
-        EXPECT_EQ(report == "{}", *changed == '0') << report;
-    }
-
-    lay_out(kAfc);
-    answer(R"({"success":1,"data":{"result":{"en":"yes","st":"48.1 N","ex":60,"lat":1.5,"cl":[)"
-           R"({"oc":131,"ch":5,"pw":30,"lat":2.5},{"ch":"6"},[]],"mac":"02-00-00-00-01-02"}}})");
-    EXPECT_THAT(collect(kAfc),
+    const auto other = [](const char *changed) {
+        return std::string(R"({"result":{"usb_enable":0,"config_is_change":)") + changed +
+               R"(,"mac":"020000000103"}})";
+    };
+    EXPECT_NE(collect(kUsb, R"({"success":2,"data":[)" + satellite + "," + other("1") + "]}"), "{}");
+    fake_services["sync.request"].json = R"({"success":2,"data":[)" + other("0") + "," + satellite + "]}";
+    EXPECT_EQ(collect(kUsb), "{}");
+    EXPECT_THAT(collect(kAfc,
+                        R"({"success":1,"data":{"result":{"en":"yes","st":"48.1 N","ex":60,"lat":1.5,"cl":[)"
+                        R"({"oc":131,"ch":5,"pw":30,"lat":2.5},{"ch":"6"},[]],"mac":"02-00-00-00-01-02"}}})"),
                 HasSubstr(R"(},{)" SATELLITE R"(,"en":0,"ex":60,"cl":[{"oc":131,"ch":5,"pw":30}]}]})"));
     EXPECT_EQ(fake_service_calls.back().arguments,
               R"({"opcode":50952,"target_type":"RE","include_myself":true,"data":{}})");
@@ -387,56 +344,45 @@ TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
 
 TEST_F(FurtherInfo, WhatSatellitesAnswerWronglyCostsThatAnswer) {
     const std::string huge = std::string(100000, '9');
-    const std::string lists[] = {
-        R"({"success":1,"data":{"result":{"mac":7}}})",
-        R"({"success":1,"data":{"result":[]}})",
-        R"({"success":2,"data":[7,{"result":"x"}]})",
-        R"({"success":3,"data":{}})",
-        R"({"success":"x"})",
-        "{}",
-    };
     for (const Module *module : {&kUsb, &kAfc}) {
-        for (const std::string &reply : lists) {
-            lay_out(*module);
-            answer(reply);
-            EXPECT_EQ(collect(*module), module->reported) << reply;
+        for (const char *reply :
+             {R"({"success":1,"data":{"result":{"mac":7}}})", R"({"success":1,"data":{"result":[]}})",
+              R"({"success":2,"data":[7,{"result":"x"}]})", R"({"success":3,"data":{}})",
+              R"({"success":"x"})", "{}"}) {
+            EXPECT_EQ(collect(*module, reply), module->reported) << reply;
             EXPECT_THAT(log, HasSubstr("[telemetry]["));
         }
-        lay_out(*module);
-        answer(answers(2, R"({"mac":"020000000#","usb_enable":"1","usb_type":1e300,"vendor_id":")" + huge +
-                              R"(","product_id":{},"en":[],"st":")" + huge + R"(","ex":1e300,"cl":)" + huge +
-                              "}"));
-        EXPECT_LT(collect(*module).size(), 300u);
+        EXPECT_LT(
+            collect(*module,
+                    answers(2, R"({"mac":"020000000#","usb_enable":"1","usb_type":1e300,"vendor_id":")" +
+                                   huge + R"(","product_id":{},"en":[],"st":")" + huge +
+                                   R"(","ex":1e300,"cl":)" + huge + "}"))
+                .size(),
+            300u);
         EXPECT_EQ(count, 3u);
-        lay_out(*module);
-        answer(answers(5000, R"({"mac":"020000000#"})"));
-        collect(*module);
+        collect(*module, answers(5000, R"({"mac":"020000000#"})"));
         EXPECT_LT(count, 300u);
         EXPECT_THAT(log, HasSubstr("nodes answered, the rest is left out"));
-        lay_out(*module);
         fake_services.clear();
-        EXPECT_EQ(collect(*module), module->reported);
+        collect(*module);
         EXPECT_THAT(log, HasSubstr("info failed"));
     }
 }
 
 TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
     const char kPath[] = "/tmp/telemetry/restart";
-    const std::string real = root.path(kPath);
-    root.write_backup("");
     const OutputCapture capture;
+    root.write_backup("");
     telemetry_count_daemon_start();
     EXPECT_EQ(root.read(kPath), "1\n");
-    const std::pair<const char *, const char *> cases[] = {
-        {"1\n", "2\n"},
-        {"", "1\n"},
-        {"-4\n", "1\n"},
-        {"99999999999\n", "1\n"},
-        {"x", "1\n"},
-        {"007", "8\n"},
-        {"2147483646\n", "2147483647\n"},
-        {"2147483647\n", "1\n"},
-    };
+    const std::pair<const char *, const char *> cases[] = {{"1\n", "2\n"},
+                                                           {"", "1\n"},
+                                                           {"-4\n", "1\n"},
+                                                           {"99999999999\n", "1\n"},
+                                                           {"x", "1\n"},
+                                                           {"007", "8\n"},
+                                                           {"2147483646\n", "2147483647\n"},
+                                                           {"2147483647\n", "1\n"}};
     for (const auto &[before, after] : cases) {
         root.write(kPath, before);
         telemetry_count_daemon_start();
@@ -444,13 +390,13 @@ TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
     }
     // Neither a pipe that nobody reads nor a missing directory holds the start up.
     root.remove(kPath);
-    mkfifo(real.c_str(), 0600);
+    mkfifo(root.path(kPath).c_str(), 0600);
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("open file /tmp/telemetry/restart failed"));
     root.remove("/tmp/telemetry");
     telemetry_count_daemon_start();
-    std::filesystem::create_directories(root.path("/tmp/telemetry"));
-    std::filesystem::create_symlink("/dev/full", real);
+    root.write_backup("");
+    std::filesystem::create_symlink("/dev/full", root.path(kPath));
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("write file /tmp/telemetry/restart failed"));
 }

@@ -19,37 +19,21 @@ static uint32_t stub_count;
 static std::vector<std::string> calls;
 static int post_done_of_snapshot;
 
-static int stub_collect(const char *name, cJSON *payload, uint32_t *count) {
-    calls.push_back(name);
-    cJSON_AddStringToObject(payload, "from", name);
-    *count += stub_count;
-    return stub_result;
-}
-
-#define STUB_COLLECTOR(name)                                    \
-    int name(TelemetryCtx *, cJSON *payload, uint32_t *count) { \
-        return stub_collect(#name, payload, count);             \
+#define STUB(name)                                                        \
+    int collect_##name(TelemetryCtx *, cJSON *payload, uint32_t *count) { \
+        calls.push_back(#name);                                           \
+        cJSON_AddStringToObject(payload, "from", #name);                  \
+        *count += stub_count;                                             \
+        return stub_result;                                               \
     }
+// clang-format off
+STUB(system_info) STUB(client_list) STUB(device_list) STUB(wireless_host_info) STUB(wireless_guest_info)
+STUB(wireless_iot_info) STUB(cloud_info) STUB(internet_info) STUB(ecomode_info) STUB(iptv_info) STUB(qos_info)
+STUB(quicksetup_info) STUB(advanced_info) STUB(restart_info) STUB(usb_info) STUB(afc_info)
+STUB(havenguard_v2_info)
+    // clang-format on
 
-STUB_COLLECTOR(collect_system_info)
-STUB_COLLECTOR(collect_client_list)
-STUB_COLLECTOR(collect_device_list)
-STUB_COLLECTOR(collect_wireless_host_info)
-STUB_COLLECTOR(collect_wireless_guest_info)
-STUB_COLLECTOR(collect_wireless_iot_info)
-STUB_COLLECTOR(collect_cloud_info)
-STUB_COLLECTOR(collect_internet_info)
-STUB_COLLECTOR(collect_ecomode_info)
-STUB_COLLECTOR(collect_iptv_info)
-STUB_COLLECTOR(collect_qos_info)
-STUB_COLLECTOR(collect_quicksetup_info)
-STUB_COLLECTOR(collect_advanced_info)
-STUB_COLLECTOR(collect_restart_info)
-STUB_COLLECTOR(collect_usb_info)
-STUB_COLLECTOR(collect_afc_info)
-STUB_COLLECTOR(collect_havenguard_v2_info)
-
-int telemetry_pre_collect_info(TelemetryCtx *) {
+    int telemetry_pre_collect_info(TelemetryCtx *) {
     calls.push_back("snapshot");
     post_done_of_snapshot = telemetry_post_done;
     return -1; // the modules run all the same
@@ -59,13 +43,10 @@ void telemetry_free_pre_collect_info() {
     calls.push_back("release");
 }
 
-// --- Fixture ---
-
 class TelemetryCollect : public SysrootTest {
   protected:
-    void SetUp() override {
+    TelemetryCollect() {
         uloop_init();
-        memset(&ctx, 0, sizeof(ctx));
         ctx.collect_interval_strategy1 = kDefaultCollectInterval1Ms;
         ctx.collect_interval_strategy2 = kDefaultCollectInterval2Ms;
         ctx.collect_interval_periodic = kPeriodicCollectIntervalMs;
@@ -77,7 +58,7 @@ class TelemetryCollect : public SysrootTest {
         root.write("/tmp/work_mode", "{\"work_mode\":\"FAP\"}");
         root.write("/tmp/telemetry/post_done", "");
     }
-    void TearDown() override {
+    ~TelemetryCollect() override {
         telemetry_clear_collect_list(&ctx);
         uloop_done();
         telemetry_debug_level = TELEMETRY_LOG_INFO;
@@ -90,54 +71,46 @@ class TelemetryCollect : public SysrootTest {
     void add_record(int items, size_t length = 0) {
         if (ctx.collect_list == nullptr)
             ctx.collect_list = cJSON_CreateArray();
-        cJSON *record = cJSON_CreateObject();
-        cJSON_AddStringToObject(record, "eid", "x");
-        cJSON_AddNumberToObject(record, "ct", 1);
-        cJSON *filler = cJSON_CreateObject();
-        cJSON_AddItemToObject(record, "ep", filler);
+        cJSON *record = cJSON_Parse(R"({"eid":"x","ct":1,"ep":{}})");
         cJSON_AddNumberToObject(record, "cnt", items);
         cJSON_AddItemToArray(ctx.collect_list, record);
         ctx.data_collect_count += static_cast<uint32_t>(items);
         if (length == 0)
             return;
-        const size_t now = static_cast<size_t>(telemetry_json_length(ctx.collect_list));
-        cJSON_AddStringToObject(filler, "f", std::string(length - now - strlen("\"f\":\"\""), 'x').c_str());
+        const size_t filler = length - static_cast<size_t>(telemetry_json_length(ctx.collect_list)) - 6;
+        cJSON_AddStringToObject(cJSON_GetObjectItem(record, "ep"), "f", std::string(filler, 'x').c_str());
         ASSERT_EQ(telemetry_json_length(ctx.collect_list), static_cast<long>(length));
     }
     size_t records() const {
         return static_cast<size_t>(cJSON_GetArraySize(ctx.collect_list));
     }
-    TelemetryCtx ctx;
+    static double remaining(uloop_timeout &timer) {
+        return static_cast<double>(uloop_timeout_remaining64(&timer));
+    }
+    TelemetryCtx ctx = {};
 };
-
-// --- List ---
 
 TEST_F(TelemetryCollect, ShrinkKeepsTwoThirdsOfTheItems) {
     const struct {
         std::vector<int> items;
-        uint32_t count;
+        uint32_t announced, count; // 0 announced: as many as there are
         size_t records;
-    } cases[] = {{{5, 3, 4}, 7, 2},  {{1}, 0, 0},        {{1, 1, 1}, 2, 2}, {{1, 1}, 1, 1},
-                 {{10, 1, 1}, 2, 2}, {{1, 1, 10}, 0, 0}, // aims at 8: only the last record matters
-                 {{0, 0, 3}, 0, 0},                      // records without items go on the way
-                 {{}, 0, 0}};
+    } cases[] = {
+        {{5, 3, 4}, 0, 7, 2},  {{1}, 0, 0, 0},
+        {{1, 1, 1}, 0, 2, 2},  {{1, 1}, 0, 1, 1},
+        {{10, 1, 1}, 0, 2, 2}, {{1, 1, 10}, 0, 0, 0}, // aims at 8: only the last record matters
+        {{0, 0, 3}, 0, 0, 0},                         // records without items go on the way
+        {{}, 0, 0, 0},         {{2}, UINT32_MAX, UINT32_MAX - 2, 0}}; // a count that does not fit the list
     for (const auto &c : cases) {
         telemetry_clear_collect_list(&ctx);
         ctx.collect_list = cJSON_CreateArray();
         for (const int items : c.items)
             add_record(items);
+        ctx.data_collect_count = c.announced != 0 ? c.announced : ctx.data_collect_count;
         shrink_collect_data_list(&ctx);
         EXPECT_EQ(ctx.data_collect_count, c.count);
         EXPECT_EQ(records(), c.records);
     }
-}
-
-TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
-    add_record(2);
-    ctx.data_collect_count = UINT32_MAX;
-    shrink_collect_data_list(&ctx);
-    EXPECT_EQ(records(), 0u);
-    EXPECT_EQ(ctx.data_collect_count, UINT32_MAX - 2);
     telemetry_clear_collect_list(&ctx);
     ctx.data_collect_count = 5;
     shrink_collect_data_list(&ctx); // no list at all
@@ -148,8 +121,6 @@ TEST_F(TelemetryCollect, ShrinkEndsWhenTheCountDoesNotFitTheList) {
     EXPECT_EQ(delect_oldest_data_list(&ctx), 9); // the oldest first
     EXPECT_EQ(ctx.data_collect_count, 0u);
 }
-
-// --- Records ---
 
 TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
     const struct {
@@ -174,39 +145,31 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
                 60);
     cJSON_SetNumberValue(cJSON_GetObjectItem(record, "ct"), 17);
     EXPECT_STREQ(telemetry_json_print(record).get(),
-                 "{\"eid\":\"qos_info\",\"ct\":17,\"ep\":{\"from\":\"collect_qos_info\"},\"cnt\":7}");
+                 R"({"eid":"qos_info","ct":17,"ep":{"from":"qos_info"},"cnt":7})");
 }
 
-// --- Cycle ---
-
 TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
+    root.remove("/tmp/run/ntpd.uptime"); // a cycle that is skipped arms the timer only
+    run_timer();
+    EXPECT_TRUE(calls.empty() && ctx.collect_list == nullptr && ctx.collect_count == 0);
+    EXPECT_TRUE(ctx.collect_timer.pending);
+
+    root.write("/tmp/run/ntpd.uptime", "");
     stub_count = 2;
     telemetry_post_done = 1;
     run_timer();
     EXPECT_EQ(post_done_of_snapshot, 0); // the marker speaks before the collection does
     EXPECT_EQ(records(), 17u);
-    EXPECT_EQ(calls.front(), "snapshot");
-    EXPECT_EQ(calls.back(), "release");
+    EXPECT_EQ(calls.front() + calls.back(), "snapshotrelease");
     EXPECT_EQ(calls.size(), 19u);
     EXPECT_EQ(ctx.data_collect_count, 34u);
-    EXPECT_GT(uloop_timeout_remaining64(&ctx.collect_timer), 890000);
-    EXPECT_LE(uloop_timeout_remaining64(&ctx.collect_timer), 900000);
+    EXPECT_NEAR(remaining(ctx.collect_timer), 895000, 5000);
     EXPECT_FALSE(ctx.post_timer.pending);
-
     stub_result = -1; // failing modules do not stop the cycle
     run_timer();
     EXPECT_EQ(calls.size(), 38u);
     EXPECT_EQ(records(), 17u);
     EXPECT_EQ(ctx.collect_count, 2u);
-}
-
-TEST_F(TelemetryCollect, ASkippedCycleOnlyArmsTheTimer) {
-    root.remove("/tmp/run/ntpd.uptime");
-    run_timer();
-    EXPECT_TRUE(calls.empty());
-    EXPECT_EQ(ctx.collect_list, nullptr);
-    EXPECT_EQ(ctx.collect_count, 0u);
-    EXPECT_TRUE(ctx.collect_timer.pending);
 }
 
 TEST_F(TelemetryCollect, ALongListAsksForAnUploadAndShrinks) {
@@ -231,18 +194,13 @@ TEST_F(TelemetryCollect, ALongListAsksForAnUploadAndShrinks) {
         run_timer();
         EXPECT_EQ(records(), c.records);
         EXPECT_EQ(ctx.post_timer.pending, c.post);
-        EXPECT_LE(uloop_timeout_remaining64(&ctx.post_timer), 100);
+        EXPECT_LE(remaining(ctx.post_timer), 100);
     }
 }
 
-// --- Cadence ---
-
 TEST_F(TelemetryCollect, CadencesOfIntervals) {
     const struct {
-        uint32_t interval1;
-        uint32_t interval2;
-        uint32_t count;
-        uint32_t next_stgy2;
+        uint32_t interval1, interval2, count, next_stgy2;
     } cases[] = {
         {900000, 86400000, 95, 1},
         {900000, 86400000, 96, 0},
@@ -272,12 +230,12 @@ TEST_F(TelemetryCollect, ABadIntervalNeitherSpinsNorStops) {
     for (const uint32_t bad : {0u, 0x80000000u, 0xffff15a0u}) {
         telemetry_arm_collect_timer(&ctx, bad);
         telemetry_arm_post_timer(&ctx, bad);
-        EXPECT_NEAR(static_cast<double>(uloop_timeout_remaining64(&ctx.collect_timer)), 895000, 5000);
-        EXPECT_NEAR(static_cast<double>(uloop_timeout_remaining64(&ctx.post_timer)), 14395000, 5000);
+        EXPECT_NEAR(remaining(ctx.collect_timer), 895000, 5000);
+        EXPECT_NEAR(remaining(ctx.post_timer), 14395000, 5000);
     }
     // A pending timer is moved.
     telemetry_arm_collect_timer(&ctx, INT_MAX);
-    EXPECT_GT(uloop_timeout_remaining64(&ctx.collect_timer), 2147000000);
+    EXPECT_GT(remaining(ctx.collect_timer), 2147000000);
     telemetry_post_soon(&ctx);
-    EXPECT_LE(uloop_timeout_remaining64(&ctx.post_timer), 100);
+    EXPECT_LE(remaining(ctx.post_timer), 100);
 }

@@ -16,48 +16,31 @@
 
 namespace {
 
-using Messages = std::vector<std::string>;
-
 // Calls that alter files, counted down in the place of the C library's: the process dies before the last one.
 int calls_to_live = -1;
-// From now on new data finds no room.
-bool disk_full = false;
-// The same, but what is staged still fits.
-bool fail_sync = false;
+// From now on new data finds no room; with fail_sync what is staged still fits.
+bool disk_full = false, fail_sync = false;
 
-void count_call() {
+bool fails(bool full) {
     if (calls_to_live >= 0 && calls_to_live-- == 0)
         raise(SIGKILL);
+    errno = ENOSPC;
+    return full;
 }
 
 } // namespace
 
 extern "C" ssize_t write(int fd, const void *data, size_t size) {
-    count_call();
-    if (disk_full) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return syscall(SYS_write, fd, data, size);
+    return fails(disk_full) ? -1 : syscall(SYS_write, fd, data, size);
 }
-
 extern "C" int fsync(int fd) {
-    count_call();
-    if (fail_sync) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_fsync, fd));
+    return fails(fail_sync) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
 }
-
 extern "C" int rename(const char *from, const char *to) noexcept {
-    count_call();
-    return static_cast<int>(syscall(SYS_rename, from, to));
+    return fails(false) ? -1 : static_cast<int>(syscall(SYS_rename, from, to));
 }
-
 extern "C" int ftruncate(int fd, off_t size) noexcept {
-    count_call();
-    return static_cast<int>(syscall(SYS_ftruncate, fd, size));
+    return fails(false) ? -1 : static_cast<int>(syscall(SYS_ftruncate, fd, size));
 }
 
 namespace {
@@ -130,23 +113,11 @@ TEST_F(TelemetryUciBackupTest, ReportsChangesOnce) {
     EXPECT_EQ(report(), "");
 }
 
-TEST_F(TelemetryUciBackupTest, OperatorsStagedChangesAreNotItsOwn) {
+TEST_F(TelemetryUciBackupTest, OperatorsStagedChangesAndStrayFilesAreNotItsOwn) {
     // Staged for the system's package of the same name, by `uci set` without a commit.
     const std::string staged = "telemetry.network_wan='config'\ntelemetry.network_wan.wan_type='staged'\n";
     root.write_config("telemetry", "config basic 'basic'\n");
     root.write("/tmp/.uci/telemetry", staged);
-    EXPECT_EQ(report(), kBoth);
-    EXPECT_EQ(report(), "");
-    EXPECT_EQ(root.read("/tmp/.uci/telemetry"), staged);
-    EXPECT_EQ(root.read("/etc/config/telemetry"), "config basic 'basic'\n");
-    EXPECT_EQ(backup().find("staged"), std::string::npos);
-    // On a live option they count, as for every program.
-    root.write("/tmp/.uci/network", "network.wan.wan_type='static'\n");
-    EXPECT_EQ(report(), R"({"np":"static","ase":1} 2)");
-    EXPECT_EQ(root.read("/tmp/.uci/network"), "network.wan.wan_type='static'\n");
-}
-
-TEST_F(TelemetryUciBackupTest, StrayFilesBesideTheBackupDisturbNothing) {
     root.write("/tmp/telemetry/post_done", "1");
     root.write("/tmp/telemetry/.telemetry.uci-a1B2c3", "config a 'half");
     root.write("/tmp/telemetry/.uci/telemetry", "telemetry.network_wan.wan_type='x\n");
@@ -154,6 +125,13 @@ TEST_F(TelemetryUciBackupTest, StrayFilesBesideTheBackupDisturbNothing) {
     EXPECT_EQ(report(), kBoth);
     EXPECT_EQ(report(), "");
     EXPECT_EQ(root.read("/tmp/telemetry/.uci/other"), "other.a.b='c'\n");
+    EXPECT_EQ(root.read("/tmp/.uci/telemetry"), staged);
+    EXPECT_EQ(root.read("/etc/config/telemetry"), "config basic 'basic'\n");
+    EXPECT_EQ(backup().find("staged"), std::string::npos);
+    // On a live option they count, as for every program.
+    root.write("/tmp/.uci/network", "network.wan.wan_type='static'\n");
+    EXPECT_EQ(report(), R"({"np":"static","ase":1} 2)");
+    EXPECT_EQ(root.read("/tmp/.uci/network"), "network.wan.wan_type='static'\n");
 }
 
 TEST_F(TelemetryUciBackupTest, BackupThatCannotBeWrittenCostsOneLineARow) {
@@ -182,7 +160,7 @@ TEST_F(TelemetryUciBackupTest, BackupThatCannotBeWrittenCostsOneLineARow) {
             root.write("/tmp/telemetry/.uci", "no directory, as if nothing could be created");
         const JsonPtr payload(cJSON_CreateObject());
         uint32_t count = 0;
-        Messages said;
+        std::vector<std::string> said;
         {
             const OutputCapture capture;
             disk_full = c.trouble == kFull;
@@ -191,7 +169,7 @@ TEST_F(TelemetryUciBackupTest, BackupThatCannotBeWrittenCostsOneLineARow) {
             disk_full = fail_sync = false;
             said = capture.messages();
         }
-        EXPECT_EQ(said, (Messages{c.line, c.line}));
+        EXPECT_EQ(said, std::vector<std::string>(2, c.line));
         EXPECT_STREQ(telemetry_json_print(payload.get()).get(),
                      c.recorded ? R"({"np":"dhcp","ase":1})" : "{}")
             << "no old value as a new one";
@@ -218,8 +196,7 @@ TEST_F(TelemetryUciBackupTest, KilledAnywhereLeavesABackupThatTheNextRunComplete
         const pid_t child = fork();
         if (child == 0) {
             calls_to_live = calls;
-            telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows);
-            _exit(0);
+            _exit(telemetry_update_tmp_backup_config_by_telemetry_index(kTable, kRows));
         }
         int status = 0;
         waitpid(child, &status, 0);
@@ -238,45 +215,18 @@ TEST_F(TelemetryUciBackupTest, KilledAnywhereLeavesABackupThatTheNextRunComplete
     EXPECT_GE(killed, 16) << "four commits of four steps";
 }
 
-TEST_F(TelemetryUciBackupTest, DurationsAreReportedOnce) {
-    constexpr TelemetryIndexEntry table[] = {
-        {0, "d", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "usage", "duration", TELEMETRY_VALUE_INT64},
-        {1, "n", 3, TELEMETRY_UCI_SYSTEM, 1, "telemetry_info", "usage", "none", TELEMETRY_VALUE_INT64},
-        {2, "s", 3, TELEMETRY_UCI_PROFILE, 1, "telemetry_info", "usage", "kept", TELEMETRY_VALUE_INT64},
-    };
-    root.write_config("telemetry_info", "config a usage\n\toption duration 1700000000123\n\toption kept 1\n");
-    for (const char *expected : {R"({"d":1700000000123.00})", "{}"}) {
-        uint32_t count = 0;
-        const JsonPtr payload(cJSON_CreateObject());
-        EXPECT_EQ(
-            telemetry_get_duration_config_cJSON_object_by_telemetry_index(table, 3, &count, payload.get()),
-            0);
-        EXPECT_STREQ(telemetry_json_print(payload.get()).get(), expected);
-        EXPECT_EQ(count, payload->child ? 1u : 0u);
-    }
-    EXPECT_EQ(root.read("/etc/config/telemetry_info"), "\nconfig a 'usage'\n\toption kept '1'\n\n");
-}
-
 TEST_F(TelemetryUciBackupTest, DigestOfAnObject) {
-    const struct {
-        const char *name, *json;
-        int changed;
-    } cases[] = {
-        {"host", R"({"a":1,"b":2})", 1},  {"host", R"({"a":1,"b":2})", 0},
-        {"host", R"({"b":2,"a":1})", 1}, // the order counts
-        {"guest", R"({"b":2,"a":1})", 1}, {"host", R"({"b":2,"a":1})", 0},
+    const auto changed = [](const char *name, const char *json) {
+        return telemetry_update_tmp_backup_config_md5("wireless", name, JsonPtr(cJSON_Parse(json)).get());
     };
-    for (const auto &[name, json, changed] : cases) {
-        const JsonPtr object(cJSON_Parse(json));
-        EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", name, object.get()), changed)
-            << name << json;
-    }
+    EXPECT_EQ(changed("host", R"({"a":1,"b":2})"), 1);
+    EXPECT_EQ(changed("host", R"({"a":1,"b":2})"), 0);
+    EXPECT_EQ(changed("host", R"({"b":2,"a":1})"), 1); // the order counts
+    EXPECT_EQ(changed("guest", R"({"b":2,"a":1})"), 1);
+    EXPECT_EQ(changed("host", "no object"), 0);
     const std::string digest = "9915965eb40d343a8fe26e4e341d1a05";
     EXPECT_EQ(backup(), "\nconfig config 'wireless_host'\n\toption md5 '" + digest +
                             "'\n\nconfig config 'wireless_guest'\n\toption md5 '" + digest + "'\n\n");
-    cJSON invalid{};
-    EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", "host", nullptr), 0);
-    EXPECT_EQ(telemetry_update_tmp_backup_config_md5("wireless", "host", &invalid), 0);
 }
 
 } // namespace
