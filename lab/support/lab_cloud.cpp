@@ -80,7 +80,7 @@ void LabCloud::start(const std::string &bin_dir, const std::string &directory) {
     make_directories(directory);
     for (const char *file : {"/port", "/control_port", "/cloud.db", "/cloud.db-wal", "/cloud.db-shm"})
         unlink((directory + file).c_str());
-    process_.start({{bin_dir + "/lab-cloud", "--dir", directory}, {}, directory + "/cloud.log"});
+    process_.start({{bin_dir + "/telemetry-receiver", "--dir", directory}, {}, directory + "/cloud.log"});
     bool serves =
         wait_until([&] { return file_exists(directory + "/port") || !process_.running(); }, kStartMs);
     if (!serves || !process_.running())

@@ -30,7 +30,7 @@ struct CloudKey {
 
 class LabCloud {
   public:
-    // Starts lab-cloud with its files in `directory` and waits until it serves.
+    // Starts telemetry-receiver with its files in `directory` and waits until it serves.
     void start(const std::string &bin_dir, const std::string &directory);
     // SIGTERM; start() again makes a new cloud on another port.
     void stop();

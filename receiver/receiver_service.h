@@ -9,14 +9,14 @@
 
 #include <httplib.h>
 
-#include "cloud_api.h"
-#include "cloud_certificate.h"
-#include "cloud_script.h"
+#include "receiver_api.h"
+#include "receiver_certificate.h"
+#include "receiver_script.h"
 
-class CloudServer {
+class Service {
   public:
-    CloudServer(CloudStore &store, CloudScript &script, CloudCertificates &certificates);
-    ~CloudServer();
+    Service(Store &store, Script &script, Certificates &certificates);
+    ~Service();
 
     // Listens on 127.0.0.1; port 0 takes a free one. Throws when it cannot.
     void up(int port);
@@ -26,7 +26,7 @@ class CloudServer {
         return port_;
     }
 
-    void set_strategy(const CloudStrategy &strategy);
+    void set_strategy(const Strategy &strategy);
     void add_key(const StoredKey &key);
     void expire_keys();
     // Counts as a JSON object: see docs/lab.md.
@@ -39,11 +39,11 @@ class CloudServer {
                             httplib::Response &response);
     void cut_connection(int remote_port);
 
-    CloudStore &store_;
-    CloudScript &script_;
-    CloudCertificates &certificates_;
+    Store &store_;
+    Script &script_;
+    Certificates &certificates_;
     std::mutex mutex_; // over the store and the strategy
-    CloudStrategy strategy_;
+    Strategy strategy_;
     std::unique_ptr<httplib::SSLServer> listener_;
     std::thread thread_;
     std::atomic<int> connections_ = 0;

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cloud_store.h"
+#include "receiver_store.h"
 
 // Error codes that the cloud answers.
 inline constexpr int kSignatureError = -10301;
@@ -16,7 +16,7 @@ inline constexpr int kDataError = -20105;
 inline constexpr int kDeviceError = -20501;
 inline constexpr int kNoStrategy = -20000;
 
-struct CloudStrategy {
+struct Strategy {
     std::string id, content; // no id: none for anybody
 };
 
@@ -35,7 +35,7 @@ std::string api_call_of_path(const std::string &path);
 
 // Judges one request. `headers` is the text to be stored, the two others are single header values ("" when
 // absent).
-ApiResult api_handle(CloudStore &store, const CloudStrategy &strategy, const std::string &path,
+ApiResult api_handle(Store &store, const Strategy &strategy, const std::string &path,
                      const std::string &headers, const std::string &content_type,
                      const std::string &authorization, const std::string &body);
 

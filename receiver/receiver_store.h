@@ -30,13 +30,13 @@ struct StoredRecord {
     std::string eid, ct, payload;
 };
 
-class CloudStore {
+class Store {
   public:
     // Creates the file; throws std::runtime_error when SQLite fails, as every member does.
-    explicit CloudStore(const std::string &path);
-    ~CloudStore();
-    CloudStore(const CloudStore &) = delete;
-    CloudStore &operator=(const CloudStore &) = delete;
+    explicit Store(const std::string &path);
+    ~Store();
+    Store(const Store &) = delete;
+    Store &operator=(const Store &) = delete;
 
     void add_key(const StoredKey &key, const std::string &device_id, const std::string &mac);
     void expire_keys();

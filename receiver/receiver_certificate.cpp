@@ -1,4 +1,4 @@
-#include "cloud_certificate.h"
+#include "receiver_certificate.h"
 
 #include <stdexcept>
 
@@ -67,9 +67,9 @@ Credentials make_credentials(const CertificateWish &wish, const Credentials *iss
 
 } // namespace
 
-CloudCertificates cloud_make_certificates() {
+Certificates make_certificates() {
     constexpr char kHere[] = "IP:127.0.0.1,DNS:localhost";
-    CloudCertificates all;
+    Certificates all;
     all.authority = make_credentials({"Lab CA", nullptr, 30 * kDay}, nullptr);
     Credentials stranger = make_credentials({"Unknown CA", nullptr, 30 * kDay}, nullptr);
     all.good = make_credentials({"Lab cloud", kHere, 30 * kDay}, &all.authority);
@@ -79,7 +79,7 @@ CloudCertificates cloud_make_certificates() {
     return all;
 }
 
-std::string cloud_certificate_text(const X509 *certificate) {
+std::string certificate_text(const X509 *certificate) {
     std::unique_ptr<BIO, int (*)(BIO *)> memory(BIO_new(BIO_s_mem()), BIO_free);
     must(memory && PEM_write_bio_X509(memory.get(), certificate) == 1, "cannot print");
     char *data = nullptr;

@@ -21,7 +21,7 @@ struct Credentials {
     std::unique_ptr<EVP_PKEY, X509Delete> key;
 };
 
-struct CloudCertificates {
+struct Certificates {
     Credentials authority;
     Credentials good;       // for 127.0.0.1 and localhost, signed by the authority
     Credentials unknown_ca; // the same, signed by an authority that nobody knows
@@ -30,7 +30,7 @@ struct CloudCertificates {
 };
 
 // Makes them all anew; throws std::runtime_error when libcrypto fails.
-CloudCertificates cloud_make_certificates();
+Certificates make_certificates();
 
 // PEM text of a certificate.
-std::string cloud_certificate_text(const X509 *certificate);
+std::string certificate_text(const X509 *certificate);

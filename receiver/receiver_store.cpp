@@ -1,4 +1,4 @@
-#include "cloud_store.h"
+#include "receiver_store.h"
 
 #include <memory>
 #include <stdexcept>
@@ -62,23 +62,23 @@ class Statement {
 
 } // namespace
 
-CloudStore::CloudStore(const std::string &path) {
+Store::Store(const std::string &path) {
     if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK)
         throw std::runtime_error("sqlite: cannot open " + path);
     sqlite3_busy_timeout(db_, 5000);
     run(kSchema);
 }
 
-CloudStore::~CloudStore() {
+Store::~Store() {
     sqlite3_close(db_);
 }
 
-void CloudStore::run(const char *statement) {
+void Store::run(const char *statement) {
     if (sqlite3_exec(db_, statement, nullptr, nullptr, nullptr) != SQLITE_OK)
         throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db_));
 }
 
-void CloudStore::add_key(const StoredKey &key, const std::string &device_id, const std::string &mac) {
+void Store::add_key(const StoredKey &key, const std::string &device_id, const std::string &mac) {
     Statement(db_, "INSERT OR REPLACE INTO keys (access_key, access_secret, device_id, mac, expired) "
                    "VALUES (?, ?, ?, ?, ?)")
         .bind(key.access_key)
@@ -89,18 +89,18 @@ void CloudStore::add_key(const StoredKey &key, const std::string &device_id, con
         .step();
 }
 
-void CloudStore::expire_keys() {
+void Store::expire_keys() {
     run("UPDATE keys SET expired = 1");
 }
 
-std::optional<StoredKey> CloudStore::find_key(const std::string &access_key) {
+std::optional<StoredKey> Store::find_key(const std::string &access_key) {
     Statement find(db_, "SELECT access_key, access_secret, expired FROM keys WHERE access_key = ?");
     if (!find.bind(access_key).step())
         return std::nullopt;
     return StoredKey{find.text(0), find.text(1), find.number(2) != 0};
 }
 
-int64_t CloudStore::add_request(const StoredRequest &request) {
+int64_t Store::add_request(const StoredRequest &request) {
     Statement(db_, "INSERT INTO requests (call, path, headers, body, stamp, access_key, signature, verdict, "
                    "error_code) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)")
         .bind(request.call)
@@ -116,8 +116,8 @@ int64_t CloudStore::add_request(const StoredRequest &request) {
     return sqlite3_last_insert_rowid(db_);
 }
 
-void CloudStore::add_post(int64_t request_id, const std::string &device, size_t bytes,
-                          const std::vector<StoredRecord> &records) {
+void Store::add_post(int64_t request_id, const std::string &device, size_t bytes,
+                     const std::vector<StoredRecord> &records) {
     run("BEGIN");
     Statement(db_, "INSERT INTO posts (request_id, device, bytes, record_count) VALUES (?, ?, ?, ?)")
         .bind(request_id)
@@ -139,7 +139,7 @@ void CloudStore::add_post(int64_t request_id, const std::string &device, size_t 
     run("COMMIT");
 }
 
-int64_t CloudStore::number(const std::string &query) {
+int64_t Store::number(const std::string &query) {
     Statement select(db_, query);
     return select.step() ? select.number(0) : 0;
 }

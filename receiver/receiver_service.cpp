@@ -1,4 +1,4 @@
-#include "cloud_server.h"
+#include "receiver_service.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -8,7 +8,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "lab_files.h"
+#include "receiver_json.h"
 
 namespace {
 
@@ -45,14 +45,14 @@ int port_of(const sockaddr_in &address) {
 
 } // namespace
 
-CloudServer::CloudServer(CloudStore &store, CloudScript &script, CloudCertificates &certificates)
+Service::Service(Store &store, Script &script, Certificates &certificates)
     : store_(store), script_(script), certificates_(certificates) {}
 
-CloudServer::~CloudServer() {
+Service::~Service() {
     down();
 }
 
-void CloudServer::up(int port) {
+void Service::up(int port) {
     down();
     listener_ = std::make_unique<httplib::SSLServer>(certificates_.good.certificate.get(),
                                                      certificates_.good.key.get());
@@ -75,7 +75,7 @@ void CloudServer::up(int port) {
         std::this_thread::yield();
 }
 
-void CloudServer::down() {
+void Service::down() {
     if (!listener_)
         return;
     script_.interrupt();
@@ -84,24 +84,24 @@ void CloudServer::down() {
     listener_.reset();
 }
 
-void CloudServer::set_strategy(const CloudStrategy &strategy) {
+void Service::set_strategy(const Strategy &strategy) {
     std::lock_guard lock(mutex_);
     strategy_ = strategy;
 }
 
-void CloudServer::add_key(const StoredKey &key) {
+void Service::add_key(const StoredKey &key) {
     std::lock_guard lock(mutex_);
     store_.add_key(key, "", "");
 }
 
-void CloudServer::expire_keys() {
+void Service::expire_keys() {
     std::lock_guard lock(mutex_);
     store_.expire_keys();
 }
 
-std::string CloudServer::counts() {
+std::string Service::counts() {
     std::lock_guard lock(mutex_);
-    lab::JsonTree counts(cJSON_CreateObject());
+    JsonTree counts(cJSON_CreateObject());
     auto add = [&](cJSON *object, const char *name, const std::string &query) {
         cJSON_AddNumberToObject(object, name, static_cast<double>(store_.number(query)));
     };
@@ -119,12 +119,12 @@ std::string CloudServer::counts() {
     add(counts.get(), "records", "SELECT count(*) FROM records");
     cJSON_AddNumberToObject(counts.get(), "connections", connections_);
     cJSON_AddNumberToObject(counts.get(), "pending_steps", static_cast<double>(script_.pending()));
-    return lab::print_json(counts.get());
+    return print_json(counts.get());
 }
 
 // Called in every handshake: shows the certificate that the script wants, or ends the connection.
-int CloudServer::certificate_chosen(SSL *ssl, void *server) {
-    auto *self = static_cast<CloudServer *>(server);
+int Service::certificate_chosen(SSL *ssl, void *server) {
+    auto *self = static_cast<Service *>(server);
     self->connections_++;
     ScriptStep step = self->script_.take("connect");
     if (step.delay_ms > 0)
@@ -133,7 +133,7 @@ int CloudServer::certificate_chosen(SSL *ssl, void *server) {
         shutdown(SSL_get_fd(ssl), SHUT_RDWR);
         return 0;
     }
-    const CloudCertificates &all = self->certificates_;
+    const Certificates &all = self->certificates_;
     const Credentials &shown = step.kind == "unknown_ca"   ? all.unknown_ca
                                : step.kind == "wrong_host" ? all.wrong_host
                                : step.kind == "expired"    ? all.expired
@@ -142,7 +142,7 @@ int CloudServer::certificate_chosen(SSL *ssl, void *server) {
            SSL_use_PrivateKey(ssl, shown.key.get()) == 1;
 }
 
-void CloudServer::serve(const httplib::Request &request, httplib::Response &response) {
+void Service::serve(const httplib::Request &request, httplib::Response &response) {
     ScriptStep step = script_.take(api_call_of_path(request.path));
     if (step.delay_ms > 0)
         script_.sleep(step.delay_ms);
@@ -168,8 +168,8 @@ void CloudServer::serve(const httplib::Request &request, httplib::Response &resp
     answer_as_scripted(step, result, request, response);
 }
 
-void CloudServer::answer_as_scripted(const ScriptStep &step, const ApiResult &result,
-                                     const httplib::Request &request, httplib::Response &response) {
+void Service::answer_as_scripted(const ScriptStep &step, const ApiResult &result,
+                                 const httplib::Request &request, httplib::Response &response) {
     if (step.kind == "ok")
         response.set_content(result.answer, kJsonType);
     else if (step.kind == "error_code")
@@ -197,7 +197,7 @@ void CloudServer::answer_as_scripted(const ScriptStep &step, const ApiResult &re
 }
 
 // The library does not hand out its sockets: the one whose other end has this port is it.
-void CloudServer::cut_connection(int remote_port) {
+void Service::cut_connection(int remote_port) {
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         int fd = atoi(entry.path().filename().c_str());
         sockaddr_in local = {}, remote = {};

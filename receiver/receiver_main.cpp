@@ -1,7 +1,7 @@
-// lab-cloud: the cloud service of the lab. Serves TLS on 127.0.0.1 and is driven over plain HTTP on a second
-// port.
-//   lab-cloud --dir DIR     ca.cer, cloud.db, port and control_port are written there; the last two when it
-//   serves.
+// telemetry-receiver: the cloud service of the lab. Serves TLS on 127.0.0.1 and is driven over plain HTTP on
+// a second port.
+//   telemetry-receiver --dir DIR     ca.cer, cloud.db, port and control_port are written there; the last two
+//   when it serves.
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -9,20 +9,20 @@
 
 #include <httplib.h>
 
-#include "cloud_server.h"
-#include "lab_files.h"
+#include "receiver_service.h"
+#include "receiver_json.h"
 
 namespace {
 
 struct Cloud {
-    CloudStore &store;
-    CloudScript &script;
-    CloudServer &server;
+    Store &store;
+    Script &script;
+    Service &server;
 };
 
 // Carries out one order of the control interface; an empty text, or what is wrong with it.
 std::string carry_out(Cloud &cloud, const std::string &order, const std::string &body) {
-    lab::JsonTree tree(cJSON_Parse(body.empty() ? "{}" : body.c_str()));
+    JsonTree tree(cJSON_Parse(body.empty() ? "{}" : body.c_str()));
     if (!cJSON_IsObject(tree.get()))
         return "not a JSON object";
     if (order == "script")
@@ -33,9 +33,9 @@ std::string carry_out(Cloud &cloud, const std::string &order, const std::string 
         cloud.server.expire_keys();
     else if (order == "add_key")
         cloud.server.add_key(
-            {lab::json_text(tree.get(), "access_key"), lab::json_text(tree.get(), "access_secret"), false});
+            {json_text(tree.get(), "access_key"), json_text(tree.get(), "access_secret"), false});
     else if (order == "strategy")
-        cloud.server.set_strategy({lab::json_text(tree.get(), "id"), lab::json_text(tree.get(), "content")});
+        cloud.server.set_strategy({json_text(tree.get(), "id"), json_text(tree.get(), "content")});
     else if (order == "down")
         cloud.server.down();
     else if (order == "up")
@@ -58,11 +58,11 @@ void serve_control(httplib::Server &control, Cloud &cloud) {
 }
 
 void run(const std::string &directory, const sigset_t &ends) {
-    CloudCertificates certificates = cloud_make_certificates();
-    lab::write_file(directory + "/ca.cer", cloud_certificate_text(certificates.authority.certificate.get()));
-    CloudStore store(directory + "/cloud.db");
-    CloudScript script;
-    CloudServer server(store, script, certificates);
+    Certificates certificates = make_certificates();
+    write_file(directory + "/ca.cer", certificate_text(certificates.authority.certificate.get()));
+    Store store(directory + "/cloud.db");
+    Script script;
+    Service server(store, script, certificates);
     server.up(0);
 
     Cloud cloud = {store, script, server};
@@ -74,8 +74,8 @@ void run(const std::string &directory, const sigset_t &ends) {
     std::thread control_thread([&control] { control.listen_after_bind(); });
     while (!control.is_running())
         std::this_thread::yield();
-    lab::write_file(directory + "/control_port", std::to_string(control_port) + "\n");
-    lab::write_file(directory + "/port", std::to_string(server.port()) + "\n");
+    write_file(directory + "/control_port", std::to_string(control_port) + "\n");
+    write_file(directory + "/port", std::to_string(server.port()) + "\n");
 
     int number = 0;
     sigwait(&ends, &number);
@@ -87,7 +87,7 @@ void run(const std::string &directory, const sigset_t &ends) {
 
 int main(int argc, char **argv) {
     if (argc != 3 || std::string(argv[1]) != "--dir") {
-        fprintf(stderr, "usage: lab-cloud --dir DIR\n");
+        fprintf(stderr, "usage: telemetry-receiver --dir DIR\n");
         return 2;
     }
     sigset_t ends;
@@ -99,7 +99,7 @@ int main(int argc, char **argv) {
     try {
         run(argv[2], ends);
     } catch (const std::exception &error) {
-        fprintf(stderr, "lab-cloud: %s\n", error.what());
+        fprintf(stderr, "telemetry-receiver: %s\n", error.what());
         return 1;
     }
     return 0;

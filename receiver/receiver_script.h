@@ -36,7 +36,7 @@ struct ScriptStep {
 //   ok, unknown_ca, wrong_host, expired, cut
 bool script_kind_is_known(const std::string &call, const std::string &kind);
 
-class CloudScript {
+class Script {
   public:
     // Appends the steps of {"call": "...", "steps": [{...}]}; an empty text, or what is wrong with it.
     std::string append(const cJSON *order);

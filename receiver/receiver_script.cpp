@@ -1,10 +1,10 @@
-#include "cloud_script.h"
+#include "receiver_script.h"
 
 #include <algorithm>
 #include <array>
 #include <string_view>
 
-#include "lab_files.h"
+#include "receiver_json.h"
 
 namespace {
 
@@ -25,8 +25,8 @@ bool script_kind_is_known(const std::string &call, const std::string &kind) {
     return call == "connect" ? among(kConnectKinds, kind) : among(kCalls, call) && among(kCallKinds, kind);
 }
 
-std::string CloudScript::append(const cJSON *order) {
-    std::string call = lab::json_text(order, "call");
+std::string Script::append(const cJSON *order) {
+    std::string call = json_text(order, "call");
     const cJSON *steps = cJSON_GetObjectItemCaseSensitive(order, "steps");
     if (!cJSON_IsArray(steps))
         return "no steps";
@@ -34,13 +34,13 @@ std::string CloudScript::append(const cJSON *order) {
     const cJSON *item;
     cJSON_ArrayForEach(item, steps) {
         ScriptStep step;
-        step.kind = lab::json_text(item, "kind", "ok");
-        step.code = static_cast<int>(lab::json_number(item, "code"));
-        step.text = lab::json_text(item, "text");
-        step.bytes = static_cast<size_t>(lab::json_number(item, "bytes", kHugeAnswer));
-        step.delay_ms = static_cast<int>(lab::json_number(item, "delay_ms"));
-        step.status = static_cast<int>(lab::json_number(item, "status", 200));
-        step.times = static_cast<long>(lab::json_number(item, "times", 1));
+        step.kind = json_text(item, "kind", "ok");
+        step.code = static_cast<int>(json_number(item, "code"));
+        step.text = json_text(item, "text");
+        step.bytes = static_cast<size_t>(json_number(item, "bytes", kHugeAnswer));
+        step.delay_ms = static_cast<int>(json_number(item, "delay_ms"));
+        step.status = static_cast<int>(json_number(item, "status", 200));
+        step.times = static_cast<long>(json_number(item, "times", 1));
         if (!script_kind_is_known(call, step.kind))
             return "unknown call or kind: " + call + " " + step.kind;
         added.push_back(step);
@@ -51,7 +51,7 @@ std::string CloudScript::append(const cJSON *order) {
     return "";
 }
 
-ScriptStep CloudScript::take(const std::string &call) {
+ScriptStep Script::take(const std::string &call) {
     std::lock_guard lock(mutex_);
     std::deque<ScriptStep> &queue = steps_[call];
     while (!queue.empty() && queue.front().times == 0)
@@ -63,14 +63,14 @@ ScriptStep CloudScript::take(const std::string &call) {
     return queue.front();
 }
 
-void CloudScript::reset() {
+void Script::reset() {
     std::lock_guard lock(mutex_);
     steps_.clear();
     interrupts_++;
     wake_.notify_all();
 }
 
-size_t CloudScript::pending() {
+size_t Script::pending() {
     std::lock_guard lock(mutex_);
     size_t count = 0;
     for (const auto &[call, queue] : steps_) {
@@ -80,13 +80,13 @@ size_t CloudScript::pending() {
     return count;
 }
 
-void CloudScript::sleep(int ms) {
+void Script::sleep(int ms) {
     std::unique_lock lock(mutex_);
     unsigned before = interrupts_;
     wake_.wait_for(lock, std::chrono::milliseconds(ms), [&] { return interrupts_ != before; });
 }
 
-void CloudScript::interrupt() {
+void Script::interrupt() {
     std::lock_guard lock(mutex_);
     interrupts_++;
     wake_.notify_all();

@@ -1,4 +1,4 @@
-#include "cloud_api.h"
+#include "receiver_api.h"
 
 #include <array>
 #include <cctype>
@@ -8,7 +8,7 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 
-#include "lab_files.h"
+#include "receiver_json.h"
 
 namespace {
 
@@ -78,7 +78,7 @@ bool split_authorization(const std::string &text, std::string &stamp, std::strin
 }
 
 // 0, or the error code for a missing, wrong or expired signature.
-int check_signature(CloudStore &store, const std::string &authorization, const std::string &body,
+int check_signature(Store &store, const std::string &authorization, const std::string &body,
                     StoredRequest &request) {
     std::string signature;
     request.signature = 0;
@@ -95,8 +95,8 @@ int handle_key(const cJSON *body, ApiResult &result) {
     const cJSON *item = body->child;
     if (!take_texts(item, kKeyBody) || item)
         return kDeviceError;
-    result.device = lab::json_text(body, "deviceId");
-    result.issued_for_mac = lab::json_text(body, "mac");
+    result.device = json_text(body, "deviceId");
+    result.issued_for_mac = json_text(body, "mac");
     result.issued = {"ak-" + random_text(16), random_text(32), false};
     result.answer = R"({"error_code":0,"result":{"expiresIn":86400,"accessKey":")" +
                     result.issued.access_key + R"(","accessSecret":")" + result.issued.access_secret +
@@ -104,11 +104,11 @@ int handle_key(const cJSON *body, ApiResult &result) {
     return 0;
 }
 
-int handle_strategy(const cJSON *body, const CloudStrategy &strategy, ApiResult &result) {
+int handle_strategy(const cJSON *body, const Strategy &strategy, ApiResult &result) {
     const cJSON *item = body->child;
     if (!take_texts(item, kStrategyBody))
         return kDeviceError;
-    result.device = lab::json_text(body, "deviceId");
+    result.device = json_text(body, "deviceId");
     std::string held;
     if (item) {
         if (!cJSON_IsString(item) || std::string_view(item->string) != "strategyId" || item->next ||
@@ -120,12 +120,12 @@ int handle_strategy(const cJSON *body, const CloudStrategy &strategy, ApiResult 
         return kNoStrategy;
     result.answer = R"({"error_code":0})";
     if (held != strategy.id) {
-        lab::JsonTree answer(cJSON_CreateObject());
+        JsonTree answer(cJSON_CreateObject());
         cJSON_AddNumberToObject(answer.get(), "error_code", 0);
         cJSON *content = cJSON_AddObjectToObject(answer.get(), "result");
         cJSON_AddStringToObject(content, "strategyId", strategy.id.c_str());
         cJSON_AddStringToObject(content, "strategyContent", strategy.content.c_str());
-        result.answer = lab::print_json(answer.get());
+        result.answer = print_json(answer.get());
     }
     return 0;
 }
@@ -141,7 +141,7 @@ int handle_upload(const cJSON *body, const std::string &raw, ApiResult &result) 
     const cJSON *item = device->child;
     if (!take_texts(item, kDeviceBody) || item)
         return kDeviceError;
-    result.device = lab::json_text(device, "di");
+    result.device = json_text(device, "di");
 
     std::vector<std::string_view> raw_records = api_raw_elements(api_raw_member(raw, "el"));
     size_t index = 0;
@@ -254,7 +254,7 @@ std::string_view api_raw_member(std::string_view object, std::string_view name) 
     return {};
 }
 
-ApiResult api_handle(CloudStore &store, const CloudStrategy &strategy, const std::string &path,
+ApiResult api_handle(Store &store, const Strategy &strategy, const std::string &path,
                      const std::string &headers, const std::string &content_type,
                      const std::string &authorization, const std::string &body) {
     ApiResult result;
@@ -268,7 +268,7 @@ ApiResult api_handle(CloudStore &store, const CloudStrategy &strategy, const std
     if (request.call != "key" && !request.call.empty())
         code = check_signature(store, authorization, body, request);
     const char *end = nullptr;
-    lab::JsonTree tree(cJSON_ParseWithLengthOpts(body.c_str(), body.size() + 1, &end, 1));
+    JsonTree tree(cJSON_ParseWithLengthOpts(body.c_str(), body.size() + 1, &end, 1));
     if (code == 0 && content_type != "application/json")
         code = kRequestRejected;
     else if (code == 0 && !cJSON_IsObject(tree.get()))
