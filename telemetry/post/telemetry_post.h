@@ -23,7 +23,7 @@ inline constexpr uint32_t kPostPollMs = 100;
 // Retry of the key and strategy calls when they could not be sent.
 inline constexpr uint32_t kPostWaitMs = 30000;
 // Largest answer that is kept; a longer one fails its transfer.
-inline constexpr int32_t kPostMaxResponse = 256 * 1024;
+inline constexpr int32_t kPostMaxResponse = 1024 * 1024;
 
 // Growable text: at least one zero byte always follows the used bytes.
 struct PostBuffer {

@@ -259,7 +259,7 @@ TEST_F(UploadTest, useless_answers_cost_no_record) {
                                {"kind":"error_code","code":0,"status":500}])");
     expect_failures({"request_status error or response error", "cJSON_Parse failed",
                      "receive error, error_code invalid", "receive error, error_code invalid",
-                     "answer longer than 262144 bytes refused",
+                     "answer longer than 1048576 bytes refused",
                      "curl failed! code: ", "curl failed! code: "});
     EXPECT_EQ(cloud.count("posts"), 0);
     // The HTTP status is told, and decides nothing.
