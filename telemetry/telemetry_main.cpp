@@ -54,12 +54,12 @@ int telemetry_redirect_output(const char *path) {
 void telemetry_create_heartbeat_timeout_file() {
     const std::string path = telemetry_path(kHeartbeatTimeoutPath);
     if (telemetry_file_exists(kHeartbeatTimeoutPath)) {
-        const FilePtr file(fopen(path.c_str(), "we"));
-        if (file == nullptr || fputs("0\n", file.get()) < 0 || fflush(file.get()) != 0)
+        // Whatever stands there, such as a pipe that nobody reads, does not hold the start.
+        if (telemetry_write_number_file(kHeartbeatTimeoutPath, 0) != 0)
             LOG_ERROR("init %s failed", kHeartbeatTimeoutPath);
         return;
     }
-    const FdHandle file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0777));
+    const FdHandle file(open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0777));
     if (!file.valid() || write(file.get(), "0", 1) != 1)
         LOG_ERROR("init %s failed", kHeartbeatTimeoutPath);
 }
@@ -141,14 +141,16 @@ static int read_option(const char *section, const char *option, char *buffer, in
 }
 
 static void load_cloud_url(TelemetryCtx *ctx) {
-    char url[kOptionSize] = {};
+    char url[kOptionSize + 1] = {}; // one character more than counts, to see whether any is cut
     if (read_option("cloud", "cloud_url", url, sizeof(url)) != 0) {
         LOG_ERROR("uci_get_value buffer error");
         copy_text(ctx->post_api, TELEMETRY_CLOUD_ENDPOINT);
     } else {
+        const bool cut = strlen(url) >= kOptionSize;
+        url[kOptionSize - 1] = '\0';
         const std::string full = (strncmp(url, "http", 4) == 0 ? "" : "https://") + std::string(url);
         copy_text(ctx->post_api, full.c_str());
-        if (strlen(url) == sizeof(url) - 1 || full.size() > strlen(ctx->post_api))
+        if (cut || full.size() > strlen(ctx->post_api))
             LOG_ERROR("cloud_url has room for %zu characters, the rest is cut off", strlen(ctx->post_api));
     }
     LOG_DEBUG("post_api:%s", ctx->post_api);

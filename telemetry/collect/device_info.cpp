@@ -28,8 +28,8 @@ static void add_uplink(cJSON *entry, const MeshDeviceInfo *device) {
 
 static int lan_ports_in_use(const MeshDeviceInfo *device) {
     // The main node's WAN port always counts as in use.
-    const int ports = device->is_fap == 1 ? device->wire_port_num - 1 : device->wire_port_num;
-    return std::max(ports, 0);
+    const int ports = std::max(device->wire_port_num, 0);
+    return device->is_fap == 1 && ports > 0 ? ports - 1 : ports;
 }
 
 static bool add_wired_ports(cJSON *entry, const MeshDeviceInfo *device) {

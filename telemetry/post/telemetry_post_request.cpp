@@ -156,7 +156,8 @@ int add_curl_request_signature(PostRequest *request, const char *body, const cha
     // One reading: the signed time and the id of the header are the same number.
     const auto now = static_cast<uint32_t>(time(nullptr));
     snprintf(text, sizeof(text), "%s\n%u\n%s", body_digest, now, path);
-    if (hmac_sha1_encode(text, 20, signature, secret) != 0) {
+    // The key that is announced and the secret that signs stand in the context, always as a pair.
+    if (hmac_sha1_encode(text, 20, signature, ctx->access_secret) != 0) {
         LOG_ERROR("hmac_sha1_encode error");
         return -1;
     }

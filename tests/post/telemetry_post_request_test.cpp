@@ -86,7 +86,8 @@ TEST_F(PostRequestTest, signature_covers_body_time_and_path) {
         clock_value = now;
         PostRequest *request = telemetry_post_alloc_request(&ctx);
         request->header_count = 1;
-        ASSERT_EQ(add_curl_request_signature(request, body.c_str(), secret.c_str(), "/p/q"), 0);
+        copy_text(ctx.access_secret, secret.c_str());
+        ASSERT_EQ(add_curl_request_signature(request, body.c_str(), "not the context's", "/p/q"), 0);
         EXPECT_EQ(request->header_count, 2U);
         EXPECT_EQ(request->headers[1], std::string("X-Authorization:") + header);
         telemetry_post_free_request(request);
