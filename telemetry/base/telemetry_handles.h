@@ -71,15 +71,29 @@ class BlobBuffer {
     blob_buf buf_;
 };
 
-// Copies a text into a buffer of `size` characters: at most size - 1 of them, always terminated. A null
-// source empties it. No strnlen: where the compiler knows the source, it takes a bound beyond it for a
-// mistake.
+// Length of the first `length` bytes of a longer text without the UTF-8 character that the cut parts.
+inline size_t whole_characters(const char *text, size_t length) {
+    for (size_t back = 1; back <= 3 && back <= length; back++) {
+        const auto byte = static_cast<unsigned char>(text[length - back]);
+        if ((byte & 0xc0) == 0x80)
+            continue;
+        const size_t needed = byte >= 0xf0 ? 4 : byte >= 0xe0 ? 3 : byte >= 0xc0 ? 2 : 1;
+        return needed > back ? length - back : length;
+    }
+    return length;
+}
+
+// Copies a text into a buffer of `size` characters: at most size - 1 of them, always terminated; what is cut
+// ends at the end of a UTF-8 character. A null source empties it. No strnlen: where the compiler knows the
+// source, it takes a bound beyond it for a mistake.
 inline void copy_text(char *destination, size_t size, const char *source) {
     if (size == 0)
         return;
     size_t length = 0;
     while (source != nullptr && length < size - 1 && source[length] != '\0')
         length++;
+    if (source != nullptr && source[length] != '\0')
+        length = whole_characters(source, length);
     if (length > 0)
         memmove(destination, source, length);
     destination[length] = '\0';

@@ -34,27 +34,89 @@ static char escape_of(char c) {
     return kEscapes.letter[static_cast<unsigned char>(c)];
 }
 
-// High bit of every byte of the word that may need an escape; a false alarm only costs a look into the table.
-static uint64_t bytes_to_escape(uint64_t word) {
+// --- Characters beyond ASCII ---
+
+// What stands for a sequence that is no UTF-8: U+FFFD.
+static constexpr char kReplacement[] = "\xef\xbf\xbd";
+static constexpr size_t kReplacementLength = sizeof(kReplacement) - 1;
+
+// First bytes of sequences: their length, and the range of the second byte, which keeps overlong forms,
+// surrogates and what lies beyond U+10FFFF out.
+struct Utf8Lead {
+    unsigned char first, last;
+    size_t length;
+    unsigned char second_low, second_high;
+};
+
+static constexpr Utf8Lead kUtf8Leads[] = {
+    {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf}, {0xe1, 0xec, 3, 0x80, 0xbf},
+    {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf}, {0xf0, 0xf0, 4, 0x90, 0xbf},
+    {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
+};
+
+struct Utf8Sequence {
+    size_t length; // bytes
+    bool sound;
+};
+
+static bool is_beyond_ascii(char c) {
+    return static_cast<unsigned char>(c) >= 0x80;
+}
+
+// The sequence that a text of `length` bytes begins with; its first byte is beyond ASCII. A malformed one
+// reaches as far as it could have been the beginning of a sound one.
+static Utf8Sequence utf8_sequence(const char *text, size_t length) {
+    const auto *bytes = reinterpret_cast<const unsigned char *>(text);
+    for (const Utf8Lead &lead : kUtf8Leads) {
+        if (bytes[0] < lead.first || bytes[0] > lead.last)
+            continue;
+        size_t at = 1;
+        if (at < length && bytes[at] >= lead.second_low && bytes[at] <= lead.second_high) {
+            do {
+                ++at;
+            } while (at < lead.length && at < length && (bytes[at] & 0xc0) == 0x80);
+        }
+        return {at, at == lead.length};
+    }
+    return {1, false};
+}
+
+// --- Texts ---
+
+// High bit of every byte of the word that may not stand for itself: an escape, or beyond ASCII. A false alarm
+// only costs a look into the table.
+static uint64_t special_bytes(uint64_t word) {
     constexpr uint64_t kOnes = 0x0101010101010101u;
     constexpr uint64_t kHighs = 0x8080808080808080u;
     const uint64_t quote = word ^ (kOnes * '"');
     const uint64_t backslash = word ^ (kOnes * '\\');
     const uint64_t control = (word - kOnes * 0x20) & ~word;
-    return (control | ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
+    return (word | control | ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
 }
 
-// Number of leading characters that stand for themselves, `length` when all do.
+// Number of leading bytes that stand for themselves, `length` when all do.
 static size_t plain_length(const char *text, size_t length) {
     size_t at = 0;
-    for (; at + 8 <= length; at += 8) {
-        uint64_t word;
-        memcpy(&word, text + at, sizeof(word));
-        if (bytes_to_escape(word) != 0)
+    while (at < length) {
+        if (at + 8 <= length) {
+            uint64_t word;
+            memcpy(&word, text + at, sizeof(word));
+            if (special_bytes(word) == 0) {
+                at += 8;
+                continue;
+            }
+        }
+        if (!is_beyond_ascii(text[at])) {
+            if (escape_of(text[at]) != 0)
+                break;
+            at++;
+            continue;
+        }
+        const Utf8Sequence sequence = utf8_sequence(text + at, length - at);
+        if (!sequence.sound)
             break;
+        at += sequence.length;
     }
-    while (at < length && escape_of(text[at]) == 0)
-        at++;
     return at;
 }
 
@@ -121,10 +183,24 @@ struct LengthSink {
         length += count;
     }
     void quoted(const char *text, size_t count) {
-        length += count + 2;
-        for (size_t at = plain_length(text, count); at < count;
-             at += 1 + plain_length(text + at + 1, count - at - 1))
-            length += escape_of(text[at]) == 'u' ? 5 : 1;
+        length += 2;
+        for (;;) {
+            const size_t plain = plain_length(text, count);
+            length += plain;
+            if (plain == count)
+                break;
+            text += plain;
+            count -= plain;
+            size_t replaced = 1;
+            if (is_beyond_ascii(*text)) {
+                replaced = utf8_sequence(text, count).length;
+                length += kReplacementLength;
+            } else {
+                length += escape_of(*text) == 'u' ? 6 : 2;
+            }
+            text += replaced;
+            count -= replaced;
+        }
     }
     void number(double value) {
         const NumberForm form = number_form(value);
@@ -170,9 +246,17 @@ struct TextSink {
             raw(text, plain);
             if (plain == count)
                 break;
-            escape(text[plain]);
-            text += plain + 1;
-            count -= plain + 1;
+            text += plain;
+            count -= plain;
+            size_t replaced = 1;
+            if (is_beyond_ascii(*text)) {
+                replaced = utf8_sequence(text, count).length;
+                raw(kReplacement, kReplacementLength);
+            } else {
+                escape(*text);
+            }
+            text += replaced;
+            count -= replaced;
         }
         put('"');
     }

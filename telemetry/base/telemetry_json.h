@@ -1,5 +1,6 @@
 // Printing of cJSON trees with the number rule of the wire format: "%d" when the value is integral and within
-// the signed 32-bit range, "%.2f" otherwise, null when it is not finite. Layout and escapes are cJSON's own.
+// the signed 32-bit range, "%.2f" otherwise, null when it is not finite. Layout and escapes are cJSON's own;
+// what is no UTF-8 in a text or key becomes U+FFFD, one for each malformed sequence.
 #pragma once
 
 #include <cstddef>

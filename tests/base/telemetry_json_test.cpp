@@ -62,12 +62,52 @@ TEST(TelemetryJson, NumbersFollowTheWireFormat) {
 // At every place of the eight-byte steps, and in the rest behind them.
 TEST(TelemetryJson, EveryByteOfATextIsEscapedAsByCJson) {
     const JsonPtr texts(cJSON_CreateArray());
-    for (unsigned i = 0; i < 255 * 20; i++) {
+    for (unsigned i = 0; i < 127 * 20; i++) {
         std::string text(20, '~');
         text[i % 20] = static_cast<char>(1 + i / 20);
         cJSON_AddItemToArray(texts.get(), cJSON_CreateString(text.c_str()));
     }
     expect_same_as_cjson(texts.get());
+}
+
+TEST(TelemetryJson, WhatIsNoUtf8IsReplaced) {
+    const std::string bad = "\xef\xbf\xbd";
+    const std::pair<std::string, std::string> cases[] = {
+        {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
+        {"\xee\x80\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf", "\xee\x80\x80\xef\xbf\xbf\xf4\x8f\xbf\xbf"},
+        {"caf\xc3", "caf" + bad},                              // cut inside a character
+        {"\xf0\x9f\x98 \xe2\x82\"", bad + " " + bad + "\\\""}, // one for what began well
+        {"\x80\xff\xfe", bad + bad + bad},
+        {"\xc0\xaf\xe0\x9f\xbf", bad + bad + bad + bad + bad}, // overlong
+        {"\xed\xa0\x80", bad + bad + bad},                     // a surrogate
+        {"\xf4\x90\x80\x80", bad + bad + bad + bad},           // beyond U+10FFFF
+    };
+    for (const auto &[text, printed] : cases) {
+        for (size_t before = 0; before < 9; before++) { // at every place of the eight-byte steps
+            const std::string around(before, '~');
+            const JsonPtr object(cJSON_CreateObject());
+            cJSON_AddStringToObject(object.get(), (around + text).c_str(), (around + text + around).c_str());
+            EXPECT_EQ(print(object.get()),
+                      "{\"" + around + printed + "\":\"" + around + printed + around + "\"}");
+        }
+    }
+}
+
+TEST(TelemetryJson, ACutCopyEndsWithAWholeCharacter) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"123456789", "1234567"},
+        {"123456\xc3\xa9", "123456"},
+        {"12345\xe2\x82\xac", "12345"},
+        {"1234\xf0\x9f\x98\x80", "1234"},
+        {"12345\xc3\xa9", "12345\xc3\xa9"},
+        {"12345\xc3\xa9!", "12345\xc3\xa9"},
+        {"\x80\x80\x80\x80\x80\x80\x80\x80", "\x80\x80\x80\x80\x80\x80\x80"},
+    };
+    for (const auto &[text, copy] : cases) {
+        char field[8];
+        copy_text(field, text.c_str());
+        EXPECT_EQ(field, copy);
+    }
 }
 
 TEST(TelemetryJson, TreesPrintAsByCJson) {
