@@ -33,7 +33,7 @@ static void try_values(const std::string &text, int type) {
     require((result == 0) == (list != nullptr) && cJSON_GetArraySize(list) <= 128);
     telemetry_add_mac_md5_to_cJSON_object(object.get(), "m", text.c_str());
     check_printing(object.get());
-    char mac[18];
+    char mac[kMacTextSize];
     require(mac_to_upper_short_line(mac, text.c_str()) == 0);
     telemetry_is_host(text.c_str());
 }

@@ -17,9 +17,8 @@
 
 int telemetry_post_done = -1;
 
-// A MAC text has 12 characters without separators, 17 with them.
-static constexpr size_t kMacDigits = 12;
-static constexpr size_t kMacTextSize = 18;
+// Characters of a MAC text, separators not counted, that are converted.
+static constexpr size_t kMacDigits = 17;
 static constexpr size_t kShellReadSize = 2048;
 static constexpr size_t kWorkModeSize = 2048;
 static constexpr size_t kPingCommandSize = 256;
@@ -27,7 +26,11 @@ static constexpr size_t kPingOutputSize = 128;
 static constexpr size_t kHostNameLength = 253;
 
 int32_t telemetry_text_to_int(const char *text) {
-    return text == nullptr ? 0 : static_cast<int32_t>(strtoll(text, nullptr, 10));
+    if (text == nullptr) {
+        LOG_ERROR("param error");
+        return 0;
+    }
+    return static_cast<int32_t>(strtoll(text, nullptr, 10));
 }
 
 static bool is_mac_separator(char c) {
@@ -70,7 +73,7 @@ int mac_to_short_line(char *destination, const char *source) {
 }
 
 int mac_to_upper_short_line(char *destination, const char *source) {
-    char digits[kMacTextSize];
+    char digits[kMacDigits + 1];
     if (format_mac(digits, kMacDigits, source) != 0) {
         LOG_ERROR("-----mac to format----------");
         return -1;
@@ -159,7 +162,11 @@ int telemetry_write_number_file(const char *path, int number) {
 }
 
 int telemetry_file_exists(const char *path) {
-    return path != nullptr && access(telemetry_path(path).c_str(), F_OK) == 0;
+    if (path == nullptr) {
+        LOG_ERROR("param error");
+        return 0;
+    }
+    return access(telemetry_path(path).c_str(), F_OK) == 0;
 }
 
 int check_telemetry_enable() {

@@ -8,18 +8,22 @@
 
 // --- Text ---
 
-// Decimal integer at the start of a text, wrapped to 32 bits; 0 where there is none or the text is null.
+// Decimal integer at the start of a text, wrapped to 32 bits; 0 where there is none.
 int32_t telemetry_text_to_int(const char *text);
 
 // --- MAC texts ---
+
+// 17 characters, a dash after every two of them, a terminator.
+inline constexpr int kMacTextSize = 26;
 
 // Source without "-" and ":", a-z as A-Z. `destination` holds at least the source's length + 1.
 int mac_to_format(char *destination, const char *source);
 // Source with "-" after every two characters but the last. `destination` holds at least 3/2 of the source's
 // length + 1.
 int mac_to_short_line(char *destination, const char *source);
-// Both in turn: aa:bb:cc:dd:ee:ff becomes AA-BB-CC-DD-EE-FF. `destination` holds 18 characters; a source that
-// would not fit (more than 12 characters without separators) is cut there.
+// Both in turn: aa:bb:cc:dd:ee:ff becomes AA-BB-CC-DD-EE-FF. `destination` holds kMacTextSize characters; a
+// source with more than 17 characters besides separators is cut there. Longer addresses than a MAC stay
+// longer: they match no MAC by their beginning.
 int mac_to_upper_short_line(char *destination, const char *source);
 // n bytes as 2n lower case hexadecimal digits; `length` (of the destination) must exceed 2n.
 int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, size_t n);
@@ -100,7 +104,13 @@ enum TelemetryValueType : int {
     TELEMETRY_VALUE_LIST_INT64 = 5,
     TELEMETRY_VALUE_LIST_DOUBLE = 6,
     TELEMETRY_VALUE_LIST_STRING = 7,
+    // Of watched rows: the words of telemetry_flag_of_word as 1 or 0; any other leaves its row out.
+    TELEMETRY_VALUE_FLAG = 8,
 };
+
+// 1 for the configuration's words 1, yes, on, true, enabled; 0 for 0, no, off, false, disabled; -1 for any
+// other text.
+int telemetry_flag_of_word(const char *text);
 
 // Adds the text, converted by type code 0-2 (any other code: as a string), under `key`.
 int telemetry_add_value_to_cJSON_object(cJSON *object, const char *key, const char *text, int type);

@@ -77,6 +77,22 @@ static int add_to_object(cJSON *object, const char *key, JsonPtr value) {
     return 0;
 }
 
+int telemetry_flag_of_word(const char *text) {
+    if (text == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
+    static constexpr const char *kWords[][2] = {
+        {"0", "1"}, {"no", "yes"}, {"off", "on"}, {"false", "true"}, {"disabled", "enabled"}};
+    for (const auto &pair : kWords) {
+        for (int flag = 0; flag <= 1; flag++) {
+            if (strcmp(text, pair[flag]) == 0)
+                return flag;
+        }
+    }
+    return -1;
+}
+
 int telemetry_add_value_to_cJSON_object(cJSON *object, const char *key, const char *text, int type) {
     if (object == nullptr || key == nullptr || text == nullptr) {
         LOG_ERROR("param error");

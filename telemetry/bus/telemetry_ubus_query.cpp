@@ -27,7 +27,7 @@ static int reply_failure(ubus_context *bus, ubus_request_data *request) {
 
 // The asking node finds the record of the answer by this.
 static void add_own_mac(blob_buf *reply) {
-    char mac[18] = "";
+    char mac[kMacTextSize] = "";
     const TelemetryCtx *ctx = telemetry_ubus_ctx();
     if (ctx != nullptr)
         mac_to_upper_short_line(mac, ctx->dev_mac);
@@ -44,7 +44,7 @@ static uint32_t to_int32(double number) {
 // Devices with several links are known by their multi-link address.
 static void add_station(blob_buf *reply, const ClientStaInfo &station) {
     char digits[13] = "";
-    char mac[18] = "";
+    char mac[kMacTextSize] = "";
     const uint8_t *address = station.is_mlo == 1 ? station.mld_mac : station.mac;
     if (mac_uint8_to_char(digits, sizeof(digits), address, 6) != 0 ||
         mac_to_upper_short_line(mac, digits) != 0)
@@ -122,7 +122,7 @@ int ubus_collect_system_info(ubus_context *bus, ubus_object *, ubus_request_data
         LOG_ERROR("malloc system info failed");
         return reply_failure(bus, request);
     }
-    telemetry_system_info_collect_own(record.get());
+    collect_data_for_system_info(record.get());
     const bool lowpower = collect_data_for_lowpower_info(record.get()) == 1;
 
     BlobBuffer reply;
@@ -152,7 +152,8 @@ int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *r
         return reply_failure(bus, request);
 
     BlobBuffer reply;
-    blobmsg_add_u32(reply.get(), "usb_enable", static_cast<uint32_t>(record->usb_enable));
+    if (record->usb_enable >= 0)
+        blobmsg_add_u32(reply.get(), "usb_enable", static_cast<uint32_t>(record->usb_enable));
     blobmsg_add_u32(reply.get(), "config_is_change", static_cast<uint32_t>(record->config_is_change));
     blobmsg_add_u32(reply.get(), "usb_type", static_cast<uint32_t>(record->usb_type));
     blobmsg_add_string(reply.get(), "vendor_id", record->vendor_id);

@@ -4,19 +4,30 @@
 #include "telemetry_log.h"
 
 static constexpr SettingRow kAdvancedRows[] = {
-    {"ovs", SETTING_FLAG, "openvpn", "server", "enabled", nullptr},
-    {"pps", SETTING_FLAG, "pptpd", "server", "enabled", nullptr},
-    {"l2s", SETTING_FLAG, "l2tp", "server", "enabled", nullptr},
-    {"ips", SETTING_FLAG, "ipsec", "server", "enabled", nullptr},
-    {"wgs", SETTING_ANY, "network", "interface", "proto", "wireguard"},
-    {"vc", SETTING_FLAG, "vpn", "client", "enabled", nullptr},
-    {"vk", SETTING_TEXT, "vpn", "client", "kind", nullptr},
-    {"vn", SETTING_SECTIONS, "vpn", "server", nullptr, nullptr},
-    {"vd", SETTING_SECTIONS, "vpn", "device", nullptr, nullptr},
-    {"pf", SETTING_SECTIONS, "firewall", "redirect", nullptr, nullptr},
-    {"dm", SETTING_FLAG, "firewall", "dmz", "enabled", nullptr},
-    {"up", SETTING_FLAG, "upnpd", "config", "enabled", nullptr},
-    {"dd", SETTING_ANY, "ddns", "service", "enabled", "1"},
+    {"ovs", SETTING_FLAG, "openvpn", "server", "enabled"},
+    {"pps", SETTING_FLAG, "pptpd", "server", "enabled"},
+    {"l2s", SETTING_FLAG, "l2tp", "server", "enabled"},
+    {"ips", SETTING_FLAG, "ipsec", "server", "enabled"},
+    {"wgs",
+     SETTING_ANY,
+     "network",
+     "interface",
+     nullptr,
+     // A server waits at a port; a client has none.
+     {{SETTING_IS, "proto", "wireguard"}, {SETTING_IN_USE, "listen_port"}, {SETTING_NOT_ON, "disabled"}}},
+    {"vc", SETTING_FLAG, "vpn", "client", "enabled"},
+    {"vk", SETTING_TEXT, "vpn", "client", "kind"},
+    {"vn", SETTING_SECTIONS, "vpn", "server"},
+    {"vd", SETTING_SECTIONS, "vpn", "device"},
+    {"pf",
+     SETTING_SECTIONS,
+     "firewall",
+     "redirect",
+     nullptr,
+     {{SETTING_IS_OR_DEFAULT, "target", "DNAT"}, {SETTING_NOT_OFF, "enabled"}}},
+    {"dm", SETTING_FLAG, "firewall", "dmz", "enabled"},
+    {"up", SETTING_FLAG, "upnpd", "config", "enabled"},
+    {"dd", SETTING_ANY, "ddns", "service", nullptr, {{SETTING_ON, "enabled"}}},
 };
 
 int collect_advanced_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {

@@ -116,8 +116,9 @@ int collect_myself_afc_info(cJSON *object) {
         LOG_ERROR("param error");
         return -1;
     }
-    const int enabled = telemetry_get_uci_enabled_value("afc", "afc", "enable", TELEMETRY_UCI_SYSTEM);
-    cJSON_AddNumberToObject(object, "en", enabled);
+    int enabled = 0;
+    if (telemetry_read_flag("afc", "afc", "enable", &enabled))
+        cJSON_AddNumberToObject(object, "en", enabled);
     const JsonPtr status = read_afc_status();
     if (!status)
         return 0;
@@ -135,11 +136,12 @@ static void apply_afc_result(const cJSON *result, void *user) {
     const cJSON *enabled = cJSON_GetObjectItemCaseSensitive(result, "en");
     if (!entry)
         return;
-    cJSON_AddNumberToObject(entry.get(), "en", cJSON_IsNumber(enabled) && enabled->valuedouble != 0 ? 1 : 0);
+    if (cJSON_IsNumber(enabled))
+        cJSON_AddNumberToObject(entry.get(), "en", enabled->valuedouble != 0 ? 1 : 0);
     add_state(entry.get(), json_text(result, "st"));
     add_expiry(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "ex"));
     add_channels(entry.get(), cJSON_GetObjectItemCaseSensitive(result, "cl"), kReportedChannel);
-    telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
+    telemetry_node_list_add_answer(static_cast<cJSON *>(user), result, std::move(entry));
 }
 
 int collect_afc_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {

@@ -56,6 +56,10 @@ static FilePtr open_file(const char *path, int flags, const char *mode) {
 }
 
 int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *count) {
+    if (payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     if (!telemetry_file_exists(kHeartbeatTimeoutPath))
         return 0;
     const FilePtr file = open_file(kHeartbeatTimeoutPath, O_RDWR, "r+");
@@ -65,7 +69,7 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
     }
     char line[kFirstLineSize] = {};
     const char *text = fgets(line, sizeof(line), file.get());
-    const int timeouts = telemetry_text_to_int(text);
+    const int timeouts = text != nullptr ? telemetry_text_to_int(text) : 0;
     if (timeouts <= 0) {
         LOG_DEBUG("get heartbeat timeout count %d", timeouts);
         return 0;
@@ -143,6 +147,10 @@ int telemetry_update_upgrade_config(const char *node_id, const char *version) {
 }
 
 int telemetry_check_device_upgrade(cJSON *payload, uint32_t *count) {
+    if (payload == nullptr || count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     const FilePtr file = open_file(kMeshDeviceListPath, O_RDONLY, "r");
     if (!file) {
         LOG_ERROR("can not open file: %s, wait first probe of sync", kMeshDeviceListPath);

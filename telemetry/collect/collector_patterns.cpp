@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "telemetry_log.h"
+#include "telemetry_repeat.h"
 #include "telemetry_utils.h"
 
 int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
@@ -54,6 +55,21 @@ bool telemetry_read_number_file(const char *path, uint64_t *number) {
         return false;
     }
     *number = value;
+    return true;
+}
+
+bool telemetry_read_flag(const char *package, const char *section, const char *option, int *flag) {
+    char text[64] = {};
+    if (telemetry_get_uci_value(package, section, option, text, sizeof(text), TELEMETRY_UCI_SYSTEM) != 0) {
+        LOG_MISSING("no option %s.%s.%s", package, section, option);
+        return false;
+    }
+    const int word = telemetry_flag_of_word(text);
+    if (word < 0) {
+        LOG_MISSING("%s.%s.%s is neither on nor off", package, section, option);
+        return false;
+    }
+    *flag = word;
     return true;
 }
 

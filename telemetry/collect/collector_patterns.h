@@ -74,6 +74,10 @@ int telemetry_collect_changed_object(const char *package, const char *name, cons
 // router's path.
 bool telemetry_read_number_file(const char *path, uint64_t *number);
 
+// The flag of an option of the system's configuration: true with *flag 1 or 0. false, with one log line, when
+// it is missing or no word for either.
+bool telemetry_read_flag(const char *package, const char *section, const char *option, int *flag);
+
 // Adds a number under `key` and raises *count.
 void telemetry_add_reading(cJSON *payload, const char *key, double number, uint32_t *count);
 

@@ -6,12 +6,12 @@
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kEcoModeTable[] = {
-    {0, "en", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "settings", "enable", TELEMETRY_VALUE_INT},
+    {0, "en", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "settings", "enable", TELEMETRY_VALUE_FLAG},
     {1, "md", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "settings", "mode", TELEMETRY_VALUE_STRING},
     {2, "sb", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "schedule", "begin", TELEMETRY_VALUE_INT},
     {3, "se", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "schedule", "end", TELEMETRY_VALUE_INT},
     {4, "sd", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "schedule", "days", TELEMETRY_VALUE_LIST_STRING},
-    {5, "lw", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "settings", "low_power_wifi", TELEMETRY_VALUE_INT},
+    {5, "lw", 3, TELEMETRY_UCI_SYSTEM, 0, "eco_mode", "settings", "low_power_wifi", TELEMETRY_VALUE_FLAG},
 };
 
 int collect_ecomode_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {

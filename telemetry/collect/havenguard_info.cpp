@@ -5,28 +5,33 @@
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 #include "telemetry_utils.h"
 
 static constexpr size_t kStatsSize = 4096;
 
 static constexpr SettingRow kHavenguardRows[] = {
-    {"wp", SETTING_FLAG, "havenguard", "web", "enable", nullptr},
-    {"ac", SETTING_FLAG, "access_control", "settings", "enable", nullptr},
-    {"am", SETTING_TEXT, "access_control", "settings", "mode", nullptr},
-    {"an", SETTING_SECTIONS, "access_control", "device", nullptr, nullptr},
-    {"cs", SETTING_FLAG, "havenguard", "camera", "enable", nullptr},
-    {"cn", SETTING_SECTIONS, "havenguard", "camera_device", nullptr, nullptr},
-    {"di", SETTING_FLAG, "havenguard", "isolation", "enable", nullptr},
-    {"dn", SETTING_SECTIONS, "havenguard", "isolated_device", nullptr, nullptr},
-    {"pn", SETTING_SECTIONS, "parental", "profile", nullptr, nullptr},
-    {"ps", SETTING_SECTIONS, "parental", "profile", "schedule", "1"},
-    {"pt", SETTING_SECTIONS, "parental", "profile", "time_limit", "1"},
-    {"ab", SETTING_FLAG, "havenguard", "application", "enable", nullptr},
-    {"bn", SETTING_SECTIONS, "havenguard", "blocked_application", nullptr, nullptr},
+    {"wp", SETTING_FLAG, "havenguard", "web", "enable"},
+    {"ac", SETTING_FLAG, "access_control", "settings", "enable"},
+    {"am", SETTING_TEXT, "access_control", "settings", "mode"},
+    {"an", SETTING_SECTIONS, "access_control", "device"},
+    {"cs", SETTING_FLAG, "havenguard", "camera", "enable"},
+    {"cn", SETTING_SECTIONS, "havenguard", "camera_device"},
+    {"di", SETTING_FLAG, "havenguard", "isolation", "enable"},
+    {"dn", SETTING_SECTIONS, "havenguard", "isolated_device"},
+    {"pn", SETTING_SECTIONS, "parental", "profile"},
+    {"ps", SETTING_SECTIONS, "parental", "profile", nullptr, {{SETTING_IN_USE, "schedule"}}},
+    {"pt", SETTING_SECTIONS, "parental", "profile", nullptr, {{SETTING_IN_USE, "time_limit"}}},
+    {"ab", SETTING_FLAG, "havenguard", "application", "enable"},
+    {"bn", SETTING_SECTIONS, "havenguard", "blocked_application"},
 };
 
 static void add_counters(cJSON *payload, uint32_t *count) {
     char text[kStatsSize];
+    if (telemetry_file_exists(kHavenguardStatsPath) == 0) {
+        LOG_MISSING("no file %s", kHavenguardStatsPath);
+        return;
+    }
     if (telemetry_parse_file(kHavenguardStatsPath, text, sizeof(text)) != 0)
         return;
     const JsonPtr stats(cJSON_Parse(text));

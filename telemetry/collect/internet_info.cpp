@@ -10,6 +10,7 @@
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
@@ -23,7 +24,7 @@ static constexpr TelemetryIndexEntry kInternetTable[] = {
     {0, "np", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "wan_type", TELEMETRY_VALUE_STRING},
     {1, "pr", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "proto", TELEMETRY_VALUE_STRING},
     {2, "mtu", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "mtu", TELEMETRY_VALUE_INT},
-    {3, "pd", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "peerdns", TELEMETRY_VALUE_INT},
+    {3, "pd", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan", "peerdns", TELEMETRY_VALUE_FLAG},
     {4, "p6", 3, TELEMETRY_UCI_SYSTEM, 0, "network", "wan6", "proto", TELEMETRY_VALUE_STRING},
 };
 
@@ -101,13 +102,13 @@ static void query_status(InterfaceStatus *status) {
         telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status", nullptr,
                            kStatusTimeoutMs, handle_status_reply, status);
     if (error != TELEMETRY_BUS_OK || !status->replied)
-        LOG_ERROR("%s status failed", status->object);
+        LOG_MISSING("%s status failed", status->object);
 }
 
 static void add_device_counters(const char *device, cJSON *payload, uint32_t *count) {
     const std::string directory = std::string(kNetDeviceDir) + "/" + device + "/statistics/";
     if (telemetry_file_exists(directory.c_str()) == 0) {
-        LOG_ERROR("%s has no counters", device);
+        LOG_MISSING("%s has no counters", device);
         return;
     }
     for (const DeviceCounter &counter : kDeviceCounters) {

@@ -6,6 +6,7 @@
 #include "collector_patterns.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
 
 static bool is_listed(const cJSON *list, const char *digest) {
@@ -19,7 +20,7 @@ static bool is_listed(const cJSON *list, const char *digest) {
 }
 
 void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry) {
-    char text[18] = {};
+    char text[kMacTextSize] = {};
     const JsonPtr named(cJSON_CreateObject());
     if (!named || mac == nullptr || mac_to_upper_short_line(text, mac) != 0 ||
         telemetry_add_mac_md5_to_cJSON_object(named.get(), "dm", text) != 0) {
@@ -30,4 +31,20 @@ void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry) {
         return;
     cJSON_InsertItemInArray(entry.get(), 0, cJSON_DetachItemFromObjectCaseSensitive(named.get(), "dm"));
     telemetry_attach_element(list, std::move(entry));
+}
+
+void telemetry_node_list_add_answer(cJSON *list, const cJSON *result, JsonPtr entry) {
+    const char *sender = json_text(result, "mac");
+    if (sender == nullptr) {
+        LOG_ERROR("answer without mac");
+        return;
+    }
+    char mac[kMacTextSize] = {};
+    const MeshDeviceInfo *device =
+        mac_to_upper_short_line(mac, sender) == 0 ? telemetry_find_device_by_mac(mac) : nullptr;
+    if (device == nullptr) {
+        LOG_DEBUG("answer of no node of the mesh");
+        return;
+    }
+    telemetry_node_list_add(list, device->mac, std::move(entry));
 }

@@ -7,3 +7,5 @@
 // without a MAC, or of a node that is in the list already, is dropped: this node's own answer comes back
 // among the others.
 void telemetry_node_list_add(cJSON *list, const char *mac, JsonPtr entry);
+// The same for what a node answered: nothing when its "mac" is no node's of the mesh device list.
+void telemetry_node_list_add_answer(cJSON *list, const cJSON *result, JsonPtr entry);

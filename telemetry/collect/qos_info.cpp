@@ -7,15 +7,15 @@
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kQosTable[] = {
-    {0, "en", 3, TELEMETRY_UCI_SYSTEM, 0, "qos", "settings", "enable", TELEMETRY_VALUE_INT},
+    {0, "en", 3, TELEMETRY_UCI_SYSTEM, 0, "qos", "settings", "enable", TELEMETRY_VALUE_FLAG},
     {1, "ub", 3, TELEMETRY_UCI_SYSTEM, 0, "qos", "settings", "upload", TELEMETRY_VALUE_INT64},
     {2, "db", 3, TELEMETRY_UCI_SYSTEM, 0, "qos", "settings", "download", TELEMETRY_VALUE_INT64},
     {3, "um", 3, TELEMETRY_UCI_SYSTEM, 0, "qos", "settings", "mode", TELEMETRY_VALUE_STRING},
 };
 
 static constexpr SettingRow kPriorityRows[] = {
-    {"pn", SETTING_SECTIONS, "qos", "device", nullptr, nullptr},
-    {"an", SETTING_SECTIONS, "qos", "application", nullptr, nullptr},
+    {"pn", SETTING_SECTIONS, "qos", "device"},
+    {"an", SETTING_SECTIONS, "qos", "application"},
 };
 
 int collect_qos_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {

@@ -20,7 +20,7 @@ static constexpr TelemetryIndexEntry kRestartTable[] = {
 };
 
 static constexpr TelemetryIndexEntry kScheduleTable[] = {
-    {0, "rs", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "enable", TELEMETRY_VALUE_INT},
+    {0, "rs", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "enable", TELEMETRY_VALUE_FLAG},
     {1, "rw", 3, TELEMETRY_UCI_SYSTEM, 0, "restart_schedule", "schedule", "days",
      TELEMETRY_VALUE_LIST_STRING},
 };

@@ -3,61 +3,77 @@
 #include <cstring>
 
 #include "telemetry_log.h"
+#include "telemetry_repeat.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
 // Room for a text, which is cut to it.
 static constexpr int kTextSize = 128;
 
-namespace {
-struct SectionCount {
-    const SettingRow *row;
-    int number;
-};
-} // namespace
-
-static bool is_switched_on(const char *text) {
-    return strcmp(text, "on") == 0 || strcmp(text, "1") == 0 || strcmp(text, "true") == 0;
-}
-
-// Words that switch something on are one value.
-static bool is_wanted(const char *value, const char *wanted) {
-    return wanted == nullptr || strcmp(value, wanted) == 0 ||
-           (is_switched_on(value) && is_switched_on(wanted));
-}
-
-static int count_section(void *user, uci_context *uci, uci_element *element) {
-    auto *count = static_cast<SectionCount *>(user);
-    const SettingRow *row = count->row;
-    uci_section *section = uci_to_section(element);
-    if (strcmp(section->type, row->section) != 0)
-        return 0;
-    if (row->option != nullptr) {
-        const char *value = uci_lookup_option_string(uci, section, row->option);
-        if (value == nullptr || !is_wanted(value, row->value))
-            return 0;
+// Whether a section's option passes a row's test; null when it is not set.
+static bool passes(const SettingCondition &condition, const uci_option *option) {
+    const char *text = option != nullptr && option->type == UCI_TYPE_STRING ? option->v.string : nullptr;
+    const int flag = text != nullptr ? telemetry_flag_of_word(text) : -1;
+    switch (condition.test) {
+    case SETTING_NO_TEST:
+        return true;
+    case SETTING_IS:
+        return text != nullptr && strcmp(text, condition.value) == 0;
+    case SETTING_IS_OR_DEFAULT:
+        return option == nullptr || (text != nullptr && strcmp(text, condition.value) == 0);
+    case SETTING_IN_USE:
+        return option != nullptr && (text == nullptr || (*text != '\0' && flag != 0));
+    case SETTING_ON:
+        return flag == 1;
+    case SETTING_NOT_ON:
+        return flag != 1;
+    case SETTING_NOT_OFF:
+        return flag != 0;
     }
-    ++count->number;
-    return 0;
+    return false;
+}
+
+static bool meets_conditions(uci_context *uci, uci_section *section, const SettingRow &row) {
+    for (const SettingCondition &condition : row.conditions) {
+        if (condition.test != SETTING_NO_TEST &&
+            !passes(condition, uci_lookup_option(uci, section, condition.option)))
+            return false;
+    }
+    return true;
 }
 
 static void add_section_row(const SettingRow *row, cJSON *object) {
-    SectionCount count = {row, 0};
-    if (telemetry_traverse_config_section_and_do(row->package, count_section, &count) != 0)
+    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {row->package});
+    if (!uci)
         return;
-    const int value = row->kind == SETTING_ANY && count.number > 1 ? 1 : count.number;
-    cJSON_AddNumberToObject(object, row->key, value);
+    uci_package *package = nullptr;
+    if (uci_load(uci.get(), row->package, &package) != UCI_OK) {
+        LOG_MISSING("no package %s", row->package);
+        return;
+    }
+    int number = 0;
+    uci_element *element = nullptr;
+    uci_foreach_element(&package->sections, element) {
+        uci_section *section = uci_to_section(element);
+        if (strcmp(section->type, row->section) == 0 && meets_conditions(uci.get(), section, *row))
+            ++number;
+    }
+    cJSON_AddNumberToObject(object, row->key, row->kind == SETTING_ANY && number > 1 ? 1 : number);
 }
 
 static void add_option_row(const SettingRow *row, cJSON *object) {
+    if (row->kind == SETTING_FLAG) {
+        int flag = 0;
+        if (telemetry_read_flag(row->package, row->section, row->option, &flag))
+            cJSON_AddNumberToObject(object, row->key, flag);
+        return;
+    }
     char text[kTextSize] = {};
     if (telemetry_get_uci_value(row->package, row->section, row->option, text, sizeof(text),
-                                TELEMETRY_UCI_SYSTEM) != 0)
-        return;
-    if (row->kind == SETTING_FLAG)
-        cJSON_AddNumberToObject(object, row->key, is_switched_on(text) ? 1 : 0);
-    else
+                                TELEMETRY_UCI_SYSTEM) == 0)
         cJSON_AddStringToObject(object, row->key, text);
+    else
+        LOG_MISSING("no option %s.%s.%s", row->package, row->section, row->option);
 }
 
 static void add_row(const SettingRow *row, cJSON *object) {

@@ -13,6 +13,7 @@
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 #include "telemetry_snapshot.h"
 #include "telemetry_transfer.h"
 #include "telemetry_uci.h"
@@ -162,7 +163,7 @@ static void read_mem_free(SystemInfoRecord *record) {
 
 static void read_nat_num(SystemInfoRecord *record) {
     if (!read_number_file(kConntrackCountPath, &record->nat_num))
-        LOG_ERROR("open file %s failed", kConntrackCountPath);
+        LOG_MISSING("open file %s failed", kConntrackCountPath);
 }
 
 // One member of a node's entry: key, option it is read from (work mode only), how the figure is measured
@@ -195,11 +196,16 @@ static void read_work_mode(SystemInfoRecord *record) {
                             sizeof(record->work_mode), TELEMETRY_UCI_SYSTEM);
 }
 
-void telemetry_system_info_collect_own(SystemInfoRecord *record) {
+int collect_data_for_system_info(SystemInfoRecord *record) {
+    if (record == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     for (const SystemInfoItem &item : kItems) {
         if (item.read != nullptr)
             item.read(record);
     }
+    return 0;
 }
 
 // --- Low power ---
@@ -239,10 +245,14 @@ static void handel_lowpower_cb(blob_attr *message, void *user) {
 }
 
 int collect_data_for_lowpower_info(SystemInfoRecord *record) {
+    if (record == nullptr) {
+        LOG_ERROR("param error");
+        return 0;
+    }
     LowpowerReply reply = {record, 0};
     if (telemetry_bus_call(telemetry_bus_default_socket(), "low_power", "telemetry_get", nullptr,
                            kLowpowerTimeoutMs, handel_lowpower_cb, &reply) != TELEMETRY_BUS_OK)
-        LOG_ERROR("ubus call lowpower error!");
+        LOG_MISSING("ubus call lowpower error!");
     return reply.kept;
 }
 
@@ -276,8 +286,12 @@ static void apply_satellite_lowpower(const cJSON *result, SystemInfoRecord *reco
 }
 
 void parseSystemInfoMsg(const cJSON *result, SystemInfoRecord *records, int count) {
+    if (result == nullptr || records == nullptr) {
+        LOG_ERROR("param error");
+        return;
+    }
     const char *sender = json_text(result, "mac");
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (sender == nullptr || mac_to_upper_short_line(mac, sender) != 0 || mac[0] == '\0')
         return;
     SystemInfoRecord *record = nullptr;
@@ -300,13 +314,6 @@ void parseSystemInfoMsg(const cJSON *result, SystemInfoRecord *records, int coun
     apply_satellite_lowpower(result, record);
 }
 
-namespace {
-struct SystemInfoList {
-    SystemInfoRecord *records;
-    int count;
-};
-} // namespace
-
 static void apply_system_result(const cJSON *result, void *user) {
     const auto *list = static_cast<const SystemInfoList *>(user);
     if (list->count == 0) {
@@ -314,6 +321,14 @@ static void apply_system_result(const cJSON *result, void *user) {
         return;
     }
     parseSystemInfoMsg(result, list->records, list->count);
+}
+
+void handle_ubus_call_from_re_system_info(blob_attr *message, void *user) {
+    if (user == nullptr) {
+        LOG_ERROR("param error");
+        return;
+    }
+    telemetry_transfer_handle_reply(message, apply_system_result, user);
 }
 
 // --- The record ---
@@ -380,7 +395,7 @@ static int telemetry_add_collected_system_info(const SystemInfoRecord *records, 
 // The record of this node: its own address's, or the main node's, which is where a list that does not know
 // the firmware tool's address has it.
 static SystemInfoRecord *own_record(const TelemetryCtx *ctx, SystemInfoRecord *records, int count) {
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (mac_to_upper_short_line(mac, ctx->dev_mac) == 0 && mac[0] != '\0') {
         for (int i = 0; i < count; ++i) {
             if (strncmp(records[i].mac, mac, strlen(mac)) == 0)
@@ -420,10 +435,10 @@ int collect_system_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     for (int i = 0; i < list.count; ++i)
         copy_text(list.records[i].mac, devices[i].mac);
     SystemInfoRecord *own = own_record(ctx, list.records, list.count);
-    telemetry_system_info_collect_own(own);
+    collect_data_for_system_info(own);
     collect_data_for_lowpower_info(own);
-    if (list.count > 1 &&
-        telemetry_transfer_request(TELEMETRY_TRANSFER_SYSTEM, true, nullptr, apply_system_result, &list) != 0)
+    if (list.count > 1 && telemetry_transfer_call(TELEMETRY_TRANSFER_SYSTEM, true, nullptr,
+                                                  handle_ubus_call_from_re_system_info, &list) != 0)
         LOG_ERROR("get re system info failed");
     if (telemetry_add_collected_system_info(list.records, list.count, payload, count) != 0) {
         LOG_ERROR("add system info failed");

@@ -6,6 +6,8 @@
 
 #include <cjson/cJSON.h>
 
+#include "telemetry_platform_libs.h"
+
 struct SystemInfoRecord {
     char mac[18];
     char work_mode[128];
@@ -23,8 +25,15 @@ struct SystemInfoRecord {
     int32_t lowpower_associate_duration;
 };
 
+// Records of a cycle, one a mesh node.
+struct SystemInfoList {
+    SystemInfoRecord *records;
+    int count;
+};
+
 // This node's figures except the low-power pair, item by item of the collector's table. Blocks for 3 seconds.
-void telemetry_system_info_collect_own(SystemInfoRecord *record);
+// 0, or -1 for a null record.
+int collect_data_for_system_info(SystemInfoRecord *record);
 // The low-power pair, from bus object "low_power". 1 when its "res" is "success" and the pair was kept, else
 // 0.
 int collect_data_for_lowpower_info(SystemInfoRecord *record);
@@ -34,3 +43,5 @@ int telemetry_system_info_get_mem_info(int kind);
 int telemetry_system_info_get_cpu_info();
 // Copies one satellite's answer into the record of `records` (one a mesh node) whose mac matches.
 void parseSystemInfoMsg(const cJSON *result, SystemInfoRecord *records, int count);
+// Reply of the synchronisation service with the satellites' figures; `user` is the SystemInfoList they go to.
+void handle_ubus_call_from_re_system_info(blob_attr *message, void *user);

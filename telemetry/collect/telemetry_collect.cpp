@@ -8,6 +8,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
+#include "telemetry_repeat.h"
 #include "telemetry_pre_collect.h"
 #include "telemetry_utils.h"
 
@@ -43,8 +44,10 @@ static constexpr uint32_t kCollectCountWrap = 2147483647;
 // --- The list ---
 
 int collect_list_exceeds(const TelemetryCtx *ctx, size_t limit) {
-    if (ctx == nullptr)
+    if (ctx == nullptr) {
+        LOG_ERROR("param error");
         return 0;
+    }
     const long length = telemetry_json_length(ctx->collect_list);
     return length >= 0 && static_cast<size_t>(length) >= limit;
 }
@@ -211,6 +214,7 @@ void telemetry_collect_data(uloop_timeout *timer) {
         return;
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, collect_timer);
+    telemetry_repeat_next_cycle();
     run_cycle(ctx);
     telemetry_arm_collect_timer(ctx, ctx->collect_interval_strategy1);
 }

@@ -83,6 +83,14 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
 // Adds a row's value: texts of list types element by element.
 static void add_row_value(const TelemetryIndexEntry &row, const char *value, uint32_t *count,
                           cJSON *payload) {
+    if (row.value_type == TELEMETRY_VALUE_FLAG) {
+        const int flag = telemetry_flag_of_word(value);
+        if (flag < 0)
+            LOG_ERROR("%s.%s.%s is neither on nor off", row.package, row.section, row.option);
+        else if (cJSON_AddNumberToObject(payload, row.key, flag) != nullptr)
+            *count += 1;
+        return;
+    }
     const bool is_list =
         row.value_type >= TELEMETRY_VALUE_LIST_INT && row.value_type <= TELEMETRY_VALUE_LIST_STRING;
     if (is_list)

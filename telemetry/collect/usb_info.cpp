@@ -30,20 +30,37 @@ static constexpr int kMaxUsbEntries = 256;
 static constexpr char kHubClass[] = "09";
 
 namespace {
-// A class code of a device or interface, and the type it stands for. A device with several (a modem that
-// brings its own drive) has the type of the highest rank.
-struct UsbClass {
-    const char *code;
+// What an interface is, and the type of device it stands for. A device with several (a modem that brings its
+// own drive) has the type of the highest rank.
+struct UsbKind {
+    const char *code; // driver's name, or class, subclass and protocol with "." for any digit
     TelemetryUsbType type;
     int rank;
 };
 } // namespace
 
-static constexpr UsbClass kUsbClasses[] = {
-    {"02", TELEMETRY_USB_MODEM, 3},
-    {"0a", TELEMETRY_USB_MODEM, 3},
-    {"07", TELEMETRY_USB_PRINTER, 2},
-    {"08", TELEMETRY_USB_STORAGE, 1},
+static constexpr UsbKind kUsbDrivers[] = {
+    {"qmi_wwan", TELEMETRY_USB_MODEM, 3},       {"cdc_mbim", TELEMETRY_USB_MODEM, 3},
+    {"huawei_cdc_ncm", TELEMETRY_USB_MODEM, 3}, {"rndis_host", TELEMETRY_USB_MODEM, 3},
+    {"cdc_wdm", TELEMETRY_USB_MODEM, 3},        {"option", TELEMETRY_USB_MODEM, 3},
+    {"sierra", TELEMETRY_USB_MODEM, 3},         {"sierra_net", TELEMETRY_USB_MODEM, 3},
+    {"qcserial", TELEMETRY_USB_MODEM, 3},       {"hso", TELEMETRY_USB_MODEM, 3},
+    {"ipheth", TELEMETRY_USB_MODEM, 3},         {"usblp", TELEMETRY_USB_PRINTER, 2},
+    {"usb-storage", TELEMETRY_USB_STORAGE, 1},  {"uas", TELEMETRY_USB_STORAGE, 1},
+};
+
+// A plain serial or Ethernet adapter has class 02, too: only what a modem alone has counts.
+static constexpr UsbKind kUsbClasses[] = {
+    {"0208..", TELEMETRY_USB_MODEM, 3},   // wireless handset
+    {"0209..", TELEMETRY_USB_MODEM, 3},   // device management
+    {"020e..", TELEMETRY_USB_MODEM, 3},   // MBIM
+    {"0202ff", TELEMETRY_USB_MODEM, 3},   // RNDIS, in its three forms
+    {"e00103", TELEMETRY_USB_MODEM, 3},   //
+    {"ef0401", TELEMETRY_USB_MODEM, 3},   //
+    {"ff42..", TELEMETRY_USB_OTHER, 0},   // debugging a telephone
+    {"ff....", TELEMETRY_USB_MODEM, 3},   // the maker's own, QMI among them, unless a driver knows better
+    {"07....", TELEMETRY_USB_PRINTER, 2}, //
+    {"08....", TELEMETRY_USB_STORAGE, 1},
 };
 
 static std::string read_attribute(const std::string &entry, const char *name) {
@@ -65,13 +82,48 @@ static void copy_usb_id(char (&destination)[8], const std::string &id) {
         LOG_ERROR("usb id is not four hexadecimal digits");
 }
 
-static void raise_type(const std::string &code, TelemetryUsbType *type, int *rank) {
-    for (const UsbClass &known : kUsbClasses) {
-        if (code == known.code && known.rank > *rank) {
-            *type = known.type;
-            *rank = known.rank;
-        }
+static bool fits_code(const std::string &code, const char *pattern) {
+    for (const char c : code) {
+        if (*pattern == '\0' || (*pattern != '.' && *pattern != c))
+            return false;
+        ++pattern;
     }
+    return *pattern == '\0';
+}
+
+// The kind of an interface by its driver, without one by its class; null when neither is known.
+static const UsbKind *find_kind(const std::string &driver, const std::string &code) {
+    for (const UsbKind &known : kUsbDrivers) {
+        if (driver == known.code)
+            return &known;
+    }
+    // What a driver of another kind serves is the maker's own, but no modem.
+    if (!driver.empty() && code.compare(0, 2, "ff") == 0)
+        return nullptr;
+    for (const UsbKind &known : kUsbClasses) {
+        if (fits_code(code, known.code))
+            return &known;
+    }
+    return nullptr;
+}
+
+// Name of the kernel's driver of an interface; empty when it has none, or one for programs ("usbfs").
+static std::string read_driver(const std::string &directory, const std::string &interface) {
+    std::error_code error;
+    const std::filesystem::path target =
+        std::filesystem::read_symlink(directory + "/" + interface + "/driver", error);
+    const std::string name = error ? "" : target.filename().string();
+    return name == "usbfs" ? "" : name;
+}
+
+// Class, subclass and protocol of a device or interface; what is not told is "00".
+static std::string read_code(const std::string &entry, const std::string &prefix) {
+    std::string code;
+    for (const char *attribute : {"Class", "SubClass", "Protocol"}) {
+        const std::string digits = read_attribute(entry, (prefix + attribute).c_str());
+        code += digits.size() == 2 ? digits : "00";
+    }
+    return code;
 }
 
 // Names in the device directory: "usb1" is a root hub, "1-1" a device, "1-1:1.0" one of its interfaces. The
@@ -98,19 +150,25 @@ static std::string find_usb_device(const std::string &directory) {
     return first;
 }
 
+// A device whose interfaces are not listed is what its own class says.
 static TelemetryUsbType find_usb_type(const std::string &directory, const std::string &device) {
-    TelemetryUsbType type = TELEMETRY_USB_OTHER;
-    int rank = 0;
-    raise_type(read_attribute(device, "bDeviceClass"), &type, &rank);
+    const UsbKind *best = nullptr;
+    bool listed = false;
     int seen = 0;
     std::error_code error;
     for (std::filesystem::directory_iterator at(directory, error), end;
          !error && at != end && seen < kMaxUsbEntries; at.increment(error), ++seen) {
         const std::string name = at->path().filename().string();
-        if (name.rfind(device + ":", 0) == 0)
-            raise_type(read_attribute(name, "bInterfaceClass"), &type, &rank);
+        if (name.rfind(device + ":", 0) != 0)
+            continue;
+        listed = true;
+        const UsbKind *kind = find_kind(read_driver(directory, name), read_code(name, "bInterface"));
+        if (kind != nullptr && (best == nullptr || kind->rank > best->rank))
+            best = kind;
     }
-    return type;
+    if (!listed)
+        best = find_kind("", read_code(device, "bDevice"));
+    return best != nullptr ? best->type : TELEMETRY_USB_OTHER;
 }
 
 int collect_myself_usb_info(UsbInfoRecord *record) {
@@ -119,8 +177,9 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
         return -1;
     }
     *record = {};
-    record->usb_enable =
-        telemetry_get_uci_enabled_value("usb", "settings", "usb_enable", TELEMETRY_UCI_SYSTEM);
+    int enabled = -1;
+    telemetry_read_flag("usb", "settings", "usb_enable", &enabled);
+    record->usb_enable = enabled;
     record->config_is_change =
         telemetry_update_tmp_backup_config_by_telemetry_index(kUsbRows, 1) == 1 ? 1 : 0;
     const std::string directory = telemetry_path(kUsbDeviceDir);
@@ -135,11 +194,11 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
 
 // --- Every node ---
 
-// Ids are there only with a device.
+// Ids are there only with a device, the switch only where it is known.
 static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
-    bool filled = cJSON_AddNumberToObject(entry, "ue", record.usb_enable) != nullptr &&
-                  cJSON_AddNumberToObject(entry, "cc", record.config_is_change) != nullptr &&
-                  cJSON_AddNumberToObject(entry, "ut", record.usb_type) != nullptr;
+    bool filled = record.usb_enable < 0 || cJSON_AddNumberToObject(entry, "ue", record.usb_enable) != nullptr;
+    filled = cJSON_AddNumberToObject(entry, "cc", record.config_is_change) != nullptr &&
+             cJSON_AddNumberToObject(entry, "ut", record.usb_type) != nullptr && filled;
     if (record.vendor_id[0] != '\0')
         filled = cJSON_AddStringToObject(entry, "vi", record.vendor_id) != nullptr && filled;
     if (record.product_id[0] != '\0')
@@ -147,15 +206,18 @@ static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
     return filled;
 }
 
-static int32_t read_flag(const cJSON *result, const char *key) {
+// `missing` when the answer has no such member.
+static int32_t read_flag(const cJSON *result, const char *key, int32_t missing) {
     int64_t flag = 0;
-    return json_int64(result, key, &flag) && flag != 0 ? 1 : 0;
+    if (!json_int64(result, key, &flag))
+        return missing;
+    return flag != 0 ? 1 : 0;
 }
 
 static void apply_usb_result(const cJSON *result, void *user) {
     UsbInfoRecord record = {};
-    record.usb_enable = read_flag(result, "usb_enable");
-    record.config_is_change = read_flag(result, "config_is_change");
+    record.usb_enable = read_flag(result, "usb_enable", -1);
+    record.config_is_change = read_flag(result, "config_is_change", 0);
     int64_t type = TELEMETRY_USB_NONE;
     json_int64(result, "usb_type", &type);
     record.usb_type = type >= TELEMETRY_USB_NONE && type <= TELEMETRY_USB_OTHER ? static_cast<int32_t>(type)
@@ -166,7 +228,7 @@ static void apply_usb_result(const cJSON *result, void *user) {
         copy_usb_id(record.product_id, id);
     JsonPtr entry(cJSON_CreateObject());
     if (entry && fill_entry(entry.get(), record))
-        telemetry_node_list_add(static_cast<cJSON *>(user), json_text(result, "mac"), std::move(entry));
+        telemetry_node_list_add_answer(static_cast<cJSON *>(user), result, std::move(entry));
 }
 
 // Whether the list says more than that a change which has been reported is over, or that the nodes answered

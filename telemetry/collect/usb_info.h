@@ -13,7 +13,7 @@ enum TelemetryUsbType : int32_t {
 
 struct UsbInfoRecord {
     char mac[18];             // filled by whoever knows the node
-    int32_t usb_enable;       // option `usb`.`settings`.`usb_enable`
+    int32_t usb_enable;       // option `usb`.`settings`.`usb_enable`; -1 unknown
     int32_t config_is_change; // 1: that option changed since this node's last report
     int32_t usb_type;         // TelemetryUsbType of the first device that is not a hub
     char vendor_id[8];        // four hexadecimal digits, empty without a device

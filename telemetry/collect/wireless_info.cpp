@@ -11,6 +11,7 @@
 #include "collector_patterns.h"
 #include "wlan_platform.h"
 #include "telemetry_log.h"
+#include "telemetry_repeat.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
@@ -102,7 +103,7 @@ static int read_host_ssid(char (&ssid)[kValueSize]) {
 static int get_ssid_len_host_2g(const char *, char *buffer, int size) {
     char ssid[kValueSize] = {};
     if (read_host_ssid(ssid) != 0) {
-        LOG_ERROR("get ssid len failed!");
+        LOG_MISSING("get ssid len failed!");
         return -1;
     }
     return put_number(buffer, size, static_cast<int>(strlen(ssid)));
@@ -111,7 +112,7 @@ static int get_ssid_len_host_2g(const char *, char *buffer, int size) {
 static int get_ssid_type_host_2g(const char *, char *buffer, int size) {
     char ssid[kValueSize] = {};
     if (read_host_ssid(ssid) != 0) {
-        LOG_ERROR("get ssid type failed!");
+        LOG_MISSING("get ssid type failed!");
         return -1;
     }
     int classes = 0;
@@ -228,12 +229,12 @@ static bool band_is_enabled(const WirelessBand &band) {
 static bool read_row(const WirelessBand &band, const WirelessOption &row, char (&value)[kValueSize]) {
     if (row.getter != nullptr) {
         if (row.getter(band.ctype, value, sizeof(value)) != 0) {
-            LOG_ERROR("get %s failed", row.key);
+            LOG_MISSING("get %s failed", row.key);
             return false;
         }
     } else if (telemetry_get_uci_value(row.package, row.section, row.option, value, sizeof(value),
                                        TELEMETRY_UCI_SYSTEM) != 0) {
-        LOG_ERROR("uci read %s %s %s failed", row.package, row.section, row.option);
+        LOG_MISSING("uci read %s %s %s failed", row.package, row.section, row.option);
         return false;
     }
     if (row.converter != nullptr && row.converter(value, kValueSize - 1) != 0) {

@@ -7,6 +7,7 @@
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
@@ -78,7 +79,7 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
     uci_package *package = nullptr;
     if (uci_load(uci.get(), "interfaces", &package) != UCI_OK) {
         uci_perror(uci.get(), "load profile");
-        LOG_ERROR("uci load interface failed");
+        LOG_MISSING("uci load interface failed");
         return -1;
     }
     const int wan = count_wan != 0 ? get_wan_port() : -1;
@@ -164,9 +165,9 @@ int telemetry_collect_device_parent_mac(char *buffer) {
     if (mode == nullptr || strncmp("FAP", mode, strlen(mode)) == 0)
         return 0;
     const char *parent = json_text(root.get(), "parent_mac");
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (parent == nullptr || mac_to_upper_short_line(mac, parent) != 0)
         return -1;
-    copy_text(buffer, sizeof(mac), mac);
+    copy_text(buffer, sizeof(MeshDeviceInfo::parent_mac), mac);
     return 0;
 }

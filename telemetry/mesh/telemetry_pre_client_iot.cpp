@@ -5,6 +5,7 @@
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_repeat.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
 
@@ -35,17 +36,21 @@ static const char *iot_category_of(const char *value) {
 
 static bool section_names_client(uci_context *uci, uci_section *section, const PreClientInfo *client) {
     const char *value = uci_lookup_option_string(uci, section, "mac");
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (value == nullptr || mac_to_upper_short_line(mac, value) != 0 || mac[0] == '\0')
         return false;
     return strncmp(client->mac, mac, strlen(mac)) == 0;
 }
 
 int identify_iot_client_in_iot_module(PreClientInfo *client, const char *package, const char *module) {
+    if (client == nullptr || package == nullptr || *package == '\0' || module == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
     uci_package *loaded = nullptr;
     if (!uci || uci_load(uci.get(), package, &loaded) != UCI_OK) {
-        LOG_ERROR("uci_load failed, package=%s.", package);
+        LOG_MISSING_ONCE("uci_load failed, package=%s.", package);
         return -1;
     }
     int result = -1;

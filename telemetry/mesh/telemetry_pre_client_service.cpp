@@ -95,7 +95,7 @@ static bool fill_tfstats_client(PreClientInfo *client, blob_attr *entry, CutText
     if (!is_table(entry))
         return false;
     parse_table(kTfsEntryPolicy, tb, entry);
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (tb[TFS_ENTRY_IP] == nullptr || tb[TFS_ENTRY_MAC] == nullptr ||
         mac_to_upper_short_line(mac, blobmsg_get_string(tb[TFS_ENTRY_MAC])) != 0)
         return false;
@@ -222,7 +222,7 @@ static bool parse_client_entry(blob_attr *entry, blob_attr *(&tb)[kEntryMembers]
 
 // The record of an entry's address, or null.
 static PreClientInfo *client_of_address(const char *address) {
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (address == nullptr || mac_to_upper_short_line(mac, address) != 0)
         return nullptr;
     return telemetry_find_client_by_mac(mac);
@@ -375,7 +375,7 @@ static void handle_sync_list_reply(blob_attr *message, void *user) {
             continue;
         const cJSON *node = cJSON_GetObjectItemCaseSensitive(nodes.get(), client->device_id);
         const char *address = json_text(node, "mac");
-        char mac[18] = {};
+        char mac[kMacTextSize] = {};
         if (address != nullptr && mac_to_upper_short_line(mac, address) == 0)
             copy_text(client->ap_mac, mac);
     }

@@ -26,6 +26,10 @@ static void drop_repeated_stations(ClientStaList *list, uint32_t begin, uint32_t
 }
 
 int telemetry_get_client_sta_info(ClientStaList *list, uint32_t *found) {
+    if (list == nullptr || found == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     int result = 0;
     *found = 0;
     for (int band = 0; band < kStationBands; ++band) {
@@ -55,7 +59,7 @@ int telemetry_get_client_sta_info(ClientStaList *list, uint32_t *found) {
 
 static void apply_station(const ClientStaInfo *station) {
     char text[13] = {};
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     const uint8_t *address = station->is_mlo == 1 ? station->mld_mac : station->mac;
     if (mac_uint8_to_char(text, sizeof(text), address, sizeof(station->mac)) != 0 ||
         mac_to_upper_short_line(mac, text) != 0)

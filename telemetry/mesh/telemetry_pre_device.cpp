@@ -30,7 +30,7 @@ static void fill_device_record(MeshDeviceInfo *device, const cJSON *entry) {
     const size_t key_length = strnlen(entry->string, sizeof(device->device_id));
     memcpy(device->device_id, entry->string, key_length);
     const char *address = json_text(entry, "mac");
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (address != nullptr && mac_to_upper_short_line(mac, address) == 0)
         copy_text(device->mac, mac);
     copy_member(device->device_model, entry, "device_model");

@@ -53,7 +53,7 @@ static void apply_backhaul(MeshDeviceInfo *device, const cJSON *links) {
 
 void telemetry_apply_re_backhaul_result(const cJSON *result) {
     const char *sender = json_text(result, "mac");
-    char mac[18] = {};
+    char mac[kMacTextSize] = {};
     if (sender == nullptr || mac_to_upper_short_line(mac, sender) != 0)
         return;
     MeshDeviceInfo *device = telemetry_find_device_by_mac(mac);
@@ -92,23 +92,26 @@ int telemetry_collect_re_backhaul_info(const char *fap_ipaddr) {
 
 // --- Station details of the satellites' clients ---
 
+// Empty entries of a list that have a line each.
+static constexpr int kEmptyEntriesSaid = 16;
+
 void parseClientStaInfoMsg(const cJSON *result) {
     if (telemetry_get_client_info_list() == nullptr) {
         LOG_ERROR("client info is NULL");
         return;
     }
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(result, "client_sta_list");
-    bool empty_said = false; // once a list: it may have a hundred thousand of them
+    int empty = 0;
     for (const cJSON *entry = cJSON_IsArray(list) ? list->child : nullptr; entry != nullptr;
          entry = entry->next) {
         if (entry->child == nullptr) {
-            if (!empty_said)
+            // A list may have a hundred thousand of them.
+            if (++empty <= kEmptyEntriesSaid)
                 LOG_ERROR("pItem is NULL");
-            empty_said = true;
             continue;
         }
         const char *address = json_text(entry, "mac_addr");
-        char mac[18] = {};
+        char mac[kMacTextSize] = {};
         if (address == nullptr || mac_to_upper_short_line(mac, address) != 0)
             continue;
         PreClientInfo *client = telemetry_find_client_by_mac(mac);
@@ -118,6 +121,8 @@ void parseClientStaInfoMsg(const cJSON *result) {
         json_number(entry, "ng_rxrate", &client->rxrate);
         json_number(entry, "ng_txrate", &client->txrate);
     }
+    if (empty > kEmptyEntriesSaid)
+        LOG_ERROR("client_sta_list has %d empty entries", empty);
 }
 
 static void apply_client_result(const cJSON *result, void *) {

@@ -76,8 +76,10 @@ const char *telemetry_get_fap_ipaddr() {
 }
 
 const char *telemetry_get_device_mac_by_id(const char *device_id) {
-    if (device_id == nullptr)
+    if (device_id == nullptr) {
+        LOG_ERROR("param error");
         return nullptr;
+    }
     for (int i = 0; i < telemetry_pre_collect.device_num; ++i) {
         const MeshDeviceInfo *device = &telemetry_pre_collect.devices[i];
         if (strncmp(device->device_id, device_id, sizeof(device->device_id)) == 0)
@@ -87,6 +89,10 @@ const char *telemetry_get_device_mac_by_id(const char *device_id) {
 }
 
 MeshDeviceInfo *telemetry_find_device_by_mac(const char *mac) {
+    if (mac == nullptr) {
+        LOG_ERROR("param error");
+        return nullptr;
+    }
     const size_t length = strlen(mac);
     // An empty text is no address, though every text begins with it.
     for (int i = 0; length > 0 && i < telemetry_pre_collect.device_num; ++i) {
@@ -125,10 +131,10 @@ static void build_mac_index() {
 }
 
 // First record whose mac begins with the text, among the confirmed ones when asked. An empty text is no
-// address.
+// address, and one longer than every record's matches none.
 static PreClientInfo *find_client(std::string_view mac, bool confirmed) {
     PreCollectInfo *info = &telemetry_pre_collect;
-    if (info->clients == nullptr || mac.empty())
+    if (info->clients == nullptr || mac.empty() || mac.size() > kFullMacLength)
         return nullptr;
     int32_t first = 0;
     if (mac.size() == kFullMacLength) {
@@ -148,6 +154,10 @@ static PreClientInfo *find_client(std::string_view mac, bool confirmed) {
 }
 
 PreClientInfo *telemetry_find_client_by_mac(const char *mac) {
+    if (mac == nullptr) {
+        LOG_ERROR("param error");
+        return nullptr;
+    }
     return find_client(mac, false);
 }
 
@@ -164,7 +174,7 @@ PreClientInfo *get_telemetry_pre_client_info(const char *mac) {
         LOG_ERROR("pre client info is NULL");
         return nullptr;
     }
-    char converted[18] = {};
+    char converted[kMacTextSize] = {};
     if (mac_to_upper_short_line(converted, mac) != 0)
         return nullptr;
     return find_client(converted, true);

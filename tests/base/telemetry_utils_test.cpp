@@ -40,10 +40,10 @@ TEST_F(TelemetryUtils, MacConversions) {
         {mac_to_short_line, "aAbBc", "aA-bB-c"},
         {mac_to_short_line, "", ""},
         // Whatever comes, 17 characters at most.
-        {mac_to_upper_short_line, std::string(5000, 'a'), "AA-AA-AA-AA-AA-AA"},
+        {mac_to_upper_short_line, std::string(5000, 'a'), "AA-AA-AA-AA-AA-AA-AA-AA-A"},
         {mac_to_upper_short_line, std::string(5000, ':') + "abc", "AB-C"},
     };
-    char output[18];
+    char output[kMacTextSize];
     for (const auto &[convert, source, expected] : cases) {
         EXPECT_EQ(convert(output, source.c_str()), 0);
         EXPECT_STREQ(output, expected);
@@ -163,6 +163,31 @@ TEST_F(TelemetryUtils, OnlyAddressesAndNamesPass) {
     EXPECT_EQ(telemetry_is_host(nullptr), 0);
     EXPECT_EQ(telemetry_is_host(std::string(253, 'a').c_str()), 1);
     EXPECT_EQ(telemetry_is_host(std::string(254, 'a').c_str()), 0);
+}
+
+TEST(TelemetryRepeat, WhatTheLastCycleSaidTooIsSaidAtDebugLevel) {
+    const OutputCapture capture; // nothing was said before
+    const auto say = [](int package) {
+        const TelemetryRepeat repeat = telemetry_repeat_check("no package %d", package);
+        const char level = repeat.level == TELEMETRY_LOG_ERROR ? 'e' : 'd';
+        return repeat.first ? std::string(1, level) : level + std::string("+");
+    };
+    std::string said;
+    for (const char *cycle : {"121", "11", "1", "", "1"}) {
+        telemetry_repeat_next_cycle();
+        for (const char *package = cycle; *package != '\0'; ++package)
+            said += say(*package - '0');
+        said += '|';
+    }
+    EXPECT_EQ(said, "eee+|dd+|d||e|");
+    // What finds no place is new again and again.
+    for (const char *expected : {"ee", "de"}) {
+        telemetry_repeat_next_cycle();
+        const std::string first = say(1000);
+        for (int i = 1001; i < 2999; ++i)
+            say(i);
+        EXPECT_EQ(first + say(2999), expected);
+    }
 }
 
 TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {

@@ -41,7 +41,7 @@ struct Module {
 
 const Module kEcoMode = {
     {collect_ecomode_info, false, "eco_mode"},
-    {{"eco_mode", "config eco settings;option enable on;option mode schedule;option low_power_wifi 0;"
+    {{"eco_mode", "config eco settings;option enable yes;option mode schedule;option low_power_wifi 0;"
                   "config eco schedule;option begin 23;option end 6;list days mon;list days sun;"}},
     R"({"en":1,"md":"schedule","sb":23,"se":6,"sd":["mon","sun"],"lw":0})",
     {"begin 23", "begin 22", R"({"en":1,"md":"schedule","sb":22,"se":6,"sd":["mon","sun"],"lw":0})"}};
@@ -73,18 +73,20 @@ const Module kQuicksetup = {
     {"en_GB", "de", R"({"done":1,"st":312,"wt":"auto","tz":"UTC+1","lang":"de","smart":0})"}};
 
 #define VPN \
-    R"({"ovs":1,"pps":0,"l2s":0,"ips":1,"wgs":1,"vc":1,"vk":"wireguard","vn":2,"vd":1,"pf":3,"dm":1,"up":1,)"
+    R"({"ovs":1,"pps":0,"l2s":0,"ips":1,"wgs":1,"vc":1,"vk":"wireguard","vn":2,"vd":1,"pf":2,"dm":1,"up":1,)"
 const Module kAdvanced = {
     {collect_advanced_info, true, nullptr},
-    {{"openvpn", "config server server;option enabled 1;"},
-     {"pptpd", "config server server;option enabled off;"},
+    {{"openvpn", "config server server;option enabled enabled;"},
+     {"pptpd", "config server server;option enabled disabled;"},
      {"l2tp", "config server server;option enabled 0;"},
      {"ipsec", "config server server;option enabled true;"},
      {"network", "config interface wan;option proto dhcp;config interface wg0;option proto wireguard;"
-                 "config interface wg1;option proto wireguard;"},
+                 "option listen_port 51820;"},
      {"vpn", "config client client;option enabled on;option kind wireguard;config server;config server;"
              "config device;"},
-     {"firewall", "config redirect;config redirect;config redirect;config dmz dmz;option enabled 1;"},
+     {"firewall", "config redirect;config redirect;option target DNAT;option enabled 1;config "
+                  "redirect;option target SNAT;"
+                  "config redirect;option target DNAT;option enabled off;config dmz dmz;option enabled 1;"},
      {"upnpd", "config upnpd config;option enabled 1;"},
      {"ddns", "config service a;option enabled 0;config service b;option enabled on;"}},
     VPN R"("dd":1})",
@@ -104,7 +106,7 @@ const Module kRestart = {
     "{}",
     R"({"ut":5000000000.00,"tn":3})"};
 
-#define NO_USB R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0}]})"
+#define NO_USB R"({"ul":[{)" OWN R"(,"cc":0,"ut":0}]})"
 const Module kUsb = {{collect_usb_info, false, nullptr},
                      {{"usb", "config usb settings;option usb_enable on;"}},
                      R"({"ul":[{)" OWN R"(,"ue":1,"cc":1,"ut":0}]})",
@@ -121,8 +123,8 @@ const Module kAfc = {
     GRANTED,
     {R"("granted","expires_in":7200)", R"("at 48.1 N","expires_in":1e999)",
      R"({"al":[{)" OWN R"(,"en":1,"cl":[{"oc":131,"ch":37,"pw":30.50}]}]})"},
-    R"({"al":[{)" OWN R"(,"en":0}]})",
-    R"({"al":[{)" OWN R"(,"en":0}]})",
+    R"({"al":[{)" OWN R"(}]})",
+    R"({"al":[{)" OWN R"(}]})",
     GRANTED};
 
 const Module kHavenguard = {
@@ -132,8 +134,9 @@ const Module kHavenguard = {
       "config isolation isolation;option enable 0;config isolated_device;config isolated_device;"
       "config application application;option enable on;config blocked_application;"},
      {"access_control", "config settings settings;option enable 1;option mode deny;config device;"},
-     {"parental", "config profile a;option schedule 1;option name hush;config profile b;option schedule on;"
-                  "option time_limit 1;config profile c;option schedule 0;"},
+     {"parental", "config profile a;list schedule mon;list schedule tue;option name hush;config profile "
+                  "b;option schedule mon-fri;"
+                  "option time_limit 120;config profile c;option schedule off;option time_limit 0;"},
      {"/tmp/havenguard/stats", R"({"blocked_pages":73,"last":"hush"})"}},
     R"({"wp":1,"ac":1,"am":"deny","an":1,"cs":1,"cn":1,"di":0,"dn":2,"pn":3,"ps":2,"pt":1,"ab":1,"bn":1,"wb":73})",
     {"73", "74", R"({"wb":74})"},
@@ -149,7 +152,7 @@ class FurtherInfo : public CollectorTest {
     FurtherInfo() {
         copy_text(ctx.dev_mac, "020000000101");
     }
-    // An empty router with this module's sources, and a mesh of two nodes of which the other answers this.
+    // An empty router with this module's sources, and a mesh of many nodes of which the others answer this.
     void lay_out(const Module &module, const char *support = "yes", const std::string &answer = "") {
         root.clean();
         root.write_backup("");
@@ -162,7 +165,12 @@ class FurtherInfo : public CollectorTest {
         telemetry_free_device_info_list();
         if (answer.empty())
             return;
-        telemetry_init_device_info_list(2);
+        telemetry_init_device_info_list(300);
+        for (int i = 0; i < 300; ++i) {
+            const std::string digits = std::to_string(i < 3 ? 101 + i : 200 + i - 3);
+            copy_text(telemetry_get_device_info_list()[i].mac,
+                      ("02-00-00-00-0" + digits.substr(0, 1) + "-" + digits.substr(1)).c_str());
+        }
         fake_services["sync.request"].json = answer;
     }
     // The report; its count is one a member, or one an entry of a list of nodes.
@@ -291,6 +299,35 @@ TEST_F(FurtherInfo, HugeListsAreBounded) {
     EXPECT_EQ(collect(kQos), R"({"pn":10000,"an":0})");
 }
 
+TEST_F(FurtherInfo, OtherFormsOfASettingMeanWhatTheyMean) {
+    const struct {
+        const Module &module;
+        std::string from, to; // in the sources
+        const char *reported;
+        const char *line; // of the log
+    } cases[] = {
+        {kIptv, "igmp_snooping 0", "igmp_snooping maybe",
+         R"({"en":1,"md":"bridge","ip":1,"iv":3,"vi":10,"vp":20,"vt":30})",
+         "iptv.iptv.igmp_snooping is neither on nor off"},
+        {kUsb, " on", " TRUE", NO_USB, "usb.settings.usb_enable is neither on nor off"},
+        // A client of WireGuard; a server that is off.
+        {kAdvanced, "option listen_port 51820", "option mtu 1420", R"("wgs":0)", ""},
+        {kAdvanced, "51820", "51820;option disabled 1", R"("wgs":0)", ""},
+        {kAdvanced, "51820", "51820;option disabled 0", R"("wgs":1)", ""},
+        {kQuicksetup, "config system basic", "config system", R"("tz":"UTC+1","lang":"en_GB")", ""},
+        {kQuicksetup, "config system basic;option timezone UTC+1",
+         "config system;option timezone UTC;config x basic", R"("tz":"UTC","lang":"en_GB")", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.to);
+        lay_out(c.module);
+        for (const Source &source : c.module.sources)
+            put(source.name, replaced(source.content, c.from, c.to));
+        EXPECT_THAT(collect(c.module), HasSubstr(c.reported));
+        EXPECT_THAT(log, HasSubstr(c.line));
+    }
+}
+
 TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
     // Files below /sys/bus/usb/devices.
     const std::pair<std::string, const char *> cases[] = {
@@ -298,7 +335,21 @@ TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
         {"1-1/bDeviceClass=09 1-1.2/bDeviceClass=07 1-1.2/idVendor=03F0 1-1.2/idProduct=1f17",
          R"("ut":3,"vi":"03F0","pi":"1f17"}])"},
         // A modem that brings its own drive; a camera, its interface of no known class, before a stick.
-        {"2-1/bDeviceClass=00 2-1:1.0/bInterfaceClass=08 2-1:1.1/bInterfaceClass=0a", R"("ut":2}])"},
+        {"2-1/bDeviceClass=00 2-1:1.0/bInterfaceClass=08 2-1:1.1/bInterfaceClass=ff", R"("ut":2}])"},
+        {"1-1/bDeviceClass=ef 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=0e", R"("ut":2}])"},
+        {"1-1/bDeviceClass=e0 1-1:1.0/bInterfaceClass=e0 1-1:1.0/bInterfaceSubClass=01 "
+         "1-1:1.0/bInterfaceProtocol=03",
+         R"("ut":2}])"},
+        {"1-1/bDeviceClass=ff 1-1:1.4/bInterfaceClass=ff 1-1:1.4/driver=qmi_wwan", R"("ut":2}])"},
+        // Bluetooth; plain serial and Ethernet adapters, by their class or by their driver.
+        {"1-1/bDeviceClass=e0 1-1:1.0/bInterfaceClass=e0 1-1:1.0/bInterfaceSubClass=01 "
+         "1-1:1.0/bInterfaceProtocol=01",
+         R"("ut":4}])"},
+        {"1-1/bDeviceClass=02 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=02 "
+         "1-1:1.1/bInterfaceClass=0a",
+         R"("ut":4}])"},
+        {"1-1/bDeviceClass=02 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=06", R"("ut":4}])"},
+        {"1-1/bDeviceClass=ff 1-1:1.0/bInterfaceClass=ff 1-1:1.0/driver=ftdi_sio", R"("ut":4}])"},
         {"1-1/bDeviceClass=ef 1-1:1.0/bInterfaceClass=0e 1-2/bDeviceClass=00 1-2:1.0/bInterfaceClass=08",
          R"("ut":4}])"},
         {"1-1/bDeviceClass=08 1-1/idVendor=$(x) 1-1/idProduct=12345", R"("ut":1}])"},
@@ -308,9 +359,14 @@ TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
         SCOPED_TRACE(files);
         lay_out(kUsb);
         std::istringstream words(files);
-        for (std::string word; words >> word;)
-            root.write("/sys/bus/usb/devices/" + word.substr(0, word.find('=')),
-                       word.substr(word.find('=') + 1) + "\n");
+        for (std::string word; words >> word;) {
+            const std::string path = "/sys/bus/usb/devices/" + word.substr(0, word.find('='));
+            const std::string value = word.substr(word.find('=') + 1);
+            if (path.ends_with("/driver"))
+                std::filesystem::create_symlink("../../drivers/" + value, root.path(path));
+            else
+                root.write(path, value + "\n");
+        }
         EXPECT_THAT(collect(kUsb), HasSubstr(entry));
     }
 }
@@ -320,10 +376,12 @@ TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
                                   R"("product_id":"not hex","mac":"02-00-00-00-01-02"}})";
     const std::string own = R"({"result":{"usb_enable":1,"usb_type":2,"mac":"02:00:00:00:01:01"}})";
     lay_out(kUsb, "yes",
-            R"({"success":3,"data":[)" + satellite + "," + own + R"(,{"result":{"usb_enable":1}}]})");
+            R"({"success":4,"data":[)" + satellite + "," + own +
+                // one without an address, one of no node of the mesh
+                R"(,{"result":{"usb_enable":1}},{"result":{"usb_enable":1,"mac":"02-00-00-00-01-09"}}]})");
     put("usb", "");
-    EXPECT_EQ(collect(kUsb), R"({"ul":[{)" OWN R"(,"ue":0,"cc":0,"ut":0},{)" SATELLITE
-                             R"(,"ue":1,"cc":0,"ut":4,"vi":"0781"}]})");
+    EXPECT_EQ(collect(kUsb),
+              R"({"ul":[{)" OWN R"(,"cc":0,"ut":0},{)" SATELLITE R"(,"ue":1,"cc":0,"ut":4,"vi":"0781"}]})");
     EXPECT_EQ(fake_service_calls.back().arguments,
               R"({"opcode":50949,"target_type":"RE","include_myself":true,"data":{}})");
     // Answers in another order, and a change that is over, are no news.
@@ -337,7 +395,7 @@ TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
     EXPECT_THAT(collect(kAfc,
                         R"({"success":1,"data":{"result":{"en":"yes","st":"48.1 N","ex":60,"lat":1.5,"cl":[)"
                         R"({"oc":131,"ch":5,"pw":30,"lat":2.5},{"ch":"6"},[]],"mac":"02-00-00-00-01-02"}}})"),
-                HasSubstr(R"(},{)" SATELLITE R"(,"en":0,"ex":60,"cl":[{"oc":131,"ch":5,"pw":30}]}]})"));
+                HasSubstr(R"(},{)" SATELLITE R"(,"ex":60,"cl":[{"oc":131,"ch":5,"pw":30}]}]})"));
     EXPECT_EQ(fake_service_calls.back().arguments,
               R"({"opcode":50952,"target_type":"RE","include_myself":true,"data":{}})");
 }

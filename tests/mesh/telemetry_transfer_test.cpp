@@ -142,7 +142,7 @@ TEST_F(ApplyTest, AnswersGoToTheFirstNodeWhoseMacBeginsWithTheirs) {
         // -1: nobody's
         {R"("02:00:00:01:00:02")", 1},
         {R"("0200.0001")", -1},
-        {R"("02:00:00:01:00:02:ff:ff")", 1},
+        {R"("02:00:00:01:00:02:ff:ff")", -1},
         {R"("02")", 0},
         {R"("02000001000")", 0},
         {R"("")", -1},
@@ -189,7 +189,12 @@ TEST_F(ApplyTest, RatesGoToTheFirstClientOfTheAddress) {
         "ng_txrate":866},{}, 5, {"mac_addr":7,"pymode":1}, {"pymode":1}, {"mac_addr":"","pymode":1},
         {"mac_addr":"02:00:00:02:00:09","pymode":1}, {"mac_addr":"02:00:00:02:00:01","ng_txrate":"fast"}]})",
                       parseClientStaInfoMsg),
-                ElementsAre("pItem is NULL")); // once for all of them
+                ElementsAre("pItem is NULL", "pItem is NULL"));
+    std::string empty = "{}";
+    for (int i = 1; i < 5000; ++i)
+        empty += ",{}";
+    EXPECT_EQ(apply(R"({"client_sta_list":[)" + empty + "]}", parseClientStaInfoMsg).size(),
+              17u); // the last is their number
     for (const char *other : {"7", "{}", R"({"client_sta_list":{"a":{"mac_addr":"02","pymode":1}}})", "null"})
         EXPECT_THAT(apply(other, parseClientStaInfoMsg), IsEmpty()) << other;
     const PreClientInfo &client = clients[1];

@@ -20,6 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include "telemetry_repeat.h"
+
 class TestSysroot {
   public:
     TestSysroot() : owner_(getpid()) {
@@ -119,6 +121,9 @@ class OutputCapture {
         fflush(stream_);
         saved_ = dup(fd_);
         dup2(fileno(file_), fd_);
+        // Nothing was said before.
+        telemetry_repeat_next_cycle();
+        telemetry_repeat_next_cycle();
     }
     ~OutputCapture() {
         fflush(stream_);
