@@ -309,7 +309,7 @@ TEST_F(FurtherInfo, OtherFormsOfASettingMeanWhatTheyMean) {
         {kIptv, "igmp_snooping 0", "igmp_snooping maybe",
          R"({"en":1,"md":"bridge","ip":1,"iv":3,"vi":10,"vp":20,"vt":30})",
          "iptv.iptv.igmp_snooping is neither on nor off"},
-        {kUsb, " on", " TRUE", NO_USB, "usb.settings.usb_enable is neither on nor off"},
+        {kUsb, " on", " TRUE", OWN R"(,"cc":1,"ut":0})", "usb.settings.usb_enable is neither on nor off"},
         // A client of WireGuard; a server that is off.
         {kAdvanced, "option listen_port 51820", "option mtu 1420", R"("wgs":0)", ""},
         {kAdvanced, "51820", "51820;option disabled 1", R"("wgs":0)", ""},
