@@ -145,6 +145,7 @@ int uci_add_delta_path(struct uci_context *ctx, const char *dir);
 // Reads confdir/name and applies the changes staged in savedir/name. The package and all that hangs on it belong to
 // the context. UCI_ERR_NOTFOUND without a file, UCI_ERR_PARSE for a bad or too large one (4 MiB, 16384 sections,
 // 1024 options a section), UCI_ERR_DUPLICATE when the context has it already.
+// A name that starts with '/' or './' is the path of a file: it has no staged changes, and a commit writes it as it is.
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package);
 int uci_unload(struct uci_context *ctx, struct uci_package *p);
 

