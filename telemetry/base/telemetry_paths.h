@@ -11,8 +11,6 @@ inline constexpr char kConsolePath[] = "/dev/console";
 inline constexpr char kHeartbeatTimeoutPath[] = "/tmp/cloud_heartbeat_timeout_count";
 inline constexpr char kBackupConfigDir[] = "/tmp/telemetry";
 inline constexpr char kBackupConfigFile[] = "/tmp/telemetry/telemetry";
-// Staged changes are kept by package name only; the backup's package has the name of the system's.
-inline constexpr char kBackupConfigSaveDir[] = "/tmp/telemetry/.uci";
 inline constexpr char kPostDonePath[] = "/tmp/telemetry/post_done";
 inline constexpr char kRestartPath[] = "/tmp/telemetry/restart";
 inline constexpr char kSystemConfigDir[] = "/etc/config";

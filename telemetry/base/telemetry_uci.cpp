@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <unistd.h>
 #include <utility>
 
 #include "telemetry_handles.h"
@@ -10,11 +11,50 @@
 #include "telemetry_paths.h"
 
 static constexpr char kConfigPackage[] = "telemetry";
-static constexpr size_t kLookupSize = 256;       // of "package.section=name"
-static constexpr size_t kProfileLookupSize = 50; // of "profile.@type[0].option"
+static constexpr size_t kBackupFileLimit = 1 << 20; // bytes
+static constexpr size_t kLookupSize = 256;          // of "package.section=name"
+static constexpr size_t kProfileLookupSize = 50;    // of "profile.@type[0].option"
 static constexpr int kEnabledSize = 128;
 
-// A package that is loaded into a context while this lives. A commit may replace or lose it.
+// A context of one of our own directories loads packages by their path: then neither what an operator has
+// staged for the system's package of the same name nor an override of it counts, and a commit writes what is
+// loaded.
+static std::string own_package_path(const uci_context *uci, const char *name) {
+    for (const char *directory : {kBackupConfigDir, kProfileConfigDir}) {
+        if (uci->confdir != nullptr && telemetry_path(directory) == uci->confdir)
+            return strchr(name, '/') == nullptr ? telemetry_path(directory) + "/" + name : "";
+    }
+    return name;
+}
+
+static bool is_backup(const uci_context *uci) {
+    return uci->confdir != nullptr && telemetry_path(kBackupConfigDir) == uci->confdir;
+}
+
+// What makes a backup file one that the library must not see; null when nothing does. A zero byte makes it
+// double its line buffer up to 4 GiB.
+static const char *backup_fault(const std::string &path) {
+    const FilePtr file(fopen(path.c_str(), "re"));
+    char block[4096];
+    size_t size = 0;
+    for (size_t n; file != nullptr && (n = fread(block, 1, sizeof(block), file.get())) > 0;) {
+        size += n;
+        if (memchr(block, '\0', n) != nullptr)
+            return "holds a zero byte";
+        if (size > kBackupFileLimit)
+            return "is larger than 1 MiB";
+    }
+    return nullptr;
+}
+
+static void set_aside(const std::string &path, const char *name, const char *reason) {
+    LOG_ERROR("%s/%s %s: set aside as %s.broken, starting anew", kBackupConfigDir, name, reason, name);
+    if (rename(path.c_str(), (path + ".broken").c_str()) != 0)
+        unlink(path.c_str());
+    const FilePtr anew(fopen(path.c_str(), "we"));
+}
+
+// A package that is loaded into a context while this lives.
 class LoadedPackage {
   public:
     LoadedPackage(uci_context *uci, const char *name) : uci_(uci), name_(name) {
@@ -27,7 +67,19 @@ class LoadedPackage {
     LoadedPackage &operator=(const LoadedPackage &) = delete;
 
     bool load() {
-        if (uci_load(uci_, name_, &package_) != UCI_OK)
+        const std::string path = own_package_path(uci_, name_);
+        if (path.empty())
+            return false;
+        const bool backup = is_backup(uci_);
+        const char *fault = backup ? backup_fault(path) : nullptr;
+        if (fault != nullptr)
+            set_aside(path, name_, fault);
+        int status = uci_load(uci_, path.c_str(), &package_);
+        if (backup && status == UCI_ERR_PARSE) {
+            set_aside(path, name_, "cannot be read");
+            status = uci_load(uci_, path.c_str(), &package_);
+        }
+        if (status != UCI_OK)
             package_ = nullptr;
         return package_ != nullptr;
     }
@@ -36,11 +88,18 @@ class LoadedPackage {
             uci_unload(uci_, package_);
         package_ = nullptr;
     }
+    bool reload() {
+        unload();
+        return load();
+    }
     uci_package *get() const {
         return package_;
     }
+    // A commit replaces the package; one that fails may have freed it without telling.
     bool commit() {
-        return uci_commit(uci_, &package_, false) == UCI_OK && package_ != nullptr;
+        const int status = uci_commit(uci_, &package_, false);
+        package_ = uci_lookup_package(uci_, name_);
+        return status == UCI_OK && package_ != nullptr;
     }
 
   private:
@@ -55,6 +114,11 @@ static bool is_empty(const char *text) {
 
 static bool is_place(const char *package, const char *section, const char *option) {
     return !is_empty(package) && !is_empty(section) && !is_empty(option);
+}
+
+// What a file may have as the name of a section or option. The library takes others until it reads them.
+static bool is_name(const char *text) {
+    return text[strspn(text, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_")] == '\0';
 }
 
 // An option's text; the items of a list joined by single blanks.
@@ -82,7 +146,7 @@ static uci_section *find_section(uci_context *uci, const char *package, const ch
 }
 
 static bool set_option(uci_context *uci, uci_section *section, const char *option, const char *value) {
-    if (section == nullptr)
+    if (section == nullptr || !is_name(option))
         return false;
     uci_ptr place{};
     place.target = UCI_TYPE_OPTION;
@@ -96,6 +160,16 @@ static bool set_option(uci_context *uci, uci_section *section, const char *optio
     return uci_set(uci, &place) == UCI_OK;
 }
 
+// Commits a change and reads it back: the library does not look at what becomes of its writes.
+static bool commit_option(uci_context *uci, LoadedPackage &loaded, const char *package, const char *section,
+                          const char *option, const char *value) {
+    if (!loaded.commit() || !loaded.reload())
+        return false;
+    uci_section *written = find_section(uci, package, section);
+    uci_option *entry = written == nullptr ? nullptr : uci_lookup_option(uci, written, option);
+    return written != nullptr && (entry == nullptr ? std::string() : option_text(entry)) == value;
+}
+
 // Sets the option of a loaded package's section and commits when asked.
 static int set_and_commit(uci_context *uci, LoadedPackage &loaded, uci_section *target, const char *package,
                           const char *section, const char *option, const char *value, int commit) {
@@ -103,20 +177,20 @@ static int set_and_commit(uci_context *uci, LoadedPackage &loaded, uci_section *
         LOG_DEBUG("uci_set %s.%s.%s=%s failed", package, section, option, value);
         return -1;
     }
-    if (commit != 0 && !loaded.commit()) {
+    if (commit != 0 && !commit_option(uci, loaded, package, section, option, value)) {
         LOG_ERROR("uci_commit failed");
         return -1;
     }
     return 0;
 }
 
-// Adds a section and gives it its name. The package is committed and no longer loaded afterwards.
-static int create_section(uci_context *uci, LoadedPackage &loaded, const char *package, const char *section,
-                          const char *type) {
+// Adds a section, gives it its name and commits. Null with one line when it is not there afterwards.
+static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, const char *package,
+                                   const char *section, const char *type) {
     uci_section *added = nullptr;
     if (uci_add_section(uci, loaded.get(), type, &added) != UCI_OK || added == nullptr) {
         LOG_ERROR("uci_add_section failed");
-        return -1;
+        return nullptr;
     }
     char path[kLookupSize];
     snprintf(path, sizeof(path), "%s.%s=%s", package, added->e.name, section);
@@ -124,37 +198,35 @@ static int create_section(uci_context *uci, LoadedPackage &loaded, const char *p
     uci_ptr place{};
     if (uci_lookup_ptr(uci, &place, path, false) != UCI_OK) {
         LOG_ERROR("uci_lookup_ptr %s failed", text.c_str());
-        return -1;
+        return nullptr;
     }
-    if (uci_rename(uci, &place) != UCI_OK) {
+    if (!is_name(section) || uci_rename(uci, &place) != UCI_OK) {
         LOG_ERROR("uci_rename %s failed", text.c_str());
-        return -1;
+        return nullptr;
     }
-    const bool committed = loaded.commit();
-    loaded.unload();
-    if (!committed) {
+    uci_section *created = loaded.commit() && loaded.reload() ? find_section(uci, package, section) : nullptr;
+    if (created == nullptr)
         LOG_ERROR("uci commit failed!");
-        return -1;
-    }
-    return 0;
+    return created;
 }
 
-// The directories of a source, also for a context that was used for another.
-static void set_directories(uci_context *uci, const char *config, const char *save) {
-    uci_set_confdir(uci, telemetry_path(config).c_str());
-    uci_set_savedir(uci, telemetry_path(save).c_str());
+void telemetry_uci_use_source(uci_context *uci, uint32_t source) {
+    if (source == TELEMETRY_UCI_SYSTEM) {
+        uci_set_confdir(uci, telemetry_path(kSystemConfigDir).c_str());
+        uci_set_savedir(uci, telemetry_path(kSystemConfigSaveDir).c_str());
+        return;
+    }
+    uci_set_confdir(
+        uci, telemetry_path(source == TELEMETRY_UCI_BACKUP ? kBackupConfigDir : kProfileConfigDir).c_str());
 }
 
 uci_context *telemetry_uci_alloc_context(uint32_t source) {
     uci_context *uci = uci_alloc_context();
     if (uci == nullptr)
         return nullptr;
-    if (source == TELEMETRY_UCI_BACKUP)
-        set_directories(uci, kBackupConfigDir, kBackupConfigSaveDir);
-    else if (source == TELEMETRY_UCI_PROFILE)
-        set_directories(uci, kProfileConfigDir, kSystemConfigSaveDir);
-    else if (!telemetry_sysroot().empty())
-        set_directories(uci, kSystemConfigDir, kSystemConfigSaveDir);
+    // On a router the library's own directories are the system's.
+    if (source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty())
+        telemetry_uci_use_source(uci, source);
     return uci;
 }
 
@@ -220,14 +292,13 @@ int uci_set_value_with_create(uci_context *uci, const char *package, const char 
     uci_section *target = loaded.get() == nullptr ? nullptr : find_section(uci, package, section);
     if (target == nullptr) {
         LOG_DEBUG("failed to find the specified section! add now");
-        loaded.unload();
-        if (!loaded.load()) {
+        if (!loaded.reload()) {
             LOG_ERROR("Failed to uci_load package %s", package);
             return -1;
         }
-        if (create_section(uci, loaded, package, section, is_empty(type) ? "config" : type) != 0)
+        target = create_section(uci, loaded, package, section, is_empty(type) ? "config" : type);
+        if (target == nullptr)
             return -1;
-        target = loaded.load() ? find_section(uci, package, section) : nullptr;
     }
     return set_and_commit(uci, loaded, target, package, section, option, value, commit);
 }
@@ -235,7 +306,7 @@ int uci_set_value_with_create(uci_context *uci, const char *package, const char 
 int _telemetry_get_value_in_telemetry_config(uci_context *uci, const char *package, const char *section,
                                              const char *option, char *buffer, int size) {
     if (uci != nullptr)
-        set_directories(uci, kSystemConfigDir, kSystemConfigSaveDir);
+        telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM);
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
@@ -243,7 +314,7 @@ int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const
                                                          const char *section, const char *option,
                                                          const char *value) {
     if (uci != nullptr)
-        set_directories(uci, kSystemConfigDir, kSystemConfigSaveDir);
+        telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM);
     return uci_set_value_with_create(uci, package, section, option, value, "device", 1);
 }
 

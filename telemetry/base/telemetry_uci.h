@@ -15,8 +15,11 @@ enum TelemetryUciSource : uint32_t {
     TELEMETRY_UCI_PROFILE = 2, // /etc/profile.d: the device profile
 };
 
-// A context of libuci for a source, with its configuration and save directory set; null when memory ran out.
+// A context of libuci for a source, with its directories set; null when memory ran out.
 uci_context *telemetry_uci_alloc_context(uint32_t source);
+
+// Turns a context to another source.
+void telemetry_uci_use_source(uci_context *uci, uint32_t source);
 
 // Opens a self-contained call: a context for `source` when every text has at least one character and memory
 // is there; otherwise null, with one line in the caller's name.

@@ -14,11 +14,6 @@ static constexpr char kBackupPackage[] = "telemetry";
 static constexpr int kValueSize = 2048;
 static constexpr int kDigestSize = 128;
 
-static void use_backup_directories(uci_context *uci) {
-    uci_set_confdir(uci, telemetry_path(kBackupConfigDir).c_str());
-    uci_set_savedir(uci, telemetry_path(kBackupConfigSaveDir).c_str());
-}
-
 static bool is_empty(const char *text) {
     return text == nullptr || text[0] == '\0';
 }
@@ -72,12 +67,8 @@ static bool update_row(uci_context *live_uci, uci_context *backup_uci, const Tel
         return false;
     LOG_DEBUG("%s %s %s config change!\nold %s\nnew %s", row.package, row.section, row.option, recorded,
               live);
-    if (_telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
-                                                              row.option, live) == 0)
-        return true;
-    // A commit that failed half way has staged the value, and every later read finds it.
-    read_recorded_value(backup_uci, section, row.option, recorded);
-    return strncmp(live, recorded, kValueSize) == 0;
+    return _telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
+                                                                 row.option, live) == 0;
 }
 
 // Adds a row's value: texts of list types element by element.
@@ -107,7 +98,7 @@ static bool is_table(const TelemetryIndexEntry *table, int rows) {
 int _telemetry_get_value_in_tmp_backup_config(uci_context *uci, const char *package, const char *section,
                                               const char *option, char *buffer, int size) {
     if (uci != nullptr)
-        use_backup_directories(uci);
+        telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP);
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
@@ -115,7 +106,7 @@ int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, cons
                                                           const char *section, const char *option,
                                                           const char *value) {
     if (uci != nullptr)
-        use_backup_directories(uci);
+        telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP);
     return uci_set_value_with_create(uci, package, section, option, value, "config", 1);
 }
 

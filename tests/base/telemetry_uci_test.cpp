@@ -3,6 +3,9 @@
 
 #include <cstring>
 
+#include <sys/file.h>
+#include <sys/syscall.h>
+
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
@@ -10,6 +13,19 @@
 namespace {
 
 using Messages = std::vector<std::string>;
+
+constexpr char kBroken[] = "config 'broken";
+std::string file_to_break; // by another program, the moment before the library locks something to write
+
+} // namespace
+
+extern "C" int flock(int fd, int operation) noexcept {
+    if ((operation & LOCK_EX) != 0 && !file_to_break.empty())
+        std::ofstream(std::exchange(file_to_break, "")) << kBroken;
+    return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
+
+namespace {
 
 class TelemetryUciTest : public SysrootTest {
   protected:
@@ -125,6 +141,17 @@ TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
     root.remove("/tmp/.uci");
     root.write("/tmp/.uci", "no directory");
     expect_logged(-1, {"uci_commit failed"}, [&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); });
+}
+
+TEST_F(TelemetryUciTest, OutlivesACommitThatFindsTheFileBroken) {
+    for (const char *section : {"s", "missing"}) {
+        root.write_config("p", "config a 's'\n");
+        root.remove("/tmp/.uci");
+        file_to_break = root.path("/etc/config/p");
+        EXPECT_EQ(uci_set_value_with_create(uci.get(), "p", section, "o", "v", nullptr, 1), -1);
+        EXPECT_EQ(root.read("/etc/config/p"), kBroken);
+        EXPECT_TRUE(uci_list_empty(&uci->root));
+    }
 }
 
 TEST_F(TelemetryUciTest, ReadsEnabledValues) {
