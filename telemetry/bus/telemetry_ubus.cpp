@@ -230,6 +230,7 @@ static ubus_object telemetry_object = [] {
 static uloop_timeout reconnect_timer;
 static int64_t connected_at_ms;
 static bool reconnecting;
+static int told_status; // of the last try that failed with a line
 
 static int64_t monotonic_ms() {
     timespec now = {};
@@ -241,16 +242,23 @@ static int64_t monotonic_ms() {
 static bool restore_connection() {
     reconnecting = true;
     int status = ubus_reconnect(telemetry_bus, telemetry_bus_default_socket());
-    if (status == UBUS_STATUS_OK && telemetry_object.id == 0)
+    // The library has closed its socket then, and would close the number again, whoever has it by the next
+    // try.
+    if (status != UBUS_STATUS_OK)
+        telemetry_bus->sock.fd = -1;
+    else if (telemetry_object.id == 0)
         status = ubus_add_object(telemetry_bus, &telemetry_object);
     reconnecting = false;
     if (status != UBUS_STATUS_OK) {
-        // An absent bus has been told once; anything else, such as a name that another process holds, would
-        // go unseen.
-        TELEMETRY_LOG(status == UBUS_STATUS_CONNECTION_FAILED ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR,
-                      "ubus reconnect failed: %s", ubus_strerror(status));
+        // An absent bus has been told as a lost one; anything else, such as a name that another process
+        // holds, would go unseen.
+        const bool told = status == told_status || status == UBUS_STATUS_CONNECTION_FAILED;
+        told_status = status;
+        TELEMETRY_LOG(told ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR, "ubus reconnect failed: %s",
+                      ubus_strerror(status));
         return false;
     }
+    told_status = UBUS_STATUS_OK;
     ubus_add_uloop(telemetry_bus);
     connected_at_ms = monotonic_ms();
     LOG_INFO("ubus connection is back");

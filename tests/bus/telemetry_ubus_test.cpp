@@ -6,7 +6,10 @@
 #include <ctime>
 #include <filesystem>
 
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,6 +22,7 @@
 #include "telemetry_post.h"
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
 
@@ -249,4 +253,82 @@ TEST_F(TelemetryUbusTest, ALossRightAfterTheConnectionWaitsForTheTimer) {
     clock_ahead_s += 4;
     EXPECT_THAT(logged_messages(run_loop_once), ElementsAre("ubus connection is back"));
     EXPECT_EQ(call("clear").json, kDone);
+}
+
+// Several: one pass may take the end of a child in the place of the socket.
+static void run_loop_shortly() {
+    for (int pass = 0; pass < 5; ++pass)
+        run_loop_once();
+}
+
+// In the place of the bus: accepts whoever comes and hangs up.
+class RudeBus {
+  public:
+    explicit RudeBus(const std::string &path) : pid_(listen_and_fork(path)) {}
+    ~RudeBus() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+
+  private:
+    static pid_t listen_and_fork(const std::string &path) {
+        const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        copy_text(address.sun_path, path.c_str());
+        unlink(path.c_str());
+        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener.get(), 8), 0);
+        const pid_t pid = fork();
+        while (pid == 0)
+            close(accept(listener.get(), nullptr, nullptr));
+        return pid;
+    }
+    pid_t pid_;
+};
+
+TEST_F(TelemetryUbusTest, AFailedGreetingCostsNobodyADescriptor) {
+    ASSERT_EQ(telemetry_init_ubus(&ctx), 0);
+    const OutputCapture quiet;
+    bus.kill();
+    clock_ahead_s += 1;
+    {
+        const RudeBus rude(bus.socket());
+        run_loop_shortly();
+    }
+    int others[2]; // an upload's, say, at the number that the connection had
+    ASSERT_EQ(pipe(others), 0);
+    bus.start();
+    clock_ahead_s += 4;
+    run_loop_shortly();
+    EXPECT_EQ(call("clear").json, kDone);
+    for (const int fd : others) {
+        struct stat state = {};
+        EXPECT_EQ(fstat(fd, &state), 0);
+        EXPECT_TRUE(S_ISFIFO(state.st_mode));
+        close(fd);
+    }
+}
+
+TEST_F(TelemetryUbusTest, ATakenNameIsToldOnce) {
+    ASSERT_EQ(telemetry_init_ubus(&ctx), 0);
+    bus.kill();
+    bus.start();
+    ubus_object_type type = {"telemetry", 0, nullptr, 0};
+    ubus_object taken = {};
+    taken.name = "telemetry";
+    taken.type = &type;
+    {
+        LoopClient other(bus.socket());
+        ASSERT_EQ(ubus_add_object(other.bus(), &taken), UBUS_STATUS_OK);
+        EXPECT_THAT(logged_messages([] {
+                        for (int tick = 0; tick < 4; ++tick) {
+                            clock_ahead_s += 3;
+                            run_loop_shortly();
+                        }
+                    }),
+                    ElementsAre("ubus connection is lost", HasSubstr("reconnect failed")));
+    }
+    clock_ahead_s += 3;
+    EXPECT_THAT(logged_messages(run_loop_shortly), ElementsAre("ubus connection is back"));
 }
