@@ -1,6 +1,7 @@
 #include "telemetry_main.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -294,7 +295,38 @@ int telemetry_init_ctx(TelemetryCtx *ctx) {
     return 0;
 }
 
+// Signals that end the loop wait until it runs: its start forgets those that came before. The mask is the
+// process's own again with the loop's first timer, or with the scope.
+class EndSignalsHeld {
+  public:
+    EndSignalsHeld() {
+        sigset_t held;
+        sigemptyset(&held);
+        sigaddset(&held, SIGTERM);
+        sigaddset(&held, SIGINT);
+        sigprocmask(SIG_BLOCK, &held, &before_);
+    }
+    ~EndSignalsHeld() {
+        release();
+    }
+    EndSignalsHeld(const EndSignalsHeld &) = delete;
+    EndSignalsHeld &operator=(const EndSignalsHeld &) = delete;
+
+    void release_in_loop() {
+        timer_.cb = [](uloop_timeout *) { release(); };
+        uloop_timeout_set(&timer_, 0);
+    }
+
+  private:
+    static void release() {
+        sigprocmask(SIG_SETMASK, &before_, nullptr);
+    }
+    inline static sigset_t before_;
+    uloop_timeout timer_ = {};
+};
+
 static void start_and_run(TelemetryCtx *ctx) {
+    EndSignalsHeld signals;
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
     const bool initialised = telemetry_init_ctx(ctx) == 0;
@@ -304,6 +336,7 @@ static void start_and_run(TelemetryCtx *ctx) {
         LOG_ERROR("telemetry_init_ctx error, stop");
         return;
     }
+    signals.release_in_loop();
     telemetry_post_state_FSM(ctx);
     uloop_run();
 

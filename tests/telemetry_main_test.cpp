@@ -1,5 +1,6 @@
 #include "telemetry_main.h"
 
+#include <csignal>
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,6 +20,7 @@ int telemetry_main();
 
 static std::vector<std::string> calls;
 static bool pool_fails, bus_fails;
+static bool terminated; // while the bus is connected
 static std::string popen_fails_for;
 static uloop_timeout far_timer; // armed until the loop is taken down
 static int free_descriptor;     // the lowest one when the bus is connected
@@ -39,6 +41,8 @@ int telemetry_init_ubus(TelemetryCtx *) {
     calls.push_back("bus");
     free_descriptor = open("/dev/null", O_RDONLY);
     close(free_descriptor);
+    if (terminated)
+        raise(SIGTERM);
     return bus_fails ? -1 : 0;
 }
 
@@ -49,8 +53,12 @@ void telemetry_free_ubus() {
 void telemetry_post_state_FSM(TelemetryCtx *) {
     calls.push_back("state machine");
     static uloop_timeout end_timer;
-    end_timer.cb = [](uloop_timeout *) { uloop_end(); };
-    uloop_timeout_set(&end_timer, 0);
+    end_timer.cb = [](uloop_timeout *) {
+        if (terminated)
+            calls.push_back("the loop went on");
+        uloop_end();
+    };
+    uloop_timeout_set(&end_timer, terminated ? 3000 : 0);
     uloop_timeout_set(&far_timer, 1000000);
 }
 
@@ -64,7 +72,7 @@ class TelemetryMain : public SysrootTest {
   protected:
     void SetUp() override {
         calls.clear();
-        pool_fails = bus_fails = false;
+        pool_fails = bus_fails = terminated = false;
         popen_fails_for.clear();
         memset(&ctx, 0, sizeof(ctx));
         add_getfirm("echo aa:bb:cc:dd:ee:0f");
@@ -248,6 +256,12 @@ TEST_F(TelemetryMain, MainStartsRunsAndEnds) {
     run_main();
     EXPECT_EQ(calls, (Messages{"pool", "bus", "state machine", "free bus"}));
     EXPECT_TRUE(root.exists("/tmp/telemetry/restart"));
+    EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
+
+    calls.clear();
+    terminated = true;
+    run_main();
+    EXPECT_EQ(calls, (Messages{"pool", "bus", "state machine", "free bus"}));
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
 }
 
