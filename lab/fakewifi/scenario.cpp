@@ -207,8 +207,8 @@ int scenario_answer(const cJSON *scenario, const char *ifname, uint16_t subcomma
     known->fill(bytes, value);
     if (fault == "count")
         put(bytes, 0, static_cast<uint16_t>(65535));
-    *answered = fault == "short" ? length / 2 : length;
-    memcpy(answer, bytes.data(), *answered);
+    memcpy(answer, bytes.data(), length);
+    *answered = fault == "silent" ? 0 : length;
     return 0;
 }
 

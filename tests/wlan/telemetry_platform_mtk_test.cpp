@@ -106,22 +106,21 @@ TEST_F(PlatformMtk, AsksTheDriverAndReleasesEverythingOnEveryPath) {
         std::function<int()> run;
         std::string name;
         const char *asked; // interface, subcommand, length
-        int short_answer;
         std::string no_socket = "create socket error", refused = "ioctl error";
     } operations[] = {
         {[&] { return wlan_get_device_temperature("wifi2", &temperature); },
-         "wlan_get_device_temperature_mtk: ", "ra0 2465 4", 3},
+         "wlan_get_device_temperature_mtk: ", "ra0 2465 4"},
         {[&] { return wlan_get_channel_util("apclix0", &byte, 3, 1); },
-         "wlan_get_channel_util_mtk: ", "apclix0 1968 1", 0},
+         "wlan_get_channel_util_mtk: ", "apclix0 1968 1"},
         {[&] { return wlan_get_band_client_sta_info("rax4", &list, &count); },
-         "wlan_get_band_client_sta_info_mtk: ", "rax4 1969 2056", 7, "creat socket failed", "ioctl failed."},
+         "wlan_get_band_client_sta_info_mtk: ", "rax4 1969 2056", "creat socket failed", "ioctl failed."},
         {[&] { return wlan_get_backhaul_ap_channel(0, &number); },
-         "wlan_get_backhaul_ap_channel_mtk: ", "ra0 1970 1", 0},
+         "wlan_get_backhaul_ap_channel_mtk: ", "ra0 1970 1"},
         {[&] { return wlan_get_backhaul_ap_channel(1, &number); },
-         "wlan_get_backhaul_ap_channel_mtk: ", "rax0 1970 1", 0},
-        {[&] { return wlan_get_wifi_bandwidth(&number); }, "wlan_get_wifi_bandwidth_mtk: ", "rax0 1971 1", 0},
+         "wlan_get_backhaul_ap_channel_mtk: ", "rax0 1970 1"},
+        {[&] { return wlan_get_wifi_bandwidth(&number); }, "wlan_get_wifi_bandwidth_mtk: ", "rax0 1971 1"},
         {[&] { return wlan_get_uplink_rate("apcli0", &stats, &byte); },
-         "wlan_get_uplink_rate_mtk: ", "apcli0 1972 32", 31, "creat socket failed", "ioctl failed."},
+         "wlan_get_uplink_rate_mtk: ", "apcli0 1972 32", "creat socket failed", "ioctl failed."},
     };
     const auto open_before = open_descriptors();
     for (const auto &operation : operations) {
@@ -138,9 +137,8 @@ TEST_F(PlatformMtk, AsksTheDriverAndReleasesEverythingOnEveryPath) {
                               operation.no_socket));
         EXPECT_EQ(driver.asked, "220 ") << "AF_INET, SOCK_DGRAM";
         EXPECT_THAT(run({.error = ENODEV}, 0), HasSubstr(operation.name + operation.refused));
-        EXPECT_THAT(run({.answered = operation.short_answer}, 0), HasSubstr("short answer"));
         EXPECT_TRUE(temperature == 77 && number == 77 && byte == 77 && count == 0) << "results stay";
-        EXPECT_EQ(run({}, 1), "");
+        EXPECT_EQ(run({.answered = 0}, 1), "") << "some drivers do not tell a length";
         EXPECT_EQ(driver.asked, std::string("220 35809 ") + operation.asked);
         EXPECT_EQ(open_descriptors(), open_before);
     }
@@ -234,24 +232,20 @@ TEST_F(PlatformMtk, AppendsStationsWithinEveryBound) {
         const char *what;
         uint16_t told;
         uint32_t capacity, used;
-        int answered;
         uint32_t after;
         bool cut;
     } cases[] = {
-        {"some behind others", 3, 200, 5, -1, 8, false},
-        {"none", 0, 200, 9, -1, 9, false},
-        {"a full table", 64, 200, 100, -1, 164, false},
-        {"a count beyond the table", 65535, 200, 0, -1, 64, true},
-        {"no room for all", 10, 12, 5, -1, 12, true},
-        {"exactly the room", 7, 12, 5, -1, 12, false},
-        {"a count beyond the list", 1, 12, 4000000000U, -1, 4000000000U, true},
-        {"an answer that ends in an entry", 10, 200, 0, 8 + 3 * 32 + 31, 3, true},
-        {"an answer of the stations only", 3, 200, 0, 8 + 3 * 32, 3, false},
+        {"some behind others", 3, 200, 5, 8, false},
+        {"none", 0, 200, 9, 9, false},
+        {"a full table", 64, 200, 100, 164, false},
+        {"a count beyond the table", 65535, 200, 0, 64, true},
+        {"no room for all", 10, 12, 5, 12, true},
+        {"exactly the room", 7, 12, 5, 12, false},
+        {"a count beyond the list", 1, 12, 4000000000U, 4000000000U, true},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(one.what);
         put_stations(one.told);
-        driver.answered = one.answered;
         list.capacity = one.capacity;
         count = one.used;
         const auto said =

@@ -36,9 +36,9 @@ static constexpr MtkRequest kUplinkRate = {MTK_UPLINK_RATE, sizeof(MtkUplinkReco
                                            "%s: creat socket failed", "%s: ioctl failed."};
 
 // Puts one question to the driver of `ifname` for `operation`; the answer goes to `answer` (request.length
-// bytes). With `answered` its length in bytes is told; without, a short answer is a failure.
-static bool driver_request(const MtkRequest &request, const char *operation, const char *ifname, void *answer,
-                           size_t *answered = nullptr) {
+// bytes, zeroed by the caller). Not every driver tells the answer's length, so it is not looked at.
+static bool driver_request(const MtkRequest &request, const char *operation, const char *ifname,
+                           void *answer) {
     const FdHandle fd(socket(AF_INET, SOCK_DGRAM, 0));
     if (!fd.valid()) {
         LOG_ERROR(request.socket_error, operation);
@@ -52,15 +52,6 @@ static bool driver_request(const MtkRequest &request, const char *operation, con
     block.u.data.flags = request.subcommand;
     if (ioctl(fd.get(), kMtkPrivateRequest, &block) < 0) {
         LOG_ERROR(request.ioctl_error, operation);
-        return false;
-    }
-    const size_t length = std::min(block.u.data.length, request.length);
-    if (answered != nullptr) {
-        *answered = length;
-        return true;
-    }
-    if (length < request.length) {
-        LOG_ERROR("%s: short answer of the driver for %s, %zu bytes", operation, ifname, length);
         return false;
     }
     return true;
@@ -221,14 +212,11 @@ int wlan_get_wifi_bandwidth_mtk(uint32_t *bandwidth) {
     return 1;
 }
 
-// Stations of an answer that can be kept: the smallest of the driver's count, the whole entries in `answered`
-// bytes of its table, and the room of the list behind `used` entries.
-static uint32_t station_room(const MtkStationTable &table, size_t answered, const ClientStaList &list,
-                             uint32_t used) {
-    const size_t header = offsetof(MtkStationTable, stations);
-    const size_t whole = answered > header ? (answered - header) / sizeof(MtkStationEntry) : 0;
+// Stations of an answer that can be kept: the smallest of the driver's count, its table's size, and the room
+// of the list behind `used` entries.
+static uint32_t station_room(const MtkStationTable &table, const ClientStaList &list, uint32_t used) {
     const uint32_t room = list.stations != nullptr && list.capacity > used ? list.capacity - used : 0;
-    return std::min({static_cast<uint32_t>(table.count), static_cast<uint32_t>(whole), room});
+    return std::min({static_cast<uint32_t>(table.count), kMtkStationRoom, room});
 }
 
 int wlan_get_band_client_sta_info_mtk(const char *ifname, ClientStaList *list, uint32_t *count) {
@@ -241,14 +229,9 @@ int wlan_get_band_client_sta_info_mtk(const char *ifname, ClientStaList *list, u
         LOG_ERROR("%s %d alloc fail", __func__, __LINE__);
         return 0;
     }
-    size_t answered = 0;
-    if (!driver_request(kStationTable, __func__, ifname, table.get(), &answered))
+    if (!driver_request(kStationTable, __func__, ifname, table.get()))
         return 0;
-    if (answered < offsetof(MtkStationTable, stations)) {
-        LOG_ERROR("%s: short answer of the driver for %s, %zu bytes", __func__, ifname, answered);
-        return 0;
-    }
-    const uint32_t kept = station_room(*table, answered, *list, *count);
+    const uint32_t kept = station_room(*table, *list, *count);
     if (kept < table->count)
         LOG_ERROR("%s: ifname = %s, the driver tells %d stations, kept %u", __func__, ifname, table->count,
                   kept);
