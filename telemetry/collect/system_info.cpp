@@ -47,7 +47,7 @@ static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
     const char *place = line + strcspn(line, " ");
     for (uint32_t &counter : counters) {
         char *end = nullptr;
-        counter = static_cast<uint32_t>(strtoul(place, &end, 10));
+        counter = static_cast<uint32_t>(strtoull(place, &end, 10));
         if (end == place)
             return -1;
         place = end;
