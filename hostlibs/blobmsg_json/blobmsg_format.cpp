@@ -1,5 +1,4 @@
 #include <cinttypes>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +9,8 @@ extern "C" {
 
 // Deepest nesting that is printed; values come from the bus and printing recurses.
 static constexpr int max_depth = 128;
+// Deeper levels are indented no further.
+static constexpr int max_tabs = 16;
 // "%lf" of the largest double has 316 characters.
 static constexpr size_t number_size = 336;
 
@@ -52,8 +53,6 @@ static char short_escape(char c) {
     switch (c) {
     case '\b':
         return 'b';
-    case '\f':
-        return 'f';
     case '\n':
         return 'n';
     case '\r':
@@ -93,7 +92,7 @@ static void put_line_break(json_text *out) {
     if (!out->pretty)
         return;
     put_text(out, "\n");
-    for (int i = 0; i < out->indent; i++)
+    for (int i = 0; i < out->indent && i < max_tabs; i++)
         put_text(out, "\t");
 }
 
@@ -105,7 +104,6 @@ static void put_name(json_text *out, const blob_attr *attr) {
 
 static void put_number(json_text *out, blob_attr *attr) {
     char number[number_size];
-    double real = 0;
     switch (blobmsg_type(attr)) {
     case BLOBMSG_TYPE_INT16:
         std::snprintf(number, sizeof(number), "%d", static_cast<int16_t>(blobmsg_get_u16(attr)));
@@ -117,12 +115,8 @@ static void put_number(json_text *out, blob_attr *attr) {
         std::snprintf(number, sizeof(number), "%" PRId64, static_cast<int64_t>(blobmsg_get_u64(attr)));
         break;
     default:
-        // JSON has no word for infinities and the like.
-        real = blobmsg_get_double(attr);
-        if (std::isfinite(real))
-            std::snprintf(number, sizeof(number), "%lf", real);
-        else
-            std::snprintf(number, sizeof(number), "null");
+        // Infinities and the like are not JSON; readers of the original's text meet them all the same.
+        std::snprintf(number, sizeof(number), "%lf", blobmsg_get_double(attr));
         break;
     }
     put_text(out, number);
@@ -174,14 +168,15 @@ static void put_list(json_text *out, blob_attr *attr, bool array) {
     size_t rem = 0;
     blob_attr *pos = nullptr;
     blobmsg_for_each_attr(pos, attr, rem) {
-        if (!blobmsg_check_attr(pos, false))
-            continue;
         if (!first) {
             put_text(out, ",");
             put_line_break(out);
         }
         first = false;
-        if (!array)
+        // Of an attribute that is no value its comma is left, and of a member without a name the value.
+        if (!blobmsg_check_attr(pos, false))
+            continue;
+        if (!array && *blobmsg_name(pos))
             put_name(out, pos);
         put_value(out, pos);
     }

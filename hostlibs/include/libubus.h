@@ -1,6 +1,7 @@
 /*
- * A client of the bus: connects, looks objects up, calls them, and offers objects of its own. One connection is one
- * `ubus_context`; everything runs in the thread of the event loop. Functions that return int give a UBUS_STATUS_ code.
+ * A client of the bus: connects, looks objects up, calls them, and offers objects of its own. One connection
+ * is one `ubus_context`; everything runs in the thread of the event loop. Functions that return int give a
+ * UBUS_STATUS_ code.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -24,20 +25,25 @@ struct ubus_context;
 struct ubus_connection;
 struct ubus_event_handler;
 struct ubus_object;
+struct ubus_notify_request;
 struct ubus_object_data;
 struct ubus_request;
 struct ubus_request_data;
+struct ubus_subscriber;
 
 /* `msg` lives only as long as the callback. */
 typedef void (*ubus_lookup_handler_t)(struct ubus_context *ctx, struct ubus_object_data *obj, void *priv);
-typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-                              const char *method, struct blob_attr *msg);
+typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj,
+                              struct ubus_request_data *req, const char *method, struct blob_attr *msg);
 typedef void (*ubus_state_handler_t)(struct ubus_context *ctx, struct ubus_object *obj);
+typedef void (*ubus_remove_handler_t)(struct ubus_context *ctx, struct ubus_subscriber *obj, uint32_t id);
 typedef void (*ubus_connect_handler_t)(struct ubus_context *ctx);
-typedef void (*ubus_event_handler_t)(struct ubus_context *ctx, struct ubus_event_handler *ev, const char *type,
-                                     struct blob_attr *msg);
+typedef void (*ubus_event_handler_t)(struct ubus_context *ctx, struct ubus_event_handler *ev,
+                                     const char *type, struct blob_attr *msg);
 typedef void (*ubus_data_handler_t)(struct ubus_request *req, int type, struct blob_attr *msg);
 typedef void (*ubus_complete_handler_t)(struct ubus_request *req, int ret);
+typedef void (*ubus_notify_complete_handler_t)(struct ubus_notify_request *req, int idx, int ret);
+typedef void (*ubus_notify_data_handler_t)(struct ubus_notify_request *req, int type, struct blob_attr *msg);
 
 /* The policy describes the arguments to others; the library does not check calls against it. */
 struct ubus_method {
@@ -49,13 +55,13 @@ struct ubus_method {
     int n_policy;
 };
 
-#define UBUS_METHOD(_name, _handler, _policy)                                                                \
-    {                                                                                                        \
-        .name = _name, .handler = _handler, .mask = 0, .tags = 0, .policy = _policy,                         \
-        .n_policy = (int)ARRAY_SIZE(_policy)                                                                 \
+#define UBUS_METHOD(_name, _handler, _policy)                                        \
+    {                                                                                \
+        .name = _name, .handler = _handler, .mask = 0, .tags = 0, .policy = _policy, \
+        .n_policy = (int)ARRAY_SIZE(_policy)                                         \
     }
 
-#define UBUS_METHOD_NOARG(_name, _handler)                                                                   \
+#define UBUS_METHOD_NOARG(_name, _handler) \
     { .name = _name, .handler = _handler, .mask = 0, .tags = 0, .policy = NULL, .n_policy = 0 }
 
 /* `id` is the bus's; 0 while no object of the type is registered. */
@@ -66,7 +72,7 @@ struct ubus_object_type {
     int n_methods;
 };
 
-#define UBUS_OBJECT_TYPE(_name, _methods)                                                                    \
+#define UBUS_OBJECT_TYPE(_name, _methods) \
     { .name = _name, .id = 0, .methods = _methods, .n_methods = (int)ARRAY_SIZE(_methods) }
 
 struct ubus_object {
@@ -78,11 +84,19 @@ struct ubus_object {
     const char *path;
     struct ubus_object_type *type;
 
-    ubus_state_handler_t subscribe_cb;
+    ubus_state_handler_t subscribe_cb; /* has_subscribers has changed */
     bool has_subscribers;
 
     const struct ubus_method *methods;
     int n_methods;
+};
+
+/* `cb` gets the notifications of the objects that it subscribes to, `remove_cb` hears when one of them goes.
+ */
+struct ubus_subscriber {
+    struct ubus_object obj;
+    ubus_handler_t cb;
+    ubus_remove_handler_t remove_cb;
 };
 
 struct ubus_event_handler {
@@ -122,6 +136,7 @@ struct ubus_request {
     bool status_msg; /* the status has arrived */
     bool blocked;    /* a blocking call waits for it */
     bool cancelled;
+    bool notify; /* part of a ubus_notify_request */
 
     uint32_t peer;
     uint16_t seq;
@@ -132,6 +147,19 @@ struct ubus_request {
 
     struct ubus_context *ctx;
     void *priv;
+};
+
+#define UBUS_MAX_NOTIFY_PEERS 16
+
+/* A notification that waits for its subscribers' answers: `status_cb` runs for each, `complete_cb` after the
+ * last. */
+struct ubus_notify_request {
+    struct ubus_request req;
+    ubus_notify_complete_handler_t status_cb;
+    ubus_notify_complete_handler_t complete_cb;
+    ubus_notify_data_handler_t data_cb;
+    uint32_t pending;
+    uint32_t id[UBUS_MAX_NOTIFY_PEERS + 1]; /* up to a zero */
 };
 
 struct ubus_context {
@@ -148,12 +176,15 @@ struct ubus_context {
     /* Runs from the event loop when the bus is gone, once a connection. The default ends the loop. */
     void (*connection_lost)(struct ubus_context *ctx);
 
+    /* Gets the monitoring messages: the attribute of id 0, which holds those of enum ubus_monitor_attr. */
+    void (*monitor_cb)(struct ubus_context *ctx, uint32_t seq, struct blob_attr *data);
+
     struct ubus_connection *conn; /* the library's own */
 };
 
 /*
- * Connects to the bus at a socket's path, null for UBUS_UNIX_SOCKET. Null when nobody accepts, or no proper greeting
- * comes within 3 seconds.
+ * Connects to the bus at a socket's path, null for UBUS_UNIX_SOCKET. Null when nobody accepts, or no proper
+ * greeting comes within 3 seconds.
  */
 struct ubus_context *ubus_connect(const char *path);
 
@@ -162,12 +193,13 @@ int ubus_connect_ctx(struct ubus_context *ctx, const char *path);
 
 /*
  * Closes the connection, connects again and registers all objects again; waiting requests end with
- * UBUS_STATUS_TIMEOUT. The socket is not in the loop afterwards. An object whose path is taken stays without an id.
- * On failure the context stays unconnected and this can be tried again.
+ * UBUS_STATUS_TIMEOUT. The socket is not in the loop afterwards. An object whose path is taken stays without
+ * an id. On failure the context stays unconnected and this can be tried again.
  */
 int ubus_reconnect(struct ubus_context *ctx, const char *path);
 
-/* Ends waiting requests and closes; the context itself is freed by ubus_free only. Null is allowed in ubus_free. */
+/* Ends waiting requests and closes; the context itself is freed by ubus_free only. Null is allowed in
+ * ubus_free. */
 void ubus_shutdown(struct ubus_context *ctx);
 void ubus_free(struct ubus_context *ctx);
 
@@ -188,8 +220,8 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
 /*
- * Calls a method and waits; `cb` (may be null) gets the data. `timeout` in ms, 0: none. Only this connection is read
- * meanwhile, and calls that arrive on it run after this one has returned.
+ * Calls a method and waits; `cb` (may be null) gets the data. `timeout` in ms, 0: none. Only this connection
+ * is read meanwhile, and calls that arrive on it run after this one has returned.
  */
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout);
@@ -223,7 +255,41 @@ static inline void ubus_defer_request(struct ubus_context *ctx, struct ubus_requ
 
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret);
 
-/* Events of a pattern (null: all; '*' at its end: a prefix), such as the bus's "ubus.object.add" {id, path}. */
+int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj);
+static inline int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj) {
+    return ubus_remove_object(ctx, &obj->obj);
+}
+
+/* A registered subscriber gets the notifications of object `id`, until it or the object goes or it ends that.
+ */
+int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *obj, uint32_t id);
+int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *obj, uint32_t id);
+
+/*
+ * Notifies the subscribers of `obj`. With a `timeout` (ms, 0: none) it waits for the answers of all of them;
+ * below 0 it asks for no answers and returns when the message is sent.
+ */
+int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
+                int timeout);
+
+/* Sends it; set the callbacks, then ubus_complete_request_async(ctx, &req->req). */
+int ubus_notify_async(struct ubus_context *ctx, struct ubus_object *obj, const char *type,
+                      struct blob_attr *msg, struct ubus_notify_request *req);
+
+/* Monitoring of all that goes over the bus, for root: monitor_cb gets it. */
+int __ubus_monitor(struct ubus_context *ctx, const char *type);
+static inline int ubus_monitor_start(struct ubus_context *ctx) {
+    return __ubus_monitor(ctx, "add");
+}
+static inline int ubus_monitor_stop(struct ubus_context *ctx) {
+    return __ubus_monitor(ctx, "remove");
+}
+
+/* Sends an event to all who listen for its name. */
+int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data);
+
+/* Events of a pattern (null: all; '*' at its end: a prefix), such as the bus's "ubus.object.add" {id, path}.
+ */
 int ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev, const char *pattern);
 
 static inline int ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev) {

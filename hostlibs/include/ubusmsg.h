@@ -1,5 +1,6 @@
 /*
- * What travels on the bus. A message is an 8-byte header and one attribute of id 0 that holds the attributes below.
+ * What travels on the bus. A message is an 8-byte header and one attribute of id 0 that holds the attributes
+ * below.
  */
 #ifndef UBUSMSG_H
 #define UBUSMSG_H
@@ -13,6 +14,7 @@
 
 /* Ids below are the bus's own objects; those of clients, objects and types start here. */
 #define UBUS_SYSTEM_OBJECT_EVENT 1
+#define UBUS_SYSTEM_OBJECT_MONITOR 3
 #define UBUS_SYSTEM_OBJECT_MAX 1024
 
 #ifndef UBUS_UNIX_SOCKET
@@ -59,6 +61,17 @@ enum ubus_msg_attr {
     UBUS_ATTR_USER,        /* string */
     UBUS_ATTR_GROUP,       /* string */
     UBUS_ATTR_MAX,
+};
+
+/* Of a MONITOR message. SEND: from the bus to the client. */
+enum ubus_monitor_attr {
+    UBUS_MONITOR_CLIENT, /* int32 */
+    UBUS_MONITOR_PEER,   /* int32 */
+    UBUS_MONITOR_SEND,   /* int8 */
+    UBUS_MONITOR_SEQ,    /* int32 */
+    UBUS_MONITOR_TYPE,   /* int32 */
+    UBUS_MONITOR_DATA,   /* nested: the content of the message */
+    UBUS_MONITOR_MAX,
 };
 
 enum ubus_msg_status {

@@ -132,21 +132,32 @@ bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t 
     return blobmsg_check_array_len(attr, type, len) >= 0;
 }
 
+// The same for a parse: a list that is cut off ends early and counts as sound, an attribute that is none does
+// not.
+template <typename F> static int parse_list(void *data, size_t len, F &&visit) {
+    auto *pos = static_cast<blob_attr *>(data);
+    for (; blob_attr_fits(pos, len); pos = blob_next(pos)) {
+        if (!blobmsg_check_attr(pos, false))
+            return -1;
+        visit(pos);
+        len -= blob_pad_len(pos);
+    }
+    return 0;
+}
+
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len) {
     std::fill_n(tb, policy_len, nullptr);
     if (!data || !len)
         return -1;
-    bool sound = walk_list(data, len, [&](blob_attr *pos) {
+    return parse_list(data, len, [&](blob_attr *pos) {
         std::string_view name = split_attr(pos).name;
         for (int i = 0; i < policy_len; i++) {
             if (policy[i].name && !tb[i] && type_matches(policy[i].type, blobmsg_type(pos)) &&
                 name == policy[i].name)
                 tb[i] = pos;
         }
-        return true;
     });
-    return sound ? 0 : -1;
 }
 
 int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
@@ -155,13 +166,11 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
     if (!data || !len)
         return -1;
     int i = 0;
-    bool sound = walk_list(data, len, [&](blob_attr *pos) {
+    return parse_list(data, len, [&](blob_attr *pos) {
         if (i < policy_len && type_matches(policy[i].type, blobmsg_type(pos)))
             tb[i] = pos;
         i++;
-        return true;
     });
-    return sound ? 0 : -1;
 }
 
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data, unsigned int len) {

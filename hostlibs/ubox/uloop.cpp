@@ -196,9 +196,7 @@ int uloop_run_timeout(int timeout) {
     if (run_depth++ == 0) {
         drain_wake();
         uloop_cancelled = false;
-        // A signal that came before the loop started still ends it.
-        if (end_signal)
-            uloop_cancelled = true;
+        end_signal = 0;
     }
     while (!uloop_cancelled && poll_fd >= 0) {
         run_timeouts();

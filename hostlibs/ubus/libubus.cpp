@@ -177,7 +177,10 @@ int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id) {
     auto take_id = [](ubus_context *, ubus_object_data *obj, void *priv) {
         *static_cast<uint32_t *>(priv) = obj->id;
     };
-    return ubus_lookup(ctx, path, take_id, id);
+    *id = 0;
+    int status = ubus_lookup(ctx, path, take_id, id);
+    // Objects that we may not see are answered with nothing.
+    return status == UBUS_STATUS_OK && *id == 0 ? UBUS_STATUS_NOT_FOUND : status;
 }
 
 int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern) {

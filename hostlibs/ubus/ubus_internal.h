@@ -49,13 +49,17 @@ bool ubus_wait_readable(ubus_context *ctx, int64_t ms);
 // Sends a finished message; on failure the connection is ended and the result is false.
 bool ubus_send(ubus_context *ctx, const bus_builder &msg);
 
+// ubus_call.cpp. Calls and news for our objects: run now, or held back while a blocking call runs.
+void ubus_take_call(ubus_context *ctx, bus_frame &&call);
+void ubus_run_held_calls(ubus_context *ctx);
+// The methods of every subscriber, by which one is told from other objects.
+extern const ubus_method ubus_subscriber_methods[1];
+
 // ubus_req.cpp. A status code: CONNECTION_FAILED, or INVALID_ARGUMENT for a message that is too long.
 int ubus_start_request(ubus_context *ctx, ubus_request *req, bus_builder &msg, uint8_t type, uint32_t peer);
 void ubus_dispatch(ubus_context *ctx);
 void ubus_fail_requests(ubus_context *ctx, int status);
 
-// ubus_obj.cpp
-void ubus_take_call(ubus_context *ctx, bus_frame &&call);
-void ubus_run_held_calls(ubus_context *ctx);
-// Registers all objects of the context anew. CONNECTION_FAILED or TIMEOUT when the bus went away meanwhile.
+// ubus_obj.cpp. Registers all objects of the context anew. CONNECTION_FAILED or TIMEOUT when the bus went
+// away meanwhile.
 int ubus_register_objects(ubus_context *ctx);

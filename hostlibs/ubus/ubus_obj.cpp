@@ -1,8 +1,7 @@
-// Our own objects: registering them, and answering the calls that arrive for them.
+// Our own objects: registering them and taking them off.
 #include "ubus_internal.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -76,95 +75,10 @@ void object_forget_id(ubus_context *ctx, ubus_object *obj) {
     if (obj->id != 0)
         avl_delete(&ctx->objects, &obj->avl);
     obj->id = 0;
-}
-
-ubus_object *object_find(ubus_context *ctx, uint32_t id) {
-    return static_cast<ubus_object *>(
-        avl_container(avl_find(&ctx->objects, &id), offsetof(ubus_object, avl)));
-}
-
-const ubus_method *method_find(const ubus_object *obj, const char *name) {
-    for (int i = 0; i < obj->n_methods; i++) {
-        if (!obj->methods[i].name || std::strcmp(obj->methods[i].name, name) == 0)
-            return &obj->methods[i];
-    }
-    return nullptr;
-}
-
-int run_method(ubus_context *ctx, const bus_attrs &attrs, ubus_request_data &req) {
-    ubus_object *obj = object_find(ctx, req.object);
-    if (!obj)
-        return UBUS_STATUS_NOT_FOUND;
-    if (!attrs[UBUS_ATTR_METHOD])
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    const char *name = attrs.text(UBUS_ATTR_METHOD);
-    const ubus_method *method = method_find(obj, name);
-    if (!method)
-        return UBUS_STATUS_METHOD_NOT_FOUND;
-    if (!attrs[UBUS_ATTR_DATA])
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    req.acl.object = obj->name;
-    return method->handler(ctx, obj, &req, name, attrs[UBUS_ATTR_DATA]);
-}
-
-ubus_request_data request_of(const bus_frame &call, const bus_attrs &attrs) {
-    ubus_request_data req = {};
-    req.object = attrs.u32(UBUS_ATTR_OBJID);
-    req.peer = call.peer;
-    req.seq = call.seq;
-    if (attrs[UBUS_ATTR_USER])
-        req.acl.user = attrs.text(UBUS_ATTR_USER);
-    if (attrs[UBUS_ATTR_GROUP])
-        req.acl.group = attrs.text(UBUS_ATTR_GROUP);
-    req.no_reply = attrs[UBUS_ATTR_NO_REPLY] && blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]) != 0;
-    return req;
-}
-
-void run_call(ubus_context *ctx, bus_frame &call) {
-    bus_attrs attrs;
-    bus_attrs_parse(call.attr(), attrs);
-    if (!attrs[UBUS_ATTR_OBJID])
-        return;
-    ubus_request_data req = request_of(call, attrs);
-    unsigned generation = ctx->conn->generation;
-    int status = run_method(ctx, attrs, req);
-    // After a reconnect inside the handler the caller's ids mean nothing any more.
-    if (!req.deferred && ctx->conn->generation == generation)
-        ubus_complete_deferred_request(ctx, &req, status);
-}
-
-void refuse_call(ubus_context *ctx, bus_frame &call) {
-    bus_attrs attrs;
-    bus_attrs_parse(call.attr(), attrs);
-    if (!attrs[UBUS_ATTR_OBJID])
-        return;
-    ubus_request_data req = request_of(call, attrs);
-    ubus_complete_deferred_request(ctx, &req, UBUS_STATUS_NO_MEMORY);
+    obj->has_subscribers = false;
 }
 
 } // namespace
-
-void ubus_take_call(ubus_context *ctx, bus_frame &&call) {
-    ubus_connection *conn = ctx->conn;
-    if (conn->held_calls.size() >= held_calls_max ||
-        conn->held_bytes + call.body.size() > held_calls_max_bytes) {
-        refuse_call(ctx, call);
-        return;
-    }
-    conn->held_bytes += call.body.size();
-    conn->held_calls.push_back(std::move(call));
-    ubus_run_held_calls(ctx);
-}
-
-void ubus_run_held_calls(ubus_context *ctx) {
-    ubus_connection *conn = ctx->conn;
-    while (ctx->stack_depth == 0 && !conn->held_calls.empty()) {
-        bus_frame call = std::move(conn->held_calls.front());
-        conn->held_calls.pop_front();
-        conn->held_bytes -= call.body.size();
-        run_call(ctx, call);
-    }
-}
 
 int ubus_register_objects(ubus_context *ctx) {
     for (ubus_object *obj : ctx->conn->objects) {

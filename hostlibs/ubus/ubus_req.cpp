@@ -3,6 +3,7 @@
 #include "ubus_internal.h"
 
 #include <array>
+#include <cstdio>
 
 namespace {
 
@@ -23,10 +24,22 @@ constexpr std::array<const char *, __UBUS_STATUS_LAST> status_texts = {
     "System error",
 };
 
+// The answer's place among those who were notified, -1 when it is none of theirs.
+int notified_place(const ubus_request *req, uint32_t peer) {
+    if (!req->notify || peer == 0)
+        return -1;
+    const auto *notification = container_of(req, ubus_notify_request, req);
+    for (int i = 0; notification->id[i]; i++) {
+        if (notification->id[i] == peer)
+            return i;
+    }
+    return -1;
+}
+
 ubus_request *request_find(ubus_context *ctx, uint16_t seq, uint32_t peer) {
     ubus_request *req;
     list_for_each_entry(req, &ctx->requests, list) {
-        if (req->seq == seq && req->peer == peer)
+        if (req->seq == seq && (req->peer == peer || notified_place(req, peer) >= 0))
             return req;
     }
     return nullptr;
@@ -45,6 +58,30 @@ void request_finish(ubus_request *req, int status) {
         req->complete_cb(req, status);
 }
 
+// The bus's own answer to a notification names those who will answer it.
+void take_subscriber_ids(ubus_notify_request *notification, blob_attr *ids) {
+    blob_attr *pos;
+    size_t left;
+    blob_for_each_attr(pos, ids, left) {
+        if (blob_len(pos) == sizeof(uint32_t) && notification->pending < UBUS_MAX_NOTIFY_PEERS)
+            notification->id[notification->pending++] = blob_get_u32(pos);
+    }
+}
+
+void handle_notify_status(ubus_request *req, uint32_t peer, const bus_attrs &attrs, int status) {
+    auto *notification = container_of(req, ubus_notify_request, req);
+    int place = notified_place(req, peer);
+    if (place < 0) {
+        take_subscriber_ids(notification, attrs[UBUS_ATTR_SUBSCRIBERS]);
+    } else {
+        if (notification->status_cb)
+            notification->status_cb(notification, place, status);
+        notification->pending--;
+    }
+    if (notification->pending == 0)
+        request_finish(req, place < 0 ? status : UBUS_STATUS_OK);
+}
+
 void handle_answer(ubus_context *ctx, bus_frame &frame) {
     ubus_request *req = request_find(ctx, frame.seq, frame.peer);
     if (!req)
@@ -53,8 +90,12 @@ void handle_answer(ubus_context *ctx, bus_frame &frame) {
     bus_attrs_parse(frame.attr(), attrs);
 
     if (frame.type == UBUS_MSG_STATUS) {
-        request_finish(req, attrs[UBUS_ATTR_STATUS] ? static_cast<int>(attrs.u32(UBUS_ATTR_STATUS))
-                                                    : UBUS_STATUS_INVALID_ARGUMENT);
+        int status = attrs[UBUS_ATTR_STATUS] ? static_cast<int>(attrs.u32(UBUS_ATTR_STATUS))
+                                             : UBUS_STATUS_INVALID_ARGUMENT;
+        if (req->notify)
+            handle_notify_status(req, frame.peer, attrs, status);
+        else
+            request_finish(req, status);
         return;
     }
     if (req->raw_data_cb)
@@ -110,8 +151,11 @@ void ubus_dispatch(ubus_context *ctx) {
         incoming.pop_front();
         if (frame.type == UBUS_MSG_STATUS || frame.type == UBUS_MSG_DATA)
             handle_answer(ctx, frame);
-        else if (frame.type == UBUS_MSG_INVOKE)
+        else if (frame.type == UBUS_MSG_INVOKE || frame.type == UBUS_MSG_NOTIFY ||
+                 frame.type == UBUS_MSG_UNSUBSCRIBE)
             ubus_take_call(ctx, std::move(frame));
+        else if (frame.type == UBUS_MSG_MONITOR && ctx->monitor_cb)
+            ctx->monitor_cb(ctx, frame.seq, frame.attr());
     }
 }
 
@@ -125,8 +169,11 @@ void ubus_fail_requests(ubus_context *ctx, int status) {
 }
 
 const char *ubus_strerror(int error) {
-    if (error < 0 || error >= __UBUS_STATUS_LAST)
-        return status_texts[UBUS_STATUS_UNKNOWN_ERROR];
+    static char unknown[32];
+    if (error < 0 || error >= __UBUS_STATUS_LAST) {
+        std::snprintf(unknown, sizeof(unknown), "Unknown error: %d", error);
+        return unknown;
+    }
     return status_texts[static_cast<size_t>(error)];
 }
 
@@ -182,23 +229,4 @@ void ubus_abort_request(ubus_context *, ubus_request *req) {
     req->cancelled = true;
     if (request_listed(req))
         list_del_init(&req->list);
-}
-
-int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg) {
-    bus_builder out;
-    bus_put_u32(out, UBUS_ATTR_OBJID, req->object);
-    bus_put_data(out, UBUS_ATTR_DATA, msg);
-    if (!bus_finish(out, UBUS_MSG_DATA, req->seq, req->peer))
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    return ubus_send(ctx, out) ? UBUS_STATUS_OK : UBUS_STATUS_CONNECTION_FAILED;
-}
-
-void ubus_complete_deferred_request(ubus_context *ctx, ubus_request_data *req, int ret) {
-    if (req->no_reply)
-        return;
-    bus_builder out;
-    bus_put_u32(out, UBUS_ATTR_STATUS, static_cast<uint32_t>(ret));
-    bus_put_u32(out, UBUS_ATTR_OBJID, req->object);
-    bus_finish(out, UBUS_MSG_STATUS, req->seq, req->peer);
-    ubus_send(ctx, out);
 }

@@ -29,7 +29,6 @@ bool listener_matches(const ubusd_listener &listener, std::string_view name) {
 // `source` does not hear its own events, and nobody hears one twice. Listeners that are behind miss this one.
 void send_event(ubusd_server &server, const ubusd_client *source, std::string_view name,
                 const blob_attr *data) {
-    bus_frame no_request;
     std::vector<uint32_t> told;
     for (const ubusd_listener &listener : server.listeners) {
         auto object = server.objects.find(listener.object);
@@ -37,7 +36,7 @@ void send_event(ubusd_server &server, const ubusd_client *source, std::string_vi
             !listener_matches(listener, name) || std::count(told.begin(), told.end(), listener.object))
             continue;
         told.push_back(listener.object);
-        ubusd_forward_call(object->second, nullptr, no_request, name, data, true);
+        ubusd_forward_call(object->second, nullptr, ++object->second.owner->told, name, data, true);
     }
 }
 
@@ -49,16 +48,18 @@ int handle_register(ubusd_client &client, blob_attr *data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     ubusd_server &server = *client.server;
     auto object = server.objects.find(blobmsg_get_u32(tb[register_object]));
-    if (object == server.objects.end())
-        return UBUS_STATUS_NOT_FOUND;
-    if (object->second.owner != &client)
+    // Events go to objects that nobody can call by name.
+    if (object == server.objects.end() || object->second.owner != &client || !object->second.path.empty())
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    std::string_view pattern = tb[register_pattern] ? blobmsg_get_string(tb[register_pattern]) : "*";
+    if (pattern.empty() || !ubusd_may(client, ubusd_right::listen, pattern))
         return UBUS_STATUS_PERMISSION_DENIED;
     if (client.listeners >= ubusd_max_listeners)
         return UBUS_STATUS_NO_MEMORY;
 
     ubusd_listener listener;
     listener.object = object->first;
-    listener.pattern = tb[register_pattern] ? blobmsg_get_string(tb[register_pattern]) : "*";
+    listener.pattern = pattern;
     listener.prefix = listener.pattern.ends_with('*');
     if (listener.prefix)
         listener.pattern.pop_back();
@@ -75,7 +76,7 @@ int handle_send(ubusd_client &client, blob_attr *data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     std::string_view name = blobmsg_get_string(tb[send_id]);
     // Names of the bus's own events are not for others to send.
-    if (name.starts_with("ubus."))
+    if (name.starts_with("ubus.") || !ubusd_may(client, ubusd_right::send, name))
         return UBUS_STATUS_PERMISSION_DENIED;
 
     blob_buf event = {};
@@ -88,15 +89,15 @@ int handle_send(ubusd_client &client, blob_attr *data) {
 
 } // namespace
 
-int ubusd_handle_event_call(ubusd_client &client, const bus_frame &, const bus_attrs &attrs) {
+int ubusd_handle_event_call(ubusd_client &client, const bus_attrs &attrs) {
+    std::string_view method = attrs.text(UBUS_ATTR_METHOD);
+    if (method != "register" && method != "send")
+        return UBUS_STATUS_INVALID_COMMAND;
     if (!attrs[UBUS_ATTR_DATA])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    std::string_view method = attrs.text(UBUS_ATTR_METHOD);
     if (method == "register")
         return handle_register(client, attrs[UBUS_ATTR_DATA]);
-    if (method == "send")
-        return handle_send(client, attrs[UBUS_ATTR_DATA]);
-    return UBUS_STATUS_METHOD_NOT_FOUND;
+    return handle_send(client, attrs[UBUS_ATTR_DATA]);
 }
 
 void ubusd_announce_object(ubusd_server &server, const ubusd_object &object, bool added) {
@@ -107,6 +108,14 @@ void ubusd_announce_object(ubusd_server &server, const ubusd_object &object, boo
     blobmsg_add_u32(&event, "id", object.id);
     blobmsg_add_string(&event, "path", object.path.c_str());
     send_event(server, nullptr, added ? "ubus.object.add" : "ubus.object.remove", event.head);
+    blob_buf_free(&event);
+}
+
+void ubusd_announce_rights(ubusd_server &server) {
+    blob_buf event = {};
+    blob_buf_init(&event, 0);
+    blobmsg_add_u32(&event, "sequence", server.acl_sequence);
+    send_event(server, nullptr, "ubus.acl.sequence", event.head);
     blob_buf_free(&event);
 }
 

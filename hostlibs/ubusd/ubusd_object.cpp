@@ -64,6 +64,7 @@ void object_remove(ubusd_server &server, uint32_t id) {
         server.types.erase(object.type->id);
     object.owner->object_bytes -= object.bytes;
     ubusd_remove_listeners(server, object);
+    ubusd_remove_subscriptions(server, object);
     if (!object.path.empty())
         ubusd_announce_object(server, object, false);
 }
@@ -82,12 +83,31 @@ void send_object_ids(ubusd_client &client, const bus_frame &frame, const ubusd_o
     ubusd_client_send_or_drop(client, std::move(out.bytes));
 }
 
+// What the client may call of a signature, in `out`. False when that is nothing of something: the object is
+// hidden.
+bool put_allowed_methods(bus_builder &out, const ubusd_client &client, const ubusd_object &object) {
+    const std::vector<char> &all = object.type->signature;
+    if (client.uid == 0 || all.empty()) {
+        bus_put(out, UBUS_ATTR_SIGNATURE, all.data(), all.size());
+        return true;
+    }
+    std::vector<char> allowed;
+    const auto *method = reinterpret_cast<const blob_attr *>(all.data());
+    for (size_t left = all.size(); left > 0; left -= blob_pad_len(method), method = blob_next(method)) {
+        const char *start = reinterpret_cast<const char *>(method);
+        if (ubusd_may(client, ubusd_right::access, object.path, blobmsg_name(method)))
+            allowed.insert(allowed.end(), start, start + blob_pad_len(method));
+    }
+    bus_put(out, UBUS_ATTR_SIGNATURE, allowed.data(), allowed.size());
+    return !allowed.empty();
+}
+
 bool send_lookup_data(ubusd_client &client, const bus_frame &frame, const ubusd_object &object) {
     bus_builder out;
     bus_put_text(out, UBUS_ATTR_OBJPATH, object.path);
     put_object_ids(out, object, object.type != nullptr);
-    if (object.type)
-        bus_put(out, UBUS_ATTR_SIGNATURE, object.type->signature.data(), object.type->signature.size());
+    if (object.type && !put_allowed_methods(out, client, object))
+        return true;
     return bus_finish(out, UBUS_MSG_DATA, frame.seq, frame.peer) &&
            ubusd_client_send(client, std::move(out.bytes));
 }
@@ -97,7 +117,8 @@ bool send_lookup_data(ubusd_client &client, const bus_frame &frame, const ubusd_
 int ubusd_handle_add_object(ubusd_client &client, bus_frame &frame, const bus_attrs &attrs) {
     ubusd_server &server = *client.server;
     std::string path = attrs[UBUS_ATTR_OBJPATH] ? attrs.text(UBUS_ATTR_OBJPATH) : "";
-    if (attrs[UBUS_ATTR_OBJPATH] && (path.empty() || server.paths.count(path)))
+    if (attrs[UBUS_ATTR_OBJPATH] &&
+        (path.empty() || server.paths.count(path) || !ubusd_may(client, ubusd_right::publish, path)))
         return UBUS_STATUS_INVALID_ARGUMENT;
 
     const blob_attr *signature = attrs[UBUS_ATTR_OBJTYPE] ? nullptr : attrs[UBUS_ATTR_SIGNATURE];
@@ -152,6 +173,8 @@ int ubusd_handle_remove_object(ubusd_client &client, bus_frame &frame, const bus
 int ubusd_handle_lookup(ubusd_client &client, bus_frame &frame, const bus_attrs &attrs) {
     ubusd_server &server = *client.server;
     std::string_view path = attrs[UBUS_ATTR_OBJPATH] ? attrs.text(UBUS_ATTR_OBJPATH) : "*";
+    if (path.empty())
+        return UBUS_STATUS_INVALID_ARGUMENT;
     bool prefix = path.ends_with('*');
     if (prefix)
         path.remove_suffix(1);

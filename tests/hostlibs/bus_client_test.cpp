@@ -127,6 +127,42 @@ TEST_F(BusClientTest, CallsMethodsAndTellsHowTheyEnded) {
     EXPECT_EQ(caller.call("served", "note").status, UBUS_STATUS_OK);
 }
 
+TEST_F(BusClientTest, NotifiesSubscribersAndHearsWhetherThereAreAny) {
+    BusDaemon bus(socket);
+    LoopClient owner(socket), other(socket);
+    served.object.subscribe_cb = [](ubus_context *, ubus_object *obj) {
+        journal.push_back(obj->has_subscribers ? "somebody" : "nobody");
+    };
+    ubus_subscriber subscriber = {};
+    subscriber.cb = note_call;
+    subscriber.remove_cb = [](ubus_context *, ubus_subscriber *, uint32_t) { journal.push_back("gone"); };
+    ASSERT_EQ(ubus_add_object(owner.bus(), &served.object), 0);
+    ASSERT_EQ(ubus_register_subscriber(other.bus(), &subscriber), 0);
+    EXPECT_EQ(ubus_subscribe(other.bus(), &subscriber, 4711), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_subscribe(other.bus(), &subscriber, served.object.id), 0);
+    BlobBuffer news;
+    // Without a wish for answers nothing is waited for; with one, the subscriber's own status counts.
+    EXPECT_EQ(ubus_notify(owner.bus(), &served.object, "note", news.head(), -1), 0);
+    ubus_notify_request request;
+    ASSERT_EQ(ubus_notify_async(owner.bus(), &served.object, "fail", news.head(), &request), 0);
+    request.status_cb = [](ubus_notify_request *, int place, int status) {
+        journal.push_back("answer " + std::to_string(place) + " " + std::to_string(status));
+    };
+    request.complete_cb = [](ubus_notify_request *, int, int) { journal.push_back("complete"); };
+    ubus_complete_request_async(owner.bus(), &request.req);
+    for (int i = 0; i < 100 && (journal.empty() || journal.back() != "complete"); i++)
+        uloop_run_timeout(100);
+    EXPECT_THAT(journal, testing::ElementsAre("somebody", "note", "fail", "answer 0 8", "complete"));
+    journal.clear();
+    EXPECT_EQ(ubus_unsubscribe(other.bus(), &subscriber, served.object.id), 0);
+    EXPECT_EQ(ubus_notify(owner.bus(), &served.object, "note", news.head(), 1000), 0);
+    EXPECT_EQ(ubus_subscribe(other.bus(), &subscriber, served.object.id), 0);
+    EXPECT_EQ(ubus_remove_object(owner.bus(), &served.object), 0);
+    for (int i = 0; i < 100 && (journal.empty() || journal.back() != "gone"); i++)
+        uloop_run_timeout(100);
+    EXPECT_THAT(journal, testing::Contains("gone"));
+}
+
 TEST_F(BusClientTest, EndsABlockingCallByTimeoutAndByEndOfBus) {
     BusDaemon bus(socket);
     LoopClient client(socket);

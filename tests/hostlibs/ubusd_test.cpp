@@ -51,31 +51,6 @@ std::string padded_ping(size_t attr_len) {
     return request(UBUS_MSG_PING, 5, UBUS_ATTR_DATA, std::string(attr_len, 'x'));
 }
 
-TEST_F(UbusdTest, ServesSixtyFourClientsThatCallEachOther) {
-    constexpr uint16_t count = 64;
-    std::deque<RawPeer> peers;
-    std::vector<uint32_t> objects;
-    for (uint16_t i = 0; i < count; i++) {
-        peers.emplace_back(bus.socket());
-        objects.push_back(peers.back().add_object("node" + std::to_string(i)));
-        ASSERT_GE(objects.back(), 1024u); // what lies below is the bus's own
-        ASSERT_GE(peers.back().id(), 1024u);
-    }
-    for (uint16_t i = 0; i < count; i++)
-        ASSERT_TRUE(
-            peers[i].send(invoke_message(static_cast<uint16_t>(1000 + i), objects[(i + 1) % count], "m")));
-    for (uint16_t i = 0; i < count; i++) {
-        const uint16_t caller = static_cast<uint16_t>((i + count - 1) % count);
-        auto call = peers[i].receive();
-        ASSERT_TRUE(call && call->type == UBUS_MSG_INVOKE);
-        EXPECT_EQ(call->seq, 1000 + caller);
-        EXPECT_EQ(call->peer, peers[caller].id());
-        ASSERT_TRUE(peers[i].send(status_message(call->seq, call->peer, objects[i], i)));
-    }
-    for (uint16_t i = 0; i < count; i++)
-        EXPECT_EQ(peers[i].status(static_cast<uint16_t>(1000 + i)), (i + 1) % count);
-}
-
 TEST_F(UbusdTest, ForwardsCallsWithTheCallersNamesAndRoutesAnswersByObject) {
     peer.send(invoke_message(7, bystander_object, "method", 12));
     auto call = bystander.receive();
@@ -144,7 +119,7 @@ TEST_F(UbusdTest, AnswersBadRequestsWithAStatus) {
     const std::tuple<const char *, std::string, int> cases[] = {
         {"hello from a client", message(UBUS_MSG_HELLO, 3, 0), UBUS_STATUS_INVALID_COMMAND},
         {"unknown type", message(200, 3, 0), UBUS_STATUS_INVALID_COMMAND},
-        {"subscribe", message(UBUS_MSG_SUBSCRIBE, 3, 0), UBUS_STATUS_NOT_SUPPORTED},
+        {"subscription without objects", message(UBUS_MSG_SUBSCRIBE, 3, 0), UBUS_STATUS_INVALID_ARGUMENT},
         {"call without object", message(UBUS_MSG_INVOKE, 3, 0), UBUS_STATUS_INVALID_ARGUMENT},
         {"call of no object", invoke_message(3, 4711, "m"), UBUS_STATUS_NOT_FOUND},
         {"text without its zero", request(UBUS_MSG_LOOKUP, 3, UBUS_ATTR_OBJPATH, "bystander"),
@@ -191,6 +166,8 @@ TEST_F(UbusdTest, KeepsAnOwnerThatIsBehindAndLosesNothingBelowTheBound) {
         ASSERT_TRUE(answer);
         if (answer->seq == sent)
             refusal = std::move(answer);
+        else
+            ASSERT_EQ(peer.status(0xffff), 0);
     }
     ASSERT_TRUE(refusal);
     EXPECT_GT(sent, 30); // the bound is not reached by a few calls
@@ -215,32 +192,6 @@ TEST_F(UbusdTest, ForgetsAClientThatDiesInTheMiddleOfAFrame) {
         }
         expect_gone("short.lived");
     }
-}
-
-TEST_F(UbusdTest, LeavesCallsUnansweredWhenTheirOwnerDies) {
-    {
-        RawPeer owner(bus.socket());
-        ASSERT_TRUE(peer.send(invoke_message(9, owner.add_object("owner"), "m")));
-        ASSERT_TRUE(owner.receive());
-    }
-    expect_gone("owner");
-    ASSERT_TRUE(peer.send(message(UBUS_MSG_PING, 10, 0)));
-    auto answer = peer.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->seq, 10);
-    EXPECT_NE(peer.add_object("owner"), 0u);
-}
-
-TEST_F(UbusdTest, ClosesDescriptorsThatComeAlong) {
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    peer.send_with_descriptor(message(UBUS_MSG_PING, 2, 0), ends[1]);
-    EXPECT_EQ(peer.status(2), 0);
-    close(ends[1]);
-    pollfd pfd = {ends[0], POLLIN, 0};
-    EXPECT_EQ(poll(&pfd, 1, 10000), 1);
-    EXPECT_TRUE(pfd.revents & POLLHUP);
-    close(ends[0]);
 }
 
 } // namespace

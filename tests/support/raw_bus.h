@@ -64,23 +64,6 @@ class RawPeer {
         }
         return true;
     }
-    // With a descriptor beside the bytes.
-    void send_with_descriptor(const std::string &bytes, int passed) const {
-        iovec iov = {const_cast<char *>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr msg = {};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof(control);
-        cmsghdr *head = CMSG_FIRSTHDR(&msg);
-        head->cmsg_level = SOL_SOCKET;
-        head->cmsg_type = SCM_RIGHTS;
-        head->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(head), &passed, sizeof(passed));
-        sendmsg(fd_.get(), &msg, MSG_NOSIGNAL);
-    }
-
     // The next message; none when the stream ends or nothing comes for 10 seconds.
     std::optional<bus_frame> receive() {
         for (;;) {

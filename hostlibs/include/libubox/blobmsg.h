@@ -82,7 +82,8 @@ bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t 
 
 /*
  * Finds each policy entry's attribute in a list of `len` bytes: tb[i] is null where it is missing or of
- * another type; the first of a name counts. 0, or -1 for an empty list or at the first malformed attribute.
+ * another type; the first of a name counts. 0, or -1 for an empty list or at the first attribute that is no
+ * value; a list that is cut off gives what precedes the damage.
  */
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);

@@ -48,9 +48,9 @@ extern bool uloop_cancelled;
 int uloop_init(void);
 
 /*
- * Runs until uloop_end or a signal. With a time-out of 0 or more ms: one pass only, which runs what is due
- * and then waits at most that long for descriptors. Returns 0 or the number of the signal that ended the
- * loop.
+ * Runs until uloop_end or a signal; what came of either before it started is forgotten. With a time-out of 0
+ * or more ms: one pass only, which runs what is due and then waits at most that long for descriptors. Returns
+ * 0 or the number of the signal that ended the loop.
  */
 int uloop_run_timeout(int timeout);
 
