@@ -1,4 +1,5 @@
-// Configuration packages (UCI): files of sections and options, with changes staged beside them until a commit.
+// Configuration packages (UCI): files of sections and options, with changes staged beside them until a
+// commit.
 //
 // A context owns every package that it has loaded, and with the package all its sections, options and texts:
 // such a pointer is good until the package is unloaded, committed or reverted, or the element is changed.
@@ -16,6 +17,7 @@ extern "C" {
 
 #define UCI_CONFDIR "/etc/config"
 #define UCI_SAVEDIR "/tmp/.uci"
+#define UCI_CONF2DIR "/var/run/uci"
 
 enum {
     UCI_OK = 0,
@@ -76,19 +78,22 @@ struct uci_context {
     enum uci_flags flags;
     char *confdir;
     char *savedir;
-    struct uci_list delta_path; // further directories of staged changes, read before savedir
-    int err;                    // of the last call
-    const char *reason;         // of a parse error, a constant text or null
-    int line;                   // of a parse error, from 1
+    char *conf2dir; // of overrides, or null
+    struct uci_list
+        delta_path;     // directories of staged changes in the order of applying them; savedir stands last
+    int err;            // of the last call
+    const char *reason; // of a parse error, a constant text or null
+    int line;           // of a parse error, from 1
+    int byte;           // and in the line
 };
 
 struct uci_package {
     struct uci_element e;
     struct uci_list sections;
     struct uci_context *ctx;
-    bool has_delta; // changes are recorded in delta
-    char *path;     // of the file; null when imported
-    int n_section;  // sections made so far, numbers anonymous ones
+    bool has_delta;              // changes are recorded in delta
+    char *path;                  // of the file; null when imported
+    int n_section;               // sections made so far, numbers anonymous ones
     struct uci_list delta;       // changes of this context, not yet saved
     struct uci_list saved_delta; // staged changes found by the load, with UCI_FLAG_SAVED_DELTA
 };
@@ -137,21 +142,30 @@ struct uci_ptr {
 struct uci_context *uci_alloc_context(void);
 void uci_free_context(struct uci_context *ctx);
 
-// Directory of the configuration files, of the staged changes, and one more directory of staged changes to read.
+// Directory of the configuration files.
 int uci_set_confdir(struct uci_context *ctx, const char *dir);
+// Directory of overrides: dir/name, where it exists, is read and written instead of confdir/name. Null
+// switches it off.
+int uci_set_conf2dir(struct uci_context *ctx, const char *dir);
+// Directory that changes are staged in. It is added to the list of those that every load and commit applies,
+// which has UCI_SAVEDIR from the start; a commit empties only this one.
 int uci_set_savedir(struct uci_context *ctx, const char *dir);
+// One more directory of staged changes to apply, in front of savedir's. UCI_ERR_DUPLICATE when it is there
+// already.
 int uci_add_delta_path(struct uci_context *ctx, const char *dir);
 
-// Reads confdir/name and applies the changes staged in savedir/name. The package and all that hangs on it belong to
-// the context. UCI_ERR_NOTFOUND without a file, UCI_ERR_PARSE for a bad or too large one (4 MiB, 16384 sections,
-// 1024 options a section), UCI_ERR_DUPLICATE when the context has it already.
-// A name that starts with '/' or './' is the path of a file: it has no staged changes, and a commit writes it as it is.
+// Reads confdir/name and applies the changes staged in savedir/name. The package and all that hangs on it
+// belong to the context. UCI_ERR_NOTFOUND without a file, UCI_ERR_PARSE for a bad or too large one (4 MiB,
+// 16384 sections, 1024 options a section), UCI_ERR_DUPLICATE when the context has it already.
+// A name that starts with '/' or './' is the path of a file: it has no staged changes, and a commit writes it
+// as it is.
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package);
 int uci_unload(struct uci_context *ctx, struct uci_package *p);
 
-// Parses "package[.section[.option]][=value]", loads the package when needed and looks the place up. str is cut into
-// pieces and must outlive ptr. With extended, section may be "@type[n]", n < 0 counts from the end. Returns 0 also
-// when section or option is missing: see UCI_LOOKUP_COMPLETE in ptr->flags. With a null str ptr's own texts are used.
+// Parses "package[.section[.option]][=value]", loads the package when needed and looks the place up. str is
+// cut into pieces and must outlive ptr. With extended, section may be "@type[n]", n < 0 counts from the end.
+// Returns 0 also when section or option is missing: see UCI_LOOKUP_COMPLETE in ptr->flags. With a null str
+// ptr's own texts are used.
 int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool extended);
 
 // Changes in memory, recorded for uci_save. They need the elements that ptr names: UCI_ERR_NOTFOUND without.
@@ -164,21 +178,23 @@ int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_rename(struct uci_context *ctx, struct uci_ptr *ptr);
 // Deletes the section or option; with ptr->value the list item of that number.
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
-int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type, struct uci_section **res);
+int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type,
+                    struct uci_section **res);
 int uci_reorder_section(struct uci_context *ctx, struct uci_section *s, int pos);
 
 // Appends the recorded changes to savedir/name.
 int uci_save(struct uci_context *ctx, struct uci_package *p);
-// Writes the file: own changes are staged first, then the file is read anew, all staged changes are applied, the
-// result replaces the file in one step and the staged changes are gone. With overwrite the package is written as it
-// is. *p may change, and is null after a failure that lost it.
+// Writes the file: own changes are staged first, then the file is read anew, all staged changes are applied,
+// the result replaces the file in one step and the staged changes are gone. With overwrite the package is
+// written as it is. *p may change, and is null after a failure that lost it.
 int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite);
 // Drops the recorded and staged changes at ptr and below. ptr->p changes.
 int uci_revert(struct uci_context *ctx, struct uci_ptr *ptr);
 
-// Reads packages from a stream; name is that of what stands before the first `package` line, or null. With single
-// everything goes to it. *package, when not null, becomes the last one read.
-int uci_import(struct uci_context *ctx, FILE *stream, const char *name, struct uci_package **package, bool single);
+// Reads packages from a stream; name is that of what stands before the first `package` line, or null. With
+// single everything goes to it. *package, when not null, becomes the last one read.
+int uci_import(struct uci_context *ctx, FILE *stream, const char *name, struct uci_package **package,
+               bool single);
 // Writes one package, or with a null package all; header adds the `package` line.
 int uci_export(struct uci_context *ctx, FILE *stream, struct uci_package *package, bool header);
 // Names of the packages in confdir, in order, closed by a null; one block for the caller to free().
@@ -221,11 +237,12 @@ static inline struct uci_delta *uci_to_delta(struct uci_element *e) {
 }
 
 // Walks a list of elements; the _safe one allows the current element to be deleted.
-#define uci_foreach_element(_list, _ptr)                                                                     \
-    for (_ptr = list_to_element((_list)->next); &_ptr->list != (_list); _ptr = list_to_element(_ptr->list.next))
+#define uci_foreach_element(_list, _ptr)                                \
+    for (_ptr = list_to_element((_list)->next); &_ptr->list != (_list); \
+         _ptr = list_to_element(_ptr->list.next))
 
-#define uci_foreach_element_safe(_list, _tmp, _ptr)                                                          \
-    for (_ptr = list_to_element((_list)->next), _tmp = list_to_element(_ptr->list.next);                     \
+#define uci_foreach_element_safe(_list, _tmp, _ptr)                                      \
+    for (_ptr = list_to_element((_list)->next), _tmp = list_to_element(_ptr->list.next); \
          &_ptr->list != (_list); _ptr = _tmp, _tmp = list_to_element(_ptr->list.next))
 
 #ifdef __cplusplus

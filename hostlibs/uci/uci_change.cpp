@@ -1,7 +1,7 @@
 // Changes of a package in memory, and their record for the next save.
 #include "uci_internal.h"
 
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 
 namespace ucilib {
@@ -12,10 +12,6 @@ void record(uci_package *p, uci_command cmd, const char *section, const char *op
     if (p->has_delta)
         delta_new(&p->delta, cmd, section, option ? option : std::string_view(),
                   value ? value : std::string_view());
-}
-
-const char *option_name(const uci_ptr *ptr) {
-    return ptr->o ? ptr->o->e.name : ptr->option;
 }
 
 // Completes ptr from its own elements and names. Section and option may stay unresolved.
@@ -44,26 +40,16 @@ int resolve_existing(uci_ptr *ptr) {
 }
 
 int set_section(uci_ptr *ptr) {
-    if (!valid_type(ptr->value))
+    if (!ptr->s && !(ptr->s = section_new(ptr->p, ptr->value, ptr->section)))
         return UCI_ERR_INVAL;
-    if (ptr->s) {
-        record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, nullptr, ptr->value);
-        text_replace(ptr->s->type, ptr->value);
-    } else {
-        if (!valid_name(ptr->section))
-            return UCI_ERR_INVAL;
-        ptr->s = section_new(ptr->p, ptr->value, ptr->section);
-        if (!ptr->s)
-            return UCI_ERR_INVAL;
-        record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, nullptr, ptr->value);
-    }
     ptr->last = &ptr->s->e;
+    text_replace(ptr->s->type, ptr->value);
     return UCI_OK;
 }
 
-// The option of ptr, made when missing. Null when the name is bad or the section full.
+// The option of ptr, made when missing. Null when the section is full.
 uci_option *wanted_option(uci_ptr *ptr, uci_option_type type) {
-    if (!ptr->o && valid_name(ptr->option))
+    if (!ptr->o)
         ptr->o = option_new(ptr->s, ptr->option, type);
     if (ptr->o)
         ptr->last = &ptr->o->e;
@@ -75,11 +61,7 @@ bool same_text(const uci_option *o, const char *value) {
 }
 
 // The item of that number, or null.
-uci_element *item_at(uci_option *o, const char *number) {
-    char *end;
-    long index = strtol(number, &end, 10);
-    if (o->type != UCI_TYPE_LIST || *end || end == number || index < 0)
-        return nullptr;
+uci_element *item_at(uci_option *o, int index) {
     uci_element *item;
     uci_foreach_element(&o->v.list, item) {
         if (index-- == 0)
@@ -99,52 +81,66 @@ void item_delete(uci_element *item) {
 } // namespace
 
 int change_set(uci_ptr *ptr) {
-    int rc = resolve(ptr);
-    if (rc != UCI_OK || !ptr->value)
-        return rc != UCI_OK ? rc : UCI_ERR_INVAL;
-    if (!ptr->option && !ptr->o)
-        return set_section(ptr);
-    if (!ptr->s)
-        return UCI_ERR_NOTFOUND;
-    if (!ptr->value[0]) {
-        if (!ptr->o)
-            return UCI_OK;
-        ptr->value = nullptr;
-        return change_delete(ptr);
-    }
-    if (same_text(ptr->o, ptr->value))
-        return UCI_OK;
-    auto *o = wanted_option(ptr, UCI_TYPE_STRING);
-    if (!o)
+    const int rc = resolve(ptr);
+    if (rc != UCI_OK)
+        return rc;
+    const bool of_option = ptr->option || ptr->o;
+    if (!ptr->value || (of_option && !ptr->s))
         return UCI_ERR_INVAL;
-    record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, o->e.name, ptr->value);
-    option_set_string(o, ptr->value);
+    if (!ptr->value[0]) {
+        ptr->value = nullptr;
+        return (of_option ? ptr->o != nullptr : ptr->s != nullptr) ? change_delete(ptr) : int{UCI_OK};
+    }
+    if (!of_option && !valid_type(ptr->value))
+        return UCI_ERR_INVAL;
+    if (of_option ? same_text(ptr->o, ptr->value) : ptr->s && strcmp(ptr->s->type, ptr->value) == 0)
+        return UCI_OK;
+    if (!of_option) {
+        if (set_section(ptr) != UCI_OK)
+            return UCI_ERR_INVAL;
+    } else {
+        auto *o = wanted_option(ptr, UCI_TYPE_STRING);
+        if (!o)
+            return UCI_ERR_INVAL;
+        option_set_string(o, ptr->value);
+    }
+    record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, ptr->o ? ptr->o->e.name : nullptr, ptr->value);
+    return UCI_OK;
+}
+
+int change_add_section(uci_ptr *ptr) {
+    ptr->s = section_new(ptr->p, ptr->value, {});
+    if (!ptr->s)
+        return UCI_ERR_INVAL;
+    record(ptr->p, UCI_CMD_ADD, ptr->s->e.name, nullptr, ptr->value);
     return UCI_OK;
 }
 
 int change_add_list(uci_ptr *ptr) {
-    int rc = resolve(ptr);
+    const int rc = resolve(ptr);
     if (rc != UCI_OK)
         return rc;
-    if (!ptr->value || (!ptr->option && !ptr->o))
+    if (!ptr->value || !ptr->s)
         return UCI_ERR_INVAL;
-    if (!ptr->s)
-        return UCI_ERR_NOTFOUND;
+    if (!ptr->option && !ptr->o) { // whoever reads it passes it over
+        record(ptr->p, UCI_CMD_LIST_ADD, ptr->s->e.name, nullptr, ptr->value);
+        return UCI_OK;
+    }
     auto *o = wanted_option(ptr, UCI_TYPE_LIST);
     if (!o)
         return UCI_ERR_INVAL;
-    record(ptr->p, UCI_CMD_LIST_ADD, ptr->s->e.name, o->e.name, ptr->value);
     option_add_item(o, ptr->value);
+    record(ptr->p, UCI_CMD_LIST_ADD, ptr->s->e.name, o->e.name, ptr->value);
     return UCI_OK;
 }
 
 int change_del_list(uci_ptr *ptr) {
-    int rc = resolve_existing(ptr);
+    const int rc = resolve(ptr);
     if (rc != UCI_OK)
-        return rc == UCI_ERR_NOTFOUND && ptr->s ? UCI_OK : rc;
-    if (!ptr->value || !ptr->o)
+        return rc;
+    if (!ptr->value || !ptr->s)
         return UCI_ERR_INVAL;
-    if (ptr->o->type != UCI_TYPE_LIST)
+    if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
         return UCI_OK;
     record(ptr->p, UCI_CMD_LIST_DEL, ptr->s->e.name, ptr->o->e.name, ptr->value);
     uci_element *item, *next;
@@ -155,39 +151,38 @@ int change_del_list(uci_ptr *ptr) {
     return UCI_OK;
 }
 
+// The new name is not looked at: whoever reads the staged change does, and passes a bad one over.
 int change_rename(uci_ptr *ptr) {
-    int rc = resolve_existing(ptr);
+    const int rc = resolve_existing(ptr);
     if (rc != UCI_OK)
         return rc;
-    if (!ptr->value || !valid_name(ptr->value))
+    if (!ptr->value)
         return UCI_ERR_INVAL;
     uci_element *e = ptr->o ? &ptr->o->e : &ptr->s->e;
-    uci_element *taken = uci_lookup_list(ptr->o ? &ptr->s->options : &ptr->p->sections, ptr->value);
-    if (taken && taken != e)
-        return UCI_ERR_DUPLICATE;
     record(ptr->p, UCI_CMD_RENAME, ptr->s->e.name, ptr->o ? ptr->o->e.name : nullptr, ptr->value);
     text_replace(e->name, ptr->value);
-    if (ptr->o)
-        ptr->option = e->name;
-    else
-        ptr->section = e->name;
+    (ptr->o ? ptr->option : ptr->section) = e->name;
     if (!ptr->o)
         ptr->s->anonymous = false;
     return UCI_OK;
 }
 
 int change_delete(uci_ptr *ptr) {
-    int rc = resolve_existing(ptr);
+    const int rc = resolve_existing(ptr);
     if (rc != UCI_OK)
         return rc;
-    uci_element *item = nullptr;
-    if (ptr->o && ptr->value && ptr->value[0] && !(item = item_at(ptr->o, ptr->value)))
-        return UCI_ERR_NOTFOUND;
-    record(ptr->p, UCI_CMD_REMOVE, ptr->s->e.name, ptr->o ? option_name(ptr) : nullptr,
-           item ? ptr->value : nullptr);
-    if (item && item->list.next != item->list.prev) {
-        item_delete(item);
-    } else if (ptr->o) {
+    if (ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && ptr->value[0]) {
+        int index;
+        if (sscanf(ptr->value, "%d", &index) == 0)
+            return UCI_ERR_INVAL;
+        if (auto *item = item_at(ptr->o, index)) {
+            record(ptr->p, UCI_CMD_REMOVE, ptr->s->e.name, ptr->o->e.name, ptr->value);
+            item_delete(item);
+        }
+        return UCI_OK;
+    }
+    record(ptr->p, UCI_CMD_REMOVE, ptr->s->e.name, ptr->o ? ptr->o->e.name : nullptr, nullptr);
+    if (ptr->o) {
         option_free(ptr->o);
         ptr->o = nullptr;
         ptr->last = &ptr->s->e;
@@ -199,16 +194,15 @@ int change_delete(uci_ptr *ptr) {
     return UCI_OK;
 }
 
-int change_reorder(uci_section *s, int pos) {
-    char place[16];
-    snprintf(place, sizeof(place), "%d", pos);
-    record(s->package, UCI_CMD_REORDER, s->e.name, nullptr, place);
+void change_reorder(uci_section *s, int pos) {
+    const uci_list *before = s->e.list.prev;
     list_remove(&s->e.list);
     uci_list *after = &s->package->sections;
     for (int i = 0; i < pos && after->next != &s->package->sections; i++)
         after = after->next;
     list_append(after->next, &s->e.list);
-    return UCI_OK;
+    if (s->e.list.prev != before)
+        record(s->package, UCI_CMD_REORDER, s->e.name, nullptr, std::to_string(pos).c_str());
 }
 
 } // namespace ucilib
@@ -238,19 +232,23 @@ int uci_add_section(uci_context *ctx, uci_package *p, const char *type, uci_sect
     return guarded(ctx, [&] {
         if (res)
             *res = nullptr;
-        if (!p || !type || !valid_type(type))
+        if (!p || !type)
             return int{UCI_ERR_INVAL};
-        auto *s = section_new(p, type, {});
-        if (!s)
-            return int{UCI_ERR_INVAL};
-        record(p, UCI_CMD_ADD, s->e.name, nullptr, type);
+        uci_ptr place{};
+        place.p = p;
+        place.value = type;
+        const int rc = change_add_section(&place);
         if (res)
-            *res = s;
-        return int{UCI_OK};
+            *res = place.s;
+        return rc;
     });
 }
 
 int uci_reorder_section(uci_context *ctx, uci_section *s, int pos) {
-    return ucilib::guarded(
-        ctx, [&] { return s && pos >= 0 ? ucilib::change_reorder(s, pos) : int{UCI_ERR_INVAL}; });
+    return ucilib::guarded(ctx, [&] {
+        if (!s)
+            return int{UCI_ERR_INVAL};
+        ucilib::change_reorder(s, pos);
+        return int{UCI_OK};
+    });
 }

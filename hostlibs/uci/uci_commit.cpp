@@ -20,14 +20,14 @@ std::string resolved(const std::string &path) {
 
 int write_package(uci_package *p, const std::string &target, int old) {
     std::string text;
-    print_package(text, p, false, false);
+    print_package(text, p, false, p->ctx->flags & UCI_FLAG_EXPORT_NAME);
     if (text.size() > max_file_size) // no load would take it
         return UCI_ERR_INVAL;
     return file_replace(target, p->e.name, old, text);
 }
 
 int commit_overwrite(uci_context *ctx, uci_package *p) {
-    const std::string path = p->path ? std::string(p->path) : delta_path(ctx->confdir, p->e.name);
+    const std::string path = p->path ? std::string(p->path) : path_in(ctx->confdir, p->e.name);
     const std::string target = resolved(path);
     file_handle old;
     int rc = file_open_locked(target, O_RDWR | O_CREAT, LOCK_EX, old);
@@ -68,7 +68,7 @@ int commit_staged(uci_context *ctx, uci_package **package) {
     if (count > 0 && (rc = write_package(fresh.get(), target, old.get())) != UCI_OK)
         return rc;
     // Only now: a crash before this applies the same changes again, one after it finds them done.
-    if (staged && ftruncate(staged.get(), 0) != 0)
+    if (count > 0 && staged && ftruncate(staged.get(), 0) != 0)
         rc = UCI_ERR_IO;
     delta_list_clear(&fresh->saved_delta);
     fresh->has_delta = true;

@@ -24,27 +24,15 @@ constexpr command_prefix prefixes[] = {
     {'|', UCI_CMD_LIST_ADD}, {'~', UCI_CMD_LIST_DEL}, {'\0', UCI_CMD_CHANGE},
 };
 
-// One staged change; the texts lie in `word`.
+// One staged change; the place's texts lie in `word`.
 struct staged_change {
     std::string word;
     uci_command cmd;
-    char *package;
-    char *section;
-    char *option;
-    char *value;
+    uci_ptr place;
 };
-
-char *cut(char *text, char at) {
-    char *found = text ? strchr(text, at) : nullptr;
-    if (found)
-        *found++ = '\0';
-    return found;
-}
 
 // Takes a line's word apart. False when it is no change.
 bool parse_change(staged_change &change) {
-    if (change.word.find('\0') != std::string::npos)
-        return false;
     char *text = change.word.data();
     change.cmd = UCI_CMD_CHANGE;
     for (const auto &[prefix, cmd] : prefixes) {
@@ -54,55 +42,55 @@ bool parse_change(staged_change &change) {
             break;
         }
     }
-    change.value = cut(text, '=');
-    change.package = text;
-    change.section = cut(text, '.');
-    change.option = cut(change.section, '.');
-    if (!valid_package_name(change.package) || !change.section || !valid_name(change.section))
+    uci_ptr &place = change.place;
+    if (!split_place(&place, text) || !place.section || (place.flags & uci_ptr::UCI_LOOKUP_EXTENDED))
         return false;
-    if (change.option && !valid_name(change.option))
-        return false;
-    return change.value || change.cmd == UCI_CMD_REMOVE;
+    switch (change.cmd) {
+    case UCI_CMD_RENAME:
+        return place.value && valid_name(place.value);
+    case UCI_CMD_LIST_ADD:
+    case UCI_CMD_LIST_DEL:
+        return place.option && place.value;
+    case UCI_CMD_REORDER:
+        return place.value && !place.option;
+    case UCI_CMD_REMOVE:
+        return true;
+    default:
+        return place.value;
+    }
 }
 
 // Reads the next change. False at the end; a line that is no change leaves good false.
 bool next_change(word_reader &reader, staged_change &change, bool &good) {
-    if (reader.pos >= reader.text.size())
+    if (!reader.next_line())
         return false;
-    std::string more;
-    good = next_word(reader, change.word) == word_result::word &&
-           next_word(reader, more) == word_result::end_of_line && parse_change(change);
-    skip_line(reader);
-    reader.pos++;
+    good = false;
+    try {
+        change.word = reader.word();
+        good = reader.used_up() && !change.word.empty() && parse_change(change);
+    } catch (const parse_fault &) {
+    }
     return true;
-}
-
-// An added section keeps the name that later lines know it by.
-int apply_add(uci_ptr *ptr) {
-    if (ptr->option)
-        return UCI_ERR_INVAL;
-    const bool exists = uci_lookup_section(nullptr, ptr->p, ptr->section);
-    int rc = change_set(ptr);
-    if (rc == UCI_OK && !exists)
-        ptr->s->anonymous = true;
-    return rc;
 }
 
 int apply_reorder(uci_ptr *ptr) {
     auto *s = uci_lookup_section(nullptr, ptr->p, ptr->section);
-    const int pos = atoi(ptr->value);
-    return s && pos >= 0 ? change_reorder(s, pos) : int{UCI_ERR_NOTFOUND};
+    if (!s)
+        return UCI_ERR_NOTFOUND;
+    change_reorder(s, static_cast<int>(strtoul(ptr->value, nullptr, 10)));
+    return UCI_OK;
 }
 
 int apply(uci_package *p, const staged_change &change) {
-    uci_ptr ptr{};
+    uci_ptr ptr = change.place;
     ptr.p = p;
-    ptr.section = change.section;
-    ptr.option = change.option;
-    ptr.value = change.value;
+    int rc;
     switch (change.cmd) {
     case UCI_CMD_ADD:
-        return apply_add(&ptr);
+        rc = change_set(&ptr);
+        if (ptr.s && !ptr.option) // it keeps the name that later lines know it by
+            ptr.s->anonymous = true;
+        return rc;
     case UCI_CMD_REMOVE:
         return change_delete(&ptr);
     case UCI_CMD_RENAME:
@@ -123,128 +111,96 @@ std::string_view view(const char *text) {
     return text ? text : std::string_view();
 }
 
-void print_change(std::string &out, const char *package, const uci_delta *delta) {
-    for (const auto &[prefix, cmd] : prefixes) {
-        if (prefix && cmd == delta->cmd)
-            out += prefix;
+void print_change(std::string &out, uci_command cmd, const uci_ptr &place) {
+    for (const auto &known : prefixes) {
+        if (known.prefix && known.cmd == cmd)
+            out += known.prefix;
     }
-    out += package;
+    out += place.package;
     out += '.';
-    out += delta->section;
-    if (delta->e.name) {
+    out += place.section;
+    if (place.option) {
         out += '.';
-        out += delta->e.name;
+        out += place.option;
     }
-    if (delta->value) {
+    if (place.value) {
         out += '=';
-        print_quoted(out, delta->value);
+        print_quoted(out, place.value);
     }
     out += '\n';
 }
 
-// True when `rename` gives the section that `add` made its name.
-bool names_added(const uci_delta *add, const uci_delta *rename) {
-    return add->cmd == UCI_CMD_ADD && rename->cmd == UCI_CMD_RENAME && !rename->e.name &&
-           strcmp(add->section, rename->section) == 0;
-}
-
-// A section that was added and named at once becomes one change: after a crash between the new file and the
-// emptying of the staged one, it is applied again, and then finds its section instead of adding another.
 std::string print_changes(uci_package *p) {
     std::string text;
     uci_element *e;
     uci_foreach_element(&p->delta, e) {
         const uci_delta *delta = uci_to_delta(e);
-        const bool last = e->list.next == &p->delta;
-        const uci_delta *next = last ? nullptr : uci_to_delta(list_to_element(e->list.next));
-        if (!next || !names_added(delta, next)) {
-            print_change(text, p->e.name, delta);
-            continue;
-        }
-        uci_delta named{};
-        named.cmd = UCI_CMD_CHANGE;
-        named.section = next->value;
-        named.value = delta->value;
-        print_change(text, p->e.name, &named);
-        e = list_to_element(e->list.next);
+        uci_ptr place{};
+        place.package = p->e.name;
+        place.section = delta->section;
+        place.option = e->name;
+        place.value = delta->value;
+        print_change(text, delta->cmd, place);
     }
     return text;
 }
 
 // True when the change lies at ptr or below.
-bool lies_at(const staged_change &change, const uci_ptr *ptr) {
+bool lies_at(const uci_ptr &change, const uci_ptr *ptr) {
     if (ptr->section && strcmp(ptr->section, change.section) != 0)
         return false;
     return !ptr->option || (change.option && strcmp(ptr->option, change.option) == 0);
 }
 
-// Rewrites the staged file without the changes at ptr.
-int drop_staged(const std::string &path, const uci_ptr *ptr) {
-    file_handle file;
-    int rc = file_open_locked(path, O_RDWR | O_NOFOLLOW, LOCK_EX, file);
-    if (rc != UCI_OK)
-        return rc == UCI_ERR_NOTFOUND ? UCI_OK : rc;
-    std::string text, kept;
-    rc = file_read(file.get(), max_delta_size, text);
-    if (rc != UCI_OK)
-        return rc;
-    word_reader reader{text};
-    staged_change change;
-    bool good;
-    for (size_t start = 0; next_change(reader, change, good); start = reader.pos) {
-        if (good && !lies_at(change, ptr))
-            kept.append(text, start, reader.pos - start);
-    }
-    if (ftruncate(file.get(), 0) != 0)
-        return UCI_ERR_IO;
-    return file_write(file.get(), kept);
-}
-
 // A crash may have left half a change at the end: what is appended to an open quote would become part of it.
 int repair_end(int fd, const char *&separator) {
     std::string text;
-    int rc = file_read(fd, max_delta_size, text);
+    const int rc = file_read(fd, max_delta_size, text);
     if (rc != UCI_OK)
         return rc;
-    word_reader reader{text};
-    staged_change change;
-    bool good;
-    size_t start = 0;
-    while (next_change(reader, change, good) && !reader.reason)
-        start = reader.pos;
-    separator = "";
-    if (reader.reason)
-        return ftruncate(fd, static_cast<off_t>(start)) == 0 ? UCI_OK : UCI_ERR_IO;
-    if (!text.empty() && text.back() != '\n')
-        separator = "\n";
+    text_source source(text);
+    word_reader reader(source);
+    size_t last = 0; // where the last change starts
+    bool cut = !text.empty() && text.back() == '\\';
+    try {
+        for (size_t next = 0; reader.next_line(); next = source.position()) {
+            last = next;
+            reader.word();
+        }
+    } catch (const parse_fault &) {
+        cut = true;
+    }
+    if (cut) {
+        text.resize(last);
+        if (ftruncate(fd, static_cast<off_t>(last)) != 0)
+            return UCI_ERR_IO;
+    }
+    separator = text.empty() || text.back() == '\n' ? "" : "\n";
     return UCI_OK;
 }
 
 } // namespace
 
-std::string delta_path(const std::string &dir, std::string_view package) {
-    return dir + "/" + std::string(package);
-}
-
 void delta_apply(uci_package *p, std::string_view text, bool keep, size_t &count) {
     const bool recording = p->has_delta;
     p->has_delta = false;
-    word_reader reader{text};
+    text_source source(text);
+    word_reader reader(source);
     staged_change change;
     bool good;
     while (next_change(reader, change, good)) {
-        if (!good || strcmp(change.package, p->e.name) != 0)
+        const uci_ptr &place = change.place;
+        if (!good || strcmp(place.package, p->e.name) != 0)
             continue;
-        count++;
         if (keep)
-            delta_new(&p->saved_delta, change.cmd, change.section, view(change.option), view(change.value));
-        apply(p, change); // what no longer fits the file is passed over
+            delta_new(&p->saved_delta, change.cmd, place.section, view(place.option), view(place.value));
+        count += apply(p, change) == UCI_OK; // what no longer fits the file is passed over
     }
     p->has_delta = recording;
 }
 
 int delta_open(uci_context *ctx, const char *package, int lock, file_handle &file) {
-    return file_open_locked(delta_path(ctx->savedir, package),
+    return file_open_locked(path_in(ctx->savedir, package),
                             (lock == LOCK_EX ? O_RDWR : O_RDONLY) | O_NOFOLLOW, lock, file);
 }
 
@@ -255,7 +211,7 @@ int delta_load(uci_context *ctx, uci_package *p, const file_handle &own, size_t 
     uci_foreach_element(&ctx->delta_path, dir) {
         file_handle file;
         if (strcmp(dir->name, ctx->savedir) != 0 &&
-            file_open(delta_path(dir->name, p->e.name), O_RDONLY | O_NOFOLLOW, file) == UCI_OK &&
+            file_open(path_in(dir->name, p->e.name), O_RDONLY | O_NOFOLLOW, file) == UCI_OK &&
             file_read(file.get(), max_delta_size, text) == UCI_OK)
             delta_apply(p, text, keep, count);
     }
@@ -273,7 +229,7 @@ int delta_save(uci_context *ctx, uci_package *p) {
     std::string text = print_changes(p);
     mkdir(ctx->savedir, S_IRWXU); // there already, or the open below fails
     file_handle file;
-    int rc = file_open_locked(delta_path(ctx->savedir, p->e.name), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW,
+    int rc = file_open_locked(path_in(ctx->savedir, p->e.name), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW,
                               LOCK_EX, file);
     if (rc != UCI_OK)
         return UCI_ERR_IO;
@@ -294,31 +250,33 @@ int delta_save(uci_context *ctx, uci_package *p) {
     return UCI_OK;
 }
 
+int delta_drop(uci_context *ctx, const uci_ptr *ptr) {
+    file_handle file;
+    int rc = delta_open(ctx, ptr->p->e.name, LOCK_EX, file);
+    if (rc != UCI_OK)
+        return rc == UCI_ERR_NOTFOUND ? UCI_OK : rc;
+    std::string text, kept;
+    rc = file_read(file.get(), max_delta_size, text);
+    if (rc != UCI_OK)
+        return rc;
+    text_source source(text);
+    word_reader reader(source);
+    staged_change change;
+    bool good;
+    while (next_change(reader, change, good)) {
+        if (!good) // whose change that was cannot be told: nothing is dropped
+            return UCI_OK;
+        if (!lies_at(change.place, ptr))
+            print_change(kept, change.cmd, change.place);
+    }
+    if (ftruncate(file.get(), 0) != 0)
+        return UCI_ERR_IO;
+    return file_write(file.get(), kept);
+}
+
 } // namespace ucilib
 
 int uci_save(uci_context *ctx, uci_package *p) {
     using namespace ucilib;
     return guarded(ctx, [&] { return p ? delta_save(ctx, p) : int{UCI_ERR_INVAL}; });
-}
-
-int uci_revert(uci_context *ctx, uci_ptr *ptr) {
-    using namespace ucilib;
-    std::string name;
-    int rc = guarded(ctx, [&] {
-        if (!ptr || !ptr->p)
-            return int{UCI_ERR_INVAL};
-        int saved = delta_save(ctx, ptr->p);
-        if (saved != UCI_OK)
-            return saved;
-        name = ptr->p->e.name;
-        return drop_staged(delta_path(ctx->savedir, name), ptr);
-    });
-    if (rc != UCI_OK)
-        return rc;
-    uci_unload(ctx, ptr->p);
-    ptr->p = nullptr;
-    ptr->s = nullptr;
-    ptr->o = nullptr;
-    ptr->last = nullptr;
-    return uci_load(ctx, name.c_str(), &ptr->p);
 }

@@ -95,8 +95,18 @@ bool valid_package_name(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c == '-' || is_name_byte(c); });
 }
 
+bool valid_file_name(std::string_view text) {
+    return !text.empty() && text[0] != '.' && text.find('/') == std::string_view::npos;
+}
+
 bool valid_type(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > 32 && c < 127; });
+}
+
+bool valid_value(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) >= ' ' || c == '\t' || c == '\r' || c == '\n';
+    });
 }
 
 void package_deleter::operator()(uci_package *p) const {

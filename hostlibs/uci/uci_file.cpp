@@ -38,6 +38,10 @@ bool still_named(const std::string &path, int fd) {
 
 } // namespace
 
+std::string path_in(const std::string &dir, std::string_view name) {
+    return dir + "/" + std::string(name);
+}
+
 file_handle &file_handle::operator=(file_handle &&other) noexcept {
     std::swap(fd_, other.fd_);
     return *this;

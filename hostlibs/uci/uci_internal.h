@@ -2,6 +2,8 @@
 #ifndef UCI_INTERNAL_H
 #define UCI_INTERNAL_H
 
+#include "uci_words.h"
+
 #include <uci.h>
 
 #include <memory>
@@ -22,7 +24,6 @@ template <typename F> int guarded(uci_context *ctx, F &&body) noexcept {
     if (!ctx)
         return UCI_ERR_INVAL;
     ctx->reason = nullptr;
-    ctx->line = 0;
     try {
         return ctx->err = body();
     } catch (const std::bad_alloc &) {
@@ -58,39 +59,42 @@ void item_list_clear(uci_list *list);
 void option_set_string(uci_option *o, std::string_view value);
 void option_add_item(uci_option *o, std::string_view value);
 
-// Letters, digits and '_', not empty; package names also '-'; types any printable byte but the blank.
+// Letters, digits and '_', not empty; package names also '-'; types any printable byte but the blank; values
+// that can be staged have no control bytes but tab, CR and LF.
 bool valid_name(std::string_view text);
 bool valid_package_name(std::string_view text);
+bool valid_file_name(std::string_view text); // stays in its directory
 bool valid_type(std::string_view text);
-
-// Words of a configuration text (uci_words.cpp).
-struct word_reader {
-    std::string_view text;
-    size_t pos = 0;
-    int line = 1;
-    const char *reason = nullptr; // of an error
-};
-enum class word_result { word, end_of_line, error };
-// The next word of the line into word. Stays in front of the newline.
-word_result next_word(word_reader &reader, std::string &word);
-void skip_line(word_reader &reader);
+bool valid_value(std::string_view text);
 
 // Parsing and printing (uci_parse.cpp, uci_export.cpp).
-// Reads text into packages, which the caller gets only when all of it was good.
-int parse_packages(uci_context *ctx, std::string_view text, std::string_view name, bool single,
-                   std::vector<package_handle> &packages);
+struct import_target {
+    const char *name;   // of the package of what stands before the first `package` line; null: none
+    bool single;        // a `package` line changes nothing
+    uci_package *merge; // takes what is read instead of a new package, or null
+    std::vector<package_handle> &packages;
+};
+// Reads a text into packages, which the caller gets only when all of it was good.
+int parse_packages(uci_context *ctx, line_source &source, const import_target &target);
 void print_quoted(std::string &out, std::string_view value);
 void print_package(std::string &out, uci_package *p, bool header, bool all_names);
 
+// Places (uci_place.cpp).
+// Cuts "package[.section[.option]][=value]" at its dots and its equals sign. False when a piece is no name; a
+// section that is none is marked UCI_LOOKUP_EXTENDED.
+bool split_place(uci_ptr *ptr, char *text);
+
 // Changes (uci_change.cpp) are recorded only in a package with has_delta.
 int change_set(uci_ptr *ptr);
+int change_add_section(uci_ptr *ptr); // of type ptr->value, without a name of its own
 int change_add_list(uci_ptr *ptr);
 int change_del_list(uci_ptr *ptr);
 int change_rename(uci_ptr *ptr);
 int change_delete(uci_ptr *ptr);
-int change_reorder(uci_section *s, int pos);
+void change_reorder(uci_section *s, int pos);
 
 // Files (uci_file.cpp).
+std::string path_in(const std::string &dir, std::string_view name);
 class file_handle {
   public:
     explicit file_handle(int fd = -1) : fd_(fd) {}
@@ -121,8 +125,7 @@ int file_write(int fd, std::string_view text);
 int file_replace(const std::string &path, const std::string &package, int old, std::string_view text);
 
 // Staged changes (uci_delta.cpp).
-std::string delta_path(const std::string &dir, std::string_view package);
-// Reads and applies one text of staged changes; the number of good lines is added to count.
+// Reads and applies one text of staged changes; the number of those that fitted is added to count.
 void delta_apply(uci_package *p, std::string_view text, bool keep, size_t &count);
 // Opens savedir's file with the lock. A load holds it while it reads the configuration, so that a commit by
 // another is seen whole or not at all. UCI_ERR_NOTFOUND when nothing was ever staged.
@@ -130,6 +133,8 @@ int delta_open(uci_context *ctx, const char *package, int lock, file_handle &fil
 // Applies all directories' changes; `own` is savedir's file or closed.
 int delta_load(uci_context *ctx, uci_package *p, const file_handle &own, size_t &count);
 int delta_save(uci_context *ctx, uci_package *p);
+// Takes the changes at ptr and below out of savedir's file.
+int delta_drop(uci_context *ctx, const uci_ptr *ptr);
 
 // Reads and parses the file of a package (uci_load.cpp).
 int package_read(uci_context *ctx, int fd, const char *name, package_handle &package);

@@ -13,32 +13,6 @@ void add_flag(uci_ptr *ptr, int flag) {
     ptr->flags = static_cast<decltype(ptr->flags)>(ptr->flags | flag);
 }
 
-// Cuts str at its dots and its equals sign. False when a piece is no name.
-bool split(uci_ptr *ptr, char *str, bool extended) {
-    memset(ptr, 0, sizeof(*ptr));
-    if (char *value = strchr(str, '=')) {
-        *value++ = '\0';
-        ptr->value = value;
-    }
-    char *section = strchr(str, '.');
-    char *option = nullptr;
-    if (section) {
-        *section++ = '\0';
-        option = strchr(section, '.');
-        if (option)
-            *option++ = '\0';
-    }
-    ptr->package = str;
-    ptr->section = section;
-    ptr->option = option;
-    ptr->target = option ? UCI_TYPE_OPTION : section ? UCI_TYPE_SECTION : UCI_TYPE_PACKAGE;
-    if (section && section[0] == '@' && extended)
-        add_flag(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
-    else if (section && !valid_name(section))
-        return false;
-    return valid_package_name(str) && (!option || valid_name(option));
-}
-
 // Takes "@type[n]" apart; an empty type means any.
 bool parse_extended(const char *text, std::string &type, long &index) {
     const char *bracket = strchr(text, '[');
@@ -46,8 +20,8 @@ bool parse_extended(const char *text, std::string &type, long &index) {
         return false;
     type.assign(text + 1, bracket);
     char *end;
-    index = strtol(bracket + 1, &end, 10);
-    return end != bracket + 1 && strcmp(end, "]") == 0 && index > INT_MIN && index < INT_MAX;
+    index = strtol(bracket + 1, &end, 10); // no number is 0
+    return text[0] == '@' && strcmp(end, "]") == 0 && index > INT_MIN && index < INT_MAX;
 }
 
 uci_section *find_extended(uci_package *p, const std::string &type, long index) {
@@ -65,14 +39,14 @@ uci_section *find_extended(uci_package *p, const std::string &type, long index) 
     return nullptr;
 }
 
-int find_section(uci_ptr *ptr) {
+int find_section(uci_ptr *ptr, bool extended) {
     if (!(ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED)) {
         ptr->s = uci_lookup_section(nullptr, ptr->p, ptr->section);
         return UCI_OK;
     }
     std::string type;
     long index;
-    if (!parse_extended(ptr->section, type, index))
+    if (!extended || !parse_extended(ptr->section, type, index))
         return UCI_ERR_INVAL;
     ptr->s = find_extended(ptr->p, type, index);
     if (ptr->s)
@@ -80,7 +54,7 @@ int find_section(uci_ptr *ptr) {
     return UCI_OK;
 }
 
-int find(uci_context *ctx, uci_ptr *ptr) {
+int find(uci_context *ctx, uci_ptr *ptr, bool extended) {
     if (!ptr->p)
         ptr->p = uci_lookup_package(ctx, ptr->package);
     if (!ptr->p) {
@@ -90,7 +64,7 @@ int find(uci_context *ctx, uci_ptr *ptr) {
     }
     ptr->last = &ptr->p->e;
     if (ptr->section) {
-        int rc = find_section(ptr);
+        int rc = find_section(ptr, extended);
         if (rc != UCI_OK || !ptr->s)
             return rc;
         ptr->last = &ptr->s->e;
@@ -113,16 +87,17 @@ int uci_lookup_ptr(uci_context *ctx, uci_ptr *ptr, char *str, bool extended) {
     using namespace ucilib;
     if (!ctx || !ptr)
         return UCI_ERR_INVAL;
+    ctx->reason = nullptr;
     // The load inside is a call of its own: its parse error must stay in the context.
     int rc = UCI_OK;
     if (str)
-        rc = split(ptr, str, extended) ? UCI_OK : UCI_ERR_INVAL;
+        rc = split_place(ptr, str) ? UCI_OK : UCI_ERR_PARSE;
     else if (!ptr->package || (ptr->option && !ptr->section))
         rc = UCI_ERR_INVAL;
     if (rc == UCI_OK) {
         add_flag(ptr, uci_ptr::UCI_LOOKUP_DONE);
         try {
-            rc = find(ctx, ptr);
+            rc = find(ctx, ptr, extended);
         } catch (const std::bad_alloc &) {
             rc = UCI_ERR_MEM;
         }

@@ -3,197 +3,211 @@
 
 #include <array>
 #include <cstring>
+#include <unordered_map>
 
 namespace ucilib {
 
 namespace {
 
-struct parse_state {
-    uci_context *ctx;
-    std::vector<package_handle> &packages;
-    bool single; // a package line changes nothing
-    uci_package *package = nullptr;
-    uci_section *section = nullptr;
-    const char *reason = nullptr;
-};
-
-// One statement: its word, how many words follow at least and at most, and what it does with them.
-struct statement {
-    std::string_view word;
-    size_t min_words;
-    size_t max_words;
-    bool (*run)(parse_state &state, const std::array<std::string, 2> &words);
-};
-
-bool refuse(parse_state &state, const char *reason) {
-    state.reason = reason;
-    return false;
-}
-
-bool run_package(parse_state &state, const std::array<std::string, 2> &words) {
-    const std::string &name = words[0];
-    if (!valid_package_name(name))
-        return refuse(state, "invalid package name");
-    if (state.single)
-        return true;
-    state.section = nullptr;
-    for (auto &package : state.packages) {
-        if (name == package->e.name) {
-            state.package = package.get();
-            return true;
-        }
+class package_parser {
+  public:
+    package_parser(uci_context *ctx, line_source &source, const import_target &target)
+        : ctx_(ctx), target_(target), reader_(source) {
+        if (target_.merge)
+            enter(target_.merge);
     }
-    state.packages.push_back(package_new(state.ctx, name));
-    state.package = state.packages.back().get();
-    return true;
-}
 
-// A generated name that happens to be the same is no name in the file.
-uci_section *find_named(uci_package *p, const std::string &name) {
+    int run();
+
+  private:
+    struct statement {
+        std::string_view word;
+        void (package_parser::*run)();
+    };
+    static const statement statements[];
+
+    void parse_line();
+    std::string name_argument(bool required, bool package);
+    void end_of_statement();
+    void run_package();
+    void run_config();
+    void run_option();
+    void run_list();
+    uci_ptr option_arguments();
+    void open_package(const std::string &name);
+    void enter(uci_package *p);
+    void change(int (*apply)(uci_ptr *), uci_ptr &place);
+    int fault(const char *reason);
+
+    uci_context *ctx_;
+    const import_target &target_;
+    word_reader reader_;
+    uci_package *package_ = nullptr;
+    uci_section *section_ = nullptr;
+    std::unordered_map<std::string_view, uci_section *> named_; // of package_; the first of each name
+    std::string name_, value_;                                  // what an option's place points to
+};
+
+const package_parser::statement package_parser::statements[] = {
+    {"package", &package_parser::run_package},
+    {"config", &package_parser::run_config},
+    {"option", &package_parser::run_option},
+    {"list", &package_parser::run_list},
+};
+
+void package_parser::enter(uci_package *p) {
+    package_ = p;
+    section_ = nullptr;
+    named_.clear();
     uci_element *e;
-    uci_foreach_element(&p->sections, e) {
-        auto *s = uci_to_section(e);
-        if (!s->anonymous && name == e->name)
-            return s;
-    }
-    return nullptr;
+    uci_foreach_element(&p->sections, e) named_.try_emplace(e->name, uci_to_section(e));
 }
 
-bool run_config(parse_state &state, const std::array<std::string, 2> &words) {
-    const auto &[type, name] = words;
-    if (!state.package)
-        return refuse(state, "config before any package");
+void package_parser::open_package(const std::string &name) {
+    for (const auto &p : target_.packages) {
+        if (name == p->e.name)
+            throw int{UCI_ERR_DUPLICATE};
+    }
+    target_.packages.push_back(package_new(ctx_, name));
+    enter(target_.packages.back().get());
+}
+
+std::string package_parser::name_argument(bool required, bool package) {
+    std::string name = reader_.word();
+    if (required && name.empty())
+        throw parse_fault{"insufficient arguments"};
+    if (!name.empty() && !(package ? valid_package_name(name) : valid_name(name)))
+        throw parse_fault{"invalid character in name field"};
+    return name;
+}
+
+void package_parser::end_of_statement() {
+    if (!reader_.word().empty() && (ctx_->flags & UCI_FLAG_STRICT))
+        throw parse_fault{"too many arguments"};
+}
+
+void package_parser::run_package() {
+    reader_.skip_command("package without name");
+    const std::string name = name_argument(true, true);
+    end_of_statement();
+    if (!target_.single)
+        open_package(name);
+}
+
+void package_parser::run_config() {
+    if (!package_) {
+        if (!target_.name)
+            throw parse_fault{"attempting to import a file without a package name"};
+        open_package(target_.name);
+    }
+    reader_.skip_command("config without name");
+    const std::string type = reader_.word();
+    if (type.empty())
+        throw parse_fault{"insufficient arguments"};
     if (!valid_type(type))
-        return refuse(state, "invalid section type");
-    if (!name.empty()) {
-        if (!valid_name(name))
-            return refuse(state, "invalid section name");
-        state.section = find_named(state.package, name);
-        if (state.section)
-            return type == state.section->type || refuse(state, "section of another type has the same name");
+        throw parse_fault{"invalid character in type field"};
+    const std::string name = name_argument(false, false);
+    end_of_statement();
+    uci_ptr place{};
+    place.p = package_;
+    const auto found = named_.find(name);
+    if (found != named_.end()) {
+        place.s = found->second;
+        if ((ctx_->flags & UCI_FLAG_STRICT) && type != place.s->type)
+            throw parse_fault{"section of different type overwrites prior section with same name"};
     }
-    state.section = section_new(state.package, type, name);
-    return state.section || refuse(state, "too many sections");
+    place.section = name.empty() ? nullptr : name.c_str();
+    place.value = type.c_str();
+    change(name.empty() ? change_add_section : change_set, place);
+    section_ = place.s;
+    named_.try_emplace(section_->e.name, section_);
 }
 
-// The named option of the section, made when it is missing.
-uci_option *option_of(parse_state &state, const std::string &name, uci_option_type type) {
-    auto *o = uci_lookup_option(state.ctx, state.section, name.c_str());
-    if (!o && !(o = option_new(state.section, name, type)))
-        state.reason = "too many options";
-    return o;
+// Reads an option's name and value: a place that is good until the next statement.
+uci_ptr package_parser::option_arguments() {
+    if (!section_)
+        throw parse_fault{"option/list command found before the first section"};
+    reader_.skip_command("option without name");
+    name_ = name_argument(true, false);
+    value_ = reader_.word();
+    end_of_statement();
+    uci_ptr place{};
+    place.s = section_;
+    place.section = section_->e.name;
+    place.option = name_.c_str();
+    place.value = value_.c_str();
+    return place;
 }
 
-bool check_option(parse_state &state, const std::string &name) {
-    if (!state.section)
-        return refuse(state, "option before any section");
-    return valid_name(name) || refuse(state, "invalid option name");
+void package_parser::run_option() {
+    uci_ptr place = option_arguments();
+    if (!value_.empty()) // an empty value is none: what was there stays
+        change(change_set, place);
 }
 
-bool run_option(parse_state &state, const std::array<std::string, 2> &words) {
-    const auto &[name, value] = words;
-    if (!check_option(state, name))
-        return false;
-    if (value.empty()) {
-        if (auto *old = uci_lookup_option(state.ctx, state.section, name.c_str()))
-            option_free(old);
-        return true;
+void package_parser::run_list() {
+    uci_ptr place = option_arguments();
+    change(change_add_list, place);
+}
+
+void package_parser::change(int (*apply)(uci_ptr *), uci_ptr &place) {
+    const int rc = apply(&place);
+    if (rc == UCI_ERR_INVAL) // names and types are good: it is the number of elements
+        throw parse_fault{"too many sections or options"};
+    if (rc != UCI_OK)
+        throw rc;
+}
+
+void package_parser::parse_line() {
+    while (!reader_.at_end()) {
+        const std::string_view word = reader_.command();
+        const statement *found = nullptr;
+        for (const auto &known : statements) {
+            if (word == known.word || word == known.word.substr(0, 1))
+                found = &known;
+        }
+        if (!found)
+            throw parse_fault{"invalid command"};
+        (this->*found->run)();
     }
-    auto *o = option_of(state, name, UCI_TYPE_STRING);
-    if (o)
-        option_set_string(o, value);
-    return o;
 }
 
-bool run_list(parse_state &state, const std::array<std::string, 2> &words) {
-    const auto &[name, value] = words;
-    if (!check_option(state, name))
-        return false;
-    auto *o = option_of(state, name, UCI_TYPE_LIST);
-    if (o)
-        option_add_item(o, value);
-    return o;
+int package_parser::fault(const char *reason) {
+    ctx_->reason = reason;
+    ctx_->line = reader_.line();
+    ctx_->byte = static_cast<int>(reader_.byte());
+    ctx_->err = UCI_ERR_PARSE;
+    if (ctx_->flags & UCI_FLAG_PERROR)
+        uci_perror(ctx_, nullptr);
+    return ctx_->flags & UCI_FLAG_STRICT ? UCI_ERR_PARSE : UCI_OK;
 }
 
-constexpr statement statements[] = {
-    {"package", 1, 1, run_package},
-    {"config", 1, 2, run_config},
-    {"option", 1, 2, run_option},
-    {"list", 1, 2, run_list},
-};
-
-const statement *find_statement(const std::string &word) {
-    for (const auto &candidate : statements) {
-        if (word == candidate.word)
-            return &candidate;
+int package_parser::run() {
+    while (reader_.next_line()) {
+        int rc = UCI_OK;
+        try {
+            parse_line();
+        } catch (const parse_fault &found) {
+            rc = fault(found.reason);
+        } catch (int code) {
+            rc = code;
+        }
+        if (rc != UCI_OK)
+            return rc;
     }
-    return nullptr;
-}
-
-// One line. False with state.reason or reader.reason on a fault.
-bool parse_line(parse_state &state, word_reader &reader) {
-    std::string word;
-    switch (next_word(reader, word)) {
-    case word_result::end_of_line:
-        return true;
-    case word_result::error:
-        return false;
-    case word_result::word:
-        break;
-    }
-    const statement *found = find_statement(word);
-    if (!found)
-        return refuse(state, "invalid command");
-    std::array<std::string, 2> words;
-    size_t count = 0;
-    for (;;) {
-        auto result = next_word(reader, word);
-        if (result == word_result::error)
-            return false;
-        if (result == word_result::end_of_line)
-            break;
-        if (count == found->max_words)
-            return refuse(state, "too many arguments");
-        words[count++].swap(word);
-    }
-    if (count < found->min_words)
-        return refuse(state, "insufficient arguments");
-    return found->run(state, words);
-}
-
-int parse_error(uci_context *ctx, const char *reason, int line) {
-    ctx->reason = reason;
-    ctx->line = line;
-    return UCI_ERR_PARSE;
+    if (!package_ && target_.name)
+        open_package(target_.name);
+    return UCI_OK;
 }
 
 } // namespace
 
-int parse_packages(uci_context *ctx, std::string_view text, std::string_view name, bool single,
-                   std::vector<package_handle> &packages) {
-    if (text.size() > max_file_size)
-        return parse_error(ctx, "too large", 0);
-    parse_state state{ctx, packages, single};
-    if (!name.empty()) {
-        packages.push_back(package_new(ctx, name));
-        state.package = packages.back().get();
+int parse_packages(uci_context *ctx, line_source &source, const import_target &target) {
+    try {
+        return package_parser(ctx, source, target).run();
+    } catch (int code) {
+        return code;
     }
-    word_reader reader{text};
-    const size_t end = text.find('\0');
-    if (end != std::string_view::npos)
-        reader.text = text.substr(0, end);
-    while (reader.pos < reader.text.size()) {
-        const int line = reader.line;
-        if (!parse_line(state, reader))
-            return parse_error(ctx, reader.reason ? reader.reason : state.reason, line);
-        if (reader.pos < reader.text.size()) { // the newline
-            reader.pos++;
-            reader.line++;
-        }
-    }
-    if (end != std::string_view::npos)
-        return parse_error(ctx, "zero byte", reader.line);
-    return UCI_OK;
 }
 
 } // namespace ucilib
@@ -201,21 +215,12 @@ int parse_packages(uci_context *ctx, std::string_view text, std::string_view nam
 int uci_import(uci_context *ctx, FILE *stream, const char *name, uci_package **package, bool single) {
     using namespace ucilib;
     return guarded(ctx, [&] {
-        if (package)
-            *package = nullptr;
-        if (!stream || (name && !valid_package_name(name)) || (single && !name))
+        if (!stream || (name && !valid_file_name(name)))
             return static_cast<int>(UCI_ERR_INVAL);
-        std::string text;
-        char block[4096];
-        for (size_t got; (got = fread(block, 1, sizeof(block), stream)) > 0;) {
-            text.append(block, got);
-            if (text.size() > max_file_size)
-                break;
-        }
-        if (ferror(stream))
-            return static_cast<int>(UCI_ERR_IO);
         std::vector<package_handle> packages;
-        int rc = parse_packages(ctx, text, name ? name : std::string_view(), single, packages);
+        stream_source source(stream);
+        uci_package *merge = package ? *package : nullptr;
+        const int rc = parse_packages(ctx, source, {name, single, merge, packages});
         if (rc != UCI_OK)
             return rc;
         for (const auto &p : packages) {
@@ -223,12 +228,11 @@ int uci_import(uci_context *ctx, FILE *stream, const char *name, uci_package **p
                 return static_cast<int>(UCI_ERR_DUPLICATE);
         }
         for (auto &p : packages) {
-            p->has_delta = true;
             list_append(&ctx->root, &p->e.list);
             if (package)
                 *package = p.get();
             p.release();
         }
-        return static_cast<int>(UCI_OK);
+        return static_cast<int>(ferror(stream) ? UCI_ERR_IO : UCI_OK);
     });
 }

@@ -1,84 +1,154 @@
-// Words of a configuration text: bare, 'quoted' or "quoted" pieces, joined where they touch.
+#include "uci_words.h"
+
 #include "uci_internal.h"
+
+#include <cstdlib>
 
 namespace ucilib {
 
 namespace {
 
 bool is_blank(char c) {
-    return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
+    return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// The byte after a backslash, whatever it is.
-bool take_escaped(word_reader &reader, std::string &word) {
-    reader.pos++;
-    if (reader.pos >= reader.text.size()) {
-        reader.reason = "nothing after the backslash";
-        return false;
-    }
-    char c = reader.text[reader.pos++];
-    if (c == '\n')
-        reader.line++;
-    word += c;
-    return true;
-}
-
-// A quoted piece, which may run over lines.
-bool take_quoted(word_reader &reader, std::string &word) {
-    const char quote = reader.text[reader.pos++];
-    while (reader.pos < reader.text.size()) {
-        char c = reader.text[reader.pos];
-        if (c == quote) {
-            reader.pos++;
-            return true;
-        }
-        if (c == '\\' && quote == '"') {
-            if (!take_escaped(reader, word))
-                return false;
-            continue;
-        }
-        if (c == '\n')
-            reader.line++;
-        word += c;
-        reader.pos++;
-    }
-    reader.reason = quote == '"' ? "unterminated \"" : "unterminated '";
-    return false;
+// The part of a line that counts; true when it is a whole line.
+bool append_up_to_zero(std::string &line, std::string_view raw) {
+    raw = raw.substr(0, raw.find('\0'));
+    line += raw;
+    return !raw.empty() && raw.back() == '\n';
 }
 
 } // namespace
 
-void skip_line(word_reader &reader) {
-    while (reader.pos < reader.text.size() && reader.text[reader.pos] != '\n')
-        reader.pos++;
+bool text_source::append_line(std::string &line) {
+    while (pos_ < text_.size()) {
+        const size_t newline = text_.find('\n', pos_);
+        const size_t end = newline == std::string_view::npos ? text_.size() : newline + 1;
+        const std::string_view raw = text_.substr(pos_, end - pos_);
+        pos_ = end;
+        // A line that a zero byte cuts has lost its newline too: the next one is appended.
+        if (append_up_to_zero(line, raw) || raw[0] == '\0')
+            return true;
+    }
+    return !line.empty();
 }
 
-word_result next_word(word_reader &reader, std::string &word) {
-    word.clear();
-    while (reader.pos < reader.text.size() && is_blank(reader.text[reader.pos]))
-        reader.pos++;
-    bool any = false;
-    while (reader.pos < reader.text.size()) {
-        char c = reader.text[reader.pos];
-        if (c == '\n' || is_blank(c))
+bool stream_source::append_line(std::string &line) {
+    char *raw = nullptr;
+    size_t size = 0;
+    bool complete = false;
+    for (ssize_t got; !complete && line.size() <= max_file_size && (got = getline(&raw, &size, stream_)) > 0;)
+        complete = append_up_to_zero(line, {raw, static_cast<size_t>(got)}) || raw[0] == '\0';
+    free(raw);
+    return complete || !line.empty();
+}
+
+bool word_reader::next_line() {
+    buffer_.clear();
+    pos_ = 0;
+    if (!source_.append_line(buffer_))
+        return false;
+    line_ += !buffer_.empty() && buffer_.back() == '\n';
+    return true;
+}
+
+// The statement goes on in the next line. False at the end of the text.
+bool word_reader::more() {
+    buffer_.resize(pos_ < buffer_.size() ? pos_ : buffer_.size());
+    const size_t before = buffer_.size();
+    source_.append_line(buffer_);
+    line_ += buffer_.size() > before && buffer_.back() == '\n';
+    return buffer_.size() > before;
+}
+
+void word_reader::end_line() {
+    buffer_.resize(pos_);
+}
+
+// Takes a backslash. True when a byte follows that stands for itself; false when the line was joined with the
+// next.
+bool word_reader::take_escape() {
+    pos_++;
+    if (current() != '\n')
+        return current() != '\0';
+    more();
+    return false;
+}
+
+void word_reader::skip_blanks() {
+    while (is_blank(current()))
+        pos_++;
+}
+
+bool word_reader::at_end() {
+    skip_blanks();
+    return current() == '\0' || current() == '#';
+}
+
+std::string_view word_reader::command() const {
+    const std::string_view rest = std::string_view(buffer_).substr(pos_);
+    return rest.substr(0, rest.find_first_of(" \t"));
+}
+
+void word_reader::skip_command(const char *missing) {
+    const size_t end = pos_ + command().size();
+    if (end == buffer_.size())
+        throw parse_fault{missing};
+    pos_ = end + 1;
+}
+
+void word_reader::take_quoted(char quote, std::string &word) {
+    pos_++;
+    for (char c; (c = current()) != quote;) {
+        if (c == '\0') {
+            if (!more())
+                throw parse_fault{quote == '"' ? "EOF with unterminated \"" : "EOF with unterminated '"};
+            continue;
+        }
+        if (c == '\\' && quote == '"' && !take_escape())
+            continue;
+        word += current();
+        pos_++;
+    }
+    pos_++;
+}
+
+std::string word_reader::word() {
+    skip_blanks();
+    std::string word;
+    if (current() == ';') {
+        pos_++;
+        return word;
+    }
+    const size_t start = pos_;
+    bool semicolon = false;
+    do {
+        const char c = current();
+        if (c == '\0')
             break;
         if (c == '#') {
-            skip_line(reader);
+            end_line();
             break;
         }
-        any = true;
-        if (c == '\'' || c == '"') {
-            if (!take_quoted(reader, word))
-                return word_result::error;
-        } else if (c == '\\') {
-            if (!take_escaped(reader, word))
-                return word_result::error;
-        } else {
-            word += c;
-            reader.pos++;
+        if (c == ';') {
+            semicolon = true;
+            break;
         }
-    }
-    return any ? word_result::word : word_result::end_of_line;
+        if (c == '\'' || c == '"') {
+            take_quoted(c, word);
+            continue;
+        }
+        if (c == '\\' && !take_escape())
+            continue;
+        word += current();
+        pos_++;
+    } while (current() != '\0' && !is_blank(current()));
+    if (!semicolon)
+        pos_ += current() != '\0';
+    else if (start + word.size() == pos_)
+        end_line(); // directly behind a bare word the semicolon hides the rest of the line
+    return word;
 }
 
 } // namespace ucilib
