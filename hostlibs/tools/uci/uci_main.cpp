@@ -34,13 +34,18 @@ void print_usage() {
           stderr);
 }
 
+void complain(const cli &c, const char *what) {
+    if (!c.quiet)
+        fprintf(stderr, "%s\n", what);
+}
+
 // The words of a batch's line. False when they are none to run: the reason has been printed.
 bool read_words(const cli &c, ucilib::word_reader &reader, std::vector<std::string> &words) {
     words.clear();
     try {
         for (std::string word; !(word = reader.word()).empty();) {
             if (words.size() == max_batch_words) {
-                fputs("Too many arguments\n", stderr);
+                complain(c, "Too many arguments");
                 return false;
             }
             words.push_back(std::move(word));
@@ -72,7 +77,7 @@ int run_batch(const cli &c) {
         cli with_line = c;
         with_line.line = reader.line();
         if (run_command(with_line, static_cast<int>(words.size()), argv.data()) == wrong_usage)
-            fputs("Unknown command\n", stderr);
+            complain(c, "Unknown command");
         uci_element *e, *next;
         uci_foreach_element_safe(&c.ctx->root, next, e) uci_unload(c.ctx, uci_to_package(e));
     }
