@@ -101,8 +101,11 @@ static void query_status(InterfaceStatus *status) {
     const TelemetryBusError error =
         telemetry_bus_call(telemetry_bus_default_socket(), status->object, "status", nullptr,
                            kStatusTimeoutMs, handle_status_reply, status);
-    if (error != TELEMETRY_BUS_OK || !status->replied)
-        LOG_MISSING("%s status failed", status->object);
+    // An object that is absent stays absent: many routers have no IPv6 connection.
+    if (error == TELEMETRY_BUS_NO_OBJECT)
+        LOG_MISSING("%s is not on the bus", status->object);
+    else if (error != TELEMETRY_BUS_OK || !status->replied)
+        LOG_ERROR("%s status failed", status->object);
 }
 
 static void add_device_counters(const char *device, cJSON *payload, uint32_t *count) {

@@ -250,9 +250,13 @@ int collect_data_for_lowpower_info(SystemInfoRecord *record) {
         return 0;
     }
     LowpowerReply reply = {record, 0};
-    if (telemetry_bus_call(telemetry_bus_default_socket(), "low_power", "telemetry_get", nullptr,
-                           kLowpowerTimeoutMs, handel_lowpower_cb, &reply) != TELEMETRY_BUS_OK)
+    const TelemetryBusError error =
+        telemetry_bus_call(telemetry_bus_default_socket(), "low_power", "telemetry_get", nullptr,
+                           kLowpowerTimeoutMs, handel_lowpower_cb, &reply);
+    if (error == TELEMETRY_BUS_NO_OBJECT)
         LOG_MISSING("ubus call lowpower error!");
+    else if (error != TELEMETRY_BUS_OK)
+        LOG_ERROR("ubus call lowpower error!");
     return reply.kept;
 }
 
