@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -56,22 +55,8 @@ bool parse_options(int argc, char **argv, Options &options) {
     return true;
 }
 
-// The log without the state dumps that the runner itself asked for.
-std::string log_without_dumps(const std::string &log) {
-    std::istringstream lines(log);
-    std::string line, text;
-    bool in_dump = false;
-    while (std::getline(lines, line)) {
-        in_dump = in_dump || line.find("-telemetry ctx start-") != line.npos;
-        if (!in_dump)
-            text += line + "\n";
-        in_dump = in_dump && line.find("-telemetry post end-") == line.npos;
-    }
-    return text;
-}
-
 [[noreturn]] void fail(lab::Lab &lab, const std::string &what) {
-    std::string log = log_without_dumps(lab.node().console());
+    std::string log = lab.node().log();
     if (log.size() > kLogTail)
         log = "..." + log.substr(log.size() - kLogTail);
     throw std::runtime_error(what + "\nlog of the main node:\n" + log + lab.node().read("/lab/daemon.log"));

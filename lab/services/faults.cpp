@@ -213,7 +213,8 @@ void fault_distort_reply(const Fault &fault, blob_attr *real, blob_buf *distorte
     blob_buf_init(distorted, 0);
     if (fault.kind == FaultKind::types)
         add_other_types(real, distorted);
-    else
+    else if (blob_buf_grow(distorted,
+                           static_cast<int>(kHugeLimit + kHugeText))) // in one step, not in thousands
         add_huge(real, distorted, kHugeLimit);
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lab_files.h"
-#include "platform.h"
+#include "lab_bus.h"
 
 namespace lab {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "lab_scenario.h"
-#include "platform.h"
+#include "lab_bus.h"
 
 namespace lab {
 

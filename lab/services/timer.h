@@ -1,7 +1,7 @@
 // A timer of the event loop that knows whose it is; cancelled when it goes.
 #pragma once
 
-#include "platform.h"
+#include "lab_bus.h"
 
 namespace lab {
 

@@ -1,9 +1,14 @@
 #include "lab_node.h"
+#include "lab_bus.h"
 #include "lab_config.h"
 #include "lab_root.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -16,8 +21,11 @@ namespace lab {
 
 namespace {
 
+// One a call: nothing is left over when a bus dies.
+using BusPtr = std::unique_ptr<ubus_context, decltype(&ubus_free)>;
+
 constexpr char kStateStart[] = "-----------telemetry ctx start-----------";
-constexpr char kStateEnd[] = "-----------telemetry ctx end-----------";
+constexpr char kStateEnd[] = "-----------telemetry post end-----------";
 
 bool socket_answers(const std::string &path) {
     sockaddr_un address = {};
@@ -35,6 +43,12 @@ bool socket_answers(const std::string &path) {
 std::string program(const std::string &bin_dir, const std::string &name) {
     std::string built = bin_dir + "/" + name;
     return file_exists(built) ? built : name;
+}
+
+void take_reply(ubus_request *request, int, blob_attr *message) {
+    const std::unique_ptr<char, decltype(&free)> text(
+        message != nullptr ? blobmsg_format_json(message, true) : nullptr, free);
+    static_cast<BusReply *>(request->priv)->text = text ? text.get() : "";
 }
 
 std::string variable(const char *name) {
@@ -127,14 +141,22 @@ void LabNode::stop() {
 
 BusReply LabNode::call_object(const std::string &object, const std::string &method,
                               const std::string &arguments, int timeout_s) const {
-    CommandResult result = run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-t",
-                                        std::to_string(timeout_s), "-S", "call", object, method, arguments},
-                                       {}, (timeout_s + 5) * 1000);
     BusReply reply;
-    reply.status = result.status;
-    reply.text = result.out;
-    while (reply.text.ends_with('\n'))
-        reply.text.pop_back();
+    reply.status = UBUS_STATUS_CONNECTION_FAILED;
+    const BusPtr bus(ubus_connect(bus_socket().c_str()), ubus_free);
+    if (!bus)
+        return reply;
+    uint32_t id = 0;
+    reply.status = ubus_lookup_id(bus.get(), object.c_str(), &id);
+    if (reply.status != UBUS_STATUS_OK)
+        return reply;
+    blob_buf message = {};
+    blob_buf_init(&message, 0);
+    reply.status = UBUS_STATUS_INVALID_ARGUMENT;
+    if (blobmsg_add_json_from_string(&message, arguments.c_str()))
+        reply.status =
+            ubus_invoke(bus.get(), id, method.c_str(), message.head, take_reply, &reply, timeout_s * 1000);
+    blob_buf_free(&message);
     reply.json.reset(cJSON_Parse(reply.text.c_str()));
     return reply;
 }
@@ -146,9 +168,9 @@ BusReply LabNode::call(const std::string &method, const std::string &arguments, 
 bool LabNode::wait_for_object(const std::string &object, int timeout_ms) const {
     return wait_until(
         [&] {
-            return run_command({program(bin_dir_, "ubus"), "-s", bus_socket(), "-S", "list", object}, {},
-                               5000)
-                       .status == 0;
+            const BusPtr bus(ubus_connect(bus_socket().c_str()), ubus_free);
+            uint32_t id = 0;
+            return bus && ubus_lookup_id(bus.get(), object.c_str(), &id) == UBUS_STATUS_OK;
         },
         timeout_ms);
 }
@@ -186,33 +208,73 @@ void LabNode::set_faults(const std::string &json) const {
 }
 
 std::string LabNode::console(size_t from) const {
-    std::string text = read("/dev/console");
-    return from < text.size() ? text.substr(from) : "";
+    std::ifstream file(root_ + "/dev/console", std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(from));
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+size_t LabNode::console_length() const {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(root_ + "/dev/console", error);
+    return error ? 0 : size;
 }
 
 bool LabNode::wait_for_console(const std::string &text, int timeout_ms, size_t from) const {
     return wait_until([&] { return console(from).find(text) != std::string::npos; }, timeout_ms);
 }
 
+size_t LabNode::count_in_console(const std::string &text, size_t from) const {
+    const std::string all = console(from);
+    size_t count = 0;
+    for (size_t at = all.find(text); at != all.npos; at = all.find(text, at + 1))
+        count++;
+    return count;
+}
+
+std::string LabNode::log() const {
+    std::istringstream lines(console());
+    std::string line, text;
+    bool in_dump = false;
+    while (std::getline(lines, line)) {
+        in_dump = in_dump || line.find(kStateStart) != line.npos;
+        if (!in_dump)
+            text += line + "\n";
+        in_dump = in_dump && line.find(kStateEnd) == line.npos;
+    }
+    return text;
+}
+
 std::map<std::string, std::string> LabNode::state() const {
-    size_t from = read("/dev/console").size();
+    const size_t from = console_length();
     std::map<std::string, std::string> values;
     if (call("print").status != 0 || !wait_for_console(kStateEnd, 2000, from))
         return values;
     std::istringstream lines(console(from));
     std::string line;
-    bool inside = false;
-    while (std::getline(lines, line)) {
-        if (line.find(kStateStart) != line.npos)
-            inside = true;
-        if (line.find(kStateEnd) != line.npos)
-            break;
-        size_t prefix = line.find("): ");
-        size_t colon = prefix == line.npos ? line.npos : line.find(": ", prefix + 3);
-        if (inside && colon != line.npos)
-            values[line.substr(prefix + 3, colon - prefix - 3)] = line.substr(colon + 2);
+    bool inside = false, in_list = false;
+    while (std::getline(lines, line) && line.find(kStateEnd) == line.npos) {
+        inside = inside || line.find(kStateStart) != line.npos;
+        const size_t prefix = line.rfind("[telemetry][", 0) == 0 ? line.find("): ") : line.npos;
+        // The list's lines but the first have no prefix.
+        if (prefix == line.npos && in_list)
+            values["list"] += line + "\n";
+        if (!inside || prefix == line.npos)
+            continue;
+        const std::string text = line.substr(prefix + 3);
+        in_list = text.rfind("[", 0) == 0 && text.rfind("[post request", 0) != 0;
+        const size_t colon = text.find(": ");
+        if (in_list)
+            values["list"] = text + "\n";
+        else if (text.rfind("used: ", 0) == 0 && text != "used: 0")
+            values["uploading"] = "1";
+        else if (colon != text.npos)
+            values.emplace(text.substr(0, colon), text.substr(colon + 2));
     }
     return values;
+}
+
+long LabNode::number(const std::string &line) const {
+    return atol(state()[line].c_str());
 }
 
 bool LabNode::wait_for_state(const std::string &line, const std::string &value, int timeout_ms) const {

@@ -63,10 +63,18 @@ class LabNode {
 
     // What the daemon wrote to /dev/console; from an offset when given.
     std::string console(size_t from = 0) const;
+    size_t console_length() const;
     bool wait_for_console(const std::string &text, int timeout_ms, size_t from = 0) const;
-    // The daemon's state dump (its method "print"): "post state" -> "3" and so on. Empty when it does not
+    // How often a text stands there.
+    size_t count_in_console(const std::string &text, size_t from = 0) const;
+    // The console without the state dumps.
+    std::string log() const;
+    // The daemon's state dump (its method "print"): "post state" -> "3" and so on, "list" -> the records that
+    // it holds as JSON, "uploading" -> "1" while one of its requests is in use. Empty when it does not
     // answer.
     std::map<std::string, std::string> state() const;
+    // A number of the state dump, 0 when it is not there.
+    long number(const std::string &line) const;
     // Waits until a line of the state dump has that value (the daemon answers between its cycles).
     bool wait_for_state(const std::string &line, const std::string &value, int timeout_ms) const;
 

@@ -82,6 +82,25 @@ ScenarioClient parse_client(const cJSON *item) {
     return client;
 }
 
+void put_over(cJSON *target, const cJSON *changes) {
+    const bool list = cJSON_IsArray(target) != 0;
+    int index = 0;
+    const cJSON *item;
+    cJSON_ArrayForEach(item, changes) {
+        cJSON *there = list ? cJSON_GetArrayItem(target, index++)
+                            : cJSON_GetObjectItemCaseSensitive(target, item->string);
+        const bool nodes = cJSON_IsArray(item) && cJSON_IsObject(item->child);
+        if (there && (cJSON_IsObject(item) || nodes))
+            put_over(there, item);
+        else if (list)
+            throw std::runtime_error("a change of an element that the scenario does not have");
+        else if (there)
+            cJSON_ReplaceItemInObjectCaseSensitive(target, item->string, cJSON_Duplicate(item, 1));
+        else
+            cJSON_AddItemToObject(target, item->string, cJSON_Duplicate(item, 1));
+    }
+}
+
 } // namespace
 
 const ScenarioNode *Scenario::node(const std::string &device_id) const {
@@ -127,11 +146,16 @@ std::string scenario_path(const std::string &name_or_file) {
     return name_or_file;
 }
 
-Scenario scenario_load(const std::string &name_or_file) {
+Scenario scenario_load(const std::string &name_or_file, const std::vector<std::string> &changes) {
     std::string path = scenario_path(name_or_file);
     if (!file_exists(path))
         wrong(path, "no such scenario");
-    return scenario_parse(read_file(path), path);
+    if (changes.empty())
+        return scenario_parse(read_file(path), path);
+    JsonTree tree = parse_json(read_file(path), path);
+    for (const std::string &change : changes)
+        put_over(tree.get(), parse_json(change, "changes of " + path).get());
+    return scenario_parse(print_json(tree.get()), path);
 }
 
 } // namespace lab

@@ -54,8 +54,9 @@ struct Scenario {
 // Parses a scenario; throws std::runtime_error that names what is wrong (no node, a duplicate id, an unknown
 // node, ...).
 Scenario scenario_parse(const std::string &text, const std::string &what = "scenario");
-// `name_or_file`: a path, or the name of a file in lab/scenarios ("one", "home", "large").
-Scenario scenario_load(const std::string &name_or_file);
+// `name_or_file`: a path, or the name of a file in lab/scenarios ("one", "home", "large"). `changes` are put
+// over it in that order, each a JSON object: objects member by member, lists of nodes element by element.
+Scenario scenario_load(const std::string &name_or_file, const std::vector<std::string> &changes = {});
 // The path that scenario_load() reads.
 std::string scenario_path(const std::string &name_or_file);
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,12 +31,7 @@ class UploadTest : public ::testing::Test {
             EXPECT_EQ(node.daemon.stop(), 0);
             return;
         }
-        // Without the many lines of the state dumps.
-        std::istringstream lines(node.console() + node.read("/lab/daemon.log"));
-        for (std::string line; std::getline(lines, line);) {
-            if (line.find("][print_") == line.npos)
-                printf("  %s\n", line.c_str());
-        }
+        printf("%s%s", node.log().c_str(), node.read("/lab/daemon.log").c_str());
     }
 
     void start_with_key() {
@@ -60,11 +54,7 @@ class UploadTest : public ::testing::Test {
     void collect() {
         order("collect_all_next_time");
         order("collect_now");
-        ASSERT_TRUE(lab::wait_until([&] { return number("data_collect_count") > 0; }, kWaitMs));
-    }
-
-    long number(const char *line) {
-        return atol(node.state()[line].c_str());
+        ASSERT_TRUE(lab::wait_until([&] { return node.number("data_collect_count") > 0; }, kWaitMs));
     }
 
     // Moves the clock to the retry after the failure that was just counted, or after the fifth to the next
@@ -75,44 +65,32 @@ class UploadTest : public ::testing::Test {
         node.advance_clock(atol(state[gave_up ? "post_interval" : "post_retry_interval"].c_str()));
     }
 
-    size_t console_lines(const std::string &message) {
-        const std::string text = node.console();
-        size_t count = 0;
-        for (size_t at = text.find(message); at != text.npos; at = text.find(message, at + 1))
-            count++;
-        return count;
-    }
-
-    bool wait_for_lines(const std::string &message, size_t count) {
-        return lab::wait_until([&] { return console_lines(message) >= count; }, kWaitMs);
-    }
-
     // Runs into one failure after the other; each must be logged as told and cost no record.
     void expect_failures(const std::vector<const char *> &messages) {
-        const long held = number("data_collect_count");
+        const long held = node.number("data_collect_count");
         for (const char *message : messages) {
             SCOPED_TRACE(message);
-            const size_t before = console_lines(message);
-            const long retries = number("post retry count");
+            const size_t before = node.count_in_console(message);
+            const long retries = node.number("post retry count");
             advance_to_retry();
-            ASSERT_TRUE(wait_for_lines(message, before + 1));
-            ASSERT_TRUE(
-                lab::wait_until([&] { return number("post retry count") == (retries + 1) % 5; }, kWaitMs));
+            ASSERT_TRUE(lab::wait_until([&] { return node.count_in_console(message) > before; }, kWaitMs));
+            ASSERT_TRUE(lab::wait_until([&] { return node.number("post retry count") == (retries + 1) % 5; },
+                                        kWaitMs));
             // Not fewer: a collection cycle may have been due as well.
-            EXPECT_GE(number("data_collect_count"), held);
+            EXPECT_GE(node.number("data_collect_count"), held);
         }
     }
 
     // A request that is due reaches the cloud two polls of 100 ms later.
     void expect_no_upload_after(long requests) {
         EXPECT_FALSE(cloud.wait_for_count("upload.requests", requests + 1, 700));
-        EXPECT_EQ(number("post retry count"), 0);
+        EXPECT_EQ(node.number("post retry count"), 0);
     }
 
     void expect_upload(long posts) {
         ASSERT_TRUE(cloud.wait_for_count("posts", posts, kWaitMs));
         EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));
-        EXPECT_EQ(number("post retry count"), 0);
+        EXPECT_EQ(node.number("post retry count"), 0);
         EXPECT_EQ(cloud.count("invalid_signatures"), 0);
     }
 
@@ -140,9 +118,9 @@ TEST_F(UploadTest, first_start_gets_key_and_strategy_and_uploads) {
     EXPECT_EQ(node.config("telemetry", "cloud", "accessSecret"), cloud.keys()[0].access_secret);
     EXPECT_EQ(node.config("telemetry", "strategy", "strategyID"), "s-7");
     EXPECT_EQ(node.config("telemetry", "strategy", "post_interval"), "30");
-    EXPECT_EQ(number("collect_interval_strategy1"), 1200000);
-    EXPECT_EQ(number("collect_interval_strategy2"), 36000000);
-    EXPECT_EQ(number("post_interval"), 1800000);
+    EXPECT_EQ(node.number("collect_interval_strategy1"), 1200000);
+    EXPECT_EQ(node.number("collect_interval_strategy2"), 36000000);
+    EXPECT_EQ(node.number("post_interval"), 1800000);
 
     collect();
     EXPECT_EQ(node.read("/tmp/telemetry/post_done"), "0\n");
@@ -159,8 +137,16 @@ TEST_F(UploadTest, start_with_key_asks_for_no_other) {
     expect_ready();
     EXPECT_EQ(cloud.count("key.requests"), 0);
     EXPECT_THAT(cloud.requests("strategy")[0].body, HasSubstr(R"("strategyId":"lab-strategy-1"})"));
+
+    // An upload that is rejected is not repeated before its time.
     collect();
+    cloud.script("upload", R"([{"kind":"error_code","code":-10306}])");
     order("post_now");
+    ASSERT_TRUE(node.wait_for_console("request rejected!", kWaitMs));
+    node.advance_clock(60000);
+    expect_no_upload_after(1);
+    EXPECT_GT(node.number("data_collect_count"), 0);
+    node.advance_clock(node.number("post_interval"));
     expect_upload(1);
 }
 
@@ -172,28 +158,15 @@ TEST_F(UploadTest, key_that_expires_is_replaced) {
     order("post_now");
     ASSERT_TRUE(node.wait_for_console("access_key overdue!", kWaitMs));
     EXPECT_TRUE(node.wait_for_state("post state", kRefreshKey, kWaitMs));
-    EXPECT_GT(number("data_collect_count"), 0);
+    EXPECT_GT(node.number("data_collect_count"), 0);
     advance_to_retry();
     expect_ready();
     EXPECT_EQ(cloud.count("key.requests"), 1);
     EXPECT_EQ(cloud.count("strategy.requests"), 2);
     EXPECT_EQ(node.config("telemetry", "cloud", "accessKey"), cloud.keys().back().access_key);
-    node.advance_clock(number("post_interval"));
+    node.advance_clock(node.number("post_interval"));
     expect_upload(1);
     EXPECT_EQ(cloud.requests("upload").back().access_key, cloud.keys().back().access_key);
-}
-
-TEST_F(UploadTest, without_strategy_the_intervals_stay) {
-    cloud.set_strategy("", "");
-    start_with_key();
-    expect_ready();
-    EXPECT_TRUE(node.wait_for_console("no strategy, use default strategy!", kWaitMs));
-    EXPECT_EQ(number("collect_interval_strategy1"), 900000);
-    EXPECT_EQ(number("post_interval"), 14400000);
-    EXPECT_EQ(cloud.count("strategy.requests"), 1);
-    collect();
-    order("post_now");
-    expect_upload(1);
 }
 
 TEST_F(UploadTest, five_strategy_failures_give_up) {
@@ -202,17 +175,17 @@ TEST_F(UploadTest, five_strategy_failures_give_up) {
     start_with_key();
     ASSERT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));
     EXPECT_EQ(node.state()["post state"], kGetStrategy);
-    long wait = number("post_retry_interval");
+    long wait = node.number("post_retry_interval");
     for (const char *count : {"2", "3", "4"}) {
         advance_to_retry();
         ASSERT_TRUE(node.wait_for_state("post retry count", count, kWaitMs));
         wait = std::min(wait * 2, 60000L);
-        EXPECT_EQ(number("post_retry_interval"), wait);
+        EXPECT_EQ(node.number("post_retry_interval"), wait);
     }
     advance_to_retry();
     ASSERT_TRUE(node.wait_for_console("retry 5 times, use default strategy", kWaitMs));
     expect_ready();
-    EXPECT_EQ(number("post_interval"), 14400000);
+    EXPECT_EQ(node.number("post_interval"), 14400000);
     collect();
     node.advance_clock(14400000);
     expect_upload(1);
@@ -227,25 +200,11 @@ TEST_F(UploadTest, five_upload_failures_wait_for_the_next_interval) {
                                {"kind":"error_code","code":-29004}])");
     const std::vector<const char *> messages(5, "no strategy, use default strategy!");
     expect_failures(messages);
-    EXPECT_EQ(console_lines("retry 5 times, stop retry uploading data"), 1U);
+    EXPECT_EQ(node.count_in_console("retry 5 times, stop retry uploading data"), 1U);
     EXPECT_EQ(cloud.count("posts"), 0);
     node.advance_clock(60000);
     expect_no_upload_after(5);
     advance_to_retry();
-    expect_upload(1);
-}
-
-TEST_F(UploadTest, rejected_upload_is_not_repeated_before_its_time) {
-    start_with_key();
-    expect_ready();
-    collect();
-    cloud.script("upload", R"([{"kind":"error_code","code":-10306}])");
-    order("post_now");
-    ASSERT_TRUE(node.wait_for_console("request rejected!", kWaitMs));
-    node.advance_clock(60000);
-    expect_no_upload_after(1);
-    EXPECT_GT(number("data_collect_count"), 0);
-    node.advance_clock(number("post_interval"));
     expect_upload(1);
 }
 
@@ -287,15 +246,21 @@ TEST_F(UploadTest, only_the_right_certificate_gets_the_records) {
 }
 
 TEST_F(UploadTest, answer_is_awaited_for_8_seconds) {
+    // Without a strategy the intervals stay.
+    cloud.set_strategy("", "");
     start_with_key();
     expect_ready();
+    EXPECT_TRUE(node.wait_for_console("no strategy, use default strategy!", kWaitMs));
+    EXPECT_EQ(node.number("collect_interval_strategy1"), 900000);
+    EXPECT_EQ(node.number("post_interval"), 14400000);
+    EXPECT_EQ(cloud.count("strategy.requests"), 1);
     collect();
     const long connections = cloud.count("connections");
     cloud.script("upload", R"([{"kind":"garbage","delay_ms":600000}])");
     order("post_now");
     ASSERT_TRUE(cloud.wait_for_count("connections", connections + 1, kWaitMs));
     node.advance_clock(5000);
-    EXPECT_EQ(number("post retry count"), 0);
+    EXPECT_EQ(node.number("post retry count"), 0);
     node.advance_clock(3000);
     ASSERT_TRUE(node.wait_for_console("CURLE_OPERATION_TIMEDOUT", kWaitMs));
     EXPECT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));

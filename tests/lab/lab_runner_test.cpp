@@ -43,7 +43,7 @@ TEST_P(LabRunnerTest, LeavesNothingBehindWhateverEndsIt) {
         lab::wait_until([&] { return !lab::file_exists(directory) && processes_of(directory) == 0; }, 10000));
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, LabRunnerTest, testing::Values(SIGINT, SIGTERM, SIGKILL));
+INSTANTIATE_TEST_SUITE_P(Signals, LabRunnerTest, testing::Values(SIGINT, SIGKILL));
 
 TEST(LabScenarioTest, SaysWhatIsWrong) {
     const std::pair<const char *, const char *> cases[] = {
