@@ -10,6 +10,7 @@
 
 #include "restart_info.h"
 #include "telemetry_collect.h"
+#include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -193,6 +194,31 @@ int telemetry_load_uci_config(TelemetryCtx *ctx) {
     return 0;
 }
 
+// --- Log options ---
+
+// The flag's value; `fallback` when the option is missing, or holds what is none, with a line.
+static bool read_log_flag(const char *option, bool fallback) {
+    char text[kOptionSize] = {};
+    if (read_option("basic", option, text, sizeof(text)) != 0)
+        return fallback;
+    const int flag = telemetry_flag_of_word(text);
+    if (flag < 0)
+        LOG_ERROR("telemetry.basic.%s is neither on nor off: %.32s", option, text);
+    return flag < 0 ? fallback : flag == 1;
+}
+
+void telemetry_load_log_options() {
+    const bool console = read_log_flag("log_console", true);
+    const bool syslog = read_log_flag("log_syslog", true);
+    char name[kOptionSize] = {};
+    if (read_option("basic", "log_level", name, sizeof(name)) == 0 &&
+        !telemetry_log_level_by_name(name, &telemetry_debug_level))
+        LOG_ERROR("telemetry.basic.log_level is none of debug, info, error: %.32s", name);
+    // Last, so that the lines above are not lost.
+    telemetry_log_console = console;
+    telemetry_log_syslog = syslog;
+}
+
 struct IdentityCommand {
     const char *command;
     char (TelemetryCtx::*field)[kIdentitySize];
@@ -336,6 +362,8 @@ static void start_and_run(TelemetryCtx *ctx) {
         LOG_ERROR("telemetry_init_ctx error, stop");
         return;
     }
+    LOG_INFO("telemetry %s on the %s node, uploads go to %.256s", TELEMETRY_VERSION,
+             check_if_device_is_FAP() ? "main" : "satellite", ctx->post_api);
     signals.release_in_loop();
     telemetry_post_state_FSM(ctx);
     uloop_run();
@@ -352,7 +380,10 @@ int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
     fill_standard_descriptors();
     telemetry_redirect_output(kConsolePath);
+    telemetry_log_open_syslog();
+    telemetry_figures_start();
     LOG_DEBUG("telemetry start");
+    telemetry_load_log_options();
     start_and_run(&telemetry_ctx);
     LOG_DEBUG("telemetry end");
     return 0;

@@ -19,6 +19,11 @@ int telemetry_load_uci_config(TelemetryCtx *ctx);
 // Identity texts from the firmware tool `getfirm`: 0, or -1 when one of its calls could not run. All are
 // tried.
 int telemetry_get_device_info(TelemetryCtx *ctx);
+// Where lines go and from which level on: options `log_console`, `log_syslog` (flags, both 1 by default) and
+// `log_level`
+// ("debug", "info", "error"; default info) of `telemetry`.`basic`. A value that is none costs a line and is
+// the default.
+void telemetry_load_log_options();
 // Sets the callbacks of the collect and the upload timer, arms the first. 0, or -1 for a null record.
 int telemetry_init_timers(TelemetryCtx *ctx);
 

@@ -101,11 +101,16 @@ void LabNode::start_services() {
 
 void LabNode::start_daemon() {
     auto env = environment();
-    std::string preloads = bin_dir_ + "/libfakewifi.so";
-    if (!file_exists(preloads))
-        preloads.clear();
+    std::string preloads;
+    const auto preload = [&](const char *library) {
+        const std::string path = bin_dir_ + "/" + library;
+        if (file_exists(path))
+            preloads += (preloads.empty() ? "" : ":") + path;
+    };
+    preload("libfakewifi.so");
+    preload("libfakelog.so");
     if (file_exists(clock_file())) {
-        preloads += (preloads.empty() ? "" : ":") + bin_dir_ + "/libfakeclock.so";
+        preload("libfakeclock.so");
         env.emplace_back("LAB_CLOCK_FILE", clock_file());
     }
     if (!preloads.empty()) {

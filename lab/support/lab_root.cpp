@@ -278,7 +278,7 @@ void root_write(const std::string &root, const std::string &path, const std::str
 void root_build(const std::string &root, const Scenario &scenario, size_t index, const std::string &cloud_url,
                 const std::string &ca_certificate) {
     const ScenarioNode &node = scenario.nodes[index];
-    for (const char *directory : {"/dev", "/var/run", "/tmp/.uci", "/lab"})
+    for (const char *directory : {"/dev", "/var/run", "/var/log", "/tmp/.uci", "/lab"})
         make_directories(root + directory);
     root_write(root, "/dev/console", "");
     root_write(root, "/etc/certificate/2048_newroot.cer", ca_certificate);

@@ -234,7 +234,7 @@ UciContextPtr telemetry_uci_open(uint32_t source, std::initializer_list<const ch
                                  const char *function, int line) {
     const auto failed = [=](const char *message) {
         if (telemetry_log_enabled(TELEMETRY_LOG_ERROR))
-            telemetry_log_write(file, function, line, "%s", message);
+            telemetry_log_write(TELEMETRY_LOG_ERROR, file, function, line, "%s", message);
         return UciContextPtr();
     };
     for (const char *text : texts) {

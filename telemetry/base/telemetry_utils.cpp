@@ -196,8 +196,16 @@ int check_if_device_is_FAP() {
     return mode != nullptr && strcmp(mode, "FAP") == 0;
 }
 
+const char *telemetry_collect_obstacle() {
+    if (!check_telemetry_enable())
+        return kObstacleDisabled;
+    if (!check_ntp_synced())
+        return kObstacleClock;
+    return check_if_device_is_FAP() ? nullptr : kObstacleRole;
+}
+
 int telemetry_check_collect_condition() {
-    return check_telemetry_enable() && check_ntp_synced() && check_if_device_is_FAP();
+    return telemetry_collect_obstacle() == nullptr;
 }
 
 // `unreadable` is the answer for a profile that cannot be read or does not know the feature.

@@ -51,6 +51,12 @@ int check_ntp_synced();
 int check_if_device_is_FAP();
 // All three, in that order: the daemon may collect and upload.
 int telemetry_check_collect_condition();
+// The same with a reason: null, or which of the three does not hold, in words for an operator (constant
+// text).
+const char *telemetry_collect_obstacle();
+inline constexpr char kObstacleDisabled[] = "disabled";
+inline constexpr char kObstacleClock[] = "clock not set";
+inline constexpr char kObstacleRole[] = "not the main node";
 
 // Feature flags: option `support` of the first section of a type in the device profile.
 int check_is_tm_shn_support();

@@ -1,15 +1,16 @@
 // The bus object: its methods, the commands among them, and the connection that carries it.
 #include "telemetry_ubus.h"
 
-#include <cstring>
 #include <iterator>
 
 #include "telemetry_collect.h"
+#include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_post.h"
+#include "telemetry_status.h"
 
 static constexpr int kReconnectMs = 2000;
 // A bus that drops the connection sooner than this after it was made is not tried again at once.
@@ -47,6 +48,7 @@ static int post_now(TelemetryCtx *ctx) {
 static int clear(TelemetryCtx *ctx) {
     if (ctx == nullptr)
         return -1;
+    telemetry_figures.items_cleared += ctx->data_collect_count;
     telemetry_clear_collect_list(ctx);
     return 0;
 }
@@ -147,32 +149,14 @@ static int ubus_print(TelemetryCtx *ctx) {
 
 // --- Log level ---
 
-namespace {
-struct LogLevelName {
-    const char *name;
-    uint32_t level;
-};
-} // namespace
-
-static constexpr LogLevelName kLogLevels[] = {
-    {"debug", TELEMETRY_LOG_DEBUG},
-    {"info", TELEMETRY_LOG_INFO},
-    {"error", TELEMETRY_LOG_ERROR},
-};
-
 enum { LEVEL_ARGUMENT, LEVEL_ARGUMENT_COUNT };
 static constexpr blobmsg_policy kLevelPolicy[LEVEL_ARGUMENT_COUNT] = {
     {"level", BLOBMSG_TYPE_STRING},
 };
 
 static void set_log_level(const char *name) {
-    for (const LogLevelName &known : kLogLevels) {
-        if (strcmp(name, known.name) == 0) {
-            telemetry_debug_level = known.level;
-            return;
-        }
-    }
-    LOG_ERROR("param error! debug/info/error");
+    if (!telemetry_log_level_by_name(name, &telemetry_debug_level))
+        LOG_ERROR("param error! debug/info/error");
 }
 
 static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
@@ -232,12 +216,6 @@ static int64_t connected_at_ms;
 static bool reconnecting;
 static int told_status; // of the last try that failed with a line
 
-static int64_t monotonic_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // A connection without the object is of no use: it counts as lost, and the next try starts afresh.
 static bool restore_connection() {
     reconnecting = true;
@@ -260,8 +238,10 @@ static bool restore_connection() {
     }
     told_status = UBUS_STATUS_OK;
     ubus_add_uloop(telemetry_bus);
-    connected_at_ms = monotonic_ms();
+    connected_at_ms = telemetry_monotonic_ms();
+    telemetry_figures.bus_reconnections++;
     LOG_INFO("ubus connection is back");
+    telemetry_status_register(telemetry_bus, telemetry_bus_ctx);
     return true;
 }
 
@@ -277,7 +257,7 @@ static void handle_connection_lost(ubus_context *bus) {
     LOG_ERROR("ubus connection is lost");
     if (bus->sock.registered)
         uloop_fd_delete(&bus->sock);
-    const bool at_once = monotonic_ms() - connected_at_ms >= kQuickLossMs;
+    const bool at_once = telemetry_monotonic_ms() - connected_at_ms >= kQuickLossMs;
     if (at_once && restore_connection())
         return;
     reconnect_timer.cb = handle_reconnect_timer;
@@ -312,18 +292,20 @@ int telemetry_init_ubus(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return -1;
     }
-    connected_at_ms = monotonic_ms();
+    connected_at_ms = telemetry_monotonic_ms();
     ubus_add_uloop(telemetry_bus);
     const int status = ubus_add_object(telemetry_bus, &telemetry_object);
     if (status != UBUS_STATUS_OK) {
         LOG_ERROR("registration of the bus object failed: %s", ubus_strerror(status));
         return -1;
     }
+    telemetry_status_register(telemetry_bus, ctx);
     return 0;
 }
 
 void telemetry_free_ubus() {
     uloop_timeout_cancel(&reconnect_timer);
+    telemetry_status_release();
     if (telemetry_bus != nullptr)
         ubus_free(telemetry_bus);
     telemetry_bus = nullptr;

@@ -19,7 +19,7 @@ int telemetry_collect_watched_rows(const TelemetryIndexEntry *table, int rows,
         return 0;
     telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(table, rows, count, payload);
     if (telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
-        telemetry_log_write(success.file, success.function, success.line, success.text,
+        telemetry_log_write(TELEMETRY_LOG_DEBUG, success.file, success.function, success.line, success.text,
                             static_cast<int>(*count));
     return 0;
 }
@@ -29,7 +29,8 @@ int telemetry_collect_digest_changed(const char *package, const char *name, cons
     if (telemetry_update_tmp_backup_config_md5(package, name, object) == 1)
         return 1;
     if (telemetry_log_enabled(TELEMETRY_LOG_DEBUG))
-        telemetry_log_write(unchanged.file, unchanged.function, unchanged.line, "%s", unchanged.text);
+        telemetry_log_write(TELEMETRY_LOG_DEBUG, unchanged.file, unchanged.function, unchanged.line, "%s",
+                            unchanged.text);
     return 0;
 }
 

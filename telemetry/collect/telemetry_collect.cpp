@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "collectors.h"
+#include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -129,7 +130,11 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     }
     LOG_DEBUG("start to collect %s!", module);
     uint32_t count = 0;
-    if (collector(ctx, payload.get(), &count) != 0 || count < 1) {
+    const int64_t begin_ms = telemetry_monotonic_ms();
+    const int result = collector(ctx, payload.get(), &count);
+    telemetry_figures_module(module, result, result == 0 ? count : 0,
+                             static_cast<uint32_t>(telemetry_monotonic_ms() - begin_ms));
+    if (result != 0 || count < 1) {
         LOG_DEBUG("collect nothing of %s!", module);
         return;
     }
@@ -140,6 +145,8 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     }
     static_cast<void>(record.release()); // the list's now
     ctx->data_collect_count += count;
+    telemetry_figures.records++;
+    telemetry_figures.items += count;
 }
 
 void telemetry_collect_all_modules(TelemetryCtx *ctx) {
@@ -182,7 +189,11 @@ static void keep_list_bounded(TelemetryCtx *ctx) {
     if (collect_list_exceeds(ctx, kMaxBackUpLength)) {
         LOG_DEBUG("collect data excceed max back up len %d! need to shrink now",
                   static_cast<int>(kMaxBackUpLength));
+        const uint32_t before = ctx->data_collect_count;
         shrink_collect_data_list(ctx);
+        telemetry_figures.items_shrunk += before - ctx->data_collect_count;
+        LOG_INFO("the list is longer than %d bytes: %u of %u items are dropped, the oldest first",
+                 static_cast<int>(kMaxBackUpLength), before - ctx->data_collect_count, before);
     }
     if (collect_list_exceeds(ctx, kUploadThreshold)) {
         LOG_DEBUG("collect data excceed upload threshold %d! need to upload now",
@@ -192,8 +203,10 @@ static void keep_list_bounded(TelemetryCtx *ctx) {
 }
 
 static void run_cycle(TelemetryCtx *ctx) {
-    if (!telemetry_check_collect_condition()) {
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    if (telemetry_figures.obstacle != nullptr) {
         LOG_DEBUG("skip current collect");
+        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
         return;
     }
     if (ctx->collect_list == nullptr)
@@ -203,9 +216,15 @@ static void run_cycle(TelemetryCtx *ctx) {
         return;
     }
     write_post_done_to_file(1);
+    const int64_t begin_ms = telemetry_monotonic_ms();
+    telemetry_figures.module_count = 0;
     telemetry_collect_all_modules(ctx);
     telemetry_increase_collect_count_and_update_next_collect_strategy(ctx);
     keep_list_bounded(ctx);
+    telemetry_figures.collected = time(nullptr);
+    telemetry_figures.collect_ms = static_cast<uint32_t>(telemetry_monotonic_ms() - begin_ms);
+    telemetry_figures.cycles++;
+    telemetry_figures_tell("collected");
 }
 
 void telemetry_collect_data(uloop_timeout *timer) {

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -65,6 +66,7 @@ static int32_t status_of_result(CURLcode result) {
 // The callback may start transfers of other slots; this one stays taken until its own timer releases it.
 static void finish_transfer(PostRequest *request, CURLcode result) {
     request->request_status = status_of_result(result);
+    telemetry_figures.transport = curl_easy_strerror(result);
     request->response_code = 0;
     if (request->easy != nullptr)
         curl_easy_getinfo(request->easy, CURLINFO_RESPONSE_CODE, &request->response_code);

@@ -2,11 +2,13 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 #include <limits>
 #include <string>
 
 #include "telemetry_collect.h"
+#include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -18,17 +20,18 @@ static constexpr char kDeviceType[] = "HOMEWIFISYSTEM";
 static constexpr char kContentType[] = "Content-Type: application/json";
 
 struct CloudCall {
+    const char *name;        // for the log
     const char *signed_path; // the path below the base URL, with a "/" in front
     bool is_signed;
     char *(*build_body)(const TelemetryCtx *ctx);
     void (*on_complete)(PostRequest *request);
 };
 
-static constexpr CloudCall kRefreshKeyCall = {"/api/data/device/getAccessKey", false,
+static constexpr CloudCall kRefreshKeyCall = {"access key", "/api/data/device/getAccessKey", false,
                                               get_post_refresh_key_content, post_refresh_key_cb};
-static constexpr CloudCall kGetStrategyCall = {"/api/data/device/strategy/getDataCollectStrategy", true,
-                                               get_post_get_strategy_content, post_get_strategy_cb};
-static constexpr CloudCall kUploadCall = {"/api/data/device/uploadBasicData", true,
+static constexpr CloudCall kGetStrategyCall = {"strategy", "/api/data/device/strategy/getDataCollectStrategy",
+                                               true, get_post_get_strategy_content, post_get_strategy_cb};
+static constexpr CloudCall kUploadCall = {"upload", "/api/data/device/uploadBasicData", true,
                                           get_post_collect_data_content, post_upload_data_cb};
 
 // --- Bodies ---
@@ -113,6 +116,22 @@ static int prepare_call(PostRequest *request, const CloudCall &call) {
     return 0;
 }
 
+static void note_upload_start(const TelemetryCtx *ctx, const PostRequest *request) {
+    TelemetryFigures *figures = &telemetry_figures;
+    figures->sending = {};
+    figures->sending.records = static_cast<uint32_t>(cJSON_GetArraySize(ctx->collect_list));
+    figures->sending.items = ctx->data_collect_count;
+    figures->sending.bytes = static_cast<uint32_t>(request->body.used);
+    figures->sending_since = telemetry_monotonic_ms();
+    figures->bytes_sent += figures->sending.bytes;
+}
+
+// Items that were collected after the upload on its way had been built: its success drops them with the list.
+static uint32_t items_since_sending(const TelemetryCtx *ctx) {
+    const uint32_t sent = telemetry_figures.sending.items;
+    return ctx->data_collect_count > sent ? ctx->data_collect_count - sent : 0;
+}
+
 // -1: nothing was sent, and no slot is held.
 static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
     PostRequest *request = telemetry_post_alloc_request(ctx);
@@ -125,6 +144,8 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
         return -1;
     }
     request->on_complete = call.on_complete;
+    if (call.on_complete == post_upload_data_cb)
+        note_upload_start(ctx, request);
     telemetry_request_send(request);
     return 0;
 }
@@ -133,14 +154,48 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
 static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *closed_message) {
     if (!has_context(ctx))
         return;
-    if (telemetry_check_collect_condition() == 0)
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    if (telemetry_figures.obstacle != nullptr)
         LOG_DEBUG("%s", closed_message);
     else if (send_call(ctx, call) == 0)
         return;
+    if (telemetry_figures.obstacle != nullptr)
+        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
     telemetry_post_arm_retry_timer(ctx, kPostWaitMs);
 }
 
 // --- Answers ---
+
+// One line for every call that failed: how the transfer ended, and what the service said.
+static void tell_failure(const PostRequest *request, const CloudCall &call, const cJSON *answer,
+                         int error_code) {
+    const std::string code = answer != nullptr ? std::to_string(error_code) : "none";
+    LOG_ERROR("%s call failed: %s, HTTP status %ld, error_code %s", call.name,
+              telemetry_figures.transport != nullptr ? telemetry_figures.transport : "not sent",
+              request->response_code, code.c_str());
+}
+
+// The upload that was on its way is over.
+static void note_upload_end(const PostRequest *request, const cJSON *answer, int error_code) {
+    TelemetryFigures *figures = &telemetry_figures;
+    TelemetryUploadFigures upload = figures->sending;
+    upload.time = time(nullptr);
+    upload.ms = static_cast<uint32_t>(telemetry_monotonic_ms() - figures->sending_since);
+    upload.http_status = request->response_code;
+    upload.has_error_code = answer != nullptr;
+    upload.error_code = answer != nullptr ? error_code : 0;
+    upload.transport = figures->transport;
+    const bool accepted = answer != nullptr && error_code == 0;
+    if (accepted) {
+        figures->accepted = upload;
+        figures->uploads_accepted++;
+        LOG_INFO("upload accepted: %u records, %u bytes, %u ms", upload.records, upload.bytes, upload.ms);
+    } else {
+        figures->failed = upload;
+        figures->uploads_failed++;
+        tell_failure(request, kUploadCall, answer, error_code);
+    }
+}
 
 // The parsed answer and its error_code; null when there is none that can be judged.
 static JsonPtr parse_answer(const PostRequest *request, int *error_code) {
@@ -334,6 +389,15 @@ void telemetry_post_get_strategy(TelemetryCtx *ctx) {
     send_or_wait(ctx, kGetStrategyCall, "dont get strategy! wait for a while");
 }
 
+// Records wait for ever when the clock is lost while all else is ready: said once, until it is set again.
+static void tell_unset_clock(const TelemetryCtx *ctx) {
+    static bool said;
+    const bool unset = telemetry_figures.obstacle == kObstacleClock;
+    if (unset && !said && ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD)
+        LOG_INFO("the clock is not set: nothing is collected or uploaded until it is");
+    said = unset && (said || ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD);
+}
+
 void telemetry_post_data(uloop_timeout *timer) {
     if (timer == nullptr) {
         LOG_ERROR("param error");
@@ -341,12 +405,17 @@ void telemetry_post_data(uloop_timeout *timer) {
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
     bool sent = false;
-    if (telemetry_check_collect_condition() == 0)
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    tell_unset_clock(ctx);
+    if (telemetry_figures.obstacle != nullptr) {
         LOG_DEBUG("skip upload");
-    else if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0)
+        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
+    } else if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0) {
         LOG_DEBUG("insufficient state or no data, skip upload");
-    else
+        LOG_DEBUG("reason: state %u, %u items", ctx->post_state, ctx->data_collect_count);
+    } else {
         sent = send_call(ctx, kUploadCall) == 0;
+    }
     telemetry_arm_post_timer(ctx, ctx->post_interval);
     if (sent)
         write_post_done_to_file(2);
@@ -357,10 +426,14 @@ void post_refresh_key_cb(PostRequest *request) {
         return;
     int error_code = 0;
     const JsonPtr answer = parse_answer(request, &error_code);
-    if (answer == nullptr || store_credentials(request->owner, answer.get(), error_code) != 0)
+    if (answer == nullptr || store_credentials(request->owner, answer.get(), error_code) != 0) {
+        tell_failure(request, kRefreshKeyCall, answer.get(), error_code);
         telemetry_post_retry(request->owner);
-    else
-        telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);
+        return;
+    }
+    telemetry_figures.keys_fetched++;
+    LOG_INFO("new access key");
+    telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);
 }
 
 void post_get_strategy_cb(PostRequest *request) {
@@ -368,12 +441,16 @@ void post_get_strategy_cb(PostRequest *request) {
         return;
     int error_code = 0;
     const JsonPtr answer = parse_answer(request, &error_code);
-    if (answer != nullptr && error_code != 0)
-        get_strategy_handle_error_code(request->owner, error_code);
-    else if (answer == nullptr || store_strategy(request->owner, answer.get()) != 0)
-        telemetry_post_retry(request->owner);
-    else
+    const bool refused = answer != nullptr && error_code != 0;
+    if (!refused && answer != nullptr && store_strategy(request->owner, answer.get()) == 0) {
         telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_READY_FOR_UPLOAD);
+        return;
+    }
+    tell_failure(request, kGetStrategyCall, answer.get(), error_code);
+    if (refused)
+        get_strategy_handle_error_code(request->owner, error_code);
+    else
+        telemetry_post_retry(request->owner);
 }
 
 void post_upload_data_cb(PostRequest *request) {
@@ -381,14 +458,17 @@ void post_upload_data_cb(PostRequest *request) {
         return;
     int error_code = 0;
     const JsonPtr answer = parse_answer(request, &error_code);
+    note_upload_end(request, answer.get(), error_code);
     if (answer == nullptr) {
         telemetry_post_retry(request->owner);
     } else if (error_code != 0) {
         upload_data_handle_error_code(request->owner, error_code);
     } else {
+        telemetry_figures.items_in_flight += items_since_sending(request->owner);
         telemetry_clear_collect_list(request->owner);
         telemetry_post_reset_retry(request->owner);
     }
+    telemetry_figures_tell("uploaded");
 }
 
 int telemetry_update_strategy(TelemetryCtx *ctx, const char *content) {
@@ -410,5 +490,7 @@ int telemetry_update_strategy(TelemetryCtx *ctx, const char *content) {
     }
     ctx->collect_interval_strategy2 = minutes_to_ms(minutes.collect2);
     ctx->post_interval = minutes_to_ms(minutes.post);
+    LOG_INFO("strategy %s: collect every %d minutes, slow settings every %d, upload every %d",
+             ctx->strategy_id, minutes.collect1, minutes.collect2, minutes.post);
     return 0;
 }

@@ -90,6 +90,8 @@ TEST_F(PostMessageTest, strategy_contents) {
 
     // More than a timer can wait is told, also where the product wraps to something short.
     expect_logged(
-        0, {"interval of 35792 minutes is not usable", "interval of 71583 minutes is not usable"},
+        0,
+        {"interval of 35792 minutes is not usable", "interval of 71583 minutes is not usable",
+         "strategy id7: collect every 35791 minutes, slow settings every 35792, upload every 71583"},
         [&] { return telemetry_update_strategy(&ctx, content("35791", "35792", "71583").c_str()); });
 }

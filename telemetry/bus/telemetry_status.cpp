@@ -1,0 +1,209 @@
+#include "telemetry_status.h"
+
+#include <algorithm>
+#include <ctime>
+#include <iterator>
+
+#include "telemetry_figures.h"
+#include "telemetry_handles.h"
+#include "telemetry_json.h"
+#include "telemetry_log.h"
+#include "telemetry_post.h"
+#include "telemetry_utils.h"
+
+static const TelemetryCtx *status_ctx;
+static ubus_context *status_bus;
+
+// --- Members ---
+
+static void add_text(blob_buf *reply, const char *key, const char *text) {
+    blobmsg_add_string(reply, key, text != nullptr ? text : "");
+}
+
+static void add_number(blob_buf *reply, const char *key, int64_t value) {
+    blobmsg_add_u64(reply, key, static_cast<uint64_t>(value));
+}
+
+struct CounterRow {
+    const char *key;
+    uint64_t TelemetryFigures::*value;
+};
+
+static constexpr CounterRow kCounters[] = {
+    {"cycles", &TelemetryFigures::cycles},
+    {"records", &TelemetryFigures::records},
+    {"items", &TelemetryFigures::items},
+    {"items_shrunk", &TelemetryFigures::items_shrunk},
+    {"items_cleared", &TelemetryFigures::items_cleared},
+    {"items_in_flight", &TelemetryFigures::items_in_flight},
+    {"uploads_accepted", &TelemetryFigures::uploads_accepted},
+    {"uploads_failed", &TelemetryFigures::uploads_failed},
+    {"bytes_sent", &TelemetryFigures::bytes_sent},
+    {"keys_fetched", &TelemetryFigures::keys_fetched},
+    {"bus_reconnections", &TelemetryFigures::bus_reconnections},
+};
+
+static constexpr const char *kStateNames[] = {"init", "refresh_key", "get_strategy", "ready"};
+
+static void add_role(blob_buf *reply) {
+    const char *obstacle = telemetry_collect_obstacle();
+    add_text(reply, "role", check_if_device_is_FAP() ? "main" : "satellite");
+    blobmsg_add_u8(reply, "collecting", obstacle == nullptr ? 1 : 0);
+    if (obstacle != nullptr)
+        add_text(reply, "reason", obstacle);
+}
+
+static void add_strategy(blob_buf *reply, const TelemetryCtx *ctx) {
+    void *table = blobmsg_open_table(reply, "strategy");
+    add_text(reply, "id", ctx->strategy_id);
+    blobmsg_add_u32(reply, "collect_interval", ctx->collect_interval_strategy1);
+    blobmsg_add_u32(reply, "collect_interval_2", ctx->collect_interval_strategy2);
+    blobmsg_add_u32(reply, "post_interval", ctx->post_interval);
+    blobmsg_close_table(reply, table);
+}
+
+// uloop's inquiry wants a timer that it may not change; -1: not pending.
+static int64_t remaining_ms(const uloop_timeout &timer) {
+    return uloop_timeout_remaining64(const_cast<uloop_timeout *>(&timer));
+}
+
+static void add_timers(blob_buf *reply, const TelemetryCtx *ctx) {
+    void *table = blobmsg_open_table(reply, "next");
+    add_number(reply, "collect_ms", remaining_ms(ctx->collect_timer));
+    add_number(reply, "upload_ms", remaining_ms(ctx->post_timer));
+    add_number(reply, "retry_ms", remaining_ms(ctx->post_retry_timer));
+    blobmsg_add_u32(reply, "retries", ctx->post_retry_count);
+    blobmsg_close_table(reply, table);
+}
+
+static void add_list(blob_buf *reply, const TelemetryCtx *ctx) {
+    void *table = blobmsg_open_table(reply, "list");
+    const cJSON *oldest = cJSON_GetArrayItem(ctx->collect_list, 0);
+    const cJSON *collected = cJSON_GetObjectItemCaseSensitive(oldest, "ct");
+    const long bytes = ctx->collect_list == nullptr ? 0 : telemetry_json_length(ctx->collect_list);
+    blobmsg_add_u32(reply, "records", static_cast<uint32_t>(cJSON_GetArraySize(ctx->collect_list)));
+    blobmsg_add_u32(reply, "items", ctx->data_collect_count);
+    blobmsg_add_u32(reply, "bytes", static_cast<uint32_t>(std::max(bytes, 0L)));
+    if (cJSON_IsNumber(collected))
+        add_number(reply, "oldest_age", time(nullptr) - static_cast<int64_t>(collected->valuedouble));
+    blobmsg_close_table(reply, table);
+}
+
+static void add_last_collection(blob_buf *reply) {
+    const TelemetryFigures &figures = telemetry_figures;
+    if (figures.collected == 0)
+        return;
+    void *table = blobmsg_open_table(reply, "last_collection");
+    add_number(reply, "time", figures.collected);
+    blobmsg_add_u32(reply, "ms", figures.collect_ms);
+    void *modules = blobmsg_open_table(reply, "modules");
+    for (int i = 0; i < figures.module_count; ++i) {
+        const TelemetryModuleFigures &module = figures.modules[i];
+        void *entry = blobmsg_open_table(reply, module.name);
+        blobmsg_add_u32(reply, "result", static_cast<uint32_t>(module.result));
+        blobmsg_add_u32(reply, "items", module.items);
+        blobmsg_add_u32(reply, "ms", module.ms);
+        blobmsg_close_table(reply, entry);
+    }
+    blobmsg_close_table(reply, modules);
+    blobmsg_close_table(reply, table);
+}
+
+static void add_upload(blob_buf *reply, const char *key, const TelemetryUploadFigures &upload) {
+    if (upload.time == 0)
+        return;
+    void *table = blobmsg_open_table(reply, key);
+    add_number(reply, "time", upload.time);
+    blobmsg_add_u32(reply, "records", upload.records);
+    blobmsg_add_u32(reply, "bytes", upload.bytes);
+    blobmsg_add_u32(reply, "ms", upload.ms);
+    add_text(reply, "transport", upload.transport);
+    blobmsg_add_u32(reply, "http_status", static_cast<uint32_t>(upload.http_status));
+    if (upload.has_error_code)
+        blobmsg_add_u32(reply, "error_code", static_cast<uint32_t>(upload.error_code));
+    blobmsg_close_table(reply, table);
+}
+
+void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
+    const TelemetryFigures &figures = telemetry_figures;
+    add_text(reply, "version", TELEMETRY_VERSION);
+    add_number(reply, "started", figures.started);
+    add_number(reply, "uptime", (telemetry_monotonic_ms() - figures.started_monotonic) / 1000);
+    add_role(reply);
+    add_text(reply, "state",
+             ctx->post_state < std::size(kStateNames) ? kStateNames[ctx->post_state] : "unknown");
+    add_text(reply, "cloud", ctx->post_api);
+    add_strategy(reply, ctx);
+    add_timers(reply, ctx);
+    add_list(reply, ctx);
+    add_last_collection(reply);
+    add_upload(reply, "last_upload", figures.accepted);
+    add_upload(reply, "last_failed_upload", figures.failed);
+    void *table = blobmsg_open_table(reply, "counters");
+    for (const CounterRow &row : kCounters)
+        blobmsg_add_u64(reply, row.key, figures.*row.value);
+    blobmsg_close_table(reply, table);
+}
+
+// --- Object ---
+
+static int status_get(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+                      blob_attr *) {
+    if (status_ctx == nullptr)
+        return UBUS_STATUS_NO_DATA;
+    BlobBuffer reply;
+    telemetry_status_fill(reply.get(), status_ctx);
+    return ubus_send_reply(bus, request, reply.head());
+}
+
+static const ubus_method kStatusMethods[] = {
+    {"get", status_get, 0, 0, nullptr, 0},
+};
+
+static ubus_object_type status_object_type = {"telemetry.status", 0, kStatusMethods,
+                                              static_cast<int>(std::size(kStatusMethods))};
+
+static ubus_object status_object = [] {
+    ubus_object object = {};
+    object.name = "telemetry.status";
+    object.type = &status_object_type;
+    object.methods = kStatusMethods;
+    object.n_methods = static_cast<int>(std::size(kStatusMethods));
+    return object;
+}();
+
+// Without an answer wanted, the daemon waits for no subscriber.
+static void notify_subscribers(const char *event) {
+    if (status_bus == nullptr || status_ctx == nullptr || status_object.id == 0 ||
+        !status_object.has_subscribers)
+        return;
+    BlobBuffer message;
+    telemetry_status_fill(message.get(), status_ctx);
+    const int status = ubus_notify(status_bus, &status_object, event, message.head(), -1);
+    if (status != UBUS_STATUS_OK)
+        LOG_ERROR("notification %s was not sent: %s", event, ubus_strerror(status));
+}
+
+void telemetry_status_register(ubus_context *bus, const TelemetryCtx *ctx) {
+    if (bus == nullptr || ctx == nullptr) {
+        LOG_ERROR("param error");
+        return;
+    }
+    status_bus = bus;
+    status_ctx = ctx;
+    telemetry_figures_listener = notify_subscribers;
+    if (status_object.id != 0)
+        return;
+    const int status = ubus_add_object(bus, &status_object);
+    if (status != UBUS_STATUS_OK)
+        LOG_ERROR("registration of telemetry.status failed: %s", ubus_strerror(status));
+}
+
+void telemetry_status_release() {
+    status_bus = nullptr;
+    status_ctx = nullptr;
+    status_object.id = 0;
+    status_object.has_subscribers = false;
+    status_object_type.id = 0;
+    telemetry_figures_listener = nullptr;
+}
