@@ -14,13 +14,13 @@ TelemetryRepeat telemetry_repeat_check(const char *format, ...) __attribute__((f
 void telemetry_repeat_next_cycle();
 
 // An error line that is a debug line from its second cycle on; `again` false: and stands once in a cycle.
-#define TELEMETRY_LOG_REPEAT(again, ...)                                          \
-    do {                                                                          \
-        if (telemetry_log_enabled(TELEMETRY_LOG_ERROR)) {                         \
-            const TelemetryRepeat repeat_ = telemetry_repeat_check(__VA_ARGS__);  \
-            if ((repeat_.first || again) && telemetry_log_enabled(repeat_.level)) \
-                telemetry_log_write(__FILE__, __func__, __LINE__, __VA_ARGS__);   \
-        }                                                                         \
+#define TELEMETRY_LOG_REPEAT(again, ...)                                                       \
+    do {                                                                                       \
+        if (telemetry_log_enabled(TELEMETRY_LOG_ERROR)) {                                      \
+            const TelemetryRepeat repeat_ = telemetry_repeat_check(__VA_ARGS__);               \
+            if ((repeat_.first || again) && telemetry_log_enabled(repeat_.level))              \
+                telemetry_log_write(repeat_.level, __FILE__, __func__, __LINE__, __VA_ARGS__); \
+        }                                                                                      \
     } while (0)
 
 #define LOG_MISSING(...) TELEMETRY_LOG_REPEAT(true, __VA_ARGS__)
