@@ -1,5 +1,6 @@
 #include "lab_files.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -108,14 +109,15 @@ void make_directories(const std::string &path) {
 
 bool wait_until(const std::function<bool()> &condition, int timeout_ms) {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
+    // What is not there soon takes longer: asking costs the one who is asked.
+    for (int pause_ms = 5;; pause_ms = std::min(2 * pause_ms, 80)) {
         if (interrupted.exchange(false))
             throw std::runtime_error("interrupted");
         if (condition())
             return true;
         if (std::chrono::steady_clock::now() >= end)
             return condition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
     }
 }
 

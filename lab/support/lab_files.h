@@ -34,7 +34,7 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text, unsigned mode = 0644);
 void make_directories(const std::string &path);
 
-// Asks `condition` every few milliseconds until it holds or `timeout_ms` have passed; returns whether it
+// Asks `condition`, less and less often, until it holds or `timeout_ms` have passed; returns whether it
 // held. Throws std::runtime_error("interrupted") once after interrupt_waits().
 bool wait_until(const std::function<bool()> &condition, int timeout_ms);
 // Ends the wait in progress, or the next one; may be called from a signal handler.

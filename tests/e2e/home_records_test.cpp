@@ -162,9 +162,6 @@ TEST_F(HomeRecords, ChangeOnlyWithTheirSources) {
     EXPECT_EQ(node.config("telemetry_info", "2D7298711E00915A", "fwver"), "1.2.11 Build 20240115");
     EXPECT_GT(node.read("/lab/board/saveconfig.log").size(), saves);
 
-    node.set_config("telemetry_info", "cloud_info", "is_upgrade", "1");
-    node.set_config("auto_upgrade", "setting", "enable", "0");
-    EXPECT_EQ(payload(home->cycle(false), "cloud_info"), R"({"tcu":1,"tus":0,"ase":0})");
     EXPECT_THAT(names(home->cycle(false)), ElementsAre("internet_info"));
 }
 

@@ -17,7 +17,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr int kWaitMs = 30000;
-constexpr char kRefreshKey[] = "1";
 constexpr char kGetStrategy[] = "2";
 
 class UploadTest : public ::testing::Test {
@@ -150,25 +149,6 @@ TEST_F(UploadTest, start_with_key_asks_for_no_other) {
     expect_upload(1);
 }
 
-TEST_F(UploadTest, key_that_expires_is_replaced) {
-    start_with_key();
-    expect_ready();
-    collect();
-    cloud.expire_keys();
-    order("post_now");
-    ASSERT_TRUE(node.wait_for_console("access_key overdue!", kWaitMs));
-    EXPECT_TRUE(node.wait_for_state("post state", kRefreshKey, kWaitMs));
-    EXPECT_GT(node.number("data_collect_count"), 0);
-    advance_to_retry();
-    expect_ready();
-    EXPECT_EQ(cloud.count("key.requests"), 1);
-    EXPECT_EQ(cloud.count("strategy.requests"), 2);
-    EXPECT_EQ(node.config("telemetry", "cloud", "accessKey"), cloud.keys().back().access_key);
-    node.advance_clock(node.number("post_interval"));
-    expect_upload(1);
-    EXPECT_EQ(cloud.requests("upload").back().access_key, cloud.keys().back().access_key);
-}
-
 TEST_F(UploadTest, five_strategy_failures_give_up) {
     cloud.script("strategy", R"([{"kind":"error_code","code":-10301},{"kind":"empty"},{"kind":"garbage"},
                                  {"kind":"wrong_type"},{"kind":"huge"}])");
@@ -190,22 +170,6 @@ TEST_F(UploadTest, five_strategy_failures_give_up) {
     node.advance_clock(14400000);
     expect_upload(1);
     EXPECT_EQ(cloud.count("strategy.requests"), 5);
-}
-
-TEST_F(UploadTest, five_upload_failures_wait_for_the_next_interval) {
-    start_with_key();
-    expect_ready();
-    collect();
-    cloud.script("upload", R"([{"kind":"error_code","code":-20000,"times":4},
-                               {"kind":"error_code","code":-29004}])");
-    const std::vector<const char *> messages(5, "no strategy, use default strategy!");
-    expect_failures(messages);
-    EXPECT_EQ(node.count_in_console("retry 5 times, stop retry uploading data"), 1U);
-    EXPECT_EQ(cloud.count("posts"), 0);
-    node.advance_clock(60000);
-    expect_no_upload_after(5);
-    advance_to_retry();
-    expect_upload(1);
 }
 
 TEST_F(UploadTest, useless_answers_cost_no_record) {
