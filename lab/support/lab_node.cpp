@@ -148,19 +148,19 @@ BusReply LabNode::call_object(const std::string &object, const std::string &meth
                               const std::string &arguments, int timeout_s) const {
     BusReply reply;
     reply.status = UBUS_STATUS_CONNECTION_FAILED;
-    const BusPtr bus(ubus_connect(bus_socket().c_str()), ubus_free);
-    if (!bus)
+    const BusPtr connection(ubus_connect(bus_socket().c_str()), ubus_free);
+    if (!connection)
         return reply;
     uint32_t id = 0;
-    reply.status = ubus_lookup_id(bus.get(), object.c_str(), &id);
+    reply.status = ubus_lookup_id(connection.get(), object.c_str(), &id);
     if (reply.status != UBUS_STATUS_OK)
         return reply;
     blob_buf message = {};
     blob_buf_init(&message, 0);
     reply.status = UBUS_STATUS_INVALID_ARGUMENT;
     if (blobmsg_add_json_from_string(&message, arguments.c_str()))
-        reply.status =
-            ubus_invoke(bus.get(), id, method.c_str(), message.head, take_reply, &reply, timeout_s * 1000);
+        reply.status = ubus_invoke(connection.get(), id, method.c_str(), message.head, take_reply, &reply,
+                                   timeout_s * 1000);
     blob_buf_free(&message);
     reply.json.reset(cJSON_Parse(reply.text.c_str()));
     return reply;
@@ -173,9 +173,9 @@ BusReply LabNode::call(const std::string &method, const std::string &arguments, 
 bool LabNode::wait_for_object(const std::string &object, int timeout_ms) const {
     return wait_until(
         [&] {
-            const BusPtr bus(ubus_connect(bus_socket().c_str()), ubus_free);
+            const BusPtr connection(ubus_connect(bus_socket().c_str()), ubus_free);
             uint32_t id = 0;
-            return bus && ubus_lookup_id(bus.get(), object.c_str(), &id) == UBUS_STATUS_OK;
+            return connection && ubus_lookup_id(connection.get(), object.c_str(), &id) == UBUS_STATUS_OK;
         },
         timeout_ms);
 }
@@ -221,7 +221,7 @@ std::string LabNode::console(size_t from) const {
 size_t LabNode::console_length() const {
     std::error_code error;
     const auto size = std::filesystem::file_size(root_ + "/dev/console", error);
-    return error ? 0 : size;
+    return error ? 0 : static_cast<size_t>(size);
 }
 
 bool LabNode::wait_for_console(const std::string &text, int timeout_ms, size_t from) const {

@@ -209,7 +209,7 @@ class DayTest : public ::testing::Test {
         advance(next_cycle_ms + 1000 - elapsed_ms);
         next_cycle_ms = elapsed_ms + kQuarterMs;
         const DaemonState state =
-            wait([&](const DaemonState &now) { return now.cycles >= cycle; }, "run a cycle");
+            wait([&](const DaemonState &told) { return told.cycles >= cycle; }, "run a cycle");
         EXPECT_EQ(state.cycles, cycle);
         take_over(cycle, state);
         if (state.list_length >= kThreshold) {
