@@ -124,8 +124,8 @@ TEST_F(InternetInfo, NoTextFromOutsideReachesAShell) {
         EXPECT_FALSE(root.exists("/marker"));
     }
     // Names that would lead elsewhere in the file system.
-    root.write("/sys/class/net/statistics/rx_bytes", "1\n");
-    root.write("/sys/class/statistics/rx_bytes", "1\n");
+    for (const char *directory : {"", "/..", "/sixteen-letters-"}) // the last is longer than a name can be
+        root.write(std::string("/sys/class/net") + directory + "/statistics/rx_bytes", "1\n");
     for (const std::string device : {"..", ".", "../net/eth1", "", "eth1/../eth1", "sixteen-letters-"}) {
         set_status(R"({"up":true,"l3_device":")" + device + "\"}", "");
         EXPECT_EQ(collect(), R"({"up":1})") << device;

@@ -247,7 +247,8 @@ TEST_F(TelemetryUciBackupTest, DigestOfAnObject) {
     EXPECT_EQ(changed("host", R"({"a":1,"b":2})"), 0);
     EXPECT_EQ(changed("host", R"({"b":2,"a":1})"), 1); // the order counts
     EXPECT_EQ(changed("guest", R"({"b":2,"a":1})"), 1);
-    EXPECT_EQ(changed("host", "no object"), 0);
+    EXPECT_EQ(logged_result([&] { return changed("host", "no object"); }),
+              LoggedResult(0, {"invalid input!"}));
     const std::string digest = "9915965eb40d343a8fe26e4e341d1a05";
     EXPECT_EQ(backup(), "\nconfig config 'wireless_host'\n\toption md5 '" + digest +
                             "'\n\nconfig config 'wireless_guest'\n\toption md5 '" + digest + "'\n\n");
