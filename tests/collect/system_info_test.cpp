@@ -169,7 +169,9 @@ TEST_F(SystemInfo, TakesWhatSatellitesAnswer) {
          R"("mf":5,"natn":0,"lat":0,)",
          {"re_low_power info res not success"}},
         {R"("mac":"020000000002","cpu_usage":"6","lowpower":7)", nothing, {no_lowpower}},
-        {R"("mac":"020000000002","cpu_usage":1e999,"lowpower":{"res":"success","associate_time":1e300})",
+        // The library prints an infinite number as no JSON: the whole answer is lost.
+        {R"("mac":"020000000002","mem_free":5,"cpu_usage":1e999)", nothing, {"cJSON Parse failed"}},
+        {R"("mac":"020000000002","lowpower":{"res":"success","associate_time":1e300})",
          R"("cu":0,"cfq":0,"mt":0,"mu":0,"mf":0,"natn":0,"lat":-1,"lad":0,)",
          {}},
         {R"("mac":"020000000002","sys_mode":")" + huge + '"',

@@ -37,10 +37,11 @@ class MeshTest : public ::testing::Test {
         return cJSON_GetArraySize(cJSON_GetObjectItem(entry, "bh")) > 0;
     }
     static void expect_payload(const std::string &text, const std::string &whole, Wanted wanted) {
-        if (wanted == WHOLE)
+        if (wanted == WHOLE) {
             EXPECT_EQ(text, whole);
-        else if (wanted != ANY)
+        } else if (wanted != ANY) {
             EXPECT_EQ(text.empty(), wanted == NO) << text;
+        }
     }
     static void expect_whole_again() {
         const auto records = home->cycle();
@@ -131,8 +132,9 @@ TEST_F(MeshTest, FaultsCostTheirCycleNoMoreThanTheyMust) {
                                : "\"network.interface.wan" + network + "\"network.interface.wan6" + network) +
                           row.faults + "}");
         // An object that is to vanish does so on its own time.
-        if (row.network == "absent")
+        if (row.network == "absent") {
             ASSERT_TRUE(lab::wait_until([] { return !node().wait_for_object("sync", 0); }, HomeLab::kWaitMs));
+        }
         const auto records = home->cycle();
         const std::string devices = payload(records, "device_info");
         expect_payload(payload(records, "client_info"), whole_clients, row.clients);
@@ -141,10 +143,11 @@ TEST_F(MeshTest, FaultsCostTheirCycleNoMoreThanTheyMust) {
             EXPECT_EQ(internet, R"({"d4":4.25,"d6":5.50})");
         else
             expect_payload(internet, whole_internet, row.internet);
-        if (row.satellites == WHOLE)
+        if (row.satellites == WHOLE) {
             EXPECT_EQ(devices, whole_devices);
-        else if (row.satellites == NO)
+        } else if (row.satellites == NO) {
             EXPECT_FALSE(has_satellite_data(devices, 1)) << devices;
+        }
         EXPECT_THAT(devices, Not(IsEmpty()));
         EXPECT_THAT(payload(records, "system_info"), Not(IsEmpty()));
         node().set_faults("{}");
