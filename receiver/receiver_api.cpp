@@ -1,9 +1,13 @@
 #include "receiver_api.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
@@ -11,6 +15,10 @@
 #include "receiver_json.h"
 
 namespace {
+
+constexpr size_t kMaxDevice = 128, kMaxEid = 64, kMaxKeyText = 128, kMaxNumber = 32;
+constexpr size_t kMaxRecords = 20000;
+constexpr double kMaxTime = 1e12;
 
 struct ApiPath {
     std::string_view call, path;
@@ -47,21 +55,70 @@ std::string hexadecimal(const unsigned char *bytes, size_t count) {
     return text;
 }
 
+std::string digest_text(const EVP_MD *kind, const std::string &text) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    EVP_Digest(text.data(), text.size(), digest, &length, kind, nullptr);
+    return hexadecimal(digest, length);
+}
+
 std::string random_text(size_t bytes) {
     unsigned char random[64];
     RAND_bytes(random, static_cast<int>(bytes));
     return hexadecimal(random, bytes);
 }
 
-// The members from `item` on are exactly these texts, in this order; `item` moves behind them.
-template <size_t N> bool take_texts(const cJSON *&item, const std::array<ExpectedText, N> &expected) {
+// A text that any database takes: neither empty nor long, valid UTF-8 without control characters.
+bool is_plain(const cJSON *item, size_t max) {
+    if (!cJSON_IsString(item) || !*item->valuestring || strlen(item->valuestring) > max)
+        return false;
+    int follow = 0;
+    for (const char *at = item->valuestring; *at; at++) {
+        const auto c = static_cast<unsigned char>(*at);
+        if ((c & 0xC0) == 0x80) {
+            if (follow-- == 0)
+                return false;
+            continue;
+        }
+        if (follow != 0 || c < 0x20 || c == 0xC0 || c == 0xC1 || c > 0xF4)
+            return false;
+        follow = c < 0x80 ? 0 : c < 0xE0 ? 1 : c < 0xF0 ? 2 : 3;
+        const auto next = static_cast<unsigned char>(at[1]);
+        // Overlong forms, surrogates, and what is above the last character.
+        if ((c == 0xE0 && next < 0xA0) || (c == 0xED && next > 0x9F) || (c == 0xF0 && next < 0x90) ||
+            (c == 0xF4 && next > 0x8F))
+            return false;
+    }
+    return follow == 0;
+}
+
+// The object has these members as texts; in a strict judgement in this order, and no others but `more` behind
+// them.
+template <size_t N>
+bool has_texts(const cJSON *object, const std::array<ExpectedText, N> &expected, bool strict, int more = 0) {
+    if (!cJSON_IsObject(object))
+        return false;
+    const cJSON *next = object->child;
     for (const ExpectedText &text : expected) {
+        const cJSON *item = strict ? next : cJSON_GetObjectItemCaseSensitive(object, text.name);
         if (!cJSON_IsString(item) || std::string_view(item->string) != text.name ||
             (text.value && std::string_view(item->valuestring) != text.value))
             return false;
-        item = item->next;
+        next = item->next;
     }
-    return true;
+    return !strict || cJSON_GetArraySize(object) <= static_cast<int>(N) + more;
+}
+
+// Member number `position` in a strict judgement, wherever it stands otherwise; null when it is not there.
+const cJSON *member(const cJSON *object, const char *name, int position, bool strict) {
+    const cJSON *item =
+        strict ? cJSON_GetArrayItem(object, position) : cJSON_GetObjectItemCaseSensitive(object, name);
+    return item && std::string_view(item->string) == name ? item : nullptr;
+}
+
+bool is_token(std::string_view text, size_t max) {
+    return !text.empty() && text.size() <= max &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return c > 0x20 && c < 0x7F; });
 }
 
 // Takes "Id=...,AccessKey=...,Signature=..." apart; false when it is anything else.
@@ -74,52 +131,65 @@ bool split_authorization(const std::string &text, std::string &stamp, std::strin
     stamp = text.substr(kId.size(), key_at - kId.size());
     key = text.substr(key_at + kKey.size(), signature_at - key_at - kKey.size());
     signature = text.substr(signature_at + kSignature.size());
-    return !stamp.empty() && stamp.size() <= 10 && stamp.find_first_not_of("0123456789") == stamp.npos;
+    return !stamp.empty() && stamp.size() <= 10 && stamp.find_first_not_of("0123456789") == stamp.npos &&
+           is_token(key, kMaxKeyText);
 }
 
-// 0, or the error code for a missing, wrong or expired signature.
-int check_signature(Store &store, const std::string &authorization, const std::string &body,
-                    StoredRequest &request) {
+// Of equal texts and of others in the same time, so that no digit of a signature can be found by trying.
+bool same_secret(const std::string &a, const std::string &b) {
+    return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// 0, or the error code for a missing, wrong, stale or expired signature. `device`: whom the key was issued
+// to.
+int check_signature(Store &store, const ApiOptions &options, const ApiRequest &asked, StoredRequest &request,
+                    std::string &device) {
     std::string signature;
     request.signature = 0;
-    if (!split_authorization(authorization, request.stamp, request.access_key, signature))
+    if (!split_authorization(asked.authorization, request.stamp, request.access_key, signature))
         return kSignatureError;
-    std::optional<StoredKey> key = store.find_key(request.access_key);
-    if (!key || api_signature(body, request.stamp, request.path, key->access_secret) != signature)
+    const std::optional<StoredKey> key = store.find_key(request.access_key);
+    if (!key ||
+        !same_secret(api_signature(asked.body, request.stamp, asked.path, key->access_secret), signature))
+        return kSignatureError;
+    if (options.max_skew > 0 && std::abs(asked.now - atoll(request.stamp.c_str())) > options.max_skew)
         return kSignatureError;
     request.signature = 1;
-    return key->expired ? kKeyExpired : 0;
+    device = key->device;
+    const bool is_old = key->issued > 0 && asked.now - key->issued > options.key_lifetime;
+    return key->expired || is_old ? kKeyExpired : 0;
 }
 
-int handle_key(const cJSON *body, ApiResult &result) {
-    const cJSON *item = body->child;
-    if (!take_texts(item, kKeyBody) || item)
+int handle_key(const cJSON *body, const ApiOptions &options, int64_t now, ApiResult &result) {
+    const cJSON *device = cJSON_GetObjectItemCaseSensitive(body, "deviceId");
+    const cJSON *mac = cJSON_GetObjectItemCaseSensitive(body, "mac");
+    if (!has_texts(body, kKeyBody, options.strict) || !is_plain(device, kMaxDevice) ||
+        !is_plain(mac, kMaxDevice))
         return kDeviceError;
-    result.device = json_text(body, "deviceId");
-    result.issued_for_mac = json_text(body, "mac");
-    result.issued = {"ak-" + random_text(16), random_text(32), false};
-    result.answer = R"({"error_code":0,"result":{"expiresIn":86400,"accessKey":")" +
-                    result.issued.access_key + R"(","accessSecret":")" + result.issued.access_secret +
-                    R"("}})";
+    if (!options.devices.empty() && !options.devices.contains(device->valuestring))
+        return kDeviceError;
+    result.issued_for_mac = mac->valuestring;
+    result.issued = {"ak-" + random_text(16), random_text(32), false, device->valuestring, now};
+    result.answer = R"({"error_code":0,"result":{"expiresIn":)" + std::to_string(options.key_lifetime) +
+                    R"(,"accessKey":")" + result.issued.access_key + R"(","accessSecret":")" +
+                    result.issued.access_secret + R"("}})";
     return 0;
 }
 
-int handle_strategy(const cJSON *body, const Strategy &strategy, ApiResult &result) {
-    const cJSON *item = body->child;
-    if (!take_texts(item, kStrategyBody))
+int handle_strategy(const cJSON *body, Store &store, bool strict, const std::string &owner,
+                    ApiResult &result) {
+    const cJSON *device = cJSON_GetObjectItemCaseSensitive(body, "deviceId");
+    const cJSON *held = cJSON_GetObjectItemCaseSensitive(body, "strategyId");
+    if (!has_texts(body, kStrategyBody, strict, held ? 1 : 0) || !is_plain(device, kMaxDevice) ||
+        (held && !is_plain(held, kMaxDevice)))
         return kDeviceError;
-    result.device = json_text(body, "deviceId");
-    std::string held;
-    if (item) {
-        if (!cJSON_IsString(item) || std::string_view(item->string) != "strategyId" || item->next ||
-            !*item->valuestring)
-            return kDeviceError;
-        held = item->valuestring;
-    }
+    if (!owner.empty() && owner != device->valuestring)
+        return kDeviceError;
+    const Strategy strategy = store.strategy(device->valuestring);
     if (strategy.id.empty())
         return kNoStrategy;
     result.answer = R"({"error_code":0})";
-    if (held != strategy.id) {
+    if (!held || held->valuestring != strategy.id) {
         JsonTree answer(cJSON_CreateObject());
         cJSON_AddNumberToObject(answer.get(), "error_code", 0);
         cJSON *content = cJSON_AddObjectToObject(answer.get(), "result");
@@ -130,36 +200,54 @@ int handle_strategy(const cJSON *body, const Strategy &strategy, ApiResult &resu
     return 0;
 }
 
-int handle_upload(const cJSON *body, const std::string &raw, ApiResult &result) {
-    const cJSON *sender = body->child;
-    const cJSON *device = sender ? sender->next : nullptr;
-    const cJSON *list = device ? device->next : nullptr;
-    if (!list || list->next || std::string_view(sender->string) != "sr" || !cJSON_IsString(sender) ||
-        std::string_view(sender->valuestring) != "device" || std::string_view(device->string) != "srp" ||
-        !cJSON_IsObject(device) || std::string_view(list->string) != "el" || !cJSON_IsArray(list))
-        return kDataError;
-    const cJSON *item = device->child;
-    if (!take_texts(item, kDeviceBody) || item)
-        return kDeviceError;
-    result.device = json_text(device, "di");
+// One record of an upload, taken from its own bytes.
+bool take_record(const cJSON *record, std::string_view raw, bool strict, StoredRecord &taken) {
+    const cJSON *eid = member(record, "eid", 0, strict), *ct = member(record, "ct", 1, strict);
+    const cJSON *ep = member(record, "ep", 2, strict);
+    if (!is_plain(eid, kMaxEid) || !cJSON_IsNumber(ct) || !cJSON_IsObject(ep) ||
+        (strict && cJSON_GetArraySize(record) != 3))
+        return false;
+    taken.eid = eid->valuestring;
+    taken.ct = api_raw_member(raw, "ct");
+    taken.payload = api_raw_member(raw, "ep");
+    // An escaped name is found by one reader and not by the other: nobody sends that in good faith.
+    if (taken.ct.empty() || taken.ct.size() > kMaxNumber || taken.payload.empty())
+        return false;
+    taken.at = ct->valuedouble > 0 && ct->valuedouble < kMaxTime ? static_cast<int64_t>(ct->valuedouble) : 0;
+    return true;
+}
 
-    std::vector<std::string_view> raw_records = api_raw_elements(api_raw_member(raw, "el"));
-    size_t index = 0;
+int handle_upload(const cJSON *body, const ApiRequest &asked, bool strict, const std::string &owner,
+                  ApiResult &result) {
+    const cJSON *sender = member(body, "sr", 0, strict), *source = member(body, "srp", 1, strict);
+    const cJSON *list = member(body, "el", 2, strict);
+    if (!cJSON_IsString(sender) || std::string_view(sender->valuestring) != "device" ||
+        !cJSON_IsObject(source) || !cJSON_IsArray(list) || (strict && cJSON_GetArraySize(body) != 3))
+        return kDataError;
+    const cJSON *device = cJSON_GetObjectItemCaseSensitive(source, "di");
+    if (!has_texts(source, kDeviceBody, strict) || !is_plain(device, kMaxDevice) ||
+        (!owner.empty() && owner != device->valuestring))
+        return kDeviceError;
+
+    const cJSON *model = cJSON_GetObjectItemCaseSensitive(source, "dm");
+    const cJSON *firmware = cJSON_GetObjectItemCaseSensitive(source, "dfv");
+    Upload upload;
+    upload.device = device->valuestring;
+    upload.model = is_plain(model, kMaxDevice) ? model->valuestring : "";
+    upload.firmware = is_plain(firmware, kMaxDevice) ? firmware->valuestring : "";
+    upload.digest = digest_text(EVP_sha256(), asked.body);
+    upload.bytes = asked.body.size();
+    upload.received = asked.now;
+    const std::vector<std::string_view> raw = api_raw_elements(api_raw_member(asked.body, "el"));
     const cJSON *record;
     cJSON_ArrayForEach(record, list) {
-        const cJSON *eid = record->child;
-        const cJSON *ct = eid ? eid->next : nullptr;
-        const cJSON *ep = ct ? ct->next : nullptr;
-        if (!ep || ep->next || !cJSON_IsString(eid) || std::string_view(eid->string) != "eid" ||
-            !cJSON_IsNumber(ct) || std::string_view(ct->string) != "ct" || !cJSON_IsObject(ep) ||
-            std::string_view(ep->string) != "ep" || index >= raw_records.size()) {
-            result.records.clear();
+        const size_t index = upload.records.size();
+        StoredRecord taken;
+        if (index >= std::min(raw.size(), kMaxRecords) || !take_record(record, raw[index], strict, taken))
             return kDataError;
-        }
-        std::string_view text = raw_records[index++];
-        result.records.push_back({eid->valuestring, std::string(api_raw_member(text, "ct")),
-                                  std::string(api_raw_member(text, "ep"))});
+        upload.records.push_back(std::move(taken));
     }
+    result.upload = std::move(upload);
     result.answer = R"({"error_code":0})";
     return 0;
 }
@@ -254,31 +342,32 @@ std::string_view api_raw_member(std::string_view object, std::string_view name) 
     return {};
 }
 
-ApiResult api_handle(Store &store, const Strategy &strategy, const std::string &path,
-                     const std::string &headers, const std::string &content_type,
-                     const std::string &authorization, const std::string &body) {
+ApiResult api_handle(Store &store, const ApiOptions &options, const ApiRequest &asked) {
     ApiResult result;
     StoredRequest &request = result.request;
-    request.call = api_call_of_path(path);
-    request.path = path;
-    request.headers = headers;
-    request.body = body;
+    request.call = api_call_of_path(asked.path);
+    request.path = asked.path;
+    request.headers = asked.headers;
+    request.body = asked.body;
 
     int code = 0;
+    std::string owner;
     if (request.call != "key" && !request.call.empty())
-        code = check_signature(store, authorization, body, request);
-    const char *end = nullptr;
-    JsonTree tree(cJSON_ParseWithLengthOpts(body.c_str(), body.size() + 1, &end, 1));
-    if (code == 0 && content_type != "application/json")
+        code = check_signature(store, options, asked, request, owner);
+    JsonTree tree;
+    if (code == 0 && asked.content_type != "application/json") {
         code = kRequestRejected;
-    else if (code == 0 && !cJSON_IsObject(tree.get()))
-        code = kDataError;
+    } else if (code == 0) {
+        const char *end = nullptr;
+        tree.reset(cJSON_ParseWithLengthOpts(asked.body.c_str(), asked.body.size() + 1, &end, 1));
+        code = cJSON_IsObject(tree.get()) ? 0 : kDataError;
+    }
     if (code == 0 && request.call == "key")
-        code = handle_key(tree.get(), result);
+        code = handle_key(tree.get(), options, asked.now, result);
     else if (code == 0 && request.call == "strategy")
-        code = handle_strategy(tree.get(), strategy, result);
+        code = handle_strategy(tree.get(), store, options.strict, owner, result);
     else if (code == 0 && request.call == "upload")
-        code = handle_upload(tree.get(), body, result);
+        code = handle_upload(tree.get(), asked, options.strict, owner, result);
     else if (code == 0)
         code = kRequestRejected;
 

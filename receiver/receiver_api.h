@@ -2,6 +2,8 @@
 // answer.
 #pragma once
 
+#include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,28 +18,39 @@ inline constexpr int kDataError = -20105;
 inline constexpr int kDeviceError = -20501;
 inline constexpr int kNoStrategy = -20000;
 
-struct Strategy {
-    std::string id, content; // no id: none for anybody
+struct ApiOptions {
+    // Exactly what the daemon sends, members in its order and no others: for benches that judge the daemon.
+    bool strict = false;
+    // Largest distance between the signed time and ours, in s; 0: not checked.
+    int64_t max_skew = 900;
+    // Age in s at which a key has to be replaced; told with every key.
+    int64_t key_lifetime = 86400;
+    // Devices that may ask for keys; empty: any.
+    std::set<std::string> devices = {};
 };
 
-// What the API makes of one request.
+struct ApiRequest {
+    std::string path;
+    std::string headers; // text to be kept
+    std::string content_type, authorization;
+    std::string body;
+    int64_t now = 0; // s since 1970
+};
+
+// What the API makes of one request. Nothing is stored yet.
 struct ApiResult {
-    StoredRequest request; // to be stored; its verdict is the API's own until a script changes it
+    StoredRequest request; // its verdict is the API's own until a script changes it
     std::string answer;
-    std::string device;
     StoredKey issued; // by an accepted "key" call
     std::string issued_for_mac;
-    std::vector<StoredRecord> records; // of an accepted "upload" call
+    Upload upload; // of an accepted "upload" call
 };
 
 // "key", "strategy", "upload", or "" for a path that is none of them.
 std::string api_call_of_path(const std::string &path);
 
-// Judges one request. `headers` is the text to be stored, the two others are single header values ("" when
-// absent).
-ApiResult api_handle(Store &store, const Strategy &strategy, const std::string &path,
-                     const std::string &headers, const std::string &content_type,
-                     const std::string &authorization, const std::string &body);
+// Judges one request; the store is asked for keys and strategies. Throws StoreError.
+ApiResult api_handle(Store &store, const ApiOptions &options, const ApiRequest &asked);
 
 // The signature that belongs to a request: 40 lowercase hexadecimal digits.
 std::string api_signature(const std::string &body, const std::string &stamp, const std::string &path,

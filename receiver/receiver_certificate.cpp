@@ -86,3 +86,30 @@ std::string certificate_text(const X509 *certificate) {
     long length = BIO_get_mem_data(memory.get(), &data);
     return std::string(data, static_cast<size_t>(length));
 }
+
+static SslContext new_context() {
+    SslContext context(SSL_CTX_new(TLS_server_method()));
+    must(context && SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "no TLS");
+    // A client that goes on with a session after a change of certificates would not see them.
+    SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
+    return context;
+}
+
+SslContext tls_context(const std::string &certificate_file, const std::string &key_file) {
+    SslContext context = new_context();
+    must(SSL_CTX_use_certificate_chain_file(context.get(), certificate_file.c_str()) == 1,
+         certificate_file.c_str());
+    must(SSL_CTX_use_PrivateKey_file(context.get(), key_file.c_str(), SSL_FILETYPE_PEM) == 1 &&
+             SSL_CTX_check_private_key(context.get()) == 1,
+         key_file.c_str());
+    return context;
+}
+
+SslContext tls_context(const Credentials &credentials) {
+    SslContext context = new_context();
+    must(SSL_CTX_use_certificate(context.get(), credentials.certificate.get()) == 1 &&
+             SSL_CTX_use_PrivateKey(context.get(), credentials.key.get()) == 1,
+         "cannot be used");
+    return context;
+}

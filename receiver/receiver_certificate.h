@@ -1,10 +1,11 @@
-// The lab's own certificate authority and the certificates that its cloud can show.
+// Certificates: those of the owner, from files, or an authority of the receiver's own and what it signs.
 #pragma once
 
 #include <memory>
 #include <string>
 
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 
 struct X509Delete {
@@ -34,3 +35,15 @@ Certificates make_certificates();
 
 // PEM text of a certificate.
 std::string certificate_text(const X509 *certificate);
+
+struct SslContextDelete {
+    void operator()(SSL_CTX *context) const {
+        SSL_CTX_free(context);
+    }
+};
+using SslContext = std::unique_ptr<SSL_CTX, SslContextDelete>;
+
+// A server's context that shows the certificate (with its chain) and key of two PEM files, or of
+// `credentials`. Throws std::runtime_error.
+SslContext tls_context(const std::string &certificate_file, const std::string &key_file);
+SslContext tls_context(const Credentials &credentials);

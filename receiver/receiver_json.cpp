@@ -20,6 +20,22 @@ double json_number(const cJSON *object, const char *name, double fallback) {
     return cJSON_IsNumber(item) ? item->valuedouble : fallback;
 }
 
+std::string json_quoted(const std::string &text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20) {
+            char code[8];
+            snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned char>(c));
+            out += code;
+            continue;
+        }
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
 std::string read_file(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;

@@ -19,6 +19,9 @@ std::string print_json(const cJSON *tree);
 std::string json_text(const cJSON *object, const char *name, const std::string &fallback = "");
 double json_number(const cJSON *object, const char *name, double fallback = 0);
 
+// The text between quotes, as a JSON string: bytes that are no UTF-8 stay as they are.
+std::string json_quoted(const std::string &text);
+
 // Whole content; throws std::runtime_error when the file cannot be read.
 std::string read_file(const std::string &path);
 // Writes through a temporary file and a rename, so that a reader sees the old or the new content.

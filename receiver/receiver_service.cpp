@@ -1,19 +1,15 @@
 #include "receiver_service.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
+#include <ctime>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "receiver_json.h"
 
 namespace {
 
-constexpr char kAddress[] = "127.0.0.1";
-constexpr char kJsonType[] = "application/json";
+constexpr int64_t kDaySeconds = 86400;
+using Clock = std::chrono::steady_clock;
 
 std::string wrong_type_answer(const std::string &call) {
     if (call == "key")
@@ -29,182 +25,212 @@ std::string huge_answer(size_t bytes) {
     return answer + "\"}";
 }
 
-std::string header_text(const httplib::Headers &headers) {
+std::string header_text(const HttpRequest &request) {
     std::string text;
-    for (const auto &[name, value] : headers) {
-        // The library adds these of its own; they did not come over the wire.
-        if (name != "REMOTE_ADDR" && name != "REMOTE_PORT" && name != "LOCAL_ADDR" && name != "LOCAL_PORT")
-            text += name + ": " + value + "\n";
-    }
+    for (const auto &[name, value] : request.headers)
+        text += name + ": " + value + "\n";
     return text;
 }
 
-int port_of(const sockaddr_in &address) {
-    return address.sin_family == AF_INET ? ntohs(address.sin_port) : -1;
+HttpAnswer scripted_answer(const ScriptStep &step, const ApiResult &result) {
+    HttpAnswer answer;
+    answer.status = step.status;
+    if (step.kind == "ok")
+        answer.body = result.answer;
+    else if (step.kind == "error_code")
+        answer.body = "{\"error_code\":" + std::to_string(step.code) + "}";
+    else if (step.kind == "garbage")
+        answer.body = "<html>{\"error_code\": \x01\x02 not json";
+    else if (step.kind == "huge")
+        answer.body = huge_answer(step.bytes);
+    else if (step.kind == "no_members")
+        answer.body = "{}";
+    else if (step.kind == "wrong_type")
+        answer.body = wrong_type_answer(result.request.call);
+    else if (step.kind == "raw")
+        answer.body = step.text;
+    else if (step.kind == "cut")
+        answer.cut = true;
+    else if (step.kind == "cut_body") {
+        answer.body = R"({"error_code":)";
+        answer.announced = 1000;
+    }
+    return answer;
+}
+
+// When a handshake that is held up may go on; kept beside its SSL object.
+struct HeldUp {
+    Clock::time_point until;
+    ScriptStep step;
+};
+
+int held_up_index() {
+    static const int index = SSL_get_ex_new_index(
+        0, nullptr, nullptr, nullptr,
+        [](void *, void *held, CRYPTO_EX_DATA *, int, long, void *) { delete static_cast<HeldUp *>(held); });
+    return index;
 }
 
 } // namespace
 
-Service::Service(Store &store, Script &script, Certificates &certificates)
-    : store_(store), script_(script), certificates_(certificates) {}
+Service::Service(const ServiceOptions &options, Store &store, Metrics &metrics, Script &script,
+                 Certificates *certificates)
+    : options_(options), store_(store), metrics_(metrics), script_(script), certificates_(certificates),
+      tls_(certificates ? tls_context(certificates->good) : tls_context(options.cert, options.key)) {}
 
 Service::~Service() {
     down();
 }
 
-void Service::up(int port) {
-    down();
-    listener_ = std::make_unique<httplib::SSLServer>(certificates_.good.certificate.get(),
-                                                     certificates_.good.key.get());
-    SSL_CTX_set_cert_cb(listener_->ssl_context(), certificate_chosen, this);
-    // A connection a request: scripted certificates and refusals meet every request, not only the first.
-    listener_->set_keep_alive_max_count(1);
-    listener_->set_payload_max_length(64 << 20);
-    listener_->Post(".*", [this](const httplib::Request &request, httplib::Response &response) {
-        serve(request, response);
-    });
-    if (port == 0)
-        port = listener_->bind_to_any_port(kAddress);
-    else if (!listener_->bind_to_port(kAddress, port))
-        port = -1;
-    if (port <= 0)
-        throw std::runtime_error("the cloud cannot listen on 127.0.0.1");
-    port_ = port;
-    thread_ = std::thread([this] { listener_->listen_after_bind(); });
-    while (!listener_->is_running())
-        std::this_thread::yield();
+void Service::up() {
+    std::lock_guard lock(mutex_);
+    Listener::HandshakeHook hook;
+    if (certificates_)
+        hook = [this](SSL *ssl) { return handshake_hook(ssl); };
+    listener_.reset();
+    listener_ = std::make_unique<Listener>([this](const HttpRequest &request) { return serve(request); },
+                                           options_.limits, tls_.get(), hook);
+    std::string address = options_.listen;
+    if (port_ != 0)
+        address = address.substr(0, address.rfind(':') + 1) + std::to_string(port_);
+    listener_->start(address);
+    port_ = listener_->port();
 }
 
 void Service::down() {
-    if (!listener_)
-        return;
+    std::lock_guard lock(mutex_);
     script_.interrupt();
-    listener_->stop();
-    thread_.join();
     listener_.reset();
 }
 
-void Service::set_strategy(const Strategy &strategy) {
-    std::lock_guard lock(mutex_);
-    strategy_ = strategy;
+// Called in every handshake: shows the certificate that the script wants, or ends the connection.
+int Service::handshake_hook(SSL *ssl) {
+    auto *held = static_cast<HeldUp *>(SSL_get_ex_data(ssl, held_up_index()));
+    if (!held) {
+        connections_++;
+        ScriptStep step = script_.take("connect");
+        held = new HeldUp{Clock::now() + std::chrono::milliseconds(step.delay_ms), step};
+        SSL_set_ex_data(ssl, held_up_index(), held);
+    }
+    if (Clock::now() < held->until)
+        return -1;
+    const std::string &kind = held->step.kind;
+    if (kind == "cut") {
+        shutdown(SSL_get_fd(ssl), SHUT_RDWR);
+        return 0;
+    }
+    const Credentials &shown = kind == "unknown_ca"   ? certificates_->unknown_ca
+                               : kind == "wrong_host" ? certificates_->wrong_host
+                               : kind == "expired"    ? certificates_->expired
+                                                      : certificates_->good;
+    return SSL_use_certificate(ssl, shown.certificate.get()) == 1 &&
+           SSL_use_PrivateKey(ssl, shown.key.get()) == 1;
 }
 
-void Service::add_key(const StoredKey &key) {
-    std::lock_guard lock(mutex_);
-    store_.add_key(key, "", "");
+HttpAnswer Service::serve(const HttpRequest &request) {
+    HttpAnswer answer;
+    const std::string call = api_call_of_path(request.path);
+    if (request.method != "POST") {
+        answer.status = call.empty() ? 404 : 405;
+        return answer;
+    }
+    const ScriptStep step = script_.take(call);
+    if (step.delay_ms > 0)
+        script_.sleep(step.delay_ms);
+    try {
+        return judge(request, step);
+    } catch (const StoreError &error) {
+        // No word of ours: the daemon keeps its records and comes again.
+        fprintf(stderr, "telemetry-receiver: %s\n", error.what());
+        metrics_.count(call, "unavailable", request.body.size());
+        answer.status = 503;
+        return answer;
+    }
 }
 
-void Service::expire_keys() {
-    std::lock_guard lock(mutex_);
-    store_.expire_keys();
+HttpAnswer Service::judge(const HttpRequest &request, const ScriptStep &step) {
+    ApiRequest asked;
+    asked.path = request.path;
+    asked.headers = header_text(request);
+    asked.content_type = request.header("Content-Type");
+    asked.authorization = request.header("X-Authorization");
+    asked.body = request.body;
+    asked.now = time(nullptr);
+    forget_old(asked.now);
+    ApiResult result = api_handle(store_, options_.api, asked);
+    if (step.kind != "ok") {
+        result.request.verdict = step.kind;
+        result.request.error_code = step.kind == "error_code" ? step.code : 0;
+    }
+    keep(result, step);
+    return scripted_answer(step, result);
+}
+
+// What was accepted is in the store before it is acknowledged.
+void Service::keep(ApiResult &result, const ScriptStep &step) {
+    std::string verdict = result.request.verdict;
+    const bool regular = step.kind == "ok";
+    if (regular && !result.issued.access_key.empty())
+        store_.add_key(result.issued, result.issued_for_mac);
+    if (regular && !result.upload.device.empty()) {
+        const Clock::time_point before = Clock::now();
+        if (!store_.accept(result.upload))
+            verdict = "duplicate";
+        metrics_.store_took(std::chrono::duration<double>(Clock::now() - before).count());
+    }
+    if (options_.keep_requests)
+        store_.add_request(result.request);
+    metrics_.count(result.request.call, regular ? verdict : "scripted", result.request.body.size());
+}
+
+// Once a day, by whichever receiver comes first; the others find nothing left.
+void Service::forget_old(int64_t now) {
+    {
+        std::lock_guard lock(day_mutex_);
+        if (options_.keep_days <= 0 || last_day_ == now / kDaySeconds)
+            return;
+        last_day_ = now / kDaySeconds;
+    }
+    store_.forget_before(now - options_.keep_days * kDaySeconds);
 }
 
 std::string Service::counts() {
-    std::lock_guard lock(mutex_);
     JsonTree counts(cJSON_CreateObject());
     auto add = [&](cJSON *object, const char *name, const std::string &query) {
         cJSON_AddNumberToObject(object, name, static_cast<double>(store_.number(query)));
     };
     for (const char *call : {"key", "strategy", "upload"}) {
         cJSON *object = cJSON_AddObjectToObject(counts.get(), call);
-        std::string of_call = std::string(" FROM requests WHERE call = '") + call + "'";
-        add(object, "requests", "SELECT count(*)" + of_call);
-        add(object, "accepted", "SELECT count(*)" + of_call + " AND verdict = 'accepted'");
-        add(object, "refused", "SELECT count(*)" + of_call + " AND verdict = 'refused'");
+        std::string of_call = std::string("SELECT count(*) FROM requests WHERE call = '") + call + "'";
+        add(object, "requests", of_call);
+        add(object, "accepted", of_call + " AND verdict = 'accepted'");
+        add(object, "refused", of_call + " AND verdict = 'refused'");
     }
     add(counts.get(), "requests", "SELECT count(*) FROM requests");
     add(counts.get(), "invalid_signatures", "SELECT count(*) FROM requests WHERE signature = 0");
-    add(counts.get(), "keys", "SELECT count(*) FROM keys");
-    add(counts.get(), "posts", "SELECT count(*) FROM posts");
-    add(counts.get(), "records", "SELECT count(*) FROM records");
+    for (const char *table : {"keys", "posts", "records"})
+        add(counts.get(), table, std::string("SELECT count(*) FROM ") + table);
     cJSON_AddNumberToObject(counts.get(), "connections", connections_);
     cJSON_AddNumberToObject(counts.get(), "pending_steps", static_cast<double>(script_.pending()));
     return print_json(counts.get());
 }
 
-// Called in every handshake: shows the certificate that the script wants, or ends the connection.
-int Service::certificate_chosen(SSL *ssl, void *server) {
-    auto *self = static_cast<Service *>(server);
-    self->connections_++;
-    ScriptStep step = self->script_.take("connect");
-    if (step.delay_ms > 0)
-        self->script_.sleep(step.delay_ms);
-    if (step.kind == "cut") {
-        shutdown(SSL_get_fd(ssl), SHUT_RDWR);
-        return 0;
-    }
-    const Certificates &all = self->certificates_;
-    const Credentials &shown = step.kind == "unknown_ca"   ? all.unknown_ca
-                               : step.kind == "wrong_host" ? all.wrong_host
-                               : step.kind == "expired"    ? all.expired
-                                                           : all.good;
-    return SSL_use_certificate(ssl, shown.certificate.get()) == 1 &&
-           SSL_use_PrivateKey(ssl, shown.key.get()) == 1;
-}
-
-void Service::serve(const httplib::Request &request, httplib::Response &response) {
-    ScriptStep step = script_.take(api_call_of_path(request.path));
-    if (step.delay_ms > 0)
-        script_.sleep(step.delay_ms);
-
-    ApiResult result;
-    {
-        std::lock_guard lock(mutex_);
-        result = api_handle(store_, strategy_, request.path, header_text(request.headers),
-                            request.get_header_value("Content-Type"),
-                            request.get_header_value("X-Authorization"), request.body);
-        bool regular = step.kind == "ok";
-        if (!regular) {
-            result.request.verdict = step.kind;
-            result.request.error_code = step.kind == "error_code" ? step.code : 0;
-        }
-        int64_t request_id = store_.add_request(result.request);
-        if (regular && !result.issued.access_key.empty())
-            store_.add_key(result.issued, result.device, result.issued_for_mac);
-        if (regular && result.request.call == "upload" && result.request.verdict == "accepted")
-            store_.add_post(request_id, result.device, request.body.size(), result.records);
-    }
-    response.status = step.status;
-    answer_as_scripted(step, result, request, response);
-}
-
-void Service::answer_as_scripted(const ScriptStep &step, const ApiResult &result,
-                                 const httplib::Request &request, httplib::Response &response) {
-    if (step.kind == "ok")
-        response.set_content(result.answer, kJsonType);
-    else if (step.kind == "error_code")
-        response.set_content("{\"error_code\":" + std::to_string(step.code) + "}", kJsonType);
-    else if (step.kind == "empty")
-        response.set_content("", kJsonType);
-    else if (step.kind == "garbage")
-        response.set_content("<html>{\"error_code\": \x01\x02 not json", kJsonType);
-    else if (step.kind == "huge")
-        response.set_content(huge_answer(step.bytes), kJsonType);
-    else if (step.kind == "no_members")
-        response.set_content("{}", kJsonType);
-    else if (step.kind == "wrong_type")
-        response.set_content(wrong_type_answer(result.request.call), kJsonType);
-    else if (step.kind == "raw")
-        response.set_content(step.text, kJsonType);
-    else if (step.kind == "cut")
-        cut_connection(request.remote_port);
-    else if (step.kind == "cut_body")
-        response.set_content_provider(1000, kJsonType, [](size_t, size_t, httplib::DataSink &sink) {
-            constexpr std::string_view kBeginning = R"({"error_code":)";
-            sink.write(kBeginning.data(), kBeginning.size());
-            return false;
-        });
-}
-
-// The library does not hand out its sockets: the one whose other end has this port is it.
-void Service::cut_connection(int remote_port) {
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        int fd = atoi(entry.path().filename().c_str());
-        sockaddr_in local = {}, remote = {};
-        socklen_t local_size = sizeof(local), remote_size = sizeof(remote);
-        if (getsockname(fd, reinterpret_cast<sockaddr *>(&local), &local_size) == 0 &&
-            getpeername(fd, reinterpret_cast<sockaddr *>(&remote), &remote_size) == 0 &&
-            port_of(local) == port_ && port_of(remote) == remote_port)
-            shutdown(fd, SHUT_RDWR);
-    }
+std::string Service::metrics_text() {
+    std::lock_guard lock(mutex_);
+    if (!listener_)
+        return "";
+    const ListenerCounts &counts = listener_->counts();
+    const std::pair<const char *, uint64_t> lines[] = {{"accepted", counts.accepted},
+                                                       {"displaced", counts.displaced},
+                                                       {"timed_out", counts.timed_out},
+                                                       {"refused", counts.refused}};
+    std::string text = "# HELP telemetry_connections_total Connections by what became of them.\n"
+                       "# TYPE telemetry_connections_total counter\n";
+    for (const auto &[name, count] : lines)
+        text +=
+            std::string("telemetry_connections_total{end=\"") + name + "\"} " + std::to_string(count) + "\n";
+    return text +
+           "# HELP telemetry_connections_open Connections that are open.\n"
+           "# TYPE telemetry_connections_open gauge\ntelemetry_connections_open " +
+           std::to_string(counts.open) + "\n";
 }

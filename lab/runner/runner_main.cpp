@@ -1,5 +1,5 @@
 // lab-runner: a mesh on this machine, from a scenario.
-//   lab-runner [--scenario NAME|FILE] [--once]
+//   lab-runner [--scenario NAME|FILE] [--once|--day]
 // Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one
 // collection and one upload, prints what the cloud received, the verdict and the mesh as the records tell it;
 // exit status 0 only when everything was as it should be.
@@ -12,6 +12,7 @@
 
 #include <unistd.h>
 
+#include "day.h"
 #include "lab.h"
 #include "report.h"
 #include "summary.h"
@@ -27,6 +28,7 @@ constexpr size_t kLogTail = 4000;
 struct Options {
     std::string scenario = "one";
     bool once = false;
+    bool day = false; // a day first, on clocks that the runner moves
 };
 
 void on_signal(int) {
@@ -47,6 +49,8 @@ bool parse_options(int argc, char **argv, Options &options) {
         std::string argument = argv[i];
         if (argument == "--once")
             options.once = true;
+        else if (argument == "--day")
+            options.day = true;
         else if (argument == "--scenario" && i + 1 < argc)
             options.scenario = argv[++i];
         else
@@ -140,6 +144,7 @@ void print_help(lab::Lab &lab) {
     std::string ubus = lab::default_bin_dir() + "/ubus -s " + node.bus_socket();
     printf("The lab is up: %zu nodes in %s, the cloud at https://%s\n", lab.node_count(),
            lab.directory().c_str(), lab.cloud().address().c_str());
+    printf("What it received, as a page: %s\n", lab.cloud().page().c_str());
     printf("Bus of the main node: %s\n\n", node.bus_socket().c_str());
     for (size_t index = 1; index < lab.node_count(); index++)
         printf("Bus of satellite %zu: %s\n", index, lab.node(index).bus_socket().c_str());
@@ -168,10 +173,17 @@ void follow(lab::Lab &lab) {
 
 void run(const Options &options) {
     lab::Lab lab(options.scenario);
+    if (options.day)
+        day_prepare(lab);
     lab.start();
     printf("lab \"%s\" is up: %zu nodes, %zu clients, all daemons on their buses\n",
            lab.scenario().name.c_str(), lab.node_count(), lab.scenario().clients.size());
     fflush(stdout);
+    if (options.day) {
+        if (!lab.node().wait_for_state("post state", lab::kReadyForUpload, kReadyMs))
+            fail(lab, "key and strategy were not fetched");
+        day_run(lab);
+    }
     if (options.once) {
         run_once(lab);
     } else {
@@ -185,7 +197,7 @@ void run(const Options &options) {
 int main(int argc, char **argv) {
     Options options;
     if (!parse_options(argc, argv, options)) {
-        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once]\n");
+        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once|--day]\n");
         return 2;
     }
     catch_signals();

@@ -78,15 +78,20 @@ void query(const std::string &file, const std::string &text,
 void LabCloud::start(const std::string &bin_dir, const std::string &directory) {
     directory_ = directory;
     make_directories(directory);
-    for (const char *file : {"/port", "/control_port", "/cloud.db", "/cloud.db-wal", "/cloud.db-shm"})
+    for (const char *file :
+         {"/port", "/control_port", "/page_port", "/cloud.db", "/cloud.db-wal", "/cloud.db-shm"})
         unlink((directory + file).c_str());
-    process_.start({{bin_dir + "/telemetry-receiver", "--dir", directory}, {}, directory + "/cloud.log"});
+    process_.start({{bin_dir + "/telemetry-receiver", "--dir", directory, "--store", database(), "--page",
+                     "127.0.0.1:0", "--control", "127.0.0.1:0", "--strict", "--max-skew", "0"},
+                    {},
+                    directory + "/cloud.log"});
     bool serves =
         wait_until([&] { return file_exists(directory + "/port") || !process_.running(); }, kStartMs);
     if (!serves || !process_.running())
         throw std::runtime_error("the cloud does not start: " + read_file(directory + "/cloud.log"));
     port_ = atoi(read_file(directory + "/port").c_str());
     control_port_ = atoi(read_file(directory + "/control_port").c_str());
+    page_port_ = atoi(read_file(directory + "/page_port").c_str());
 }
 
 void LabCloud::stop() {
@@ -95,6 +100,10 @@ void LabCloud::stop() {
 
 std::string LabCloud::address() const {
     return "127.0.0.1:" + std::to_string(port_);
+}
+
+std::string LabCloud::page() const {
+    return "http://127.0.0.1:" + std::to_string(page_port_) + "/";
 }
 
 std::string LabCloud::ca_certificate() const {

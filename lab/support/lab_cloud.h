@@ -38,6 +38,7 @@ class LabCloud {
         return port_;
     }
     std::string address() const; // "127.0.0.1:PORT"
+    std::string page() const;    // address of the page that shows what it received
     std::string ca_certificate() const;
     std::string database() const;
 
@@ -67,6 +68,7 @@ class LabCloud {
     std::string directory_;
     int port_ = 0;
     int control_port_ = 0;
+    int page_port_ = 0;
 };
 
 } // namespace lab

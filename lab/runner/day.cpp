@@ -1,0 +1,97 @@
+#include "day.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+
+namespace {
+
+constexpr long kCycles = 97; // the last one is the daily one
+constexpr int64_t kQuarterMs = 900000, kBeforeMs = 8000;
+constexpr int kCycleMs = 120000;
+constexpr double kPi = 3.14159265358979;
+
+void advance(lab::Lab &lab, int64_t ms) {
+    for (size_t index = 0; index < lab.node_count(); index++)
+        lab.node(index).advance_clock(ms);
+}
+
+long number_of(lab::LabNode &node, const char *line) {
+    return strtol(node.state()[line].c_str(), nullptr, 10);
+}
+
+// No request of the daemon is under way: a leap of its clock would let it time out.
+bool is_idle(lab::LabNode &node) {
+    const size_t before = node.console().size();
+    if (node.call("print").status != 0 || !node.wait_for_console("telemetry post end", 5000, before))
+        return false;
+    const std::string dump = node.console(before);
+    for (size_t at = 0; (at = dump.find(" used: ", at)) != dump.npos; at++) {
+        if (dump[at + 7] != '0')
+            return false;
+    }
+    return true;
+}
+
+void vary(cJSON *item, double swing) {
+    for (; item; item = item->next) {
+        const std::string name = item->string ? item->string : "";
+        if (cJSON_IsNumber(item) && name == "temperature")
+            cJSON_SetNumberValue(item, std::round(item->valuedouble + 9 * swing));
+        else if (cJSON_IsNumber(item) && (name == "tx" || name == "rx"))
+            cJSON_SetNumberValue(item, std::round(item->valuedouble * (1 - 0.3 * swing)));
+        vary(item->child, swing);
+    }
+}
+
+// The warmest hour is three in the afternoon, and each node has its own.
+void set_hour(lab::Lab &lab, const std::vector<std::string> &drivers, double hour) {
+    for (size_t index = 0; index < lab.node_count(); index++) {
+        const double swing = std::sin((hour - 9 - static_cast<double>(index)) / 12 * kPi);
+        const lab::JsonTree driver = lab::parse_json(drivers[index], "driver file");
+        vary(driver->child, swing);
+        lab.node(index).write("/tmp/fakewifi.json", lab::print_json(driver.get()));
+        const std::pair<const char *, std::string> files[] = {
+            {"/sys/class/thermal/thermal_zone0/temp", std::to_string(52000 + lround(9000 * swing)) + "\n"},
+            {"/proc/sys/net/netfilter/nf_conntrack_count", std::to_string(420 + lround(260 * swing)) + "\n"},
+            {"/proc/meminfo",
+             "MemTotal: 512000 kB\nMemFree: " + std::to_string(128000 - lround(52000 * swing)) +
+                 " kB\nBuffers: 16000 kB\nCached: 64000 kB\n"}};
+        for (const auto &[path, text] : files)
+            lab.node(index).write(path, text);
+    }
+}
+
+} // namespace
+
+void day_prepare(lab::Lab &lab) {
+    setenv("LAB_WALL_TIME", std::to_string(time(nullptr) - kCycles * kQuarterMs / 1000 - 600).c_str(), 1);
+    advance(lab, 0);
+}
+
+void day_run(lab::Lab &lab) {
+    lab::LabNode &node = lab.node();
+    std::vector<std::string> drivers;
+    for (size_t index = 0; index < lab.node_count(); index++)
+        drivers.push_back(lab.node(index).read("/tmp/fakewifi.json"));
+    for (long cycle = 1; cycle <= kCycles; cycle++) {
+        set_hour(lab, drivers, static_cast<double>(cycle) / 4);
+        if (cycle % 4 == 1)
+            node.call("collect_all_next_time");
+        const long before = number_of(node, "collect_count");
+        advance(lab, kQuarterMs - kBeforeMs);
+        lab::wait_until([&] { return is_idle(node); }, kCycleMs);
+        advance(lab, kBeforeMs + 1000);
+        if (!lab::wait_until([&] { return number_of(node, "collect_count") > before; }, kCycleMs))
+            throw std::runtime_error("the day stands still at cycle " + std::to_string(cycle));
+        lab::wait_until([&] { return is_idle(node); }, kCycleMs);
+        printf("\r%2ld:%02ld", cycle / 4 % 24, cycle % 4 * 15);
+        fflush(stdout);
+    }
+    const long posts = lab.cloud().count("posts");
+    node.call("post_now");
+    lab.cloud().wait_for_count("posts", posts + 1, kCycleMs);
+    printf("\ra day has passed: %ld cycles, %ld uploads\n", kCycles, lab.cloud().count("posts"));
+}
