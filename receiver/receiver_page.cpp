@@ -21,8 +21,9 @@ constexpr const char *kMaxScanned = "20000";
 struct PageFile {
     const char *path, *name, *type;
 };
-constexpr std::array<PageFile, 6> kFiles = {
-    {{"/", "index.html", "text/html; charset=utf-8"},
+constexpr std::array<PageFile, 7> kFiles = {
+    {{"/icon.svg", "icon.svg", "image/svg+xml"},
+     {"/", "index.html", "text/html; charset=utf-8"},
      {"/page.js", "page.js", "text/javascript; charset=utf-8"},
      {"/picture.js", "picture.js", "text/javascript; charset=utf-8"},
      {"/plots.js", "plots.js", "text/javascript; charset=utf-8"},

@@ -54,7 +54,7 @@ function drawNode(node, top, width) {
   group.append(svg("title", {}, shortName(node.name, 200)), svg("rect", { width: kNodeWidth, height: 28, rx: 6 }),
     svg("text", { x: 8, y: 19 }, shortName(node.name, 18)));
   const links = svg("g", { transform: `translate(${left},${top})` });
-  node.links.forEach((link, index) => links.append(svg("text", { class: "soft", x: 4, y: 42 + 14 * index }, linkText(link))));
+  node.links.forEach((link, index) => links.append(svg("text", { class: "soft", x: 24, y: 42 + 14 * index }, linkText(link))));
   const clients = svg("g", { transform: `translate(${left + kNodeWidth + 14},${top + 8})` });
   node.clients.forEach((client, index) => {
     const at = `translate(${(index % perRow) * kClientStep + 6},${Math.floor(index / perRow) * kClientStep + 6})`;

@@ -53,7 +53,7 @@ function drawLines(plot, series, from, to) {
   axes.append("g").attr("class", "axis").attr("transform", `translate(${kMargin.left},0)`)
     .call(d3.svg.axis().scale(y).orient("left").ticks(4).outerTickSize(0).tickFormat(d3.format("s")));
   series.forEach((one, index) => {
-    picture.append(svg("path", { class: `line s${index % kStyles}`, d: line(one.values), "data-points": one.values.length }));
+    picture.append(svg("path", { class: `line s${index % kStyles}${index < kStyles ? "" : " again"}`, d: line(one.values), "data-points": one.values.length }));
     for (const value of one.values.length <= 120 ? one.values : one.values.slice(-1))
       picture.append(svg("circle", { class: `s${index % kStyles}`, r: one.values.length > 40 ? 1 : 2, cx: x(value[0] * 1000), cy: y(value[1]) }));
   });
