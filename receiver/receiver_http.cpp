@@ -148,7 +148,7 @@ std::string http_print(const HttpAnswer &answer, bool keeps, bool with_body) {
     text += "Content-Type: " + answer.type +
             "\r\nContent-Length: " + std::to_string(std::max(answer.announced, answer.body.size())) + "\r\n";
     for (const auto &[name, value] : answer.headers)
-        text += name + ": " + value + "\r\n";
+        text.append(name).append(": ").append(value).append("\r\n");
     text += keeps ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
     return with_body ? text + answer.body : text;
 }

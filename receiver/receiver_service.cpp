@@ -28,7 +28,7 @@ std::string huge_answer(size_t bytes) {
 std::string header_text(const HttpRequest &request) {
     std::string text;
     for (const auto &[name, value] : request.headers)
-        text += name + ": " + value + "\n";
+        text.append(name).append(": ").append(value).append("\n");
     return text;
 }
 

@@ -1,4 +1,4 @@
-// A day of the lab in a minute or two: 97 cycles on clocks that only the runner moves.
+// A day of the lab in a few minutes: 97 cycles on clocks that only the runner moves.
 #pragma once
 
 #include "lab.h"
