@@ -143,7 +143,7 @@ static int read_option(const char *section, const char *option, char *buffer, in
 }
 
 static void load_cloud_url(TelemetryCtx *ctx) {
-    char url[kOptionSize + 1] = {}; // one character more than counts, to see whether any is cut
+    char url[kOptionSize + 4] = {}; // a character more than counts, to see whether any is cut
     if (read_option("cloud", "cloud_url", url, sizeof(url)) != 0) {
         LOG_ERROR("uci_get_value buffer error");
         copy_text(ctx->post_api, TELEMETRY_CLOUD_ENDPOINT);
@@ -251,7 +251,7 @@ static int read_identity(const IdentityCommand &row, char (&text)[kIdentitySize]
         return -1;
     }
     if (text[kIdentitySize - 1] != '\0') {
-        text[kIdentitySize - 1] = '\0';
+        text[whole_characters(text, kIdentitySize - 1)] = '\0';
         LOG_ERROR("%s prints more than %d characters", row.command, kIdentitySize - 1);
     }
     if (text[0] == '\0')

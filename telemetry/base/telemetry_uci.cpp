@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -34,6 +35,9 @@ static bool is_backup(const uci_context *uci) {
 // What makes a backup file one that the library must not see; null when nothing does. A zero byte makes it
 // double its line buffer up to 4 GiB.
 static const char *backup_fault(const std::string &path) {
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
+        return "is no file"; // opening a pipe would wait for its writer
     const FilePtr file(fopen(path.c_str(), "re"));
     char block[4096];
     size_t size = 0;
@@ -210,14 +214,14 @@ static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, cons
     return created;
 }
 
-void telemetry_uci_use_source(uci_context *uci, uint32_t source) {
-    if (source == TELEMETRY_UCI_SYSTEM) {
-        uci_set_confdir(uci, telemetry_path(kSystemConfigDir).c_str());
-        uci_set_savedir(uci, telemetry_path(kSystemConfigSaveDir).c_str());
-        return;
-    }
-    uci_set_confdir(
-        uci, telemetry_path(source == TELEMETRY_UCI_BACKUP ? kBackupConfigDir : kProfileConfigDir).c_str());
+bool telemetry_uci_use_source(uci_context *uci, uint32_t source) {
+    if (uci == nullptr)
+        return true; // told by the call that follows
+    if (source == TELEMETRY_UCI_SYSTEM)
+        return uci_set_confdir(uci, telemetry_path(kSystemConfigDir).c_str()) == UCI_OK &&
+               uci_set_savedir(uci, telemetry_path(kSystemConfigSaveDir).c_str()) == UCI_OK;
+    const char *directory = source == TELEMETRY_UCI_BACKUP ? kBackupConfigDir : kProfileConfigDir;
+    return uci_set_confdir(uci, telemetry_path(directory).c_str()) == UCI_OK;
 }
 
 uci_context *telemetry_uci_alloc_context(uint32_t source) {
@@ -225,8 +229,11 @@ uci_context *telemetry_uci_alloc_context(uint32_t source) {
     if (uci == nullptr)
         return nullptr;
     // On a router the library's own directories are the system's.
-    if (source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty())
-        telemetry_uci_use_source(uci, source);
+    const bool own = source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty();
+    if (own && !telemetry_uci_use_source(uci, source)) {
+        uci_free_context(uci);
+        return nullptr;
+    }
     return uci;
 }
 
@@ -305,16 +312,20 @@ int uci_set_value_with_create(uci_context *uci, const char *package, const char 
 
 int _telemetry_get_value_in_telemetry_config(uci_context *uci, const char *package, const char *section,
                                              const char *option, char *buffer, int size) {
-    if (uci != nullptr)
-        telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM);
+    if (!telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM)) {
+        LOG_ERROR("no memory for the directories of %s", kSystemConfigDir);
+        return -1;
+    }
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
 int _telemetry_set_value_in_telemetry_config_with_create(uci_context *uci, const char *package,
                                                          const char *section, const char *option,
                                                          const char *value) {
-    if (uci != nullptr)
-        telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM);
+    if (!telemetry_uci_use_source(uci, TELEMETRY_UCI_SYSTEM)) {
+        LOG_ERROR("no memory for the directories of %s", kSystemConfigDir);
+        return -1;
+    }
     return uci_set_value_with_create(uci, package, section, option, value, "device", 1);
 }
 

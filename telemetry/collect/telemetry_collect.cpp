@@ -215,6 +215,7 @@ static void run_cycle(TelemetryCtx *ctx) {
         LOG_ERROR("get collect_list cJSON failed!");
         return;
     }
+    telemetry_repeat_next_cycle();
     write_post_done_to_file(1);
     const int64_t begin_ms = telemetry_monotonic_ms();
     telemetry_figures.module_count = 0;
@@ -233,7 +234,6 @@ void telemetry_collect_data(uloop_timeout *timer) {
         return;
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, collect_timer);
-    telemetry_repeat_next_cycle();
     run_cycle(ctx);
     telemetry_arm_collect_timer(ctx, ctx->collect_interval_strategy1);
 }

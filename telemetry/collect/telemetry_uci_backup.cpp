@@ -97,16 +97,20 @@ static bool is_table(const TelemetryIndexEntry *table, int rows) {
 
 int _telemetry_get_value_in_tmp_backup_config(uci_context *uci, const char *package, const char *section,
                                               const char *option, char *buffer, int size) {
-    if (uci != nullptr)
-        telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP);
+    if (!telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP)) {
+        LOG_ERROR("no memory for the directory of %s", kBackupConfigDir);
+        return -1;
+    }
     return uci_get_value(uci, package, section, option, buffer, size);
 }
 
 int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, const char *package,
                                                           const char *section, const char *option,
                                                           const char *value) {
-    if (uci != nullptr)
-        telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP);
+    if (!telemetry_uci_use_source(uci, TELEMETRY_UCI_BACKUP)) {
+        LOG_ERROR("no memory for the directory of %s", kBackupConfigDir);
+        return -1;
+    }
     return uci_set_value_with_create(uci, package, section, option, value, "config", 1);
 }
 
