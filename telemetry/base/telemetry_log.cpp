@@ -52,10 +52,11 @@ void telemetry_log_open_syslog() {
 static constexpr size_t kShownOfSecret = 4;
 
 // What stands before a key or a secret: in the two lines of the start, in the state dump, in answers of the
-// cloud, in the header of a signed request.
+// cloud, in the header of a signed request, in lines about an option that was not taken.
 static constexpr const char *kSecretMarks[] = {
-    "access_key:",         "access_secret:",    "access key: ",         "access secret: ", "\"accessKey\":\"",
-    "\"accessSecret\":\"", "\"accessKey\": \"", "\"accessSecret\": \"", "AccessKey=",
+    "access_key:",      "access_secret:",      "access key: ",      "access secret: ",
+    "\"accessKey\":\"", "\"accessSecret\":\"", "\"accessKey\": \"", "\"accessSecret\": \"",
+    "AccessKey=",       "accessKey=",          "accessSecret=",     "uci_set_value [",
 };
 
 // Shortens the secret that begins at `secret`: the rest of the line moves up.
