@@ -48,7 +48,8 @@ static void try_message(const uint8_t *data, size_t size) {
     require(!compact == !indented);
 }
 
-// What was converted is a sound message, and its text converts to a message with the same text.
+// What was converted is a sound message, and its text converts to a message with the same text. A number beyond the
+// largest real prints as "inf", as it does on the platform; JSON has no such number.
 static void try_text(const std::string &text) {
     BlobBuffer b, again;
     const bool added = blobmsg_add_json_from_string(b.get(), text.c_str());
@@ -58,7 +59,10 @@ static void try_text(const std::string &text) {
     blob_attr *tb[policy_len];
     require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head()), len) == 0);
     const TextPtr first(blobmsg_format_json(b.head(), true));
-    require(first && blobmsg_add_json_from_string(again.get(), first.get()));
+    require(first != nullptr);
+    if (strstr(first.get(), "inf"))
+        return;
+    require(blobmsg_add_json_from_string(again.get(), first.get()));
     const TextPtr second(blobmsg_format_json(again.head(), true));
     require(second && strcmp(first.get(), second.get()) == 0);
 }
