@@ -12,9 +12,11 @@
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
 #include "telemetry_handles.h"
+#include "telemetry_key_owner.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_post.h"
+#include "telemetry_reload.h"
 #include "telemetry_ubus.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
@@ -142,7 +144,7 @@ static int read_option(const char *section, const char *option, char *buffer, in
     return telemetry_get_uci_value("telemetry", section, option, buffer, size, TELEMETRY_UCI_SYSTEM);
 }
 
-static void load_cloud_url(TelemetryCtx *ctx) {
+void telemetry_load_cloud_url(TelemetryCtx *ctx) {
     char url[kOptionSize + 4] = {}; // a character more than counts, to see whether any is cut
     if (read_option("cloud", "cloud_url", url, sizeof(url)) != 0) {
         LOG_ERROR("uci_get_value buffer error");
@@ -155,6 +157,9 @@ static void load_cloud_url(TelemetryCtx *ctx) {
         if (cut || full.size() > strlen(ctx->post_api))
             LOG_ERROR("cloud_url has room for %zu characters, the rest is cut off", strlen(ctx->post_api));
     }
+    if (strncmp(ctx->post_api, "https://", 8) != 0)
+        LOG_ERROR("cloud_url is not https: the access key and all records travel in the clear: %.256s",
+                  ctx->post_api);
     LOG_DEBUG("post_api:%s", ctx->post_api);
 }
 
@@ -185,7 +190,7 @@ int telemetry_load_uci_config(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return -1;
     }
-    load_cloud_url(ctx);
+    telemetry_load_cloud_url(ctx);
     for (const AccessTextOption &row : kAccessTextOptions)
         load_access_text(ctx, row);
     for (const IntervalOption &row : kIntervalOptions)
@@ -356,8 +361,10 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
     const bool initialised = telemetry_init_ctx(ctx) == 0;
-    if (initialised)
+    if (initialised) {
+        telemetry_drop_foreign_key(ctx);
         telemetry_count_daemon_start();
+    }
     if (!initialised || telemetry_init_ubus(ctx) != 0) {
         LOG_ERROR("telemetry_init_ctx error, stop");
         return;
@@ -365,9 +372,11 @@ static void start_and_run(TelemetryCtx *ctx) {
     LOG_INFO("telemetry %s on the %s node, uploads go to %.256s", TELEMETRY_VERSION,
              check_if_device_is_FAP() ? "main" : "satellite", ctx->post_api);
     signals.release_in_loop();
+    telemetry_watch_reload(ctx);
     telemetry_post_state_FSM(ctx);
     uloop_run();
 
+    telemetry_unwatch_reload();
     uloop_done();
     telemetry_free_ubus();
     telemetry_remove_heartbeat_timeout_file();
@@ -379,11 +388,12 @@ static TelemetryCtx telemetry_ctx;
 int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
     fill_standard_descriptors();
+    telemetry_catch_reload_signal();
     telemetry_redirect_output(kConsolePath);
     telemetry_log_open_syslog();
     telemetry_figures_start();
     LOG_DEBUG("telemetry start");
-    telemetry_load_log_options();
+    telemetry_load_options();
     start_and_run(&telemetry_ctx);
     LOG_DEBUG("telemetry end");
     return 0;

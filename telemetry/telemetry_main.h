@@ -16,13 +16,14 @@ int telemetry_init_tmp_backup_config();
 // missing option has a default and its own line. Intervals are minutes there and ms here. 0, or -1 for a null
 // record.
 int telemetry_load_uci_config(TelemetryCtx *ctx);
+// Its first part, the cloud's address.
+void telemetry_load_cloud_url(TelemetryCtx *ctx);
 // Identity texts from the firmware tool `getfirm`: 0, or -1 when one of its calls could not run. All are
 // tried.
 int telemetry_get_device_info(TelemetryCtx *ctx);
 // Where lines go and from which level on: options `log_console`, `log_syslog` (flags, both 1 by default) and
-// `log_level`
-// ("debug", "info", "error"; default info) of `telemetry`.`basic`. A value that is none costs a line and is
-// the default.
+// `log_level` ("debug", "info", "error") of `telemetry`.`basic`. A value that is none costs a line and is the
+// default; without a level it stays.
 void telemetry_load_log_options();
 // Sets the callbacks of the collect and the upload timer, arms the first. 0, or -1 for a null record.
 int telemetry_init_timers(TelemetryCtx *ctx);

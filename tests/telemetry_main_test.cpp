@@ -7,9 +7,13 @@
 
 #include "sysroot.h"
 
+#include "telemetry_ca.h"
 #include "telemetry_collect.h"
+#include "telemetry_handles.h"
+#include "telemetry_key_owner.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
+#include "telemetry_reload.h"
 #include "telemetry_ubus.h"
 
 using Messages = std::vector<std::string>;
@@ -224,6 +228,91 @@ TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
     printf("still here");
     EXPECT_EQ(err.text(), "Failed to redirect stdout/stderr to /dev/console: No such file or directory");
     EXPECT_EQ(out.text(), "still here");
+}
+
+// What is said of the certificates and the address, and which file transfers use.
+TEST_F(TelemetryMain, CertificatesAndTheWayThere) {
+    const std::string option = "config cloud 'cloud'\n\toption cloud_url 'https://x'\n\toption ca_file ";
+    const std::string own = "/etc/certificate/2048_newroot.cer",
+                      bundle = "/etc/ssl/certs/ca-certificates.crt";
+    const std::string unreadable = "the certificates to check the cloud's with cannot be read: ";
+    const struct {
+        std::string value, file, used;
+        Messages log;
+    } cases[] = {
+        {"''",
+         "",
+         own,
+         {"no certificates to check the cloud's with: neither " + own + " nor " + bundle + " is there"}},
+        {"''", bundle, bundle, {}},
+        {"''", own, own, {}},
+        {"'/ca'", "/ca", "/ca", {}},
+        {"'ca'", own, own, {"telemetry.cloud.ca_file is no absolute path: ca"}},
+        {"'/none'", own, "/none", {unreadable + "/none: No such file or directory"}},
+        {"'/etc'", own, "/etc", {unreadable + "/etc: no regular file"}},
+        {"'/empty'", own, "/empty", {unreadable + "/empty: empty"}},
+        {"'/loop'", own, "/loop", {unreadable + "/loop: Too many levels of symbolic links"}},
+    };
+    root.write("/empty", "");
+    std::filesystem::create_symlink("loop", root.path("/loop"));
+    for (const auto &row : cases) {
+        root.write_config("telemetry", option + row.value + "\n");
+        if (!row.file.empty())
+            root.write(row.file, "certificate");
+        EXPECT_EQ(logged_messages(telemetry_load_ca_file), row.log) << row.value;
+        EXPECT_EQ(telemetry_ca_file(), root.path(row.used)) << row.value;
+    }
+    root.write_config("telemetry", "");
+    telemetry_load_ca_file();
+
+    const std::pair<const char *, bool> urls[] = {
+        {"https://h", false}, {"h", false}, {"http://h", true}, {"httpd.h", true}};
+    for (const auto &[url, in_the_clear] : urls) {
+        root.write_config("telemetry",
+                          std::string("config cloud 'cloud'\n\toption cloud_url '") + url + "'\n");
+        EXPECT_EQ(logged_messages([&] { telemetry_load_cloud_url(&ctx); }).size(), in_the_clear ? 1u : 0u)
+            << url;
+    }
+}
+
+TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
+    const std::tuple<const char *, const char *, bool> cases[] = {
+        {"", "D1", false}, {"D1", "D1", false}, {"D10", "D1", true}, {"D1", "", false}};
+    for (const auto &[owner, device, dropped] : cases) {
+        root.write_config("telemetry",
+                          std::string("config cloud 'cloud'\n\toption accessDevice '") + owner + "'\n");
+        copy_text(ctx.dev_id, device);
+        copy_text(ctx.access_key, "key");
+        copy_text(ctx.access_secret, "secret");
+        EXPECT_EQ(logged_messages([&] { telemetry_drop_foreign_key(&ctx); }).size(), dropped ? 1u : 0u);
+        EXPECT_EQ(std::string(ctx.access_key) + ctx.access_secret, dropped ? "" : "keysecret") << owner;
+    }
+    copy_text(ctx.dev_id, "D2");
+    telemetry_keep_key_owner(&ctx);
+    EXPECT_NE(root.read("/etc/config/telemetry").find("accessDevice 'D2'"), std::string::npos);
+}
+
+TEST_F(TelemetryMain, AHundredSignalsAreOneReloadInTheLoop) {
+    uloop_init();
+    telemetry_catch_reload_signal();
+    telemetry_watch_reload(&ctx);
+    copy_text(ctx.dev_id, "");
+    root.write_config("telemetry", "config basic 'basic'\n\toption log_level 'loud'\n"
+                                   "config cloud 'cloud'\n\toption cloud_url 'new.host'\n");
+    root.write("/etc/certificate/2048_newroot.cer", "certificate");
+    ctx.collect_list = cJSON_CreateArray();
+    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
+    const OutputCapture log;
+    for (int i = 0; i < 100; i++)
+        raise(SIGHUP);
+    EXPECT_EQ(log.text(), "");
+    uloop_run_timeout(20);
+    EXPECT_EQ(log.messages(), (Messages{"telemetry.basic.log_level is none of debug, info, error: loud",
+                                        "configuration read again, uploads go to https://new.host"}));
+    EXPECT_STREQ(ctx.dev_id, "value of DEV_ID");
+    EXPECT_NE(ctx.collect_list, nullptr);
+    cJSON_Delete(ctx.collect_list);
+    telemetry_unwatch_reload();
 }
 
 // --- The whole ---

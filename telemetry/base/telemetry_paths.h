@@ -19,6 +19,8 @@ inline constexpr char kProfileConfigDir[] = "/etc/profile.d";
 inline constexpr char kNtpSyncedPath[] = "/tmp/run/ntpd.uptime";
 inline constexpr char kWorkModePath[] = "/tmp/work_mode";
 inline constexpr char kCaCertificatePath[] = "/etc/certificate/2048_newroot.cer";
+// The system's bundle of certificates, as package ca-bundle installs it.
+inline constexpr char kCaBundlePath[] = "/etc/ssl/certs/ca-certificates.crt";
 inline constexpr char kBusSocketPath[] = "/var/run/ubus.sock";
 inline constexpr char kMeshDeviceListPath[] = "/tmp/sync-server/mesh_dev_list";
 inline constexpr char kReClientListPath[] = "/tmp/client_mgmt/re_client_list";

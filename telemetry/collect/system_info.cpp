@@ -64,7 +64,9 @@ int telemetry_system_info_get_cpu_info() {
         LOG_ERROR("get cpu info failed!");
         return -1;
     }
-    sleep(kCpuSampleSeconds);
+    // A signal cuts a sleep short.
+    for (unsigned left = kCpuSampleSeconds; left > 0;)
+        left = sleep(left);
     if (_telemetry_system_info_get_cpu_usage_info(&second) != 0) {
         LOG_ERROR("get cpu info failed!");
         return -1;

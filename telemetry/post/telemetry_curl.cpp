@@ -3,10 +3,10 @@
 #include <cstring>
 #include <string>
 
+#include "telemetry_ca.h"
 #include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
-#include "telemetry_paths.h"
 #include "telemetry_post.h"
 
 // Shared by all slots for the whole run.
@@ -27,7 +27,7 @@ static void add_header_list(PostRequest *request) {
 
 static void set_options(PostRequest *request) {
     CURL *easy = request->easy;
-    const std::string certificate = telemetry_path(kCaCertificatePath);
+    const std::string certificate = telemetry_ca_file();
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_URL, request->url);
     // Without a text libcurl would read the body from standard input.

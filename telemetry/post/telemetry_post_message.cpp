@@ -11,6 +11,7 @@
 #include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
+#include "telemetry_key_owner.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
 #include "telemetry_uci.h"
@@ -150,11 +151,16 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
     return 0;
 }
 
+const char *telemetry_post_obstacle(const TelemetryCtx *ctx) {
+    const char *obstacle = telemetry_collect_obstacle();
+    return obstacle == nullptr && ctx->dev_id[0] == '\0' ? kObstacleNoDeviceId : obstacle;
+}
+
 // The two calls of the state machine: what could not be sent is tried again without counting as a retry.
 static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *closed_message) {
     if (!has_context(ctx))
         return;
-    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    telemetry_figures.obstacle = telemetry_post_obstacle(ctx);
     if (telemetry_figures.obstacle != nullptr)
         LOG_DEBUG("%s", closed_message);
     else if (send_call(ctx, call) == 0)
@@ -405,7 +411,7 @@ void telemetry_post_data(uloop_timeout *timer) {
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
     bool sent = false;
-    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    telemetry_figures.obstacle = telemetry_post_obstacle(ctx);
     tell_unset_clock(ctx);
     if (telemetry_figures.obstacle != nullptr) {
         LOG_DEBUG("skip upload");
@@ -431,6 +437,7 @@ void post_refresh_key_cb(PostRequest *request) {
         telemetry_post_retry(request->owner);
         return;
     }
+    telemetry_keep_key_owner(request->owner);
     telemetry_figures.keys_fetched++;
     LOG_INFO("new access key");
     telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);

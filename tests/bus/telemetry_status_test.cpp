@@ -50,6 +50,8 @@ TEST_F(TelemetryStatusTest, TellsWhatItDoesAndNeverTheKey) {
     root.write("/tmp/run/ntpd.uptime", "1");
     EXPECT_THAT(get(), HasSubstr(R"("reason":"not the main node")"));
     root.write("/tmp/work_mode", R"({"work_mode":"FAP"})");
+    EXPECT_THAT(get(), HasSubstr(R"("collecting":true,"reason":"no device id")"));
+    copy_text(ctx.dev_id, "D");
     EXPECT_THAT(get(), HasSubstr(R"("role":"main","collecting":true,"state":"ready")"));
     EXPECT_THAT(get(), HasSubstr(R"("next":{"collect_ms":-1,"upload_ms":-1,"retry_ms":-1,"retries":0})"));
     EXPECT_THAT(get(), HasSubstr(R"("list":{"records":0,"items":0,"bytes":0})"));

@@ -1,6 +1,7 @@
 // The upload end to end: the daemon, its bus and the lab's cloud, over TLS. The daemon's clock is moved to
 // what it waits for, so that no test waits itself.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -205,6 +206,40 @@ TEST_F(UploadTest, only_the_right_certificate_gets_the_records) {
     cloud.down();
     expect_failures({"curl failed! code: 7"});
     cloud.up();
+    advance_to_retry();
+    expect_upload(1);
+}
+
+TEST_F(UploadTest, reloads_in_a_call_and_in_an_upload_cost_no_record) {
+    const auto signal_often = [&] {
+        for (int i = 0; i < 100; i++)
+            node.daemon.signal(SIGHUP);
+    };
+    node.set_config("telemetry", "cloud", "ca_file", "/etc");
+    start_with_key();
+    ASSERT_TRUE(node.wait_for_console("curl failed! code: 77", kWaitMs));
+    node.set_config("telemetry", "cloud", "ca_file", "/etc/certificate/2048_newroot.cer");
+    signal_often();
+    ASSERT_TRUE(node.wait_for_console("configuration read again", kWaitMs));
+    advance_to_retry();
+    expect_ready();
+
+    node.set_faults(R"({"tfstats.get":{"kind":"slow","delay_ms":600}})");
+    order("collect_all_next_time");
+    order("collect_now");
+    ASSERT_TRUE(lab::wait_until([&] { return node.read("/tmp/telemetry/post_done") == "0\n"; }, kWaitMs));
+    const size_t before = node.count_in_console("configuration read again");
+    signal_often();
+    ASSERT_TRUE(lab::wait_until([&] { return node.number("data_collect_count") > 0; }, kWaitMs));
+    const long held = node.number("data_collect_count");
+    EXPECT_EQ(node.count_in_console("configuration read again"), before + 1);
+
+    cloud.script("upload", R"([{"kind":"garbage","delay_ms":300}])");
+    order("post_now");
+    ASSERT_TRUE(cloud.wait_for_count("upload.requests", 1, kWaitMs));
+    signal_often();
+    ASSERT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));
+    EXPECT_EQ(node.number("data_collect_count"), held);
     advance_to_retry();
     expect_upload(1);
 }
