@@ -48,8 +48,8 @@ static void try_message(const uint8_t *data, size_t size) {
     require(!compact == !indented);
 }
 
-// What was converted is a sound message, and its text converts to a message with the same text. A number beyond the
-// largest real prints as "inf", as it does on the platform; JSON has no such number.
+// What was converted is a sound message, and its text converts to a message with the same text. A number
+// beyond the largest real prints as "inf", as it does on the platform; JSON has no such number.
 static void try_text(const std::string &text) {
     BlobBuffer b, again;
     const bool added = blobmsg_add_json_from_string(b.get(), text.c_str());

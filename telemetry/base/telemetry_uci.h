@@ -18,7 +18,8 @@ enum TelemetryUciSource : uint32_t {
 // A context of libuci for a source, with its directories set; null when memory ran out.
 uci_context *telemetry_uci_alloc_context(uint32_t source);
 
-// Turns a context to another source: false when memory ran out, and the context may not be used. Null is left alone.
+// Turns a context to another source: false when memory ran out, and the context may not be used. Null is left
+// alone.
 bool telemetry_uci_use_source(uci_context *uci, uint32_t source);
 
 // Opens a self-contained call: a context for `source` when every text has at least one character and memory
