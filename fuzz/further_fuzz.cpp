@@ -2,16 +2,14 @@
 // suite's files, the network daemon's reply, counters, attributes of USB devices, configuration packages. The
 // first byte chooses. A command that would be run is checked instead: its host must be an address or a name.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include "../tests/support/fake_services.h"
 #include "collectors.h"
+#include "support/fuzz_answer.h"
+#include "support/fuzz_root.h"
 #include "restart_info.h"
 #include "telemetry_json.h"
 #include "telemetry_paths.h"
@@ -22,11 +20,6 @@ namespace {
 // No payload of these modules comes near: the largest is a table of texts of 2 KiB, six bytes a control
 // character.
 constexpr long kLargestPayload = 100000;
-
-void require(bool holds) {
-    if (!holds)
-        abort();
-}
 
 struct FuzzSource {
     const char *path;
@@ -53,34 +46,6 @@ constexpr FuzzSource kSources[] = {
 constexpr size_t kFileCount = std::size(kSources);
 // After the files: the network daemon's reply as bytes and as JSON.
 constexpr size_t kChoices = kFileCount + 2;
-
-void make_directories(const std::string &path) {
-    for (size_t at = path.find('/', 1); at != path.npos; at = path.find('/', at + 1))
-        mkdir(path.substr(0, at).c_str(), 0700);
-}
-
-const std::string &root() {
-    static const std::string directory = [] {
-        char name[] = "/tmp/further-fuzz-XXXXXX";
-        require(mkdtemp(name) != nullptr);
-        setenv("TELEMETRY_SYSROOT", name, 1);
-        for (const FuzzSource &source : kSources)
-            make_directories(std::string(name) + source.path);
-        make_directories(std::string(name) + "/etc/profile.d/profile");
-        return std::string(name);
-    }();
-    return directory;
-}
-
-void write_file(const char *path, const void *data, size_t size) {
-    const FdHandle file(open((root() + path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    require(file.valid() && write(file.get(), data, size) == static_cast<ssize_t>(size));
-}
-
-void remove_root() {
-    const std::string command = "rm -rf " + root();
-    require(system(command.c_str()) == 0);
-}
 
 void run(TelemetryCollector collect) {
     TelemetryCtx ctx = {};
@@ -109,10 +74,10 @@ extern "C" int pclose(FILE *file) {
 }
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    root();
-    atexit(remove_root);
-    constexpr char kProfile[] = "config afc\n\toption support yes\nconfig eco_mode\n\toption support yes\n";
-    write_file("/etc/profile.d/profile", kProfile, strlen(kProfile));
+    for (const FuzzSource &source : kSources)
+        std::filesystem::create_directories(std::filesystem::path(fuzz_root().path(source.path)).parent_path());
+    fuzz_root().write("/etc/profile.d/profile",
+                      "config afc\n\toption support yes\nconfig eco_mode\n\toption support yes\n");
     require(freopen("/dev/null", "w", stdout) != nullptr);
     return 0;
 }
@@ -123,26 +88,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const size_t choice = *data++ % kChoices;
     size--;
     for (const FuzzSource &source : kSources)
-        unlink((root() + source.path).c_str());
-    unlink((root() + kBackupConfigFile).c_str());
-    write_file(kBackupConfigFile, "", 0);
+        unlink(fuzz_root().path(source.path).c_str());
+    fuzz_root().write(kBackupConfigFile, "");
     fake_services.clear();
     fake_service_calls.clear();
     ServiceAnswer status;
     status.json =
         R"({"up":true,"l3_device":"eth1","route":[{"target":"0.0.0.0","mask":0,"nexthop":"198.51.100.1"}]})";
     if (choice >= kFileCount) {
-        const bool json = choice > kFileCount;
-        status.fill = [=](blob_buf *reply) {
-            if (!json)
-                blob_put_raw(reply, data, static_cast<unsigned>(size));
-            else if (!blobmsg_add_json_from_string(
-                         reply, std::string(reinterpret_cast<const char *>(data), size).c_str()))
-                blob_buf_init(reply, 0);
-        };
+        status = answer_of(data, size, choice > kFileCount);
     } else {
-        write_file("/sys/bus/usb/devices/1-1/bDeviceClass", "00\n", 3);
-        write_file(kSources[choice].path, data, size);
+        fuzz_root().write("/sys/bus/usb/devices/1-1/bDeviceClass", "00\n");
+        fuzz_root().write(kSources[choice].path, {reinterpret_cast<const char *>(data), size});
     }
     fake_services["network.interface.wan.status"] = status;
     fake_services["network.interface.wan6.status"] = status;

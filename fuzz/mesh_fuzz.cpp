@@ -6,8 +6,8 @@
 
 #include <unistd.h>
 
-#include "../tests/support/fake_services.h"
 #include "collectors.h"
+#include "support/fuzz_answer.h"
 #include "support/fuzz_root.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -66,19 +66,6 @@ void report(std::initializer_list<Collector> collectors) {
         collect(&ctx, payload.get(), &count);
         require(telemetry_json_print(payload.get()) != nullptr);
     }
-}
-
-// The input as the reply of one service: as a message's bytes, or as JSON made a message.
-ServiceAnswer answer_of(const uint8_t *data, size_t size, bool json) {
-    ServiceAnswer answer;
-    answer.fill = [=](blob_buf *reply) {
-        const std::string text(reinterpret_cast<const char *>(data), size);
-        if (!json)
-            blob_put_raw(reply, data, static_cast<unsigned>(size));
-        else if (!blobmsg_add_json_from_string(reply, text.c_str()))
-            blob_buf_init(reply, 0);
-    };
-    return answer;
 }
 
 // Records for the input to meet: two nodes, three clients.

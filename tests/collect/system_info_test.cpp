@@ -81,16 +81,13 @@ TEST_F(SystemInfo, CpuUsageIsTheShareOfBusyTicks) {
         {"1 2 3 4 5 6 7 8 9 10", "2 3 4 4 5 7 8 9 10 11", 100, {}},
         {"1 2 3 4 5 6 7 8 9 10", "1 2 3 8 5 6 7 8 9 11", 20, {}}, // integer percent
         {"100 0 0 1000 0 0 0 0 0 0", "130 0 0 1060 10 0 0 0 0 0", 30, {}},
-        {"100 0 0 1000 0 0 0 0 0 0", "100 0 0 1000 0 0 0 0 0 0", 0, {}},
         {"100 0 0 1000 0 0 0 0 0 0", "90 0 0 1100 0 0 0 0 0 0", 0, {}},
         // Counters beyond 32 bits, and a sum that passes the largest signed and unsigned number in between.
         {"4294967296 0 0 9000000000 0 0 0 0 0 0", "4294967396 0 0 9000000300 0 0 0 0 0 0", 25, {}},
-        {"100 0 0 2147483500 0 0 0 0 0 0", "150 0 0 2147483650 0 0 0 0 0 0", 25, {}},
         {"100 0 0 4294967150 0 0 0 0 0 0", "150 0 0 4294967300 0 0 0 0 0 0", 25, {}},
         {"1 2 3 4 5 6 7 8 9", "", -1, {failed}},
         {"", "", -1, {"fget failed!", failed}},
         {"1 2 3 4 5 6 7 8 9 10", "", -1, {opening, failed}},
-        {"1 2 3 4 5 6 7 8 9 10", "x", -1, {failed}},
     };
     for (const auto &one : cases) {
         root.write(kStat, one.first.empty() ? "" : "cpu  " + one.first);
@@ -118,7 +115,6 @@ TEST_F(SystemInfo, MemoryIsTheFirstLineOfEachWord) {
         // "SwapCached" holds the word "Cached", and here it comes first.
         {text(1000, 300, 50, "SwapCached: 10 kB\nCached: 500 kB\n"), 1000, 63, 300},
         {text(1000, 300, 50, "Cached: 100 kB\n"), 1000, -1, 300},
-        {text(0, 0, 0, "Cached: 0 kB\nSwapCached: 0 kB\n"), 0, -1, 0},
         {"MemTotal: many kB\n", -1, -1, -1},
     };
     for (const auto &one : cases) {
@@ -165,20 +161,12 @@ TEST_F(SystemInfo, TakesWhatSatellitesAnswer) {
          R"("wm":"ap","cu":7.50,"cfq":900,"mt":11,"mu":12,"mf":13,"natn":18,"lat":19,)"
          R"("lad":20,"tem":{"w0":14,"w1":-1,"w2":16,"cpu":17}}]})",
          {}},
-        {R"("mac":"020000000002","mem_free":5,"lowpower":{"res":"failed","associate_time":9})",
-         R"("mf":5,"natn":0,"lat":0,)",
-         {"re_low_power info res not success"}},
-        {R"("mac":"020000000002","cpu_usage":"6","lowpower":7)", nothing, {no_lowpower}},
         // The library prints an infinite number as no JSON: the whole answer is lost.
         {R"("mac":"020000000002","mem_free":5,"cpu_usage":1e999)", nothing, {"cJSON Parse failed"}},
-        {R"("mac":"020000000002","lowpower":{"res":"success","associate_time":1e300})",
-         R"("cu":0,"cfq":0,"mt":0,"mu":0,"mf":0,"natn":0,"lat":-1,"lad":0,)",
-         {}},
         {R"("mac":"020000000002","sys_mode":")" + huge + '"',
          R"("wm":")" + huge.substr(0, 127) + R"(","cu")",
          {no_lowpower}},
         {R"("mac":")" + huge + R"(","cpu_usage":5)", nothing, {}},
-        {R"("mac":"02-00-00-00-00-09","cpu_usage":5)", nothing, {}},
     };
     fake_services["low_power.telemetry_get"].json = R"({"res":"busy"})";
     for (const auto &one : cases) {

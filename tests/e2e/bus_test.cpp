@@ -141,21 +141,6 @@ TEST_F(BusLossTest, OperatorsSeeMethodsAnswersAndExitStatuses) {
 
 static constexpr int kAbsencesS[] = {0, 7};
 
-TEST_F(BusLossTest, IdleDaemonKeepsItsTimersOverAnAbsence) {
-    for (const int absence_s : {0, 30}) {
-        SCOPED_TRACE(absence_s);
-        kill_bus();
-        ASSERT_NO_FATAL_FAILURE(expect_return_after(absence_s));
-    }
-    // Both timers were armed before the first loss, and nothing has armed them since.
-    ASSERT_EQ(node.number("collect_count"), 0);
-    node.advance_clock(node.number("collect_interval_strategy1"));
-    expect_collection(1);
-    EXPECT_GT(node.number("data_collect_count"), 0);
-    node.advance_clock(node.number("post_interval"));
-    EXPECT_TRUE(cloud.wait_for_count("posts", 1, kPatienceMs));
-}
-
 // A service that never answers holds the daemon in a call that would last many seconds.
 TEST_F(BusLossTest, ACallThatWaitsEndsWithTheBusAndTheNextCollectionIsWhole) {
     long collections = 0;

@@ -1,5 +1,4 @@
-// What the home scenario uploads: its very bytes, against the data dictionary, what must not be in it, and
-// what further cycles report.
+// What the home scenario uploads: its very bytes, against the data dictionary, and what must not be in it.
 #include <cctype>
 #include <memory>
 #include <set>
@@ -10,16 +9,13 @@
 #include "record_dictionary.h"
 #include "telemetry_utils.h"
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::UnorderedElementsAre;
 
 namespace {
 
 constexpr char kGoldenFile[] = TEST_SOURCE_DIR "/tests/golden/home_upload.json";
-constexpr char kHeartbeats[] = "/tmp/cloud_heartbeat_timeout_count";
 
 std::string lower(std::string text) {
     for (char &c : text)
@@ -49,7 +45,7 @@ class HomeRecords : public ::testing::Test {
     // The first upload is what most of the tests look at.
     static void SetUpTestSuite() {
         home = new HomeLab;
-        home->lab.node().write(kHeartbeats, "4\n"); // the daemon starts it anew
+        home->lab.node().write("/tmp/cloud_heartbeat_timeout_count", "4\n"); // started anew
         first = new std::vector<UploadedRecord>(home->cycle());
         body = home->lab.cloud().requests("upload").back().body;
     }
@@ -57,13 +53,6 @@ class HomeRecords : public ::testing::Test {
         EXPECT_EQ(home->stop(), "");
         delete first;
         delete home;
-    }
-
-    static std::vector<std::string> names(const std::vector<UploadedRecord> &records) {
-        std::vector<std::string> eids;
-        for (const UploadedRecord &record : records)
-            eids.push_back(record.eid);
-        return eids;
     }
 
     static inline HomeLab *home;
@@ -128,41 +117,6 @@ TEST_F(HomeRecords, NameNobody) {
             found.insert(text);
     }
     EXPECT_EQ(found, digests);
-}
-
-// Steps of one story: each cycle builds on the one before.
-TEST_F(HomeRecords, ChangeOnlyWithTheirSources) {
-    lab::LabNode &node = home->lab.node();
-    EXPECT_EQ(first->size(), 17U);
-    EXPECT_EQ(node.read(kHeartbeats), "0\n");
-    for (const char *option : {"is_find_fw", "is_new_fw", "start_timestamp", "download_time", "is_upgrade"})
-        EXPECT_EQ(node.config("telemetry_info", "cloud_info", option), "") << option;
-    EXPECT_EQ(node.config("telemetry_info", "systime_info", "is_get_dstrule"), "");
-    EXPECT_EQ(node.config("telemetry_info", "67E24D30B4A69403", "fwver"), "1.2.10 Build 20240115");
-
-    const auto unchanged = home->cycle();
-    EXPECT_THAT(names(unchanged), ElementsAre("internet_info", "client_info", "device_info", "system_info",
-                                              "restart_info", "afc_info", "havenguard_info_v2"));
-    EXPECT_EQ(payload(unchanged, "client_info"), payload(*first, "client_info"));
-    EXPECT_EQ(payload(unchanged, "restart_info"), R"({"ut":86512,"tn":1})");
-    EXPECT_EQ(payload(unchanged, "havenguard_info_v2"), R"({"wb":73})");
-
-    node.set_config("wifi", "ap", "enc_type", "wpa3");
-    node.set_config("telemetry_info", "cloud_info", "is_upgrade", "1");
-    node.write(kHeartbeats, "2\n");
-    std::string mesh = node.read("/tmp/sync-server/mesh_dev_list");
-    const size_t last = mesh.rfind("1.2.10");
-    ASSERT_NE(last, mesh.npos);
-    node.write("/tmp/sync-server/mesh_dev_list", mesh.replace(last, 6, "1.2.11"));
-    const size_t saves = node.read("/lab/board/saveconfig.log").size();
-    const auto changed = home->cycle(false);
-    EXPECT_THAT(names(changed), ElementsAre("internet_info", "wireless_host_info", "cloud_info"));
-    EXPECT_THAT(payload(changed, "wireless_host_info"), HasSubstr(R"("em":3)"));
-    EXPECT_EQ(payload(changed, "cloud_info"), R"({"tch":2,"tcu":1,"tus":1})");
-    EXPECT_EQ(node.config("telemetry_info", "2D7298711E00915A", "fwver"), "1.2.11 Build 20240115");
-    EXPECT_GT(node.read("/lab/board/saveconfig.log").size(), saves);
-
-    EXPECT_THAT(names(home->cycle(false)), ElementsAre("internet_info"));
 }
 
 } // namespace

@@ -18,7 +18,6 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr int kWaitMs = 30000;
-constexpr char kGetStrategy[] = "2";
 
 class UploadTest : public ::testing::Test {
   protected:
@@ -81,11 +80,6 @@ class UploadTest : public ::testing::Test {
         }
     }
 
-    // A request that is due reaches the cloud two polls of 100 ms later.
-    void expect_no_upload_after(long requests) {
-        EXPECT_FALSE(cloud.wait_for_count("upload.requests", requests + 1, 700));
-        EXPECT_EQ(node.number("post retry count"), 0);
-    }
 
     void expect_upload(long posts) {
         ASSERT_TRUE(cloud.wait_for_count("posts", posts, kWaitMs));
@@ -129,48 +123,6 @@ TEST_F(UploadTest, first_start_gets_key_and_strategy_and_uploads) {
     EXPECT_EQ(node.read("/tmp/telemetry/post_done"), "1\n");
     EXPECT_THAT(cloud.records(), Contains(Field(&lab::CloudRecord::eid, "system_info")));
     EXPECT_THAT(cloud.requests("upload")[0].body, Not(HasSubstr("\"cnt\"")));
-}
-
-TEST_F(UploadTest, start_with_key_asks_for_no_other) {
-    node.set_config("telemetry", "strategy", "strategyID", "lab-strategy-1");
-    start_with_key();
-    expect_ready();
-    EXPECT_EQ(cloud.count("key.requests"), 0);
-    EXPECT_THAT(cloud.requests("strategy")[0].body, HasSubstr(R"("strategyId":"lab-strategy-1"})"));
-
-    // An upload that is rejected is not repeated before its time.
-    collect();
-    cloud.script("upload", R"([{"kind":"error_code","code":-10306}])");
-    order("post_now");
-    ASSERT_TRUE(node.wait_for_console("request rejected!", kWaitMs));
-    node.advance_clock(60000);
-    expect_no_upload_after(1);
-    EXPECT_GT(node.number("data_collect_count"), 0);
-    node.advance_clock(node.number("post_interval"));
-    expect_upload(1);
-}
-
-TEST_F(UploadTest, five_strategy_failures_give_up) {
-    cloud.script("strategy", R"([{"kind":"error_code","code":-10301},{"kind":"empty"},{"kind":"garbage"},
-                                 {"kind":"wrong_type"},{"kind":"huge"}])");
-    start_with_key();
-    ASSERT_TRUE(node.wait_for_state("post retry count", "1", kWaitMs));
-    EXPECT_EQ(node.state()["post state"], kGetStrategy);
-    long wait = node.number("post_retry_interval");
-    for (const char *count : {"2", "3", "4"}) {
-        advance_to_retry();
-        ASSERT_TRUE(node.wait_for_state("post retry count", count, kWaitMs));
-        wait = std::min(wait * 2, 60000L);
-        EXPECT_EQ(node.number("post_retry_interval"), wait);
-    }
-    advance_to_retry();
-    ASSERT_TRUE(node.wait_for_console("retry 5 times, use default strategy", kWaitMs));
-    expect_ready();
-    EXPECT_EQ(node.number("post_interval"), 14400000);
-    collect();
-    node.advance_clock(14400000);
-    expect_upload(1);
-    EXPECT_EQ(cloud.count("strategy.requests"), 5);
 }
 
 TEST_F(UploadTest, useless_answers_cost_no_record) {
@@ -245,10 +197,13 @@ TEST_F(UploadTest, reloads_in_a_call_and_in_an_upload_cost_no_record) {
 }
 
 TEST_F(UploadTest, answer_is_awaited_for_8_seconds) {
-    // Without a strategy the intervals stay.
+    // With a key no other is asked for; without a strategy the intervals stay.
     cloud.set_strategy("", "");
+    node.set_config("telemetry", "strategy", "strategyID", "lab-strategy-1");
     start_with_key();
     expect_ready();
+    EXPECT_EQ(cloud.count("key.requests"), 0);
+    EXPECT_THAT(cloud.requests("strategy")[0].body, HasSubstr(R"("strategyId":"lab-strategy-1"})"));
     EXPECT_TRUE(node.wait_for_console("no strategy, use default strategy!", kWaitMs));
     EXPECT_EQ(node.number("collect_interval_strategy1"), 900000);
     EXPECT_EQ(node.number("post_interval"), 14400000);

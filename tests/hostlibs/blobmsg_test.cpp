@@ -10,8 +10,6 @@
 
 using namespace std::string_literals;
 
-static std::string bytes(BlobBuffer &m) {
-    return {static_cast<char *>(blob_data(m.head())), blob_len(m.head())};
 }
 
 template <size_t N>
@@ -23,40 +21,6 @@ static int parse(const blobmsg_policy (&policy)[N], blob_attr *(&tb)[N], blob_at
 static std::string head(uint32_t type, uint32_t len) {
     const uint32_t word = htobe32(0x80000000u | type << 24 | len);
     return {reinterpret_cast<const char *>(&word), 4};
-}
-
-TEST(Blobmsg, WireForm) {
-    BlobBuffer m;
-    blob_buf *b = m.get();
-    blobmsg_add_u8(b, "b", 1);
-    blobmsg_add_u16(b, "h", 0x0102);
-    blobmsg_add_u32(b, "abc", 0x01020304);
-    blobmsg_add_u64(b, "q", 0x0102030405060708);
-    blobmsg_add_double(b, "d", 1.5);
-    blobmsg_add_string(b, "s", "hey");
-    void *array = blobmsg_open_array(b, "a");
-    blobmsg_add_string(b, nullptr, "");
-    void *table = blobmsg_open_table(b, nullptr);
-    blobmsg_close_table(b, table);
-    blobmsg_close_array(b, array);
-    char *text = static_cast<char *>(blobmsg_alloc_string_buffer(b, "s", 10));
-    strcpy(text, "0123456789");
-    text = static_cast<char *>(blobmsg_realloc_string_buffer(b, 5000));
-    EXPECT_STREQ(text, "0123456789");
-    text[4] = 0;
-    blobmsg_add_string_buffer(b);
-    EXPECT_EQ(blobmsg_printf(b, "p", "%s-%d", "x", 42), 4);
-    EXPECT_EQ(bytes(m), head(7, 9) + "\0\1b\0\1\0\0\0"s +                  //
-                            head(6, 10) + "\0\1h\0\1\2\0\0"s +             //
-                            head(5, 16) + "\0\3abc\0\0\0\1\2\3\4"s +       //
-                            head(4, 16) + "\0\1q\0\1\2\3\4\5\6\7\x08"s +   //
-                            head(8, 16) + "\0\1d\0\x3f\xf8\0\0\0\0\0\0"s + //
-                            head(3, 12) + "\0\1s\0hey\0"s +                //
-                            head(1, 28) + "\0\1a\0"s +                     //
-                            head(3, 9) + "\0\0\0\0\0\0\0\0"s +             //
-                            head(2, 8) + "\0\0\0\0"s +                     //
-                            head(3, 13) + "\0\1s\0"s + "0123\0\0\0\0"s +   //
-                            head(3, 13) + "\0\1p\0x-42\0\0\0\0"s);
 }
 
 TEST(Blobmsg, ParsePicksByWholeNameTypeAndFirstComer) {

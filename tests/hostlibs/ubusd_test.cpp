@@ -1,197 +1,133 @@
-// The bus daemon as its clients see it. No client of these tests uses the library: what it would refuse is
-// sent, too.
-#include <deque>
+// The bus daemon without sockets: what clients send that the library would refuse, and what becomes of it.
+#include <cstring>
+#include <optional>
 
 #include <gtest/gtest.h>
 
-#include <grp.h>
-#include <pwd.h>
-
-#include "bus_daemon.h"
-#include "raw_bus.h"
-#include "sysroot.h"
+#include "../../hostlibs/ubusd/ubusd.h"
 
 namespace {
 
-class UbusdTest : public SysrootTest {
-  protected:
-    BusDaemon bus{root.path("/var/run/ubus.sock")};
-    RawPeer bystander{bus.socket()};
-    uint32_t bystander_object = bystander.add_object("bystander");
-    RawPeer peer{bus.socket()};
-
-    // Whatever a test did: another client is served, and its object is where it was.
-    void TearDown() override {
-        EXPECT_EQ(bystander.ping(), 0);
-        EXPECT_EQ(lookup("bystander"), 0);
-        SysrootTest::TearDown();
-    }
-    int lookup(const std::string &path, std::vector<bus_frame> *data = nullptr) {
-        bus_builder body;
-        bus_put_text(body, UBUS_ATTR_OBJPATH, path);
-        bystander.send(message(UBUS_MSG_LOOKUP, 77, 0, std::move(body)));
-        return bystander.status(77, data);
-    }
-    // The daemon handles the end of a client after what others sent before.
-    void expect_gone(const std::string &path) {
-        for (int i = 0; i < 5000 && lookup(path) == 0; i++)
-            usleep(1000);
-        EXPECT_EQ(lookup(path), UBUS_STATUS_NOT_FOUND);
-    }
-};
+std::string message(uint8_t type, uint16_t seq, uint32_t peer, bus_builder body = {}) {
+    bus_finish(body, type, seq, peer);
+    return std::string(body.bytes.begin(), body.bytes.end());
+}
 
 // A request with one attribute.
 std::string request(uint8_t type, uint16_t seq, int id, const std::string &data) {
     bus_builder body;
     bus_put(body, id, data.data(), data.size());
-    return message(type, seq, 0, std::move(body));
+    return message(type, seq, 0, body);
 }
 
-std::string padded_ping(size_t attr_len) {
-    return request(UBUS_MSG_PING, 5, UBUS_ATTR_DATA, std::string(attr_len, 'x'));
+std::string call_of(uint16_t seq, uint32_t object) {
+    bus_builder body;
+    bus_put_u32(body, UBUS_ATTR_OBJID, object);
+    bus_put_text(body, UBUS_ATTR_METHOD, "method");
+    bus_put(body, UBUS_ATTR_DATA, "", 0);
+    return message(UBUS_MSG_INVOKE, seq, object, body);
 }
 
-TEST_F(UbusdTest, ForwardsCallsWithTheCallersNamesAndRoutesAnswersByObject) {
-    peer.send(invoke_message(7, bystander_object, "method", 12));
-    auto call = bystander.receive();
-    ASSERT_TRUE(call);
-    bus_attrs attrs;
-    ASSERT_TRUE(bus_attrs_parse(call->attr(), attrs));
-    EXPECT_EQ(attrs.u32(UBUS_ATTR_OBJID), bystander_object);
-    EXPECT_STREQ(attrs.text(UBUS_ATTR_METHOD), "method");
-    EXPECT_STREQ(attrs.text(UBUS_ATTR_USER), getpwuid(getuid())->pw_name);
-    EXPECT_STREQ(attrs.text(UBUS_ATTR_GROUP), getgrgid(getgid())->gr_name);
-    EXPECT_EQ(blob_len(attrs[UBUS_ATTR_DATA]), 12u);
-
-    // Somebody else's answer in the name of this object goes nowhere.
-    RawPeer forger(bus.socket());
-    forger.send(status_message(7, peer.id(), bystander_object, 9));
-    ASSERT_EQ(forger.ping(), 0);
-    bystander.send(status_message(7, peer.id(), bystander_object, 3));
-    auto answer = peer.receive();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->peer, bystander_object);
-    bus_attrs_parse(answer->attr(), attrs);
-    EXPECT_EQ(attrs.u32(UBUS_ATTR_STATUS), 3u);
+std::string answer_to(uint16_t seq, uint32_t peer, uint32_t object, uint32_t status) {
+    bus_builder body;
+    bus_put_u32(body, UBUS_ATTR_STATUS, status);
+    bus_put_u32(body, UBUS_ATTR_OBJID, object);
+    return message(UBUS_MSG_STATUS, seq, peer, body);
 }
 
-TEST_F(UbusdTest, EndsConnectionsWithBrokenFrames) {
-    std::string one_too_long = padded_ping(UBUS_MAX_MSGLEN - 8);
-    one_too_long.replace(8, 4, std::string("\x00\x10\x00\x01", 4));
+class UbusdTest : public testing::Test {
+  protected:
+    UbusdTest() {
+        ubusd_client_input(owner, request(UBUS_MSG_ADD_OBJECT, 1, UBUS_ATTR_OBJPATH, std::string("owned", 6)));
+        object = owner.objects.at(0);
+        owner.queue.clear();
+        peer.queue.clear();
+    }
+    // Whatever a test did, the owner and its object are where they were.
+    ~UbusdTest() override {
+        EXPECT_FALSE(owner.doomed);
+        EXPECT_EQ(server.paths.count("owned"), 1u);
+        ubusd_stop(server);
+    }
+    // The last message to a client: its status, -1 when it is none.
+    static int last_status(ubusd_client &client) {
+        if (client.queue.empty())
+            return -1;
+        bus_reader reader;
+        bus_frame frame;
+        bus_attrs attrs;
+        std::string_view in(client.queue.back().data(), client.queue.back().size());
+        EXPECT_EQ(bus_reader_take(reader, in, frame), bus_read::message);
+        EXPECT_TRUE(bus_attrs_parse(frame.attr(), attrs));
+        return frame.type == UBUS_MSG_STATUS ? static_cast<int>(attrs.u32(UBUS_ATTR_STATUS)) : -1;
+    }
+    ubusd_server server;
+    ubusd_client &owner = *ubusd_client_add(server, -1), &peer = *ubusd_client_add(server, -1);
+    uint32_t object = 0;
+};
+
+TEST_F(UbusdTest, OnlyTheOwnersAnswerReachesTheCaller) {
+    ubusd_client_input(peer, call_of(7, object));
+    ASSERT_EQ(owner.queue.size(), 1u);
+    EXPECT_NE(std::string(owner.queue[0].begin(), owner.queue[0].end()).find("method"), std::string::npos);
+    ubusd_client &forger = *ubusd_client_add(server, -1);
+    ubusd_client_input(forger, answer_to(7, peer.id, object, 9));
+    EXPECT_TRUE(peer.queue.empty());
+    ubusd_client_input(owner, answer_to(7, peer.id, object, 3));
+    EXPECT_EQ(last_status(peer), 3);
+}
+
+TEST_F(UbusdTest, BrokenFramesEndTheConnection) {
     const std::pair<const char *, std::string> cases[] = {
         {"text", "GET / HTTP/1.0\r\n\r\n"},
         {"version 1", std::string("\x01\x03\0\1\0\0\0\0\0\0\0\4", 12)},
         {"length below its own header", std::string("\0\x03\0\1\0\0\0\0\0\0\0\3", 12)},
         {"an id other than 0", std::string("\0\x03\0\1\0\0\0\0\1\0\0\4", 12)},
-        {"one byte over the limit", one_too_long},
+        {"a byte over the limit", std::string("\0\x03\0\1\0\0\0\0\0\x10\0\1", 12)},
     };
     for (const auto &[name, bytes] : cases) {
-        SCOPED_TRACE(name);
-        RawPeer broken(bus.socket());
-        broken.send(bytes);
-        EXPECT_TRUE(broken.closed_by_other());
+        ubusd_client &broken = *ubusd_client_add(server, -1);
+        ubusd_client_input(broken, bytes);
+        EXPECT_TRUE(broken.doomed) << name;
     }
 }
 
-TEST_F(UbusdTest, TakesTheLongestMessage) {
-    const std::string longest = padded_ping(UBUS_MAX_MSGLEN - 8);
-    ASSERT_EQ(longest.size(), 8u + UBUS_MAX_MSGLEN);
-    ASSERT_TRUE(peer.send(longest));
-    EXPECT_EQ(peer.status(5), 0);
-    // As a call it would grow beyond the limit by the caller's names, and so it does not reach the owner.
-    ASSERT_TRUE(peer.send(invoke_message(6, bystander_object, "m", UBUS_MAX_MSGLEN - 24)));
-    EXPECT_EQ(peer.status(6), UBUS_STATUS_INVALID_ARGUMENT);
-    // One that fits arrives whole.
-    ASSERT_TRUE(peer.send(invoke_message(7, bystander_object, "m", UBUS_MAX_MSGLEN - 1024)));
-    auto call = bystander.receive();
-    ASSERT_TRUE(call);
-    bus_attrs attrs;
-    ASSERT_TRUE(bus_attrs_parse(call->attr(), attrs));
-    EXPECT_EQ(blob_len(attrs[UBUS_ATTR_DATA]), size_t(UBUS_MAX_MSGLEN - 1024));
-}
-
-TEST_F(UbusdTest, AnswersBadRequestsWithAStatus) {
+TEST_F(UbusdTest, BadRequestsGetAStatus) {
     const std::string unknown_id("\0\0\x12\x67", 4);
-    const uint32_t id = htobe32(bystander_object);
-    const std::string bystander_id(reinterpret_cast<const char *>(&id), 4);
+    const uint32_t id = htobe32(object);
     std::string beyond = request(UBUS_MSG_PING, 3, UBUS_ATTR_OBJID, unknown_id);
     beyond[15] = 12;
     const std::tuple<const char *, std::string, int> cases[] = {
         {"hello from a client", message(UBUS_MSG_HELLO, 3, 0), UBUS_STATUS_INVALID_COMMAND},
-        {"unknown type", message(200, 3, 0), UBUS_STATUS_INVALID_COMMAND},
-        {"subscription without objects", message(UBUS_MSG_SUBSCRIBE, 3, 0), UBUS_STATUS_INVALID_ARGUMENT},
         {"call without object", message(UBUS_MSG_INVOKE, 3, 0), UBUS_STATUS_INVALID_ARGUMENT},
-        {"call of no object", invoke_message(3, 4711, "m"), UBUS_STATUS_NOT_FOUND},
-        {"text without its zero", request(UBUS_MSG_LOOKUP, 3, UBUS_ATTR_OBJPATH, "bystander"),
+        {"call of no object", call_of(3, 4711), UBUS_STATUS_NOT_FOUND},
+        {"text without its zero", request(UBUS_MSG_LOOKUP, 3, UBUS_ATTR_OBJPATH, "owned"),
+         UBUS_STATUS_INVALID_ARGUMENT},
+        {"text of two", request(UBUS_MSG_LOOKUP, 3, UBUS_ATTR_OBJPATH, std::string("owned\0x", 8)),
          UBUS_STATUS_INVALID_ARGUMENT},
         {"id of two bytes", request(UBUS_MSG_INVOKE, 3, UBUS_ATTR_OBJID, "ab"), UBUS_STATUS_INVALID_ARGUMENT},
         {"attribute beyond the message", beyond, UBUS_STATUS_INVALID_ARGUMENT},
-        {"name that is taken",
-         request(UBUS_MSG_ADD_OBJECT, 3, UBUS_ATTR_OBJPATH, std::string("bystander", 10)),
-         UBUS_STATUS_INVALID_ARGUMENT},
-        {"unknown object type", request(UBUS_MSG_ADD_OBJECT, 3, UBUS_ATTR_OBJTYPE, unknown_id),
+        {"name that is taken", request(UBUS_MSG_ADD_OBJECT, 3, UBUS_ATTR_OBJPATH, std::string("owned", 6)),
          UBUS_STATUS_INVALID_ARGUMENT},
         {"signature of no tables",
          request(UBUS_MSG_ADD_OBJECT, 3, UBUS_ATTR_SIGNATURE, std::string("\x80\0\0\x0cjunkjunk", 12)),
          UBUS_STATUS_INVALID_ARGUMENT},
-        {"removing another's object", request(UBUS_MSG_REMOVE_OBJECT, 3, UBUS_ATTR_OBJID, bystander_id),
+        {"removing another's object",
+         request(UBUS_MSG_REMOVE_OBJECT, 3, UBUS_ATTR_OBJID,
+                 std::string(reinterpret_cast<const char *>(&id), 4)),
          UBUS_STATUS_PERMISSION_DENIED},
     };
     for (const auto &[name, bytes, status] : cases) {
-        SCOPED_TRACE(name);
-        ASSERT_TRUE(peer.send(bytes));
-        EXPECT_EQ(peer.status(3), status);
+        ubusd_client_input(peer, bytes);
+        EXPECT_EQ(last_status(peer), status) << name;
     }
 }
 
-TEST_F(UbusdTest, DropsAReaderThatNeverReads) {
-    std::string lookups;
-    for (int i = 0; i < 1000; i++)
-        lookups += message(UBUS_MSG_LOOKUP, 1, 0);
-    bool dropped = false;
-    for (int i = 0; i < 500 && !dropped; i++) {
-        dropped = !peer.send(lookups);
-        EXPECT_EQ(bystander.ping(), 0);
-    }
-    EXPECT_TRUE(dropped);
-}
-
-TEST_F(UbusdTest, KeepsAnOwnerThatIsBehindAndLosesNothingBelowTheBound) {
-    uint16_t sent = 0;
-    std::optional<bus_frame> refusal;
-    while (!refusal && sent < 1000) {
-        ASSERT_TRUE(peer.send(invoke_message(++sent, bystander_object, "m", 100000)));
-        ASSERT_TRUE(peer.send(message(UBUS_MSG_PING, 0xffff, 0)));
-        auto answer = peer.receive();
-        ASSERT_TRUE(answer);
-        if (answer->seq == sent)
-            refusal = std::move(answer);
-        else
-            ASSERT_EQ(peer.status(0xffff), 0);
-    }
-    ASSERT_TRUE(refusal);
-    EXPECT_GT(sent, 30); // the bound is not reached by a few calls
-    bus_attrs attrs;
-    bus_attrs_parse(refusal->attr(), attrs);
-    EXPECT_EQ(attrs.u32(UBUS_ATTR_STATUS), uint32_t(UBUS_STATUS_NO_MEMORY));
-    for (uint16_t seq = 1; seq < sent; seq++) {
-        auto call = bystander.receive();
-        ASSERT_TRUE(call);
-        ASSERT_EQ(call->seq, seq);
-    }
-}
-
-TEST_F(UbusdTest, ForgetsAClientThatDiesInTheMiddleOfAFrame) {
-    const std::string whole = padded_ping(5000);
-    for (const size_t cut : {size_t(1), size_t(8), size_t(11), size_t(13), whole.size() - 1}) {
-        SCOPED_TRACE(cut);
-        {
-            RawPeer mortal(bus.socket());
-            ASSERT_NE(mortal.add_object("short.lived"), 0u);
-            mortal.send(whole.substr(0, cut));
-        }
-        expect_gone("short.lived");
-    }
+TEST_F(UbusdTest, AReaderThatNeverReadsIsDroppedAtItsBound) {
+    for (int i = 0; i < 1000000 && !peer.doomed; i++)
+        ubusd_client_input(peer, message(UBUS_MSG_LOOKUP, 1, 0));
+    EXPECT_TRUE(peer.doomed);
+    EXPECT_LE(peer.queue_bytes, ubusd_max_queue + UBUS_MAX_MSGLEN);
 }
 
 } // namespace

@@ -1,41 +1,8 @@
 // A commit leaves the old file or the new one, and no change of anybody is lost.
 #include "uci_fixture.h"
 
-#include <csignal>
-
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
-
-namespace {
-
-enum class Step { none, sync, before_rename, after_rename, empty };
-Step kill_at = Step::none;
-
-// In the place of the C library's: the process dies here, as by a power cut.
-void reached(Step step) {
-    if (kill_at == step)
-        raise(SIGKILL);
-}
-
-} // namespace
-
-extern "C" int fsync(int fd) {
-    reached(Step::sync);
-    return static_cast<int>(syscall(SYS_fsync, fd));
-}
-
-extern "C" int rename(const char *from, const char *to) noexcept {
-    reached(Step::before_rename);
-    const int rc = static_cast<int>(syscall(SYS_rename, from, to));
-    reached(Step::after_rename);
-    return rc;
-}
-
-extern "C" int ftruncate(int fd, off_t size) noexcept {
-    reached(Step::empty);
-    return static_cast<int>(syscall(SYS_ftruncate, fd, size));
-}
 
 namespace {
 
@@ -48,13 +15,11 @@ class UciCommitTest : public UciTest {
         root.write_config("p", kOld);
     }
 
-    int set_and_commit(uci_context *ctx, const std::string &place) {
-        int rc = change(ctx, uci_set, place);
-        auto *p = uci_lookup_package(ctx, "p");
-        return rc == UCI_OK ? uci_commit(ctx, &p, false) : rc;
-    }
     int set_and_commit(const std::string &place) {
-        return set_and_commit(context().get(), place);
+        auto ctx = context();
+        const int rc = change(ctx.get(), uci_set, place);
+        auto *p = uci_lookup_package(ctx.get(), "p");
+        return rc == UCI_OK ? uci_commit(ctx.get(), &p, false) : rc;
     }
     // Commits what is staged: as a new program does it.
     void expect_commit_gives(const std::string &expected) {
@@ -68,34 +33,6 @@ class UciCommitTest : public UciTest {
         EXPECT_EQ(root.read("/tmp/.uci/p"), "");
     }
 };
-
-TEST_F(UciCommitTest, KilledAtAnyStepLeavesOldOrNew) {
-    const struct {
-        Step step;
-        const char *file;
-    } cases[] = {
-        {Step::sync, kOld},
-        {Step::before_rename, kOld},
-        {Step::after_rename, kNew},
-        {Step::empty, kNew},
-    };
-    for (const auto &[step, file] : cases) {
-        SCOPED_TRACE(static_cast<int>(step));
-        root.write_config("p", kOld);
-        root.remove("/tmp/.uci");
-        const pid_t child = fork();
-        if (child == 0) {
-            kill_at = step;
-            set_and_commit("p.x.o=new");
-            _exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFSIGNALED(status));
-        EXPECT_EQ(root.read("/etc/config/p"), file);
-        expect_commit_gives(kNew); // what was staged is not lost
-    }
-}
 
 TEST_F(UciCommitTest, KeepsModeAndLink) {
     root.write("/overlay/real", kOld);
@@ -142,45 +79,6 @@ TEST_F(UciCommitTest, AppliesWhatAnOperatorStaged) {
     }
 }
 
-// Every directory that the context has had is applied, and only the newest emptied; an override takes the
-// file's place.
-TEST_F(UciCommitTest, DirectoriesAndOverrides) {
-    root.write("/tmp/.uci/p", "p.x.o='first'\np.x.q='1'\n");
-    root.write("/tmp/more/p", "p.x.o='more'\n");
-    root.write("/tmp/own/p", "p.x.o='new'\n");
-    auto ctx = context();
-    ASSERT_EQ(uci_set_savedir(ctx.get(), root.path("/tmp/own").c_str()), UCI_OK);
-    ASSERT_EQ(uci_add_delta_path(ctx.get(), root.path("/tmp/more").c_str()), UCI_OK);
-    EXPECT_EQ(uci_add_delta_path(ctx.get(), UCI_SAVEDIR), UCI_ERR_DUPLICATE); // there from the start
-    uci_package *p = nullptr;
-    ASSERT_EQ(uci_load(ctx.get(), "p", &p), UCI_OK);
-    ASSERT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
-    EXPECT_EQ(root.read("/etc/config/p"), "\nconfig a 'x'\n\toption o 'new'\n\toption q '1'\n\n");
-    EXPECT_EQ(root.read("/tmp/own/p"), "");
-    EXPECT_EQ(root.read("/tmp/.uci/p"), "p.x.o='first'\np.x.q='1'\n");
-
-    root.write("/over/p", kOld);
-    for (const bool on : {true, false}) {
-        auto other = context();
-        uci_set_conf2dir(other.get(), on ? root.path("/over").c_str() : nullptr);
-        ASSERT_EQ(set_and_commit(other.get(), "p.x.o=over"), UCI_OK);
-        EXPECT_EQ(root.read("/etc/config/p").find("'over'") == std::string::npos, on);
-        EXPECT_NE(root.read("/over/p").find("'over'"), std::string::npos);
-    }
-}
-
-TEST_F(UciCommitTest, JoinsOwnAndForeignChanges) {
-    auto ctx = context();
-    uci_package *p = nullptr;
-    ASSERT_EQ(uci_load(ctx.get(), "p", &p), UCI_OK);
-    // Both came after the load: another program's commit, and a staged change.
-    root.write_config("p", "config a x\noption o old\noption committed 1\n");
-    root.write("/tmp/.uci/p", "p.x.staged='1'\n");
-    ASSERT_EQ(set_and_commit(ctx.get(), "p.x.o=new"), UCI_OK);
-    EXPECT_EQ(root.read("/etc/config/p"),
-              "\nconfig a 'x'\n\toption o 'new'\n\toption committed '1'\n\toption staged '1'\n\n");
-}
-
 TEST_F(UciCommitTest, CommitsOfSeveralProgramsLoseNothing) {
     constexpr int kPrograms = 4, kRounds = 15;
     auto option = [](int program, int round) {
@@ -200,27 +98,6 @@ TEST_F(UciCommitTest, CommitsOfSeveralProgramsLoseNothing) {
     for (int i = 0; i < kPrograms * kRounds; i++) {
         const std::string expected = "\toption " + option(i / kRounds, i % kRounds) + " '1'\n";
         EXPECT_NE(file.find(expected), std::string::npos) << expected;
-    }
-}
-
-TEST_F(UciCommitTest, UnusableSaveDirectoryFailsOnlyTheCommit) {
-    const struct {
-        const char *what;
-        void (*spoil)(const TestSysroot &);
-    } cases[] = {
-        {"a file in its place", [](const TestSysroot &r) { r.write("/tmp/.uci", "x"); }},
-        {"a directory in the place of the staged file",
-         [](const TestSysroot &r) { std::filesystem::create_directories(r.path("/tmp/.uci/p")); }},
-        {"too many staged changes",
-         [](const TestSysroot &r) { r.write("/tmp/.uci/p", "#" + std::string(2 << 20, 'x')); }},
-    };
-    for (const auto &[what, spoil] : cases) {
-        SCOPED_TRACE(what);
-        root.remove("/tmp/.uci");
-        spoil(root);
-        EXPECT_EQ(seen(), kOld);
-        EXPECT_NE(set_and_commit("p.x.o=new"), UCI_OK);
-        EXPECT_EQ(root.read("/etc/config/p"), kOld);
     }
 }
 

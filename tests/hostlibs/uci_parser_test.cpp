@@ -61,23 +61,6 @@ TEST_F(UciParserTest, ReadsAndWrites) {
     }
 }
 
-TEST_F(UciParserTest, CutOrSpoiltAnywhereIsReadOrRefused) {
-    const std::string whole = "package p\nconfig a 'x' # c\n\toption o 'it'\\''s'\n\tlist l \"a\\\"b\"\n"
-                              "\tlist l c\\ d\n\nconfig z\n\toption e ''\n";
-    std::vector<std::string> texts;
-    for (size_t at = 0; at < whole.size(); at++) {
-        texts.push_back(whole.substr(0, at));
-        for (const char c : {'\0', '\'', '"', '\\', '\n', '#', '\xff'})
-            (texts.emplace_back(whole))[at] = c;
-    }
-    for (const std::string &text : texts) {
-        root.write_config("p", text);
-        uci_package *p = nullptr;
-        const int rc = uci_load(context().get(), "p", &p);
-        EXPECT_TRUE(rc == UCI_ERR_PARSE || rc == UCI_OK) << rc << "\n" << text;
-    }
-}
-
 TEST_F(UciParserTest, SizesAreBounded) {
     auto repeated = [](size_t count, const std::string &start, const char *end) {
         std::string text = "config a x\n";

@@ -169,25 +169,19 @@ TEST_F(PreClientTest, StepsThatFail) {
         {"tfstats.get", "unreachable", true, "ubus connect failed" + tfs_failed},
         {"tfstats.get", R"({"total":3})", true,
          "blobmsg prase tfstats array failed|clients info list is NULL|pre_collect RE clients info failed|"},
-        {"tfstats.get", R"({"total":"3","tfslist":{}})", true, "blobmsg prase tfstats array failed|"},
-        {"tfstats.get", "silent", true, "clients info list is NULL|"},
         {"tfstats.get", R"({"total":0,"tfslist":[]})", true, "clients info list is NULL|"},
         {"tfstats.get", R"({"total":2,"tfslist":[{"ip":"1"},{"mac":"02"},7]})", true, "clients number is 0|"},
         {"client_mgmt.get_myself", "absent", true,
          "lookup client_mgmt project failed|pre_collect AP clients info failed|"},
         {"client_mgmt.get_myself", "failed", true, "pre_collect AP clients info failed|"},
         {"client_mgmt.get", "failed", false, "ubus_invoke failed|"},
-        {"client_mgmt.get", "silent", false, ""},
         {kReList, "absent", true,
          "open file /tmp/client_mgmt/re_client_list fialed|pre_collect RE clients info failed|"},
-        {kReList, "", true, "cJSON parse failed|"},
         {kReList, R"({"a":{"mac":"02"}})", true, "cJSON parse failed|"},
-        {kReList, "[]", false, ""},
         {kReList, "[" + fits + "]", false, ""},
         {kReList, "[ " + fits + "]", true, "cJSON parse failed|"}, // its end is beyond the buffer
         {"sync.list", "absent", true, "lookup client_mgmt project failed|pre_collect get sync list failed|"},
         {"sync.list", "silent", true, "sync list get NULL|pre_collect get sync list failed|"},
-        {"sync.list", R"({"MAIN":7,"SAT":[{"mac":"x"}]})", false, ""},
         {"/etc/config/iot_zuna", "absent", false, "uci_load failed, package=iot_zuna.|"},
     };
     for (const Row &row : rows) {
@@ -226,8 +220,6 @@ TEST_F(PreClientTest, TotalIsBoundedByWhatIsThere) {
     };
     const Row rows[] = {
         {3, R"({"ip":"1","mac":"02"},{"mac":"03"},{"ip":"3","mac":"04"})", 2, {}},
-        {2, tfs_entries({"02", "03", "04"}), 2, {"tfslist has more than 2 entries, cut"}},
-        {9, tfs_entries({"02"}), 1, {}},
         {4096, many, 4096, {"tfslist has more than 4096 entries, cut"}},
         {INT32_MAX, tfs_entries({"02"}), 1, {"tfstats announces 2147483647 clients, using 4096"}},
         {-1, many, 0, {"tfstats announces -1 clients, using 0"}},
@@ -272,7 +264,6 @@ TEST_F(PreClientTest, IotDevices) {
         {"matter 02:00:00:02:00:01 s", "matter", "switch"},
         {"philips_hue 02-00-00-02-00-01 se", "hue", "sensor"},
         {"iot_zuna 02:00:00:02:00:01 sensors", "zuna", nullptr},
-        {"iot_zuna 02:00 lock iot_zuna 02:00:00:02:00:01 light", "zuna", "lock"},
         {"iot_zuna 02:00:00:02:00:77 lock", nullptr, nullptr},
     };
     for (const Row &row : rows) {

@@ -97,7 +97,6 @@ class PostFsmTest : public PostTest {
              {"<html>busy</html>", retry, "cJSON_Parse failed"},
              {std::string(100000, '['), retry, "cJSON_Parse failed"},
              {"{}", retry, kNoCode},
-             {"[0]", retry, kNoCode},
              {R"({"error_code":"0"})", retry, kNoCode},
              {R"({"error_code":0.5})", retry, kNoCode}});
         run(state, callback, cases);
@@ -199,14 +198,12 @@ TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
     using Action = std::function<void()>;
     const std::tuple<uint32_t, Action, Action, const char *> cases[] = {
         // no message: the upload is sent
-        {kKey, no_slots, step, "no available request"},
         {kKey, closed, step, "dont refresh key! wait for a while"},
         {kKey, no_id, step, "reason: no device id"},
         {kStrategy, no_slots, step, "no available request"},
         {kStrategy, closed, step, "dont get strategy! wait for a while"},
         {kStrategy, no_secret, step, "add_curl_request_signature failed"},
         {kReady, no_records, upload, "insufficient state or no data, skip upload"},
-        {kStrategy, [] {}, upload, "insufficient state or no data, skip upload"},
         {kReady, no_secret, upload, "add_curl_request_signature failed"},
         {kReady, [&] { no_records(), ctx.data_collect_count = 1; }, upload, "cJSON_PrintUnformatted failed"},
         {kReady, closed, upload, "skip upload"},

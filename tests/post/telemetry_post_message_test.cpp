@@ -52,16 +52,12 @@ TEST_F(PostMessageTest, strategy_contents) {
     const std::pair<std::string, Intervals> cases[] = {
         {content("30", "1440", "240") + "\n", {1800000, 86400000, 14400000}},
         {content(" 5", "5", "1") + ",more=1", {300000, 300000, 60000}},
-        {content("15", "1", "1"), {900000, 60000, 60000}},
         {content("2147483647", "1", "1"), {4294907296, 60000, 60000}}, // wraps
         {content("1", "1", "0"), {}},
         {content("-30", "1440", "240"), {}},
-        {content("30", "1440", ""), {}},
         {content("30.5", "1440", "240"), {}},
-        {content("4294967297", "1", "1"), {}},
         {content("1", "1", std::string(100000, '9')), {}},
         {"collect_interval_strategy2=1,collect_interval_strategy1=1,post_interval=1", {}},
-        {"", {}},
     };
     for (const auto &[text, ms] : cases) {
         SCOPED_TRACE(text.substr(0, 200));

@@ -104,12 +104,10 @@ TEST_F(PostRequestTest, signature_covers_body_time_and_path) {
 
     PostRequest *request = telemetry_post_alloc_request(&ctx);
     EXPECT_EQ(add_curl_request_signature(request, "", "s", "/p"), -1);
-    EXPECT_EQ(add_curl_request_signature(request, "{}", "", "/p"), -1);
     EXPECT_EQ(add_curl_request_signature(request, "{}", "s", ""), -1);
     EXPECT_EQ(request->header_count, 0U);
     request->header_count = kPostHeaderLines;
     EXPECT_EQ(add_curl_request_signature(request, "{}", "s", "/p"), -1);
-    EXPECT_EQ(add_curl_request_content(request, nullptr), -1);
     EXPECT_EQ(add_curl_request_content(request, ""), -1);
     EXPECT_EQ(request->body.used, 0);
 }
@@ -155,8 +153,7 @@ TEST_F(PostRequestTest, transfer_that_cannot_start_fails_once_at_its_next_tick) 
 
 TEST(post_buffer, grows_in_steps_and_keeps_a_zero_behind_the_text) {
     const std::pair<std::vector<int32_t>, int32_t> cases[] = {
-        {{1023}, 1024},    {{1024}, 2048},       {{1000, 23}, 1024},   {{1000, 24}, 2048},
-        {{1023, 1}, 2048}, {{1024, 1023}, 2048}, {{1024, 1024}, 3072}, {{1, 65536}, 66560},
+        {{1023}, 1024}, {{1024}, 2048}, {{1000, 24}, 2048}, {{1024, 1024}, 3072}, {{1, 65536}, 66560},
     };
     for (const auto &[appends, capacity] : cases) {
         PostBuffer buffer = {};

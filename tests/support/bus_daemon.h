@@ -116,3 +116,20 @@ class LoopClient {
     }
     BusContextPtr bus_;
 };
+
+// Somebody who holds a name on the bus.
+class Squatter {
+  public:
+    explicit Squatter(const std::string &socket, const char *name = "telemetry")
+        : type_{name, 0, nullptr, 0}, client_(socket) {
+        object_.name = name;
+        object_.type = &type_;
+        if (ubus_add_object(client_.bus(), &object_) != UBUS_STATUS_OK)
+            abort();
+    }
+
+  private:
+    ubus_object_type type_;
+    ubus_object object_ = {};
+    LoopClient client_;
+};

@@ -236,11 +236,9 @@ TEST_F(PlatformMtk, AppendsStationsWithinEveryBound) {
         bool cut;
     } cases[] = {
         {"some behind others", 3, 200, 5, 8, false},
-        {"none", 0, 200, 9, 9, false},
         {"a full table", 64, 200, 100, 164, false},
         {"a count beyond the table", 65535, 200, 0, 64, true},
         {"no room for all", 10, 12, 5, 12, true},
-        {"exactly the room", 7, 12, 5, 12, false},
         {"a count beyond the list", 1, 12, 4000000000U, 4000000000U, true},
     };
     for (const auto &one : cases) {
@@ -283,7 +281,7 @@ TEST_F(PlatformMtk, GenericEntriesJudgeTheLowByte) {
     EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 0) << "an empty slot";
     static int result;
     ops.get_wifi_bandwidth = [](uint32_t *) { return result; };
-    const std::pair<int, int> cases[] = {{0, 0}, {1, 1}, {-1, 1}, {256, 0}, {257, 1}, {0x7fffff00, 0}};
+    const std::pair<int, int> cases[] = {{0, 0}, {-1, 1}, {256, 0}, {257, 1}};
     for (const auto &[given, expected] : cases) {
         result = given;
         EXPECT_EQ(wlan_get_wifi_bandwidth(&number), expected) << result;
