@@ -75,7 +75,8 @@ extern "C" int pclose(FILE *file) {
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     for (const FuzzSource &source : kSources)
-        std::filesystem::create_directories(std::filesystem::path(fuzz_root().path(source.path)).parent_path());
+        std::filesystem::create_directories(
+            std::filesystem::path(fuzz_root().path(source.path)).parent_path());
     fuzz_root().write("/etc/profile.d/profile",
                       "config afc\n\toption support yes\nconfig eco_mode\n\toption support yes\n");
     require(freopen("/dev/null", "w", stdout) != nullptr);

@@ -3,7 +3,6 @@
 
 #include <cstring>
 
-
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"

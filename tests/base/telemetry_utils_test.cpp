@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "sysroot.h"
+#include "telemetry_paths.h"
 
 // Stands before the C library's: the test says when a command cannot be started.
 static bool popen_fails;
@@ -181,4 +182,13 @@ TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {
     popen_fails = true;
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
     popen_fails = false;
+}
+
+TEST(TelemetryPathsDeathTest, OnlyAPlainSysrootIsTaken) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto start = [] {
+        setenv("TELEMETRY_SYSROOT", "/tmp/a;b", 1);
+        telemetry_sysroot();
+    };
+    EXPECT_EXIT(start(), testing::ExitedWithCode(1), "has characters outside");
 }

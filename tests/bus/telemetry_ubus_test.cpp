@@ -13,6 +13,7 @@
 
 #include "bus_daemon.h"
 #include "sysroot.h"
+#include "telemetry_bus_call.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -155,6 +156,8 @@ TEST_F(TelemetryUbusTest, PrintShowsContextListAndSlots) {
 }
 
 TEST_F(TelemetryUbusTest, StartFailsWithoutBusOrFreePath) {
+    EXPECT_EQ(telemetry_bus_call(bus.socket().c_str(), "nobody", "m", nullptr, 1000, nullptr, nullptr),
+              TELEMETRY_BUS_NO_OBJECT);
     const auto start = [&] { return telemetry_init_ubus(&ctx); };
     telemetry_free_ubus();
     {

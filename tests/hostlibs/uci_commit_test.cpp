@@ -2,7 +2,6 @@
 #include "uci_fixture.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -76,28 +75,6 @@ TEST_F(UciCommitTest, AppliesWhatAnOperatorStaged) {
         root.write("/tmp/.uci/p", staged);
         ASSERT_EQ(set_and_commit("p.x.q=2"), UCI_OK);
         EXPECT_EQ(root.read("/etc/config/p"), "\nconfig a 'x'\n\toption n '1'\n\toption q '2'\n\n");
-    }
-}
-
-TEST_F(UciCommitTest, CommitsOfSeveralProgramsLoseNothing) {
-    constexpr int kPrograms = 4, kRounds = 15;
-    auto option = [](int program, int round) {
-        return "o" + std::to_string(program) + "_" + std::to_string(round);
-    };
-    for (int program = 0; program < kPrograms; program++) {
-        if (fork() == 0) {
-            int failed = 0;
-            for (int round = 0; round < kRounds; round++)
-                failed += set_and_commit("p.x." + option(program, round) + "=1") != UCI_OK;
-            _exit(failed);
-        }
-    }
-    for (int status; wait(&status) > 0;)
-        EXPECT_EQ(status, 0);
-    const std::string file = root.read("/etc/config/p");
-    for (int i = 0; i < kPrograms * kRounds; i++) {
-        const std::string expected = "\toption " + option(i / kRounds, i % kRounds) + " '1'\n";
-        EXPECT_NE(file.find(expected), std::string::npos) << expected;
     }
 }
 

@@ -1,9 +1,6 @@
 #include <csignal>
 #include <functional>
-#include <memory>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -22,42 +19,6 @@ struct timer : uloop_timeout {
     }
     timer(const timer &) = delete;
     timer &operator=(const timer &) = delete;
-};
-
-// A socket that the loop watches; the test writes at the other end.
-struct watched : uloop_fd {
-    int ends[2] = {-1, -1};
-    std::function<void(watched &, unsigned int)> run;
-
-    explicit watched(std::function<void(watched &, unsigned int)> action, const char *ready = "")
-        : uloop_fd{}, run(std::move(action)) {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        cb = [](uloop_fd *u, unsigned int events) {
-            static_cast<watched *>(u)->run(*static_cast<watched *>(u), events);
-        };
-        fd = ends[0];
-        EXPECT_EQ(uloop_fd_add(this, ULOOP_READ), 0);
-        put(ready);
-    }
-    ~watched() {
-        uloop_fd_delete(this);
-        close(ends[0]);
-        close_other();
-    }
-    watched(const watched &) = delete;
-    watched &operator=(const watched &) = delete;
-    void put(const std::string &bytes) const {
-        EXPECT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    }
-    void take() const {
-        char byte;
-        EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    }
-    void close_other() {
-        if (ends[1] >= 0)
-            close(ends[1]);
-        ends[1] = -1;
-    }
 };
 
 class Uloop : public testing::Test {
@@ -91,50 +52,6 @@ TEST_F(Uloop, DueTimersRunInOrderOfDueTimeAndTiesInOrderOfSetting) {
     EXPECT_EQ(uloop_timeout_cancel(&later), 0);
     EXPECT_EQ(uloop_timeout_cancel(&later), -1);
     EXPECT_EQ(uloop_get_next_timeout(), -1);
-}
-
-// Two descriptors are ready in one round; what the first callback does to the other decides whether its event
-// still counts.
-TEST_F(Uloop, CallbacksChangeWhatElseIsReadyInTheRound) {
-    const struct {
-        const char *what;
-        void (*act)(std::unique_ptr<watched> &other);
-        int calls;
-    } cases[] = {
-        {"removes and frees", [](std::unique_ptr<watched> &other) { other.reset(); }, 1},
-        {"removes and adds again, with nothing to read any more",
-         [](std::unique_ptr<watched> &other) {
-             other->take();
-             uloop_fd_delete(other.get());
-             EXPECT_EQ(uloop_fd_add(other.get(), ULOOP_READ), 0);
-         },
-         1},
-        {"serves it in a nested run", [](std::unique_ptr<watched> &) { uloop_run_timeout(0); }, 2},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        int calls = 0;
-        std::unique_ptr<watched> pipes[2];
-        for (auto &own : pipes) {
-            auto &other = pipes[&own == pipes];
-            own = std::make_unique<watched>(
-                [&](watched &w, unsigned int) {
-                    w.take();
-                    if (calls++ == 0)
-                        c.act(other);
-                },
-                "x");
-        }
-        uloop_run_timeout(0);
-        uloop_run_timeout(0);
-        EXPECT_EQ(calls, c.calls);
-        for (auto &one : pipes) {
-            if (one)
-                one->put("y");
-        }
-        uloop_run_timeout(0);
-        EXPECT_EQ(calls, c.calls + (pipes[0] != nullptr) + (pipes[1] != nullptr)) << "registrations live on";
-    }
 }
 
 TEST_F(Uloop, SignalsEndTheRunTheyComeIn) {

@@ -17,7 +17,6 @@
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 static constexpr char kReList[] = "/tmp/client_mgmt/re_client_list";
 static constexpr const char *kModules[] = {"iot_kiro", "iot_zuna", "philips_hue", "matter"};
@@ -264,7 +263,7 @@ TEST_F(PreClientTest, IotDevices) {
         {"matter 02:00:00:02:00:01 s", "matter", "switch"},
         {"philips_hue 02-00-00-02-00-01 se", "hue", "sensor"},
         {"iot_zuna 02:00:00:02:00:01 sensors", "zuna", nullptr},
-        {"iot_zuna 02:00:00:02:00:77 lock", nullptr, nullptr},
+        {"iot_zuna 02:00:00:02:00:77 lock iot_zuna : lock", nullptr, nullptr},
     };
     for (const Row &row : rows) {
         std::map<std::string, std::string> packages;
@@ -300,30 +299,6 @@ TEST_F(PreClientTest, StationsOfEveryInterfaceOnce) {
                 Contains("get client sta info  failed ifname:ra4"));
     EXPECT_THAT(radio.asked, ElementsAre("", "ra4", "ra5", "ra5", "", "rax4", "rax5", "rax5"));
     EXPECT_EQ(found, 3u);
-}
-
-TEST_F(PreClientTest, MoreStationsThanTheServiceCounts) {
-    // 300 stations of which the service counts 256: in 8 bits none.
-    const char *const interfaces[] = {"ra2", "ra4", "ra5", "rax2", "rax4", "rax5"};
-    std::string entries, own;
-    for (int i = 0; i < 300; ++i) {
-        char mac[18];
-        snprintf(mac, sizeof(mac), "02:00:00:02:%02x:%02x", i >> 8, i & 255);
-        entries += "," + tfs_entries({mac});
-        own += i < 256 ? std::string(",\"") + mac + R"(":{"mac":")" + mac + "\"}" : "";
-        radio.stations[interfaces[i / 50]].push_back(station(i, static_cast<uint32_t>(i)));
-    }
-    fake_services["tfstats.get"] = tfstats(300, entries.substr(1));
-    fake_services["client_mgmt.get_myself"] = {"{" + own.substr(1) + "}"};
-    build(0);
-    EXPECT_EQ(telemetry_get_myself_client_num_value(), 256);
-    for (int i = 0; i < 300; ++i)
-        EXPECT_EQ(client(i).rxrate, static_cast<uint32_t>(i));
-    // Without clients of its own the driver is not asked.
-    fake_services["client_mgmt.get_myself"] = {"{}"};
-    radio.asked.clear();
-    build(0);
-    EXPECT_THAT(radio.asked, IsEmpty());
 }
 
 TEST_F(PreClientTest, LookupsSayWhatIsMissing) {

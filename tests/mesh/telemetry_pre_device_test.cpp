@@ -81,6 +81,10 @@ TEST_F(PreDeviceTest, EveryFieldHasItsSource) {
     ASSERT_EQ(fake_service_calls.size(), 1u);
     EXPECT_NE(fake_service_calls[0].arguments.find(R"("ip_ap_addr":"192.168.0.1")"), std::string::npos);
 
+    // Devices come before clients.
+    logged_messages([&] { telemetry_pre_collect_info(ctx.get()); });
+    EXPECT_EQ(fake_service_calls[1].name + fake_service_calls[2].name, "sync.requesttfstats.get");
+
     // The dump has 64 lines of a node and names the parent of satellites only.
     const auto lines = dump();
     EXPECT_EQ(lines.size(), 2u * 64 + 1);

@@ -111,12 +111,8 @@ class ApplyTest : public ::testing::Test {
 TEST_F(ApplyTest, AnswersGoToTheFirstNodeWhoseMacBeginsWithTheirs) {
     const std::pair<const char *, int> rows[] = {
         // -1: nobody's
-        {R"("02:00:00:01:00:02")", 1},
-        {R"("0200.0001")", -1},
-        {R"("02:00:00:01:00:02:ff:ff")", -1},
-        {R"("02000001000")", 0},
-        {R"("")", -1},
-        {"null", -1},
+        {R"("02:00:00:01:00:02")", 1},  {R"("0200.0001")", -1}, {R"("02:00:00:01:00:02:ff:ff")", -1},
+        {R"("02000001000")", 0},        {R"("")", -1},          {"null", -1},
         {R"("02:00:00:01:00:09")", -1},
     };
     for (const auto &[mac, owner] : rows) {

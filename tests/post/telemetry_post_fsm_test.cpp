@@ -135,9 +135,10 @@ TEST_F(PostFsmTest, strategy_answers) {
              {result(""), kRetryStrategy, "parse strategyId failed"},
              {result(R"("strategyId":7)"), kRetryStrategy, "non strategyId"},
              {result(R"("strategyId":"a")"), kRetryStrategy, "parse strategyContent failed"},
-             {result(R"("strategyId":"b","strategyContent":{})"), kRetryStrategy, "non content"},
              {result(R"("strategyId":"c","strategyContent":"soon")"), kRetryStrategy,
-              "handle strategy content failed"}});
+              "handle strategy content failed"},
+             {result(R"("strategyId":"b","strategyContent":{})"), kRetryStrategy, "non content"}});
+    EXPECT_STREQ(ctx.strategy_id, "b"); // one without content is not asked for again
 }
 
 TEST_F(PostFsmTest, error_codes) {
