@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <memory>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@ using JsonPtr = std::unique_ptr<cJSON, HandleRelease<cJSON_Delete>>;
 // Text from malloc: printed JSON, blobmsg_format_json.
 using TextPtr = std::unique_ptr<char, HandleRelease<free>>;
 using FilePtr = std::unique_ptr<FILE, HandleRelease<fclose>>;
+using DirPtr = std::unique_ptr<DIR, HandleRelease<closedir>>;
 using PipePtr = std::unique_ptr<FILE, HandleRelease<pclose>>;
 using UciContextPtr = std::unique_ptr<uci_context, HandleRelease<uci_free_context>>;
 using BusContextPtr = std::unique_ptr<ubus_context, HandleRelease<ubus_free>>;

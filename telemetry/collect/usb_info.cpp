@@ -1,11 +1,12 @@
 #include "usb_info.h"
 
+#include <algorithm>
 #include <cctype>
-#include <filesystem>
 #include <set>
 #include <string>
-#include <system_error>
+#include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include "collector_patterns.h"
 #include "collectors.h"
@@ -26,7 +27,7 @@ static constexpr TelemetryIndexEntry kUsbRows[] = {
 };
 
 // Entries of the device directory that are looked at.
-static constexpr int kMaxUsbEntries = 256;
+static constexpr size_t kMaxUsbEntries = 256;
 static constexpr char kHubClass[] = "09";
 
 namespace {
@@ -109,10 +110,11 @@ static const UsbKind *find_kind(const std::string &driver, const std::string &co
 
 // Name of the kernel's driver of an interface; empty when it has none, or one for programs ("usbfs").
 static std::string read_driver(const std::string &directory, const std::string &interface) {
-    std::error_code error;
-    const std::filesystem::path target =
-        std::filesystem::read_symlink(directory + "/" + interface + "/driver", error);
-    const std::string name = error ? "" : target.filename().string();
+    char target[256];
+    const std::string link = directory + "/" + interface + "/driver";
+    const ssize_t length = readlink(link.c_str(), target, sizeof(target));
+    const std::string path(target, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    const std::string name = path.substr(path.rfind('/') + 1);
     return name == "usbfs" ? "" : name;
 }
 
@@ -126,19 +128,27 @@ static std::string read_code(const std::string &entry, const std::string &prefix
     return code;
 }
 
-// Names in the device directory: "usb1" is a root hub, "1-1" a device, "1-1:1.0" one of its interfaces. The
-// first device by name that is no hub is reported.
-static std::string find_usb_device(const std::string &directory) {
-    std::string first;
-    int seen = 0;
-    std::error_code error;
-    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end;
-         at.increment(error)) {
-        if (seen++ == kMaxUsbEntries) {
-            LOG_ERROR("%s has more than %d entries, the rest is left out", kUsbDeviceDir, kMaxUsbEntries);
+// Names in the device directory.
+static std::vector<std::string> list_entries(const std::string &directory) {
+    std::vector<std::string> names;
+    const DirPtr opened(opendir(directory.c_str()));
+    while (const dirent *entry = opened != nullptr ? readdir(opened.get()) : nullptr) {
+        if (entry->d_name[0] == '.')
+            continue;
+        if (names.size() == kMaxUsbEntries) {
+            LOG_ERROR("%s has more than %zu entries, the rest is left out", kUsbDeviceDir, kMaxUsbEntries);
             break;
         }
-        const std::string name = at->path().filename().string();
+        names.emplace_back(entry->d_name);
+    }
+    return names;
+}
+
+// "usb1" is a root hub, "1-1" a device, "1-1:1.0" one of its interfaces. The first device by name that is no
+// hub is reported.
+static std::string find_usb_device(const std::vector<std::string> &entries) {
+    std::string first;
+    for (const std::string &name : entries) {
         if (name.find(':') != std::string::npos || name.rfind("usb", 0) == 0)
             continue;
         if (!first.empty() && first < name)
@@ -151,14 +161,11 @@ static std::string find_usb_device(const std::string &directory) {
 }
 
 // A device whose interfaces are not listed is what its own class says.
-static TelemetryUsbType find_usb_type(const std::string &directory, const std::string &device) {
+static TelemetryUsbType find_usb_type(const std::string &directory, const std::vector<std::string> &entries,
+                                      const std::string &device) {
     const UsbKind *best = nullptr;
     bool listed = false;
-    int seen = 0;
-    std::error_code error;
-    for (std::filesystem::directory_iterator at(directory, error), end;
-         !error && at != end && seen < kMaxUsbEntries; at.increment(error), ++seen) {
-        const std::string name = at->path().filename().string();
+    for (const std::string &name : entries) {
         if (name.rfind(device + ":", 0) != 0)
             continue;
         listed = true;
@@ -183,10 +190,11 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
     record->config_is_change =
         telemetry_update_tmp_backup_config_by_telemetry_index(kUsbRows, 1) == 1 ? 1 : 0;
     const std::string directory = telemetry_path(kUsbDeviceDir);
-    const std::string device = find_usb_device(directory);
+    const std::vector<std::string> entries = list_entries(directory);
+    const std::string device = find_usb_device(entries);
     if (device.empty())
         return 0;
-    record->usb_type = find_usb_type(directory, device);
+    record->usb_type = find_usb_type(directory, entries, device);
     copy_usb_id(record->vendor_id, read_attribute(device, "idVendor"));
     copy_usb_id(record->product_id, read_attribute(device, "idProduct"));
     return 0;
