@@ -48,6 +48,20 @@ static void try_message(const uint8_t *data, size_t size) {
     require(!compact == !indented);
 }
 
+// A member without a name is printed as a bare value, as on the platform.
+static bool has_unnamed_member(blob_attr *list, bool named, int depth) {
+    size_t rem = 0;
+    blob_attr *pos = nullptr;
+    blobmsg_for_each_attr(pos, list, rem) {
+        const int type = blobmsg_type(pos);
+        const bool nested = type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY;
+        if ((named && blobmsg_name(pos)[0] == '\0') ||
+            (nested && depth < 64 && has_unnamed_member(pos, type == BLOBMSG_TYPE_TABLE, depth + 1)))
+            return true;
+    }
+    return false;
+}
+
 // What was converted is a sound message, and its text converts to a message with the same text. A number
 // beyond the largest real prints as "inf", as it does on the platform; JSON has no such number.
 static void try_text(const std::string &text) {
@@ -60,7 +74,7 @@ static void try_text(const std::string &text) {
     require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head()), len) == 0);
     const TextPtr first(blobmsg_format_json(b.head(), true));
     require(first != nullptr);
-    if (strstr(first.get(), "inf"))
+    if (strstr(first.get(), "inf") || has_unnamed_member(b.head(), true, 0))
         return;
     require(blobmsg_add_json_from_string(again.get(), first.get()));
     const TextPtr second(blobmsg_format_json(again.head(), true));

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include "telemetry_ca.h"
-#include "telemetry_key_owner.h"
 #include "telemetry_log.h"
 #include "telemetry_main.h"
 
@@ -67,8 +66,5 @@ void telemetry_reload(TelemetryCtx *ctx) {
     telemetry_debug_level = TELEMETRY_LOG_INFO;
     telemetry_load_options();
     telemetry_load_cloud_url(ctx);
-    // The firmware tool may have had no answer yet when the daemon started.
-    if (ctx->dev_id[0] == '\0' && telemetry_get_device_info(ctx) == 0)
-        telemetry_drop_foreign_key(ctx);
     LOG_INFO("configuration read again, uploads go to %.256s", ctx->post_api);
 }

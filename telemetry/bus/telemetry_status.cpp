@@ -45,10 +45,10 @@ static constexpr CounterRow kCounters[] = {
 
 static constexpr const char *kStateNames[] = {"init", "refresh_key", "get_strategy", "ready"};
 
-static void add_role(blob_buf *reply, const TelemetryCtx *ctx) {
-    const char *obstacle = telemetry_post_obstacle(ctx);
+static void add_role(blob_buf *reply) {
+    const char *obstacle = telemetry_collect_obstacle();
     add_text(reply, "role", check_if_device_is_FAP() ? "main" : "satellite");
-    blobmsg_add_u8(reply, "collecting", telemetry_collect_obstacle() == nullptr ? 1 : 0);
+    blobmsg_add_u8(reply, "collecting", obstacle == nullptr ? 1 : 0);
     if (obstacle != nullptr)
         add_text(reply, "reason", obstacle);
 }
@@ -129,7 +129,7 @@ void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
     add_text(reply, "version", TELEMETRY_VERSION);
     add_number(reply, "started", figures.started);
     add_number(reply, "uptime", (telemetry_monotonic_ms() - figures.started_monotonic) / 1000);
-    add_role(reply, ctx);
+    add_role(reply);
     add_text(reply, "state",
              ctx->post_state < std::size(kStateNames) ? kStateNames[ctx->post_state] : "unknown");
     add_text(reply, "cloud", ctx->post_api);

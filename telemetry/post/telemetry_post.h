@@ -110,10 +110,6 @@ char *get_post_refresh_key_content(const TelemetryCtx *ctx);
 char *get_post_get_strategy_content(const TelemetryCtx *ctx);
 char *get_post_collect_data_content(const TelemetryCtx *ctx);
 // Senders. telemetry_post_data is the callback of the upload timer.
-// Why no call goes out now: what stands in the way of a collection (telemetry_collect_obstacle), or that the
-// device has no id. Constant text; null when nothing does.
-const char *telemetry_post_obstacle(const TelemetryCtx *ctx);
-inline constexpr char kObstacleNoDeviceId[] = "no device id";
 void telemetry_post_refresh_key(TelemetryCtx *ctx);
 void telemetry_post_get_strategy(TelemetryCtx *ctx);
 void telemetry_post_data(uloop_timeout *timer);

@@ -151,16 +151,11 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
     return 0;
 }
 
-const char *telemetry_post_obstacle(const TelemetryCtx *ctx) {
-    const char *obstacle = telemetry_collect_obstacle();
-    return obstacle == nullptr && ctx->dev_id[0] == '\0' ? kObstacleNoDeviceId : obstacle;
-}
-
 // The two calls of the state machine: what could not be sent is tried again without counting as a retry.
 static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *closed_message) {
     if (!has_context(ctx))
         return;
-    telemetry_figures.obstacle = telemetry_post_obstacle(ctx);
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
     if (telemetry_figures.obstacle != nullptr)
         LOG_DEBUG("%s", closed_message);
     else if (send_call(ctx, call) == 0)
@@ -411,7 +406,7 @@ void telemetry_post_data(uloop_timeout *timer) {
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
     bool sent = false;
-    telemetry_figures.obstacle = telemetry_post_obstacle(ctx);
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
     tell_unset_clock(ctx);
     if (telemetry_figures.obstacle != nullptr) {
         LOG_DEBUG("skip upload");

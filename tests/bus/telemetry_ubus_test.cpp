@@ -6,7 +6,11 @@
 #include <ctime>
 #include <filesystem>
 
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -225,6 +229,39 @@ TEST_F(TelemetryUbusTest, ALossRightAfterTheConnectionWaitsForTheTimer) {
     clock_ahead_s += 4;
     EXPECT_THAT(logged_messages(run_loop_shortly), ElementsAre("ubus connection is back"));
     EXPECT_EQ(call("clear").json, kDone);
+}
+
+// In the place of the bus stands what accepts and hangs up; the number that the lost connection had is
+// another's.
+TEST_F(TelemetryUbusTest, AFailedGreetingCostsNobodyADescriptor) {
+    const OutputCapture quiet;
+    bus.kill();
+    clock_ahead_s += 1;
+    {
+        sockaddr_un address = {AF_UNIX, {}};
+        copy_text(address.sun_path, bus.socket().c_str());
+        unlink(address.sun_path);
+        const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
+        ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        ASSERT_EQ(listen(listener.get(), 8), 0);
+        const pid_t rude = fork();
+        while (rude == 0)
+            close(accept(listener.get(), nullptr, nullptr));
+        run_loop_shortly();
+        kill(rude, SIGKILL);
+        waitpid(rude, nullptr, 0);
+    }
+    int others[2]; // an upload's, say
+    ASSERT_EQ(pipe(others), 0);
+    bus.start();
+    clock_ahead_s += 4;
+    run_loop_shortly();
+    EXPECT_EQ(call("clear").json, kDone);
+    for (const int fd : others) {
+        struct stat state = {};
+        EXPECT_TRUE(fstat(fd, &state) == 0 && S_ISFIFO(state.st_mode));
+        close(fd);
+    }
 }
 
 TEST_F(TelemetryUbusTest, ATakenNameIsToldOnce) {

@@ -191,7 +191,6 @@ TEST_F(PostFsmTest, start_asks_for_what_is_missing) {
 TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
     const auto no_slots = [&] { use_all_slots(); };
     const auto closed = [&] { close_gate(); };
-    const auto no_id = [&] { ctx.dev_id[0] = '\0'; };
     const auto no_secret = [&] { ctx.access_secret[0] = '\0'; };
     const auto no_records = [&] { telemetry_clear_collect_list(&ctx); };
     const auto step = [&] { telemetry_post_state_FSM(&ctx); };
@@ -200,7 +199,6 @@ TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
     const std::tuple<uint32_t, Action, Action, const char *> cases[] = {
         // no message: the upload is sent
         {kKey, closed, step, "dont refresh key! wait for a while"},
-        {kKey, no_id, step, "reason: no device id"},
         {kStrategy, no_slots, step, "no available request"},
         {kStrategy, closed, step, "dont get strategy! wait for a while"},
         {kStrategy, no_secret, step, "add_curl_request_signature failed"},
@@ -208,7 +206,6 @@ TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
         {kReady, no_secret, upload, "add_curl_request_signature failed"},
         {kReady, [&] { no_records(), ctx.data_collect_count = 1; }, upload, "cJSON_PrintUnformatted failed"},
         {kReady, closed, upload, "skip upload"},
-        {kReady, no_id, upload, "reason: no device id"},
         {kReady, no_slots, upload, "no available request"},
         {kReady, [] {}, upload, nullptr},
     };
