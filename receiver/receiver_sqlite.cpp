@@ -7,7 +7,7 @@ namespace {
 constexpr int kBusyMs = 5000;
 constexpr Dialect kDialect = {"INTEGER PRIMARY KEY", "INTEGER", "TEXT", "", false, "BEGIN IMMEDIATE", ""};
 
-class SqliteDatabase : public Database {
+class SqliteDatabase final : public Database {
   public:
     explicit SqliteDatabase(const std::string &path) {
         sqlite3 *opened = nullptr;

@@ -231,7 +231,7 @@ int uci_import(uci_context *ctx, FILE *stream, const char *name, uci_package **p
             list_append(&ctx->root, &p->e.list);
             if (package)
                 *package = p.get();
-            p.release();
+            static_cast<void>(p.release());
         }
         return static_cast<int>(ferror(stream) ? UCI_ERR_IO : UCI_OK);
     });

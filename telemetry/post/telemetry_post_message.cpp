@@ -88,7 +88,7 @@ static bool add_records(const TelemetryCtx *ctx, cJSON *body) {
     }
     if (!cJSON_AddItemToObject(body, "el", records.get()))
         return false;
-    records.release();
+    static_cast<void>(records.release());
     return true;
 }
 
