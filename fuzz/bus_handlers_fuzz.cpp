@@ -13,6 +13,7 @@
 
 #include "../hostlibs/ubusd/ubusd.h"
 #include "support/fuzz_root.h"
+#include "telemetry_command.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -28,20 +29,16 @@ extern "C" int ioctl(int, unsigned long, ...) noexcept {
     return -1;
 }
 
-extern "C" FILE *popen(const char *command, const char *) {
-    for (const std::string start : {"ping -c 3 ", "ping6 -c 3 "}) {
-        if (strncmp(command, start.c_str(), start.size()) != 0)
-            continue;
-        // Nothing but an address is run.
-        const char *host = command + start.size();
-        require(strspn(host, "0123456789abcdefABCDEF:.") == strcspn(host, " |"));
-    }
-    static char output[] = "1.5\n";
-    return fmemopen(output, sizeof(output) - 1, "r");
+int telemetry_command_run(const char *const argv[], int, const TelemetryCommandOutput *output, int *) {
+    // Nothing but an address is asked for echoes.
+    if (strncmp(argv[0], "ping", 4) == 0)
+        require(strspn(argv[3], "0123456789abcdefABCDEF:.") == strlen(argv[3]));
+    copy_text(output->text, output->size, "1.5\n");
+    return TELEMETRY_COMMAND_ENDED;
 }
 
-extern "C" int pclose(FILE *stream) {
-    return fclose(stream);
+uint32_t telemetry_commands_killed() {
+    return 0;
 }
 
 static TelemetryCtx fuzz_ctx;

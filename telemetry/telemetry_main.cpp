@@ -10,6 +10,7 @@
 
 #include "restart_info.h"
 #include "telemetry_collect.h"
+#include "telemetry_command.h"
 #include "telemetry_figures.h"
 #include "telemetry_handles.h"
 #include "telemetry_key_owner.h"
@@ -38,6 +39,8 @@ static void fill_standard_descriptors() {
     if (fd >= 0)
         close(fd);
 }
+
+static constexpr char kDefaultPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 int telemetry_redirect_output(const char *path) {
     if (path == nullptr || *path == '\0') {
@@ -71,10 +74,11 @@ void telemetry_create_heartbeat_timeout_file() {
 void telemetry_remove_heartbeat_timeout_file() {
     if (!telemetry_file_exists(kHeartbeatTimeoutPath))
         return;
-    char command[256];
-    const int length =
-        snprintf(command, sizeof(command), "rm %s", telemetry_path(kHeartbeatTimeoutPath).c_str());
-    if (length < 0 || static_cast<size_t>(length) >= sizeof(command) || system(command) != 0)
+    const std::string path = telemetry_path(kHeartbeatTimeoutPath);
+    const char *const remove[] = {"rm", path.c_str(), nullptr};
+    int status = 0;
+    if (telemetry_command_run(remove, kCommandLimitMs, nullptr, &status) != TELEMETRY_COMMAND_ENDED ||
+        status != 0)
         LOG_ERROR("remove %s failed", kHeartbeatTimeoutPath);
 }
 
@@ -389,6 +393,7 @@ int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
     fill_standard_descriptors();
     telemetry_catch_reload_signal();
+    setenv("PATH", kDefaultPath, 0); // the commands stand in the system's folders, too
     telemetry_redirect_output(kConsolePath);
     telemetry_log_open_syslog();
     telemetry_figures_start();

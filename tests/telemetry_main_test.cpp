@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <dlfcn.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -25,15 +26,16 @@ int telemetry_main();
 static std::vector<std::string> calls;
 static bool pool_fails, bus_fails;
 static bool terminated; // while the bus is connected
-static std::string popen_fails_for;
+static std::string spawn_fails_for;
 static uloop_timeout far_timer; // armed until the loop is taken down
 static int free_descriptor;     // the lowest one when the bus is connected
 
-extern "C" FILE *popen(const char *command, const char *mode) {
-    if (!popen_fails_for.empty() && popen_fails_for == command)
-        return nullptr;
-    const auto real = reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "popen"));
-    return real(command, mode);
+extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actions_t *actions,
+                            const posix_spawnattr_t *attributes, char *const argv[], char *const envp[]) {
+    if (argv[1] != nullptr && spawn_fails_for == argv[1])
+        return EAGAIN;
+    const auto real = reinterpret_cast<decltype(&posix_spawnp)>(dlsym(RTLD_NEXT, "posix_spawnp"));
+    return real(pid, file, actions, attributes, argv, envp);
 }
 
 int telemetry_init_post_request(TelemetryCtx *) {
@@ -77,7 +79,7 @@ class TelemetryMain : public SysrootTest {
     void SetUp() override {
         calls.clear();
         pool_fails = bus_fails = terminated = false;
-        popen_fails_for.clear();
+        spawn_fails_for.clear();
         memset(&ctx, 0, sizeof(ctx));
         add_getfirm("echo aa:bb:cc:dd:ee:0f");
     }
@@ -325,7 +327,7 @@ TEST_F(TelemetryMain, AFailingStepIsNamedAndTheLast) {
     EXPECT_STREQ(ctx.post_api, "");
 
     pool_fails = false;
-    popen_fails_for = "getfirm OEM_ID";
+    spawn_fails_for = "OEM_ID";
     const auto [result, log] = logged_result(init);
     EXPECT_EQ(result, -2);
     EXPECT_EQ(Messages(log.end() - 3, log.end()),

@@ -24,7 +24,6 @@ using JsonPtr = std::unique_ptr<cJSON, HandleRelease<cJSON_Delete>>;
 using TextPtr = std::unique_ptr<char, HandleRelease<free>>;
 using FilePtr = std::unique_ptr<FILE, HandleRelease<fclose>>;
 using DirPtr = std::unique_ptr<DIR, HandleRelease<closedir>>;
-using PipePtr = std::unique_ptr<FILE, HandleRelease<pclose>>;
 using UciContextPtr = std::unique_ptr<uci_context, HandleRelease<uci_free_context>>;
 using BusContextPtr = std::unique_ptr<ubus_context, HandleRelease<ubus_free>>;
 using CurlSlistPtr = std::unique_ptr<curl_slist, HandleRelease<curl_slist_free_all>>;

@@ -1,5 +1,6 @@
 #include "telemetry_utils.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -7,8 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
+#include "telemetry_command.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -20,8 +23,12 @@ int telemetry_post_done = -1;
 // Characters of a MAC text, separators not counted, that are converted.
 static constexpr size_t kMacDigits = 17;
 static constexpr size_t kShellReadSize = 2048;
+// What a command line may hold to be words and nothing else, and how many of them.
+static constexpr char kPlainCharacters[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-: ";
+static constexpr size_t kMaxPlainWords = 8;
 static constexpr size_t kWorkModeSize = 2048;
-static constexpr size_t kPingCommandSize = 256;
+static constexpr size_t kPingReadSize = 4096;
 static constexpr size_t kPingOutputSize = 128;
 static constexpr size_t kHostNameLength = 253;
 
@@ -111,19 +118,34 @@ static void read_once(int fd, char *buffer, size_t size) {
     } while (got < 0 && errno == EINTR);
 }
 
+// Runs the words of a line as they are where nothing in it means anything to a shell, which then has no part
+// in it.
+static int run_line(const char *line, const TelemetryCommandOutput &output) {
+    const char *const shell[] = {"/bin/sh", "-c", line, nullptr};
+    std::string words = line;
+    if (words.find_first_not_of(kPlainCharacters) != std::string::npos)
+        return telemetry_command_run(shell, kCommandLimitMs, &output, nullptr);
+    const char *argv[kMaxPlainWords + 1] = {};
+    size_t count = 0;
+    for (char *rest = words.data(), *word; (word = strtok_r(rest, " ", &rest)) != nullptr;) {
+        if (count == kMaxPlainWords)
+            return telemetry_command_run(shell, kCommandLimitMs, &output, nullptr);
+        argv[count++] = word;
+    }
+    return telemetry_command_run(argv, kCommandLimitMs, &output, nullptr);
+}
+
 int shell_get_value(const char *command, char *output, int size) {
     if (command == nullptr || *command == '\0' || output == nullptr || size <= 0) {
         LOG_ERROR("param error");
         return -1;
     }
-    const PipePtr pipe(popen(command, "re"));
-    if (pipe == nullptr) {
-        LOG_ERROR("error: popen exe [%s] failed", command);
+    char text[kShellReadSize + 1];
+    text[kShellReadSize] = '\0';
+    const int result = run_line(command, {TELEMETRY_READ_FIRST, text, kShellReadSize});
+    // A tool that answered and then hangs has answered.
+    if (result == TELEMETRY_COMMAND_NOT_STARTED || (result == TELEMETRY_COMMAND_TOO_LONG && text[0] == '\0'))
         return -1;
-    }
-    char text[kShellReadSize + 1] = {};
-    read_once(fileno(pipe.get()), text, kShellReadSize);
-
     size_t length = strlen(text);
     if (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
         text[--length] = '\0';
@@ -262,24 +284,42 @@ int telemetry_is_host(const char *text) {
     return 1;
 }
 
-// Average of three echoes: field `field` of what the command prints, split at slashes.
-static int ping_delay(char *output, const char *host, const char *command, int field) {
-    if (output == nullptr || host == nullptr) {
+// Field `field`, counted from 1, of every line of `printed`, split at slashes; as many as find room.
+static void slash_fields(std::string_view printed, int field, char (&text)[kPingOutputSize + 1]) {
+    size_t used = 0;
+    while (!printed.empty() && used < kPingOutputSize) {
+        const std::string_view line = printed.substr(0, printed.find('\n'));
+        printed.remove_prefix(std::min(line.size() + 1, printed.size()));
+        size_t from = 0;
+        for (int skipped = 1; skipped < field && from != line.npos; ++skipped) {
+            from = line.find('/', from);
+            from += from == line.npos ? 0 : 1;
+        }
+        const std::string_view value =
+            from == line.npos ? "" : line.substr(from, line.find('/', from) - from);
+        used += value.copy(text + used, kPingOutputSize - used);
+        if (used < kPingOutputSize)
+            text[used++] = '\n';
+    }
+    text[used] = '\0';
+}
+
+// Average of three echoes: the first number in field `field` of what the program prints.
+static int ping_delay(char *output, const char *host, const char *program, int field) {
+    // The host comes from other services: an option is none.
+    if (output == nullptr || host == nullptr || !telemetry_is_host(host)) {
         LOG_ERROR("params error");
         return -1;
     }
-    char line[kPingCommandSize];
-    const int length =
-        snprintf(line, sizeof(line), "%s -c 3 %s |awk -F'/' '{print $%d}'", command, host, field);
-    // The host comes from other services; only what can be an address or a name may reach the shell, and only
-    // whole.
-    if (!telemetry_is_host(host) || length < 0 || static_cast<size_t>(length) >= sizeof(line)) {
-        LOG_ERROR("params error");
-        return -1;
-    }
-    char text[kPingOutputSize + 1] = {};
-    if (shell_get_value(line, text, kPingOutputSize) == 0)
-        snprintf(output, kPingOutputSize, "%f", strtod(text, nullptr));
+    const char *const argv[] = {program, "-c", "3", host, nullptr};
+    char printed[kPingReadSize + 1];
+    printed[kPingReadSize] = '\0';
+    const TelemetryCommandOutput read = {TELEMETRY_READ_ALL, printed, kPingReadSize};
+    if (telemetry_command_run(argv, kPingLimitMs, &read, nullptr) != TELEMETRY_COMMAND_ENDED)
+        return 0;
+    char text[kPingOutputSize + 1];
+    slash_fields(printed, field, text);
+    snprintf(output, kPingOutputSize, "%f", strtod(text, nullptr));
     return 0;
 }
 

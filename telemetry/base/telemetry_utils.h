@@ -30,8 +30,9 @@ int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, si
 
 // --- Commands and files ---
 
-// Output of a shell command (first read, at most 2048 bytes), less one trailing line end, copied as exactly
-// `size` bytes: zero-padded, and without a terminator when the text has `size` or more characters.
+// Output of a command line (first read, at most 2048 bytes), less one trailing line end, copied as exactly
+// `size` bytes: zero-padded, and without a terminator when the text has `size` or more characters. A line of
+// plain words runs without a shell. -1, and `output` as it was: not started, or silent until the time limit.
 int shell_get_value(const char *command, char *output, int size);
 // First size - 1 bytes of a file, in a zeroed buffer. `path` is the router's path.
 int telemetry_parse_file(const char *path, char *buffer, size_t size);
@@ -67,8 +68,8 @@ int check_is_auto_upgrade_support();
 // --- Measurements and markers ---
 
 // Average delay of three echoes, ms with six decimals, into `output` (at least 128 characters; untouched when
-// the command could not run). `host` must be an address or host name: anything else never reaches the shell
-// and gives -1.
+// the command could not be started or did not end in time). `host` must be an address or host name: anything
+// else reaches no command and gives -1. No shell takes part.
 int telemetry_ping_delay_v4(char *output, const char *host);
 int telemetry_ping_delay_v6(char *output, const char *host);
 // 1 when the text is an IPv4 or IPv6 address.

@@ -7,6 +7,7 @@
 
 #include "cloud_info.h"
 #include "collectors.h"
+#include "telemetry_command.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -141,7 +142,9 @@ int telemetry_update_upgrade_config(const char *node_id, const char *version) {
     LOG_DEBUG("the device upgrade successfully");
     if (telemetry_set_uci_value("telemetry_info", node_id, "fwver", version, TELEMETRY_UCI_SYSTEM) != 0)
         return 1;
-    if (system("saveconfig user-config") != 0)
+    const char *const save[] = {"saveconfig", "user-config", nullptr};
+    int status = 0;
+    if (telemetry_command_run(save, kSaveLimitMs, nullptr, &status) != TELEMETRY_COMMAND_ENDED || status != 0)
         LOG_ERROR("saveconfig user-config failed");
     return 1;
 }

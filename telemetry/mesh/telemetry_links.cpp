@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "telemetry_command.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -21,11 +22,19 @@ static constexpr BackhaulBand kBackhaulBandTable[kBackhaulBands] = {
     {"5G", 3},
 };
 
+// A script that hung once is not asked again while the same ports are walked.
+static bool port_script_hangs;
+
 // Runs the port script; its first line as a number, or no value when it could not be run.
 template <int Size> static bool run_port_script(const char *arguments, int *number) {
+    if (port_script_hangs)
+        return false;
     const std::string command = telemetry_path(kWirePortScript) + " " + arguments;
+    const uint32_t killed = telemetry_commands_killed();
     char output[Size + 1] = {};
-    if (shell_get_value(command.c_str(), output, Size) != 0)
+    const int result = shell_get_value(command.c_str(), output, Size);
+    port_script_hangs = telemetry_commands_killed() != killed;
+    if (result != 0)
         return false;
     *number = telemetry_text_to_int(output);
     return true;
@@ -82,6 +91,7 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
         LOG_MISSING("uci load interface failed");
         return -1;
     }
+    port_script_hangs = false;
     const int wan = count_wan != 0 ? get_wan_port() : -1;
     memset(ports, 0, sizeof(*ports) * static_cast<size_t>(capacity));
     int index = 0;
@@ -102,6 +112,7 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
             ports[index].speed = telemetry_get_port_speed(port, &in_use);
         ++index;
     }
+    port_script_hangs = false;
     *used = in_use;
     uci_unload(uci.get(), package);
     return 0;
