@@ -8,6 +8,7 @@
 #include "telemetry_ca.h"
 #include "telemetry_log.h"
 #include "telemetry_main.h"
+#include "telemetry_repeat.h"
 
 // The signal's handler writes, the loop reads; both ends never block.
 static int wish_ends[2] = {-1, -1};
@@ -65,6 +66,7 @@ void telemetry_reload(TelemetryCtx *ctx) {
     // Without the option the level is the start's again, whatever an order over the bus made of it.
     telemetry_debug_level = TELEMETRY_LOG_INFO;
     telemetry_load_options();
+    telemetry_repeat_forget(); // what is missing still is worth a line again
     telemetry_load_cloud_url(ctx);
     LOG_INFO("configuration read again, uploads go to %.256s", ctx->post_api);
 }

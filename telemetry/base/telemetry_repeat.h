@@ -1,19 +1,39 @@
-// What is missing stays missing: an option, package, file or service that a cycle misses again is no news.
+// What is missing stays missing: an option, package, file or service that is missed again is no news.
+//
+// Lines are remembered by topic: what one module, or the snapshot, says in one of its runs is compared with
+// what it said in its run before, however many cycles lie between the two.
 #pragma once
 
 #include "telemetry_log.h"
 
 struct TelemetryRepeat {
-    bool first;     // not said before in this cycle
-    uint32_t level; // debug when the last cycle said it too, otherwise error
+    bool first;     // not said before in this run of the topic
+    uint32_t level; // debug when the topic's last run said it too, otherwise error
 };
 
-// Remembers the message for this cycle. The memory is bounded: what finds no place in it is said as new.
+// Remembers the message for this run of the current topic. The memory is bounded: what finds no place in it
+// is said as new.
 TelemetryRepeat telemetry_repeat_check(const char *format, ...) __attribute__((format(printf, 1, 2)));
-// A cycle begins: what the one before said is the last cycle's.
-void telemetry_repeat_next_cycle();
+// From here on everything is news: after a start, or when the configuration is read anew.
+void telemetry_repeat_forget();
 
-// An error line that is a debug line from its second cycle on; `again` false: and stands once in a cycle.
+// Makes `name` the topic while it lives, then the one before it again. A run of the topic begins with its
+// first message, so that a call that only finds out that nothing is due is none.
+class TelemetryRepeatTopic {
+  public:
+    explicit TelemetryRepeatTopic(const char *name);
+    ~TelemetryRepeatTopic();
+    TelemetryRepeatTopic(const TelemetryRepeatTopic &) = delete;
+    TelemetryRepeatTopic &operator=(const TelemetryRepeatTopic &) = delete;
+    // This is a run, also without a message: what the last one said is not said any more.
+    void ran() const;
+
+  private:
+    int outer_;
+    bool outer_waits_;
+};
+
+// An error line that is a debug line from its second run on; `again` false: and stands once in a run.
 #define TELEMETRY_LOG_REPEAT(again, ...)                                                       \
     do {                                                                                       \
         if (telemetry_log_enabled(TELEMETRY_LOG_ERROR)) {                                      \

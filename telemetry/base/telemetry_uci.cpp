@@ -10,6 +10,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 
 static constexpr char kConfigPackage[] = "telemetry";
 static constexpr size_t kBackupFileLimit = 1 << 20; // bytes
@@ -183,6 +184,7 @@ static int set_and_commit(uci_context *uci, LoadedPackage &loaded, uci_section *
     }
     if (commit != 0 && !commit_option(uci, loaded, package, section, option, value)) {
         LOG_ERROR("uci_commit failed");
+        LOG_MISSING("reason: %s.%s.%s was not written", package, section, option);
         return -1;
     }
     return 0;
@@ -209,8 +211,10 @@ static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, cons
         return nullptr;
     }
     uci_section *created = loaded.commit() && loaded.reload() ? find_section(uci, package, section) : nullptr;
-    if (created == nullptr)
+    if (created == nullptr) {
         LOG_ERROR("uci commit failed!");
+        LOG_MISSING("reason: section %s.%s was not written", package, section);
+    }
     return created;
 }
 

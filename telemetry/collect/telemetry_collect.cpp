@@ -129,6 +129,7 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
         return;
     }
     LOG_DEBUG("start to collect %s!", module);
+    const TelemetryRepeatTopic topic(module);
     uint32_t count = 0;
     const int64_t begin_ms = telemetry_monotonic_ms();
     const int result = collector(ctx, payload.get(), &count);
@@ -138,6 +139,7 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
         LOG_DEBUG("collect nothing of %s!", module);
         return;
     }
+    topic.ran();
     if (!complete_record(record.get(), module, collected_at, std::move(payload), count) ||
         !cJSON_AddItemToArray(list, record.get())) {
         LOG_ERROR("no memory for the record of %s", module);
@@ -215,7 +217,8 @@ static void run_cycle(TelemetryCtx *ctx) {
         LOG_ERROR("get collect_list cJSON failed!");
         return;
     }
-    telemetry_repeat_next_cycle();
+    const TelemetryRepeatTopic snapshot("snapshot");
+    snapshot.ran();
     write_post_done_to_file(1);
     const int64_t begin_ms = telemetry_monotonic_ms();
     telemetry_figures.module_count = 0;

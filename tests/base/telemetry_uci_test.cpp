@@ -73,6 +73,16 @@ TEST_F(TelemetryUciTest, SourcesAreDirectories) {
         telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), c.source);
         EXPECT_STREQ(buffer, c.written);
     }
+    // Where one is none, another is not used in its place.
+    const std::string system = root.read(cases[1].path);
+    for (const auto &c : cases) {
+        const std::string directory = std::filesystem::path(c.path).parent_path();
+        root.remove(directory);
+        root.write(directory, "no directory");
+        EXPECT_EQ(telemetry_uci_alloc_context(c.source), nullptr) << directory;
+        EXPECT_NE(telemetry_set_uci_value("telemetry", "s", "o", "lost", c.source), 0);
+        EXPECT_EQ(c.source == TELEMETRY_UCI_BACKUP ? root.read(cases[1].path) : system, system);
+    }
 }
 
 TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
@@ -118,7 +128,8 @@ TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
     EXPECT_EQ(root.read("/etc/config/p"), v);
     root.remove("/tmp/.uci");
     root.write("/tmp/.uci", "no directory");
-    expect_logged(-1, {"uci_commit failed"}, [&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); });
+    expect_logged(-1, {"uci_commit failed", "reason: p.s.o was not written"},
+                  [&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); });
 }
 
 TEST_F(TelemetryUciTest, ReadsEnabledValues) {

@@ -32,7 +32,7 @@ TEST_F(TelemetryUtils, MacConversions) {
     const std::tuple<int (*)(char *, const char *), std::string, const char *> cases[] = {
         {mac_to_format, "aa:bb:cc-dd-ee:ff", "AABBCCDDEEFF"},
         {mac_to_short_line, "aAbBc", "aA-bB-c"},
-        // Whatever comes, 17 characters at most.
+        // Whatever comes, 16 digits at most: an IoT package has addresses of so many.
         {mac_to_upper_short_line, std::string(5000, 'a'), "AA-AA-AA-AA-AA-AA-AA-AA-A"},
         {mac_to_upper_short_line, std::string(5000, ':') + "abc", "AB-C"},
     };
@@ -127,29 +127,34 @@ TEST_F(TelemetryUtils, OnlyAddressesAndNamesPass) {
     EXPECT_EQ(telemetry_is_host(std::string(254, 'a').c_str()), 0);
 }
 
-TEST(TelemetryRepeat, WhatTheLastCycleSaidTooIsSaidAtDebugLevel) {
+TEST(TelemetryRepeat, WhatATopicsLastRunSaidTooIsSaidAtDebugLevel) {
     const OutputCapture capture; // nothing was said before
     const auto say = [](int package) {
         const TelemetryRepeat repeat = telemetry_repeat_check("no package %d", package);
         const char level = repeat.level == TELEMETRY_LOG_ERROR ? 'e' : 'd';
         return repeat.first ? std::string(1, level) : level + std::string("+");
     };
+    // The topic, what it says, and whether it brought something.
     std::string said;
-    for (const char *cycle : {"121", "11", "1", "", "1"}) {
-        telemetry_repeat_next_cycle();
-        for (const char *package = cycle; *package != '\0'; ++package)
-            said += say(*package - '0');
+    for (const char *call : {"a121", "b1", "a", "a11", "b.", "b1", "a.", "a2", "a.1", "a2", "b1"}) {
+        const TelemetryRepeatTopic topic(std::string(call, 1).c_str());
+        for (const char *step = call + 1; *step != '\0'; ++step)
+            *step == '.' ? topic.ran() : static_cast<void>(said += say(*step - '0'));
         said += '|';
     }
-    EXPECT_EQ(said, "eee+|dd+|d||e|");
-    // What finds no place is new again and again.
-    for (const char *expected : {"ee", "de"}) {
-        telemetry_repeat_next_cycle();
-        const std::string first = say(1000);
+    EXPECT_EQ(said, "eee+|e||dd+||e||e|e|e|d|");
+    EXPECT_EQ(say(1) + say(1), "ee+"); // outside of them
+    // What finds no place is new again and again; what found one has it for a run.
+    for (const char *expected : {"eee", "dee"}) {
+        const TelemetryRepeatTopic topic("many");
+        std::string first = say(1000);
         for (int i = 1001; i < 2999; ++i)
             say(i);
+        first += say(2999);
         EXPECT_EQ(first + say(2999), expected);
     }
+    telemetry_repeat_forget();
+    EXPECT_EQ(say(1), "e");
 }
 
 TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {

@@ -264,6 +264,7 @@ TEST_F(PreClientTest, IotDevices) {
         {"philips_hue 02-00-00-02-00-01 se", "hue", "sensor"},
         {"iot_zuna 02:00:00:02:00:01 sensors", "zuna", nullptr},
         {"iot_zuna 02:00:00:02:00:77 lock iot_zuna : lock", nullptr, nullptr},
+        {"iot_zuna 02:00:00:02:00:01:ff:ff lock", nullptr, nullptr}, // longer than any client's
     };
     for (const Row &row : rows) {
         std::map<std::string, std::string> packages;
@@ -278,6 +279,24 @@ TEST_F(PreClientTest, IotDevices) {
         EXPECT_STREQ(client(0).iot_category, row.category);
         EXPECT_EQ(client(0).is_iotdevice, row.module != nullptr);
         EXPECT_EQ(client(1).is_iotdevice, 0); // not confirmed
+    }
+}
+
+// A package that is not there is told once a snapshot, however many clients there are, and is no news in the
+// next.
+TEST_F(PreClientTest, AMissingPackageOfIotDevicesIsToldOnce) {
+    fake_services["tfstats.get"] = tfstats(2, tfs_entries({"02:00:00:02:00:01", "02:00:00:02:00:02"}));
+    root.remove("/etc/config/iot_zuna");
+    const OutputCapture output;
+    for (int cycle = 0; cycle < 2; ++cycle) {
+        const TelemetryRepeatTopic topic("snapshot");
+        topic.ran();
+        EXPECT_EQ(telemetry_pre_clients_info(), 0);
+        EXPECT_TRUE(client(0).is_exist == 1 && client(1).is_exist == 1);
+        const std::string text = output.text();
+        const size_t told = text.find("uci_load failed, package=");
+        EXPECT_NE(told, std::string::npos);
+        EXPECT_EQ(told, text.rfind("uci_load failed, package=")) << text;
     }
 }
 

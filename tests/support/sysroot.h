@@ -122,8 +122,7 @@ class OutputCapture {
         saved_ = dup(fd_);
         dup2(fileno(file_), fd_);
         // Nothing was said before.
-        telemetry_repeat_next_cycle();
-        telemetry_repeat_next_cycle();
+        telemetry_repeat_forget();
     }
     ~OutputCapture() {
         fflush(stream_);
