@@ -73,16 +73,6 @@ TEST_F(TelemetryUciTest, SourcesAreDirectories) {
         telemetry_get_uci_value("telemetry", "s", "o", buffer, sizeof(buffer), c.source);
         EXPECT_STREQ(buffer, c.written);
     }
-    // Where one is none, another is not used in its place.
-    const std::string system = root.read(cases[1].path);
-    for (const auto &c : cases) {
-        const std::string directory = std::filesystem::path(c.path).parent_path();
-        root.remove(directory);
-        root.write(directory, "no directory");
-        EXPECT_EQ(telemetry_uci_alloc_context(c.source), nullptr) << directory;
-        EXPECT_NE(telemetry_set_uci_value("telemetry", "s", "o", "lost", c.source), 0);
-        EXPECT_EQ(c.source == TELEMETRY_UCI_BACKUP ? root.read(cases[1].path) : system, system);
-    }
 }
 
 TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
