@@ -235,3 +235,41 @@ std::string report_records(const std::vector<lab::CloudRecord> &records, const l
     }
     return text;
 }
+
+std::string left_behind_text(const cJSON *status, const std::vector<lab::CloudRecord> &records) {
+    const auto member = [](const cJSON *object, const char *name) {
+        return cJSON_GetObjectItemCaseSensitive(object, name);
+    };
+    const cJSON *counters = member(status, "counters");
+    const double collected = lab::json_number(counters, "records", -1);
+    const auto uploaded = static_cast<double>(records.size());
+    if (collected < 0)
+        return "how many records were collected is not known: the daemon does not tell its status\n";
+    if (collected <= uploaded)
+        return "";
+    std::string names;
+    const cJSON *module;
+    cJSON_ArrayForEach(module, member(member(status, "last_collection"), "modules")) {
+        const auto arrived = [&](const lab::CloudRecord &record) { return record.eid == module->string; };
+        if (lab::json_number(module, "items") > 0 && std::none_of(records.begin(), records.end(), arrived))
+            names += (names.empty() ? "" : ", ") + std::string(module->string);
+    }
+    // The daemon's counters of what it drops, in its order.
+    static constexpr std::pair<const char *, const char *> kReasons[] = {
+        {"items_shrunk", "the list was longer than 65536 bytes"},
+        {"items_cleared", "dropped by \"clear\""},
+        {"items_in_flight", "collected while an upload was on its way"},
+    };
+    std::string reasons;
+    for (const auto &[counter, reason] : kReasons) {
+        const double items = lab::json_number(counters, counter);
+        if (items > 0)
+            reasons += "; " + std::to_string(static_cast<long>(items)) + " items: " + reason;
+    }
+    const double waiting = lab::json_number(member(status, "list"), "records");
+    if (waiting > 0)
+        reasons += "; " + std::to_string(static_cast<long>(waiting)) + " records wait for the next upload";
+    return "collected but not uploaded: " + std::to_string(static_cast<long>(collected - uploaded)) + " of " +
+           std::to_string(static_cast<long>(collected)) + " records" +
+           (names.empty() ? "" : " (" + names + ")") + reasons + "\n";
+}

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -24,6 +25,7 @@ constexpr int kReadyMs = 60000;
 constexpr int kCycleMs = 180000;
 constexpr int kUploadMs = 20000;
 constexpr size_t kLogTail = 4000;
+constexpr char kStartWish[] = "/lab/start"; // made by who wants the ended daemon of a node again
 
 struct Options {
     std::string scenario = "one";
@@ -124,6 +126,7 @@ void run_once(lab::Lab &lab) {
     std::vector<lab::CloudRecord> records = lab.cloud().records();
     long posts = lab.cloud().count("posts");
     long invalid = lab.cloud().count("invalid_signatures");
+    const lab::BusReply status = lab.node().call_object("telemetry.status", "get");
     printf("\n%s\n", report_records(records, lab.scenario()).c_str());
     if (invalid != 0)
         fail(lab, std::to_string(invalid) + " requests came without a valid signature");
@@ -136,7 +139,25 @@ void run_once(lab::Lab &lab) {
                           std::to_string(status));
     }
     printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
+    printf("%s", left_behind_text(status.json.get(), records).c_str());
     printf("\nThe mesh, as the cloud now knows it\n%s", summary_text(records).c_str());
+}
+
+// What makes the cloud misbehave, a daemon end and start again, and shows what arrived.
+void print_orders(lab::Lab &lab) {
+    const std::string orders = lab.cloud().orders(), root = lab.node().root();
+    for (const char *order : {"down", "up", "expire_keys", "reset"})
+        printf("  curl -d '' %s%s\n", orders.c_str(), order);
+    printf(
+        "  curl -d '{\"call\":\"upload\",\"steps\":[{\"kind\":\"error_code\",\"code\":-10306}]}' %sscript\n",
+        orders.c_str());
+    printf("  curl -d '{\"id\":\"s-2\",\"content\":\"collect_interval_strategy1=1,"
+           "collect_interval_strategy2=60,post_interval=5\"}' %sstrategy\n",
+           orders.c_str());
+    printf("  curl %scounts\n", orders.c_str());
+    printf("  sqlite3 %s 'select eid, payload from records'\n", lab.cloud().database().c_str());
+    printf("  tail -f %s/var/log/messages\n", root.c_str());
+    printf("  kill -9 $(cat %s/lab/daemon.pid); touch %s/lab/start\n\n", root.c_str(), root.c_str());
 }
 
 void print_help(lab::Lab &lab) {
@@ -149,26 +170,60 @@ void print_help(lab::Lab &lab) {
     for (size_t index = 1; index < lab.node_count(); index++)
         printf("Bus of satellite %zu: %s\n", index, lab.node(index).bus_socket().c_str());
     printf("  %s call telemetry debug '{\"level\":\"debug\"}'\n", ubus.c_str());
-    for (const char *method : {"print", "collect_all_next_time", "collect_now", "post_now"})
-        printf("  %s call telemetry %s\n", ubus.c_str(), method);
-    printf("  sqlite3 %s 'select eid, payload from records'\n\n", lab.cloud().database().c_str());
+    printf("  %s subscribe telemetry.status\n", ubus.c_str());
+    for (const char *wish :
+         {"call telemetry.status get", "call telemetry print", "call telemetry collect_all_next_time",
+          "call telemetry collect_now", "call telemetry post_now"})
+        printf("  %s %s\n", ubus.c_str(), wish);
+    print_orders(lab);
     printf("The main node's log follows; Ctrl-C ends the lab.\n");
 }
 
-// Copies the log to the terminal until a signal comes; the daemon's end is a failure.
+std::string end_of(int exit) {
+    return exit < 0 ? "signal " + std::to_string(-exit) : "status " + std::to_string(exit);
+}
+
+// Tells of daemons that have ended, once each, and starts those that somebody wants again.
+class DaemonWatch {
+  public:
+    explicit DaemonWatch(lab::Lab &lab) : lab_(lab), told_(lab.node_count()) {}
+    void look() {
+        for (size_t index = 0; index < told_.size(); index++) {
+            lab::LabNode &node = lab_.node(index);
+            if (node.daemon.running())
+                continue;
+            if (!told_[index])
+                printf("the daemon of node %zu has ended with %s; touch %s%s starts it again\n", index,
+                       end_of(node.daemon.wait(0)).c_str(), node.root().c_str(), kStartWish);
+            told_[index] = !node.exists(kStartWish);
+            if (told_[index])
+                continue;
+            node.remove(kStartWish);
+            node.start_daemon();
+            printf("the daemon of node %zu is started again\n", index);
+        }
+    }
+
+  private:
+    lab::Lab &lab_;
+    std::vector<bool> told_;
+};
+
+// Copies the log to the terminal until a signal comes.
 void follow(lab::Lab &lab) {
     size_t shown = 0;
+    DaemonWatch watch(lab);
     lab::wait_until(
         [&] {
             std::string news = lab.node().console(shown);
             fwrite(news.data(), 1, news.size(), stdout);
             fflush(stdout);
             shown += news.size();
+            watch.look();
             usleep(200000);
-            return !lab.node().daemon.running();
+            return false;
         },
         INT32_MAX);
-    throw std::runtime_error("the daemon ended");
 }
 
 void run(const Options &options) {

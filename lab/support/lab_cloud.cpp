@@ -106,6 +106,10 @@ std::string LabCloud::page() const {
     return "http://127.0.0.1:" + std::to_string(page_port_) + "/";
 }
 
+std::string LabCloud::orders() const {
+    return "http://127.0.0.1:" + std::to_string(control_port_) + "/";
+}
+
 std::string LabCloud::ca_certificate() const {
     return read_file(directory_ + "/ca.cer");
 }

@@ -39,6 +39,7 @@ class LabCloud {
     }
     std::string address() const; // "127.0.0.1:PORT"
     std::string page() const;    // address of the page that shows what it received
+    std::string orders() const;  // address of the control port
     std::string ca_certificate() const;
     std::string database() const;
 

@@ -50,9 +50,15 @@ std::atomic<bool> interrupted = false;
 } // namespace
 
 JsonTree parse_json(const std::string &text, const std::string &what) {
-    JsonTree tree(cJSON_Parse(text.c_str()));
-    if (!tree)
-        throw std::runtime_error(what + ": not JSON");
+    const char *end = nullptr;
+    JsonTree tree(cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, &end, 0));
+    if (!tree) {
+        const auto at = text.begin() + std::clamp<long>(end ? end - text.c_str() : 0, 0, std::ssize(text));
+        const auto line_begin = std::find(std::make_reverse_iterator(at), text.rend(), '\n').base();
+        throw std::runtime_error(what + ": not JSON at line " +
+                                 std::to_string(std::count(text.begin(), at, '\n') + 1) + ", column " +
+                                 std::to_string(at - line_begin + 1));
+    }
     return tree;
 }
 

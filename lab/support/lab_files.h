@@ -18,7 +18,7 @@ struct JsonDelete {
 };
 using JsonTree = std::unique_ptr<cJSON, JsonDelete>;
 
-// Parses `text`; throws with `what` in the message when it is not JSON.
+// Parses `text`; throws with `what`, line and column in the message when it is not JSON.
 JsonTree parse_json(const std::string &text, const std::string &what);
 // Compact text of a tree.
 std::string print_json(const cJSON *tree);

@@ -120,6 +120,7 @@ void LabNode::start_daemon() {
         env.emplace_back("ASAN_OPTIONS", options + (options.empty() ? "" : ":") + "verify_asan_link_order=0");
     }
     daemon.start({{bin_dir_ + "/telemetry"}, env, root_ + "/lab/daemon.log"});
+    write_file(root_ + "/lab/daemon.pid", std::to_string(daemon.pid()) + "\n");
 }
 
 std::string LabNode::clock_file() const {

@@ -1,5 +1,6 @@
 #include "lab_scenario.h"
 
+#include <filesystem>
 #include <set>
 #include <stdexcept>
 
@@ -101,6 +102,20 @@ void put_over(cJSON *target, const cJSON *changes) {
     }
 }
 
+std::string shipped_scenarios() {
+    std::set<std::string> names;
+    std::error_code error;
+    for (const auto &entry :
+         std::filesystem::directory_iterator(std::string(LAB_SOURCE_DIR) + "/scenarios", error)) {
+        if (entry.path().extension() == ".json")
+            names.insert(entry.path().stem());
+    }
+    std::string text;
+    for (const std::string &name : names)
+        text += (text.empty() ? " " : ", ") + name;
+    return text;
+}
+
 } // namespace
 
 const ScenarioNode *Scenario::node(const std::string &device_id) const {
@@ -114,6 +129,7 @@ const ScenarioNode *Scenario::node(const std::string &device_id) const {
 Scenario scenario_parse(const std::string &text, const std::string &what) {
     Scenario scenario;
     scenario.json = parse_json(text, what);
+    scenario_check(scenario.json.get(), what);
     scenario.name = json_text(scenario.json.get(), "name", "unnamed");
     scenario.description = json_text(scenario.json.get(), "description");
 
@@ -149,7 +165,7 @@ std::string scenario_path(const std::string &name_or_file) {
 Scenario scenario_load(const std::string &name_or_file, const std::vector<std::string> &changes) {
     std::string path = scenario_path(name_or_file);
     if (!file_exists(path))
-        wrong(path, "no such scenario");
+        wrong(path, "no such scenario; shipped are" + shipped_scenarios() + ", or give a file");
     if (changes.empty())
         return scenario_parse(read_file(path), path);
     JsonTree tree = parse_json(read_file(path), path);

@@ -22,8 +22,7 @@ struct ScenarioNode {
     std::string parent; // device id of the node it hangs from, empty on the main node
     int wan_port = -1;
     std::vector<ScenarioPort> ports;
-    const cJSON *json =
-        nullptr; // "radios", "uplink", "low_power", "getfirm", "config", "files", "faults", ...
+    const cJSON *json = nullptr; // "driver", "low_power", "getfirm", "config", "files", "faults", ...
 };
 
 struct ScenarioClient {
@@ -51,6 +50,8 @@ struct Scenario {
     const ScenarioNode *node(const std::string &device_id) const;
 };
 
+// Throws std::runtime_error that names a member that no scenario has, a MAC or a strategy that is none.
+void scenario_check(const cJSON *scenario, const std::string &what);
 // Parses a scenario; throws std::runtime_error that names what is wrong (no node, a duplicate id, an unknown
 // node, ...).
 Scenario scenario_parse(const std::string &text, const std::string &what = "scenario");

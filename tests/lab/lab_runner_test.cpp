@@ -36,6 +36,12 @@ TEST_P(LabRunnerTest, LeavesNothingBehindWhateverEndsIt) {
     ASSERT_TRUE(lab::file_exists(directory + "/n0/var/run/ubus.sock"));
     ASSERT_GE(processes_of(directory), 3); // cloud, bus, daemon
 
+    // A daemon that somebody kills is told of and started again.
+    kill(std::stoi(lab::read_file(directory + "/n0/lab/daemon.pid")), SIGKILL);
+    lab::write_file(directory + "/n0/lab/start", "");
+    const auto told = [&] { return lab::read_file(output).find("started again") != std::string::npos; };
+    EXPECT_TRUE(lab::wait_until(told, 10000)) << lab::read_file(output);
+
     runner.signal(GetParam());
     int exit = runner.wait(20000);
     EXPECT_EQ(exit, GetParam() == SIGKILL ? -SIGKILL : 0) << lab::read_file(output);
@@ -47,12 +53,16 @@ INSTANTIATE_TEST_SUITE_P(Signals, LabRunnerTest, testing::Values(SIGINT, SIGKILL
 
 TEST(LabScenarioTest, SaysWhatIsWrong) {
     const std::pair<const char *, const char *> cases[] = {
-        {"{", "not JSON"},
+        {"{\n \"nodes\": ?}", "not JSON at line 2, column 11"},
         {"{}", "main node first"},
         {R"({"nodes":[{"device_id":"a b"}]})", "letters, digits"},
         {R"({"nodes":[{"device_id":"A"},{"device_id":"A"}]})", "two nodes"},
         {R"({"nodes":[{"device_id":"A"},{"device_id":"B","parent":"C"}]})", "unknown node C"},
-        {R"({"nodes":[{"device_id":"A"}],"clients":[{"mac":"m","node":"B"}]})", "client m"},
+        {R"({"nodes":[{"device_id":"A"}],"clients":[{"mac":"02:00:00:02:00:01","node":"B"}]})", "client 02:"},
+        {R"({"nodes":[{"device_id":"A","modell":"M5"}]})", "a node has no member \"modell\""},
+        {R"({"nodes":[{"device_id":"A","mac":"02:00:00:01:00:0g"}]})", "no MAC address"},
+        {R"({"nodes":[{"device_id":"A"}],"cloud":{"strategy":{"id":"s","content":"post_interval=5"}}})",
+         "strategy's \"content\""},
     };
     for (const auto &[text, message] : cases) {
         try {
