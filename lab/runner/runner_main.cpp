@@ -126,7 +126,7 @@ void run_once(lab::Lab &lab) {
     std::vector<lab::CloudRecord> records = lab.cloud().records();
     long posts = lab.cloud().count("posts");
     long invalid = lab.cloud().count("invalid_signatures");
-    const lab::BusReply status = lab.node().call_object("telemetry.status", "get");
+    const lab::BusReply told = lab.node().call_object("telemetry.status", "get");
     printf("\n%s\n", report_records(records, lab.scenario()).c_str());
     if (invalid != 0)
         fail(lab, std::to_string(invalid) + " requests came without a valid signature");
@@ -139,7 +139,7 @@ void run_once(lab::Lab &lab) {
                           std::to_string(status));
     }
     printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
-    printf("%s", left_behind_text(status.json.get(), records).c_str());
+    printf("%s", left_behind_text(told.json.get(), records).c_str());
     printf("\nThe mesh, as the cloud now knows it\n%s", summary_text(records).c_str());
 }
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <initializer_list>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 
@@ -14,49 +14,26 @@ namespace {
 
 struct ObjectForm {
     std::string_view name;
-    std::initializer_list<std::string_view> members;
+    std::string_view members; // their names, each between two blanks
 };
 
-constexpr ObjectForm kScenario = {
-    "the scenario",
-    {"name", "description", "nodes", "clients", "config", "profile", "files", "cloud", "sync"}};
+constexpr ObjectForm kScenario = {"the scenario",
+                                  " name description nodes clients config profile files cloud sync "};
 constexpr ObjectForm kNode = {"a node",
-                              {"device_id",  "mac",       "ip",        "model",    "fw_version",
-                               "hw_version", "role",      "work_mode", "nickname", "prefer_connect_device",
-                               "sysmode",    "parent",    "ports",     "driver",   "getfirm",
-                               "ping",       "low_power", "network",   "faults",   "config",
-                               "profile",    "files"}};
+                              " device_id mac ip model fw_version hw_version role work_mode nickname "
+                              "prefer_connect_device sysmode parent ports driver getfirm ping "
+                              "low_power network faults config profile files "};
 constexpr ObjectForm kClient = {"a client",
-                                {"mac",
-                                 "ip",
-                                 "hostname",
-                                 "node",
-                                 "wire_type",
-                                 "connection_type",
-                                 "network_type",
-                                 "client_type",
-                                 "is_guest",
-                                 "is_mlo",
-                                 "signal_level_2g",
-                                 "signal_level_5g",
-                                 "signal_level_6g",
-                                 "retx_byte",
-                                 "rerx_byte",
-                                 "interface",
-                                 "phymode",
-                                 "tx",
-                                 "rx",
-                                 "mld_mac",
-                                 "iot_module",
-                                 "iot_category",
-                                 "in_tfstats",
-                                 "in_client_mgmt"}};
-constexpr ObjectForm kPorts = {"\"ports\"", {"wan", "list"}};
-constexpr ObjectForm kPort = {"a port", {"port", "link", "speed", "type"}};
-constexpr ObjectForm kCloud = {"\"cloud\"", {"strategy", "steps"}};
-constexpr ObjectForm kStrategy = {"\"strategy\"", {"id", "content"}};
-constexpr ObjectForm kSteps = {"\"steps\"", {"key", "strategy", "upload", "connect"}};
-constexpr ObjectForm kSync = {"\"sync\"", {"own_limit_ms", "other_limit_ms"}};
+                                " mac ip hostname node wire_type connection_type network_type "
+                                "client_type is_guest is_mlo signal_level_2g signal_level_5g "
+                                "signal_level_6g retx_byte rerx_byte interface phymode tx rx mld_mac "
+                                "iot_module iot_category in_tfstats in_client_mgmt "};
+constexpr ObjectForm kPorts = {"\"ports\"", " wan list "};
+constexpr ObjectForm kPort = {"a port", " port link speed type "};
+constexpr ObjectForm kCloud = {"\"cloud\"", " strategy steps "};
+constexpr ObjectForm kStrategy = {"\"strategy\"", " id content "};
+constexpr ObjectForm kSteps = {"\"steps\"", " key strategy upload connect "};
+constexpr ObjectForm kSync = {"\"sync\"", " own_limit_ms other_limit_ms "};
 
 constexpr long long kLongestMinutes = 35791; // as milliseconds in 31 bits
 
@@ -70,7 +47,7 @@ class Checker {
             wrong(std::string(form.name) + " is no object");
         const cJSON *item;
         cJSON_ArrayForEach(item, object) {
-            if (std::find(form.members.begin(), form.members.end(), item->string) == form.members.end())
+            if (form.members.find(" " + std::string(item->string) + " ") == form.members.npos)
                 wrong(std::string(form.name) + " has no member \"" + item->string + "\"");
         }
         return object;
