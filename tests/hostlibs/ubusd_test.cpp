@@ -78,21 +78,6 @@ TEST_F(UbusdTest, OnlyTheOwnersAnswerReachesTheCaller) {
     EXPECT_EQ(last_status(peer), 3);
 }
 
-TEST_F(UbusdTest, BrokenFramesEndTheConnection) {
-    const std::pair<const char *, std::string> cases[] = {
-        {"text", "GET / HTTP/1.0\r\n\r\n"},
-        {"version 1", std::string("\x01\x03\0\1\0\0\0\0\0\0\0\4", 12)},
-        {"length below its own header", std::string("\0\x03\0\1\0\0\0\0\0\0\0\3", 12)},
-        {"an id other than 0", std::string("\0\x03\0\1\0\0\0\0\1\0\0\4", 12)},
-        {"a byte over the limit", std::string("\0\x03\0\1\0\0\0\0\0\x10\0\1", 12)},
-    };
-    for (const auto &[name, bytes] : cases) {
-        ubusd_client &broken = *ubusd_client_add(server, -1);
-        ubusd_client_input(broken, bytes);
-        EXPECT_TRUE(broken.doomed) << name;
-    }
-}
-
 TEST_F(UbusdTest, BadRequestsGetAStatus) {
     const std::string unknown_id("\0\0\x12\x67", 4);
     const uint32_t id = htobe32(object);

@@ -1,8 +1,6 @@
 // A commit leaves the old file or the new one, and no change of anybody is lost.
 #include "uci_fixture.h"
 
-#include <sys/stat.h>
-
 namespace {
 
 constexpr char kOld[] = "\nconfig a 'x'\n\toption o 'old'\n\n";
@@ -32,18 +30,6 @@ class UciCommitTest : public UciTest {
         EXPECT_EQ(root.read("/tmp/.uci/p"), "");
     }
 };
-
-TEST_F(UciCommitTest, KeepsModeAndLink) {
-    root.write("/overlay/real", kOld);
-    root.remove("/etc/config/p");
-    std::filesystem::create_symlink(root.path("/overlay/real"), root.path("/etc/config/p"));
-    chmod(root.path("/overlay/real").c_str(), 0640);
-    EXPECT_EQ(set_and_commit("p.x.o=new"), UCI_OK);
-    EXPECT_EQ(root.read("/overlay/real"), kNew);
-    EXPECT_TRUE(std::filesystem::is_symlink(root.path("/etc/config/p")));
-    EXPECT_EQ(std::filesystem::status(root.path("/overlay/real")).permissions(),
-              std::filesystem::perms(0640));
-}
 
 TEST_F(UciCommitTest, AppliesWhatAnOperatorStaged) {
     const struct {

@@ -62,34 +62,6 @@ TEST_F(UciParserTest, ReadsAndWrites) {
     }
 }
 
-TEST_F(UciParserTest, SizesAreBounded) {
-    auto repeated = [](size_t count, const std::string &start, const char *end) {
-        std::string text = "config a x\n";
-        for (size_t i = 0; i < count; i++)
-            text += start + std::to_string(i) + end;
-        return text;
-    };
-    const struct {
-        std::string text;
-        int expected;
-    } cases[] = {
-        {"config a x\noption o '" + std::string(1 << 20, 'v') + "'\n", UCI_OK},
-        {std::string(5 << 20, '\n'), UCI_ERR_PARSE},
-        {repeated(1024, "option o", " v\n"), UCI_OK},
-        {repeated(1025, "option o", " v\n"), UCI_ERR_PARSE},
-        {repeated(16384, "config b #", "\n"), UCI_ERR_PARSE},
-    };
-    for (const auto &[text, expected] : cases) {
-        SCOPED_TRACE(text.substr(0, 40));
-        root.write_config("p", text);
-        auto ctx = context();
-        uci_package *p = nullptr;
-        EXPECT_EQ(uci_load(ctx.get(), "p", &p), expected);
-    }
-    ASSERT_EQ(truncate(root.path("/etc/config/p").c_str(), off_t{1} << 40), 0); // sparse
-    EXPECT_EQ(seen(), "error");
-}
-
 TEST_F(UciParserTest, WhatIsNoFileIsNoPackage) {
     mkfifo(root.path("/etc/config/p").c_str(), 0600); // would block a plain open for ever
     mkdir(root.path("/etc/config/d").c_str(), 0700);
