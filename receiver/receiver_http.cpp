@@ -48,6 +48,12 @@ std::string_view take_until(std::string_view &text, std::string_view end) {
     return taken;
 }
 
+// A lone line feed ends a line for some readers and not for others; a NUL ends a text.
+bool has_control(std::string_view line) {
+    return std::any_of(line.begin(), line.end(),
+                       [](unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7f; });
+}
+
 int hex_value(char c) {
     return c >= '0' && c <= '9'   ? c - '0'
            : c >= 'a' && c <= 'f' ? c - 'a' + 10
@@ -69,6 +75,8 @@ std::string decoded(std::string_view text) {
 }
 
 int parse_request_line(std::string_view line, HttpRequest &request) {
+    if (has_control(line))
+        return 400;
     request.method = take_until(line, " ");
     std::string_view target = take_until(line, " ");
     if (request.method.empty() || target.empty() || target.front() != '/')
@@ -121,7 +129,7 @@ int http_parse_head(std::string_view head, HttpRequest &request) {
         std::string_view line = take_until(head, "\r\n");
         const size_t colon = line.find(':');
         // A blank in front of the colon, or a continued line, is read in more than one way elsewhere.
-        if (colon == line.npos || colon == 0 || line.find_first_of(" \t") < colon)
+        if (colon == line.npos || colon == 0 || line.find_first_of(" \t") < colon || has_control(line))
             return 400;
         if (request.headers.size() >= kMaxHeaders)
             return 431;
