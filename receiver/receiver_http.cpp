@@ -92,7 +92,8 @@ int parse_request_line(std::string_view line, HttpRequest &request) {
 int parse_length(const HttpRequest &request, std::string_view text, size_t &size) {
     if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != text.npos)
         return 400;
-    const size_t value = std::stoull(std::string(text));
+    const auto value = static_cast<size_t>(
+        std::min<unsigned long long>(std::stoull(std::string(text)), SIZE_MAX)); // refused as too long, then
     // Two lengths that differ are an attempt to say two things to two readers.
     const auto same = [](const auto &header) { return same_name(header.first, "Content-Length"); };
     if (std::count_if(request.headers.begin(), request.headers.end(), same) > 1 && value != size)

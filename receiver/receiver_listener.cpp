@@ -73,7 +73,8 @@ size_t connections_that_fit(size_t wanted) {
         setrlimit(RLIMIT_NOFILE, &limit);
         getrlimit(RLIMIT_NOFILE, &limit);
     }
-    return std::min<size_t>(wanted, limit.rlim_cur > 2 * kOthers ? limit.rlim_cur - kOthers : kOthers);
+    const rlim_t left = limit.rlim_cur > 2 * kOthers ? limit.rlim_cur - kOthers : kOthers;
+    return static_cast<size_t>(std::min<rlim_t>(wanted, left));
 }
 
 } // namespace

@@ -213,7 +213,7 @@ std::string Page::series(const HttpRequest &request) {
     std::reverse(all.begin(), all.end());
     size_t bytes = 0;
     for (const SqlRow &row : all)
-        bytes += strtoull(row[1].c_str(), nullptr, 10);
+        bytes += static_cast<size_t>(strtoull(row[1].c_str(), nullptr, 10));
     size_t step = (all.size() + kMaxPoints - 1) / kMaxPoints;
     step = std::max(step, (bytes + kMaxSeriesBytes - 1) / kMaxSeriesBytes);
     std::string ids;

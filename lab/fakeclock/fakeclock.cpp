@@ -66,8 +66,8 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept {
     const bool monotonic = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_RAW;
     if (result == 0 && monotonic && ahead_ms != nullptr) {
         const int64_t ahead = ahead_ms->load(std::memory_order_relaxed);
-        now->tv_sec += ahead / 1000;
-        now->tv_nsec += ahead % 1000 * 1000000;
+        now->tv_sec += static_cast<time_t>(ahead / 1000);
+        now->tv_nsec += static_cast<long>(ahead % 1000 * 1000000);
         if (now->tv_nsec >= 1000000000) {
             now->tv_nsec -= 1000000000;
             now->tv_sec++;

@@ -85,7 +85,7 @@ TEST_F(PostRequestTest, signature_covers_body_time_and_path) {
     cJSON_ArrayForEach(vector, vectors.get()) {
         const cJSON *time = cJSON_GetObjectItem(vector, "time");
         // Beyond 32 bits the id begins anew.
-        clock_value = static_cast<time_t>(time->valuedouble) + (int64_t{1} << 32);
+        clock_value = static_cast<time_t>(static_cast<int64_t>(time->valuedouble) + (int64_t{1} << 32));
         PostRequest *request = telemetry_post_alloc_request(&ctx);
         request->header_count = 1;
         copy_text(ctx.access_key, json_text(vector, "key"));
