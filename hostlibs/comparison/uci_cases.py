@@ -41,8 +41,9 @@ PIECES = ["config", "option", "list", "package", "c", "o", "l", "p", "conf", "'c
 NOT_COMPARED = [
     # The list of commands and options is ours in words and order.
     (re.compile(r"Usage: uci .*", re.DOTALL), "(usage)"),
-    # After a parse error the original repeats its details behind every later error of the same process.
-    (re.compile(r"^(uci: (?!Parse error)[^(\n]*?)( \(.*\) at line \d+, byte \d+)?\n\n", re.MULTILINE), r"\1\n"),
+    # After a parse error the original repeats its details behind every later error of the same process, and an empty line
+    # more each time.
+    (re.compile(r"^(uci: (?!Parse error)[^(\n]*?)( \(.*\) at line \d+, byte \d+)?\n\n+", re.MULTILINE), r"\1\n"),
 ]
 
 
