@@ -220,6 +220,13 @@ def staged_contents(case):
     return [content for name, content in case["files"].items() if name.split("/")[0] in ("staged", "own", "other")]
 
 
+def ends_quoted(content):
+    """Whether some line of a staged file, read as the start of a change, leaves a quote open."""
+    lines = content.split(b"\n")
+    rests = [b"\n".join(lines[i:]) for i in range(len(lines))]
+    return any(rest.count(b"'") % 2 or rest.count(b'"') % 2 for rest in rests)
+
+
 def known_class(case, label, ours, original):
     commands = {command_of(words) for words, _ in case["steps"]}
     staged = staged_contents(case)
@@ -228,13 +235,12 @@ def known_class(case, label, ours, original):
         return ZERO_BYTE
     if "Parse error" in (original or "") and any(re.search(rb"='[^'\n]*['\"\\#;]", content) for content in staged):
         return MARKED_TYPE
-    cut = any(not content.endswith(b"\n") or content.count(b"'") % 2 or content.count(b'"') % 2 for content in staged)
+    cut = any(not content.endswith(b"\n") or ends_quoted(content) for content in staged)
     if cut and commands - {"show", "get", "export", "changes", "commit", "revert"}:
         return CUT_STAGED
-    if label.split("/")[0] in ("staged", "own"):
-        if commands & {"revert", "batch"} and any(re.search(rb"^.?(?!p\.)[^'\n]*\.", content, re.MULTILINE)
-                                                  for content in staged):
-            return FOREIGN_LINE
+    reverts = "revert" in commands or any(b"revert" in text for _, text in case["steps"])
+    if reverts and any(re.search(rb"^.?(?!p\.)[^'\n]*\.", content, re.MULTILINE) for content in staged):
+        return FOREIGN_LINE
     if re.search("^config '", ours or "", re.MULTILINE):
         return MARKED_TYPE
     return None

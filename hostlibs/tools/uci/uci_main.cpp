@@ -76,7 +76,9 @@ int run_batch(const cli &c) {
             argv[i] = words[i].data();
         cli with_line = c;
         with_line.line = reader.line();
-        if (run_command(with_line, static_cast<int>(words.size()), argv.data()) == wrong_usage)
+        if (words[0] == "help")
+            print_usage();
+        else if (run_command(with_line, static_cast<int>(words.size()), argv.data()) == wrong_usage)
             complain(c, "Unknown command");
         uci_element *e, *next;
         uci_foreach_element_safe(&c.ctx->root, next, e) uci_unload(c.ctx, uci_to_package(e));
