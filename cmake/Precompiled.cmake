@@ -1,5 +1,6 @@
 # Builds with sanitizers are built often and never shipped: there the C++ library's headers, most of what a file takes to
-# compile, are compiled once for all. The other builds see to it that each file includes what it needs.
+# compile, are compiled once for all. The other builds see to it that each file of daemon, base libraries, lab and receiver
+# includes what it needs.
 #   add_precompiled(NAME LIBRARIES... HEADERS...)   the headers, as the users of these libraries compile them
 #   use_precompiled(TARGET NAME)
 function(add_precompiled name)

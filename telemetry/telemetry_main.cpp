@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "restart_info.h"
+#include "telemetry_ca.h"
 #include "telemetry_collect.h"
 #include "telemetry_command.h"
 #include "telemetry_figures.h"
@@ -80,6 +81,21 @@ void telemetry_remove_heartbeat_timeout_file() {
     if (telemetry_command_run(remove, kCommandLimitMs, nullptr, &status) != TELEMETRY_COMMAND_ENDED ||
         status != 0)
         LOG_ERROR("remove %s failed", kHeartbeatTimeoutPath);
+}
+
+// --- Options that may change while the daemon runs ---
+
+void telemetry_load_options() {
+    telemetry_load_log_options();
+    telemetry_load_ca_file();
+}
+
+void telemetry_reload(TelemetryCtx *ctx) {
+    // Without the option the level is the start's again, whatever an order over the bus made of it.
+    telemetry_debug_level = TELEMETRY_LOG_INFO;
+    telemetry_load_options();
+    telemetry_load_cloud_url(ctx);
+    LOG_INFO("configuration read again, uploads go to %.256s", ctx->post_api);
 }
 
 // --- Steps of telemetry_init_ctx ---
@@ -366,7 +382,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     uloop_init();
     const bool initialised = telemetry_init_ctx(ctx) == 0;
     if (initialised) {
-        telemetry_check_identity(ctx);
+        telemetry_drop_foreign_key(ctx);
         telemetry_count_daemon_start();
     }
     if (!initialised || telemetry_init_ubus(ctx) != 0) {
@@ -376,7 +392,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     LOG_INFO("telemetry %s on the %s node, uploads go to %.256s", TELEMETRY_VERSION,
              check_if_device_is_FAP() ? "main" : "satellite", ctx->post_api);
     signals.release_in_loop();
-    telemetry_watch_reload(ctx);
+    telemetry_watch_reload(ctx, telemetry_reload);
     telemetry_post_state_FSM(ctx);
     uloop_run();
 

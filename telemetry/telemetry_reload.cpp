@@ -5,14 +5,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "telemetry_ca.h"
 #include "telemetry_log.h"
-#include "telemetry_main.h"
 #include "telemetry_repeat.h"
 
 // The signal's handler writes, the loop reads; both ends never block.
 static int wish_ends[2] = {-1, -1};
 static TelemetryCtx *reload_ctx;
+static void (*reload)(TelemetryCtx *ctx);
 
 static void note_wish(int) {
     const int error = errno;
@@ -27,15 +26,10 @@ static void answer_wishes(uloop_fd *, unsigned) {
     while (read(wish_ends[0], wishes, sizeof(wishes)) > 0)
         asked = true;
     if (asked)
-        telemetry_reload(reload_ctx);
+        reload(reload_ctx);
 }
 
 static uloop_fd wish_watch;
-
-void telemetry_load_options() {
-    telemetry_load_log_options();
-    telemetry_load_ca_file();
-}
 
 void telemetry_catch_reload_signal() {
     if (wish_ends[0] < 0 && pipe2(wish_ends, O_NONBLOCK | O_CLOEXEC) != 0) {
@@ -49,8 +43,9 @@ void telemetry_catch_reload_signal() {
     sigaction(SIGHUP, &action, nullptr);
 }
 
-void telemetry_watch_reload(TelemetryCtx *ctx) {
+void telemetry_watch_reload(TelemetryCtx *ctx, void (*answer)(TelemetryCtx *ctx)) {
     reload_ctx = ctx;
+    reload = answer;
     wish_watch.fd = wish_ends[0];
     wish_watch.cb = answer_wishes;
     if (wish_watch.fd >= 0)
@@ -60,13 +55,4 @@ void telemetry_watch_reload(TelemetryCtx *ctx) {
 void telemetry_unwatch_reload() {
     if (wish_watch.fd >= 0)
         uloop_fd_delete(&wish_watch);
-}
-
-void telemetry_reload(TelemetryCtx *ctx) {
-    // Without the option the level is the start's again, whatever an order over the bus made of it.
-    telemetry_debug_level = TELEMETRY_LOG_INFO;
-    telemetry_load_options();
-    telemetry_repeat_forget(); // what is missing still is worth a line again
-    telemetry_load_cloud_url(ctx);
-    LOG_INFO("configuration read again, uploads go to %.256s", ctx->post_api);
 }

@@ -102,10 +102,10 @@ void LabNode::start_services() {
 void LabNode::start_daemon() {
     auto env = environment();
     std::string preloads;
+    // By name: the list of preloaded libraries would end a path at a blank.
     const auto preload = [&](const char *library) {
-        const std::string path = bin_dir_ + "/" + library;
-        if (file_exists(path))
-            preloads += (preloads.empty() ? "" : ":") + path;
+        if (file_exists(bin_dir_ + "/" + library))
+            preloads += (preloads.empty() ? "" : ":") + std::string(library);
     };
     preload("libfakewifi.so");
     preload("libfakelog.so");
@@ -115,6 +115,7 @@ void LabNode::start_daemon() {
     }
     if (!preloads.empty()) {
         env.emplace_back("LD_PRELOAD", preloads);
+        env.emplace_back("LD_LIBRARY_PATH", bin_dir_ + ":" + variable("LD_LIBRARY_PATH"));
         // A sanitizer's runtime cannot be the first library then, and need not be: these wrap single calls.
         std::string options = variable("ASAN_OPTIONS");
         env.emplace_back("ASAN_OPTIONS", options + (options.empty() ? "" : ":") + "verify_asan_link_order=0");

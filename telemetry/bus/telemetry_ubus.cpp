@@ -12,12 +12,12 @@
 #include "telemetry_post.h"
 #include "telemetry_repeat.h"
 #include "telemetry_status.h"
+#include "telemetry_ubus_query.h"
 
 static constexpr int kReconnectMs = 2000;
 // A bus that drops the connection sooner than this after it was made is not tried again at once.
 static constexpr int64_t kQuickLossMs = 100;
 
-static TelemetryCtx *telemetry_bus_ctx;
 static ubus_context *telemetry_bus;
 
 // --- Commands ---
@@ -29,7 +29,7 @@ template <BusCommand Command>
 static int ubus_run_command(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
                             blob_attr *) {
     BlobBuffer reply;
-    return telemetry_ubus_reply(bus, request, reply.get(), Command(telemetry_bus_ctx));
+    return telemetry_ubus_reply(bus, request, reply.get(), Command(telemetry_ubus_ctx));
 }
 
 // A query is a topic of its own: what it misses again is no news, on nodes that have no cycles too.
@@ -251,7 +251,7 @@ static bool restore_connection() {
     connected_at_ms = telemetry_monotonic_ms();
     telemetry_figures.bus_reconnections++;
     LOG_INFO("ubus connection is back");
-    telemetry_status_register(telemetry_bus, telemetry_bus_ctx);
+    telemetry_status_register(telemetry_bus, telemetry_ubus_ctx);
     return true;
 }
 
@@ -276,15 +276,6 @@ static void handle_connection_lost(ubus_context *bus) {
 
 // --- Public ---
 
-int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code) {
-    blobmsg_add_u32(reply, "err_code", static_cast<uint32_t>(err_code));
-    return ubus_send_reply(bus, request, reply->head);
-}
-
-TelemetryCtx *telemetry_ubus_ctx() {
-    return telemetry_bus_ctx;
-}
-
 const ubus_object *telemetry_ubus_object() {
     return &telemetry_object;
 }
@@ -297,7 +288,7 @@ int telemetry_init_ubus(TelemetryCtx *ctx) {
         return -1;
     }
     telemetry_bus->connection_lost = handle_connection_lost;
-    telemetry_bus_ctx = ctx;
+    telemetry_ubus_ctx = ctx;
     if (ctx == nullptr) {
         LOG_ERROR("param error");
         return -1;
@@ -319,7 +310,7 @@ void telemetry_free_ubus() {
     if (telemetry_bus != nullptr)
         ubus_free(telemetry_bus);
     telemetry_bus = nullptr;
-    telemetry_bus_ctx = nullptr;
+    telemetry_ubus_ctx = nullptr;
     telemetry_object.id = 0;
     telemetry_object_type.id = 0;
 }

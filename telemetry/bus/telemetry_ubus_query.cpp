@@ -1,6 +1,6 @@
 // The bus methods that answer the main node's queries: each measures this node and replies with what it
 // found, then "err_code", -1 when a part of it could not be had.
-#include "telemetry_ubus.h"
+#include "telemetry_ubus_query.h"
 
 #include <algorithm>
 #include <cstring>
@@ -20,6 +20,13 @@
 #include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
 
+TelemetryCtx *telemetry_ubus_ctx;
+
+int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code) {
+    blobmsg_add_u32(reply, "err_code", static_cast<uint32_t>(err_code));
+    return ubus_send_reply(bus, request, reply->head);
+}
+
 static int reply_failure(ubus_context *bus, ubus_request_data *request) {
     BlobBuffer reply;
     return telemetry_ubus_reply(bus, request, reply.get(), -1);
@@ -28,9 +35,8 @@ static int reply_failure(ubus_context *bus, ubus_request_data *request) {
 // The asking node finds the record of the answer by this.
 static void add_own_mac(blob_buf *reply) {
     char mac[kMacTextSize] = "";
-    const TelemetryCtx *ctx = telemetry_ubus_ctx();
-    if (ctx != nullptr)
-        mac_to_upper_short_line(mac, ctx->dev_mac);
+    if (telemetry_ubus_ctx != nullptr)
+        mac_to_upper_short_line(mac, telemetry_ubus_ctx->dev_mac);
     blobmsg_add_string(reply, "mac", mac);
 }
 

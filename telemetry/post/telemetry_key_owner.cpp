@@ -13,13 +13,10 @@ static bool read_owner(char (&owner)[sizeof(TelemetryCtx::dev_id) + 1]) {
                                    TELEMETRY_UCI_SYSTEM) == 0;
 }
 
-void telemetry_check_identity(TelemetryCtx *ctx) {
+void telemetry_drop_foreign_key(TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
-    if (ctx->dev_id[0] == '\0') {
-        LOG_ERROR("the device has no id: the cloud cannot tell whose records these are");
-        return;
-    }
-    if (ctx->access_key[0] == '\0' || !read_owner(owner) || strcmp(owner, ctx->dev_id) == 0)
+    if (ctx->dev_id[0] == '\0' || ctx->access_key[0] == '\0' || !read_owner(owner) ||
+        strcmp(owner, ctx->dev_id) == 0)
         return;
     LOG_INFO("the access key in the configuration is another device's: a new one is fetched");
     memset(ctx->access_key, 0, sizeof(ctx->access_key));

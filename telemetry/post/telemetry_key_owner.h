@@ -3,10 +3,9 @@
 
 #include "telemetry_ctx.h"
 
-// What the device's id means for what follows, at the start: without one a line says so, since the cloud
-// cannot know whose records come. Drops key and secret from the record when option
-// `telemetry`.`cloud`.`accessDevice` names another device: the state machine then fetches new ones. Without
-// the option the key counts as this device's own.
-void telemetry_check_identity(TelemetryCtx *ctx);
+// Drops key and secret from the record when option `telemetry`.`cloud`.`accessDevice` names another device:
+// the state machine then fetches new ones. Without the option, or without an id of this device, the key
+// counts as its own.
+void telemetry_drop_foreign_key(TelemetryCtx *ctx);
 // Writes this device's id to that option, unless it holds it already.
 void telemetry_keep_key_owner(const TelemetryCtx *ctx);

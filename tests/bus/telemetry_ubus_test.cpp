@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -245,6 +246,9 @@ TEST_F(TelemetryUbusTest, AFailedGreetingCostsNobodyADescriptor) {
         ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
         ASSERT_EQ(listen(listener.get(), 8), 0);
         const pid_t rude = fork();
+        ASSERT_GE(rude, 0);
+        if (rude == 0)
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
         while (rude == 0)
             close(accept(listener.get(), nullptr, nullptr));
         run_loop_shortly();
