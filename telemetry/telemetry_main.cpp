@@ -22,6 +22,7 @@
 #include "telemetry_ubus.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
+#include "wlan_platform.h"
 
 // Room for an option's value, terminator included.
 static constexpr int kOptionSize = 2048;
@@ -88,6 +89,7 @@ void telemetry_remove_heartbeat_timeout_file() {
 void telemetry_load_options() {
     telemetry_load_log_options();
     telemetry_load_ca_file();
+    wlan_load_driver();
 }
 
 void telemetry_reload(TelemetryCtx *ctx) {

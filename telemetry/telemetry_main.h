@@ -25,7 +25,8 @@ int telemetry_get_device_info(TelemetryCtx *ctx);
 // `log_level` ("debug", "info", "error") of `telemetry`.`basic`. A value that is none costs a line and is the
 // default; without a level it stays.
 void telemetry_load_log_options();
-// These and the certificates (`telemetry`.`cloud`.`ca_file`): what is read at the start and at each reload.
+// These, the certificates (`telemetry`.`cloud`.`ca_file`) and the Wi-Fi driver
+// (`telemetry`.`basic`.`wlan_driver`): what is read at the start and at each reload.
 void telemetry_load_options();
 // Reads options and cloud address again. Records, key, strategy and timers stay; a transfer on its way goes
 // on to the address that it was started with.

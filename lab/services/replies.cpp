@@ -110,7 +110,7 @@ void wan6_status(const Scenario &, const ScenarioNode &self, blob_buf *reply) {
 
 } // namespace
 
-const ServiceMethod kServiceMethods[8] = {
+const ServiceMethod kServiceMethods[12] = {
     {"tfstats", "get", tfstats_get, nullptr},
     {"client_mgmt", "get_myself", client_mgmt_get_myself, nullptr},
     {"client_mgmt", "get", client_mgmt_get, nullptr},
@@ -119,6 +119,10 @@ const ServiceMethod kServiceMethods[8] = {
     {"low_power", "telemetry_get", low_power_get, "low_power"},
     {"network.interface.wan", "status", wan_status, "network.wan"},
     {"network.interface.wan6", "status", wan6_status, "network.wan6"},
+    {"iwinfo", "devices", nullptr, "iwinfo", iwinfo_devices},
+    {"iwinfo", "info", nullptr, "iwinfo", iwinfo_info},
+    {"iwinfo", "assoclist", nullptr, "iwinfo", iwinfo_assoclist},
+    {"iwinfo", "survey", nullptr, "iwinfo", iwinfo_survey},
 };
 
 bool service_is_there(const ServiceMethod &method, const ScenarioNode &self) {

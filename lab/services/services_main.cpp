@@ -244,7 +244,7 @@ int Services::serve(ServiceObject &service, ubus_request_data *request, const ch
     const FaultKind kind = kept.fault.kind;
     const bool invented = kind == FaultKind::garbage || kind == FaultKind::nonsense ||
                           kind == FaultKind::reply || kind == FaultKind::empty;
-    if (!invented && known->build == nullptr) {
+    if (!invented && known->build == nullptr && known->asked == nullptr) {
         const int status = forward(kept, message);
         if (status != UBUS_STATUS_OK) {
             pending_.pop_back();
@@ -255,6 +255,8 @@ int Services::serve(ServiceObject &service, ubus_request_data *request, const ch
         blob_buf_init(&reply, 0);
         if (invented)
             fault_make_reply(kept.fault, &reply);
+        else if (known->asked != nullptr)
+            known->asked(*self_, message, &reply);
         else
             known->build(scenario_, *self_, &reply);
         answer(kept, reply.head);

@@ -22,7 +22,7 @@ constexpr ObjectForm kScenario = {"the scenario",
 constexpr ObjectForm kNode = {"a node",
                               " device_id mac ip model fw_version hw_version role work_mode nickname "
                               "prefer_connect_device sysmode parent ports driver getfirm ping "
-                              "low_power network faults config profile files "};
+                              "low_power iwinfo network faults config profile files "};
 constexpr ObjectForm kClient = {"a client",
                                 " mac ip hostname node wire_type connection_type network_type "
                                 "client_type is_guest is_mlo signal_level_2g signal_level_5g "

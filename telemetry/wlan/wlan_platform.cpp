@@ -1,6 +1,35 @@
 #include "wlan_platform.h"
 
+#include <cstring>
+
+#include "telemetry_log.h"
+#include "telemetry_uci.h"
+
 const WlanPlatformOps *wlan_platform_ops = &wlan_platform_ops_mtk;
+
+// A row a driver; the first is the default.
+static constexpr struct {
+    const char *name;
+    const WlanPlatformOps *ops;
+} kDrivers[] = {
+    {"mtk", &wlan_platform_ops_mtk},
+    {"iwinfo", &wlan_platform_ops_iwinfo},
+};
+
+void wlan_load_driver() {
+    char name[64] = {};
+    wlan_platform_ops = kDrivers[0].ops;
+    if (telemetry_get_uci_value("telemetry", "basic", "wlan_driver", name, sizeof(name),
+                                TELEMETRY_UCI_SYSTEM) != 0)
+        return;
+    for (const auto &driver : kDrivers) {
+        if (strcmp(driver.name, name) == 0) {
+            wlan_platform_ops = driver.ops;
+            return;
+        }
+    }
+    LOG_ERROR("telemetry.basic.wlan_driver is no driver that is known: %.32s", name);
+}
 
 // Only the low byte of an operation's result counts: an operation that answers 256 has failed.
 template <auto Slot, typename... Arguments> static int platform_call(Arguments... arguments) {

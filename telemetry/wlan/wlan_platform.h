@@ -1,6 +1,8 @@
 // Questions to the Wi-Fi driver. Collectors call the generic wlan_get_* entries only; the table behind them
-// holds the implementation for the board's chipset. Bands: 0 is 2.4 GHz, 1 is 5 GHz. Every entry gives 1 on
-// success, 0 on failure or when the platform has no such operation.
+// holds the implementation for the board. Bands: 0 is 2.4 GHz, 1 is 5 GHz; a driver may know more and fails
+// for those that it does not. Every entry gives 1 on success, 0 on failure or when the board has no such
+// operation. Units are the records': rates in Mbit/s, signals as dBm + 92, widths in MHz, shares in percent,
+// temperatures in degrees Celsius. Texts of interfaces have 15 characters at most.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +11,9 @@
 struct ClientStaInfo {
     uint8_t mac[6];
     uint8_t mld_mac[6]; // multi-link address; zero when the driver does not tell
-    uint32_t phymode;
-    uint32_t rxrate;
-    uint32_t txrate;
+    uint32_t phymode;   // the records' code, 5 for what the driver cannot name
+    uint32_t rxrate;    // Mbit/s, of what the station sends
+    uint32_t txrate;    // Mbit/s, of what it is sent
     uint8_t is_mlo;
 };
 
@@ -48,14 +50,20 @@ struct WlanPlatformOps {
 extern const WlanPlatformOps *wlan_platform_ops;
 // The MediaTek table (mtk/telemetry_platform_mtk.cpp).
 extern const WlanPlatformOps wlan_platform_ops_mtk;
+// The stock system's, over the bus (iwinfo/telemetry_platform_iwinfo.cpp).
+extern const WlanPlatformOps wlan_platform_ops_iwinfo;
 
-// Chip temperature, in the driver's unit (degrees Celsius on known boards).
+// Puts the table that option `telemetry`.`basic`.`wlan_driver` names into force: "mtk", also without the
+// option, or "iwinfo". Another name costs a line and is mtk.
+void wlan_load_driver();
+
+// Temperature of the radio "wifi0" to "wifi2".
 int wlan_get_device_temperature(const char *ifname, double *temperature);
-// CPU temperature in whole degrees; -1.0 and 0 when it cannot be read.
+// The CPU's, in whole degrees; -1.0 and 0 when it cannot be read.
 int wlan_get_cpu_temperature(double *temperature);
 // Channel of the radio's access point interface.
 int wlan_get_backhaul_ap_channel(uint32_t band, uint32_t *channel);
-// Rates, peer and signal (dBm + 92, modulo 256) of an uplink interface.
+// Rates in Mbit/s, peer and signal (dBm + 92, modulo 256) of an uplink interface.
 int wlan_get_uplink_rate(const char *ifname, BackhaulStats *stats, uint8_t *rssi);
 // Channel utilisation in percent.
 int wlan_get_channel_util(const char *ifname, uint8_t *util, uint32_t band, uint8_t flag);

@@ -1,0 +1,235 @@
+#include "iwinfo_devices.h"
+
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "telemetry_bus_call.h"
+#include "telemetry_json_read.h"
+#include "telemetry_log.h"
+#include "telemetry_paths.h"
+#include "telemetry_repeat.h"
+#include "telemetry_uci.h"
+
+static constexpr int kTimeoutMs = 1000;
+static constexpr int64_t kMaxAgeMs = 5000;
+static constexpr int kMaxDevices = 32;
+static constexpr int kMaxSections = 128;
+static constexpr size_t kMaxReply = 1024 * 1024;
+
+static std::vector<IwinfoDevice> devices;
+static bool devices_are_there;
+static int64_t devices_asked; // ms, 0: never
+
+static int64_t now_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// --- Questions ---
+
+static void keep_reply(blob_attr *message, void *user) {
+    const TextPtr text(message != nullptr ? blobmsg_format_json(message, true) : nullptr);
+    if (text != nullptr && strlen(text.get()) <= kMaxReply)
+        static_cast<JsonPtr *>(user)->reset(cJSON_Parse(text.get()));
+}
+
+// A call that timed out takes the service off the list for the rest of the cycle.
+static JsonPtr call(const char *method, const char *device) {
+    JsonPtr reply;
+    BlobBuffer arguments;
+    if (device != nullptr)
+        blobmsg_add_string(arguments.get(), "device", device);
+    const int64_t begun = now_ms();
+    const TelemetryBusError error = telemetry_bus_call(telemetry_bus_named_socket(), "iwinfo", method,
+                                                       arguments.head(), kTimeoutMs, keep_reply, &reply);
+    if (error == TELEMETRY_BUS_OK && cJSON_IsObject(reply.get()))
+        return reply;
+    if (error == TELEMETRY_BUS_NO_OBJECT)
+        LOG_MISSING("no object iwinfo on the bus");
+    else
+        LOG_MISSING("iwinfo %s of %.16s has no answer that is one", method,
+                    device != nullptr ? device : "all");
+    if (now_ms() - begun >= kTimeoutMs)
+        devices_are_there = false;
+    return nullptr;
+}
+
+static JsonPtr results_of(const JsonPtr &reply, const char *member) {
+    cJSON *object = reply.get();
+    cJSON *list = cJSON_GetObjectItemCaseSensitive(object, member);
+    return JsonPtr(cJSON_IsArray(list) ? cJSON_DetachItemViaPointer(object, list) : nullptr);
+}
+
+JsonPtr iwinfo_ask(const char *device, const char *method) {
+    if (!iwinfo_is_there() || *device == '\0')
+        return nullptr;
+    JsonPtr results = results_of(call(method, device), "results");
+    if (results == nullptr)
+        LOG_MISSING("iwinfo %s of %.16s has no results", method, device);
+    return results;
+}
+
+// --- Configuration ---
+
+// One section wifi-iface.
+struct WirelessSection {
+    std::string ifname, ssid;
+    int band;
+    int network_type;
+    bool is_station;
+};
+
+static std::string option_of(uci_context *uci, uci_section *section, const char *name) {
+    const char *value = uci_lookup_option_string(uci, section, name);
+    return value != nullptr ? value : "";
+}
+
+static int band_of_radio(uci_context *uci, uci_package *package, const std::string &radio) {
+    uci_section *section = uci_lookup_section(uci, package, radio.c_str());
+    if (section == nullptr)
+        return -1;
+    const std::string band = option_of(uci, section, "band"), mode = option_of(uci, section, "hwmode");
+    if (band == "2g" || (band.empty() && (mode == "11g" || mode == "11b")))
+        return 0;
+    if (band == "5g" || (band.empty() && mode == "11a"))
+        return 1;
+    return band == "6g" ? 2 : -1;
+}
+
+static int type_of_network(const std::string &network) {
+    if (network.find("guest") != std::string::npos)
+        return 1;
+    return network.find("iot") != std::string::npos ? 2 : 0;
+}
+
+static std::vector<WirelessSection> read_sections() {
+    std::vector<WirelessSection> sections;
+    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
+    uci_package *package = nullptr;
+    if (!uci || uci_load(uci.get(), "wireless", &package) != UCI_OK) {
+        LOG_MISSING("package wireless cannot be read");
+        return sections;
+    }
+    uci_element *element = nullptr;
+    uci_foreach_element(&package->sections, element) {
+        uci_section *section = uci_to_section(element);
+        if (strcmp(section->type, "wifi-iface") != 0 || option_of(uci.get(), section, "disabled") == "1")
+            continue;
+        if (sections.size() == kMaxSections)
+            break;
+        sections.push_back({option_of(uci.get(), section, "ifname"), option_of(uci.get(), section, "ssid"),
+                            band_of_radio(uci.get(), package, option_of(uci.get(), section, "device")),
+                            type_of_network(option_of(uci.get(), section, "network")),
+                            option_of(uci.get(), section, "mode") == "sta"});
+    }
+    uci_unload(uci.get(), package);
+    return sections;
+}
+
+// --- The list ---
+
+static int band_of_mhz(double mhz) {
+    if (mhz >= 2400 && mhz < 2500)
+        return 0;
+    if (mhz >= 5925)
+        return 2;
+    return mhz >= 4900 ? 1 : -1;
+}
+
+// An interface that no section of the configuration describes has no network.
+static void join_section(IwinfoDevice *device, const char *mode,
+                         const std::vector<WirelessSection> &sections) {
+    for (const WirelessSection &section : sections) {
+        const bool named = section.ifname == device->name;
+        const bool alike = section.ifname.empty() && section.ssid == device->ssid &&
+                           section.band == device->band &&
+                           (mode == nullptr || section.is_station == (strcmp(mode, "Client") == 0));
+        if (!named && !alike)
+            continue;
+        device->is_station = section.is_station;
+        device->network_type = section.is_station ? -1 : section.network_type;
+        if (device->band < 0)
+            device->band = section.band;
+        return;
+    }
+}
+
+static void add_device(const char *name, const std::vector<WirelessSection> &sections) {
+    const JsonPtr info = call("info", name);
+    if (info == nullptr)
+        return; // gone since the list was made
+    IwinfoDevice device = {name, "", "", -1, 0, 0, -1, false};
+    const char *ssid = json_text(info.get(), "ssid"), *htmode = json_text(info.get(), "htmode");
+    device.ssid = ssid != nullptr ? ssid : "";
+    device.htmode = htmode != nullptr ? htmode : "";
+    int64_t frequency = 0, channel = 0;
+    json_int64(info.get(), "frequency", &frequency);
+    json_int64(info.get(), "channel", &channel);
+    device.mhz = static_cast<double>(frequency);
+    device.channel = channel > 0 && channel < 1000 ? static_cast<int>(channel) : 0;
+    device.band = band_of_mhz(device.mhz);
+    join_section(&device, json_text(info.get(), "mode"), sections);
+    devices.push_back(device);
+}
+
+static void ask_devices() {
+    devices.clear();
+    const JsonPtr names = results_of(call("devices", nullptr), "devices");
+    devices_are_there = names != nullptr;
+    if (!devices_are_there)
+        return;
+    const std::vector<WirelessSection> sections = read_sections();
+    int seen = 0;
+    const cJSON *name = nullptr;
+    cJSON_ArrayForEach(name, names.get()) {
+        if (!devices_are_there)
+            return; // it stopped answering
+        if (seen++ == kMaxDevices) {
+            LOG_MISSING("iwinfo has more than %d devices, the rest is left out", kMaxDevices);
+            return;
+        }
+        if (cJSON_IsString(name) && strlen(name->valuestring) < 16)
+            add_device(name->valuestring, sections);
+    }
+}
+
+bool iwinfo_is_there() {
+    const int64_t now = now_ms();
+    if (devices_asked == 0 || now - devices_asked > kMaxAgeMs) {
+        ask_devices();
+        devices_asked = now_ms();
+    }
+    return devices_are_there;
+}
+
+void iwinfo_forget_devices() {
+    devices.clear();
+    devices_asked = 0;
+}
+
+template <typename Fits> static const IwinfoDevice *find_device(Fits fits) {
+    if (!iwinfo_is_there())
+        return nullptr;
+    for (const IwinfoDevice &device : devices) {
+        if (fits(device))
+            return &device;
+    }
+    return nullptr;
+}
+
+const IwinfoDevice *iwinfo_find_ap(int band, int network_type) {
+    return find_device([&](const IwinfoDevice &device) {
+        return device.band == band && device.network_type >= 0 &&
+               (network_type < 0 || device.network_type == network_type);
+    });
+}
+
+const IwinfoDevice *iwinfo_find_station(int band) {
+    return find_device([&](const IwinfoDevice &device) { return device.band == band && device.is_station; });
+}
+
+const IwinfoDevice *iwinfo_find_device(const char *name) {
+    return find_device([&](const IwinfoDevice &device) { return device.name == name; });
+}
