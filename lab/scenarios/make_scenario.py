@@ -1,8 +1,11 @@
 #!/usr/bin/env python3
 """Writes a scenario of any size: make_scenario.py NAME SATELLITES CLIENTS [IOT] > NAME.json
 
-home.json   is  make_scenario.py home 2 25 6
-large.json  is  make_scenario.py large 8 512 96
+home.json         is  make_scenario.py home 2 25 6
+home_iwinfo.json  is  make_scenario.py home_iwinfo 2 25 6
+large.json        is  make_scenario.py large 8 512 96
+
+A name that ends in _iwinfo gives the mesh of the name before it, whose nodes tell of their Wi-Fi through iwinfo.
 
 The same arguments give the same file. A client a line, so that a change of one shows as one line."""
 import json
@@ -117,8 +120,50 @@ def client(rng, number, ids, is_iot):
     return entry
 
 
+def rates(tx, rx, phymode):
+    mode = {"ht": phymode == 1, "vht": phymode == 2, "he": phymode == 3}
+    return {"tx": {"rate": tx * 1000, "mhz": 80, **mode}, "rx": {"rate": rx * 1000, "mhz": 80, **mode}}
+
+
+def tell_through_iwinfo(entry, clients):
+    """Puts the node's Wi-Fi behind the bus object of a stock system, with the same figures."""
+    driver = entry.pop("driver")["interfaces"]
+    devices, wireless = {}, {}
+    for radio, prefix, uplink, band, mhz in ((0, "ra", "apcli0", "2g", 2437), (1, "rax", "apclix0", "5g", 5220)):
+        wireless["radio%d" % radio] = {"_type": "wifi-device", "band": band}
+        channel = driver[prefix + "0"]
+        info = {"channel": channel["channel"], "frequency": mhz, "htmode": "HE80" if radio else "HE20",
+                "noise": -95, "hwmode": "ax"}
+
+        def add(name, mode, network, stations, busy):
+            devices[name] = {"info": {"ssid": "Lab_" + network, "mode": mode, **info}, "assoclist": stations,
+                             "survey": [{"mhz": mhz, "noise": -95, "active_time": 1000000, "busy_time": busy * 10000}]}
+            wireless[name.replace("-", "_")] = {
+                "_type": "wifi-iface", "device": "radio%d" % radio, "mode": "sta" if mode == "Client" else "ap",
+                "network": network, "ssid": "Lab_" + network}
+
+        for number, network in enumerate(("lan", "guest", "iot")):
+            name = "%s%d" % (prefix, AP_DIGIT[number])
+            add("phy%d-ap%d" % (radio, number), "Master", network,
+                [{"mac": one["mac"].upper(), "signal": -50, "noise": -95, "inactive": 20,
+                  **rates(one["tx"], one["rx"], one["phymode"])}
+                 for one in clients if one["node"] == entry["device_id"] and one.get("interface") == name],
+                channel["utilisation"])
+        if uplink in driver:
+            parent = driver[uplink]["uplink"]
+            add("phy%d-sta0" % radio, "Client", "lan",
+                [{"mac": parent["mac"].upper(), "signal": parent["rssi"], **rates(parent["tx"], parent["rx"], 3)}],
+                driver[uplink]["utilisation"])
+    entry["iwinfo"] = devices
+    entry["config"] = {"telemetry": {"basic": {"wlan_driver": "iwinfo"}}, "wireless": wireless}
+    temperature = "%d000\n" % driver["ra0"]["temperature"]
+    entry["files"] = {**entry.get("files", {}), "/tmp/fakewifi.json": None,
+                      **{"/sys/class/ieee80211/phy%d/device/hwmon/hwmon0/temp1_input" % phy: temperature
+                         for phy in range(3)}}
+
+
 def main(name, satellites, clients, iot):
-    rng = random.Random(name)
+    rng = random.Random(name.removesuffix("_iwinfo"))
     ids = ["%016X" % rng.getrandbits(64) for _ in range(satellites + 1)]
     scenario = {
         "name": name,
@@ -127,8 +172,12 @@ def main(name, satellites, clients, iot):
                                "collect_interval_strategy2=1440,post_interval=240\n"}},
         "nodes": [node(rng, index, ids) for index in range(satellites + 1)],
     }
+    members = [client(rng, number, ids, number >= clients - iot) for number in range(clients)]
+    if name.endswith("_iwinfo"):
+        for entry in scenario["nodes"]:
+            tell_through_iwinfo(entry, members)
     text = json.dumps(scenario, indent=2)[:-2]
-    lines = [json.dumps(client(rng, number, ids, number >= clients - iot)) for number in range(clients)]
+    lines = [json.dumps(member) for member in members]
     print(text + ',\n  "clients": [\n    ' + ",\n    ".join(lines) + "\n  ]\n}")
 
 

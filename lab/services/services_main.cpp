@@ -13,6 +13,7 @@
 
 #include "faults.h"
 #include "forward.h"
+#include "lab_files.h"
 #include "replies.h"
 #include "timer.h"
 
@@ -106,6 +107,7 @@ Services::Services() {
             add_method(method);
     }
     register_objects();
+    write_file(root_ + "/lab/services.ready", "");
     fault_timer_.set(kFaultCheckMs);
 }
 

@@ -1,4 +1,5 @@
 #include "lab.h"
+#include "lab_files.h"
 #include "lab_root.h"
 
 #include <cstdlib>
@@ -57,7 +58,8 @@ void Lab::start_without_daemons() {
     for (auto &node : nodes_)
         node->start_services();
     for (auto &node : nodes_) {
-        if (node->services.pid() > 0 && !node->wait_for_object("tfstats", kDaemonStartMs))
+        const std::string ready = node->root() + "/lab/services.ready";
+        if (node->services.pid() > 0 && !wait_until([&] { return file_exists(ready); }, kDaemonStartMs))
             throw std::runtime_error("the services of node " + node->scenario().device_id +
                                      " do not start: " + node->read("/lab/services.log"));
     }

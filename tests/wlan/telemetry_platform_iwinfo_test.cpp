@@ -2,6 +2,7 @@
 #include "telemetry_platform_iwinfo.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "fake_services.h"
 #include "sysroot.h"
@@ -137,6 +138,14 @@ TEST_F(PlatformIwinfo, WhatIsMissingIsUnknown) {
     fake_service_calls.clear();
     EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), 1);
     EXPECT_LE(fake_service_calls.size(), 33u);
+
+    // A service that is slow at the first device is not asked for the others.
+    fake_services["iwinfo.info"].fill = [](blob_buf *) { usleep(1000000); };
+    wlan_iwinfo_forget();
+    fake_service_calls.clear();
+    EXPECT_EQ(wlan_get_backhaul_ap_channel(0, &number), 0);
+    EXPECT_EQ(wlan_get_band_client_sta_info("d", &list, &count), 0);
+    EXPECT_EQ(fake_service_calls.size(), 2u);
 
     root.write_config("telemetry", "config telemetry 'basic'\n\toption wlan_driver 'magic'\n");
     expect_logged(0, {"telemetry.basic.wlan_driver is no driver that is known: magic"}, [] {

@@ -13,6 +13,7 @@
 
 static constexpr int kTimeoutMs = 1000;
 static constexpr int64_t kMaxAgeMs = 5000;
+static constexpr int64_t kMaxWaitedMs = 1000; // for all the questions to one list
 static constexpr int kMaxDevices = 32;
 static constexpr int kMaxSections = 128;
 static constexpr size_t kMaxReply = 1024 * 1024;
@@ -20,6 +21,7 @@ static constexpr size_t kMaxReply = 1024 * 1024;
 static std::vector<IwinfoDevice> devices;
 static bool devices_are_there;
 static int64_t devices_asked; // ms, 0: never
+static int64_t waited;        // ms, since the list was asked for
 
 static int64_t now_ms() {
     timespec now = {};
@@ -35,15 +37,20 @@ static void keep_reply(blob_attr *message, void *user) {
         static_cast<JsonPtr *>(user)->reset(cJSON_Parse(text.get()));
 }
 
-// A call that timed out takes the service off the list for the rest of the cycle.
+// A service that makes itself waited for is left alone until the list is asked for anew.
 static JsonPtr call(const char *method, const char *device) {
     JsonPtr reply;
     BlobBuffer arguments;
     if (device != nullptr)
         blobmsg_add_string(arguments.get(), "device", device);
+    if (waited >= kMaxWaitedMs)
+        return nullptr;
     const int64_t begun = now_ms();
     const TelemetryBusError error = telemetry_bus_call(telemetry_bus_named_socket(), "iwinfo", method,
                                                        arguments.head(), kTimeoutMs, keep_reply, &reply);
+    waited += now_ms() - begun;
+    if (waited >= kMaxWaitedMs)
+        LOG_MISSING("iwinfo is too slow, the rest is left out");
     if (error == TELEMETRY_BUS_OK && cJSON_IsObject(reply.get()))
         return reply;
     if (error == TELEMETRY_BUS_NO_OBJECT)
@@ -51,8 +58,6 @@ static JsonPtr call(const char *method, const char *device) {
     else
         LOG_MISSING("iwinfo %s of %.16s has no answer that is one", method,
                     device != nullptr ? device : "all");
-    if (now_ms() - begun >= kTimeoutMs)
-        devices_are_there = false;
     return nullptr;
 }
 
@@ -176,6 +181,7 @@ static void add_device(const char *name, const std::vector<WirelessSection> &sec
 
 static void ask_devices() {
     devices.clear();
+    waited = 0;
     const JsonPtr names = results_of(call("devices", nullptr), "devices");
     devices_are_there = names != nullptr;
     if (!devices_are_there)
@@ -184,8 +190,6 @@ static void ask_devices() {
     int seen = 0;
     const cJSON *name = nullptr;
     cJSON_ArrayForEach(name, names.get()) {
-        if (!devices_are_there)
-            return; // it stopped answering
         if (seen++ == kMaxDevices) {
             LOG_MISSING("iwinfo has more than %d devices, the rest is left out", kMaxDevices);
             return;
