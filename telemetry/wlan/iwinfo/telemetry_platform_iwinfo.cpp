@@ -36,7 +36,8 @@ static bool read_degrees(const char *path, double *degrees) {
     if (telemetry_parse_file(path, text, sizeof(text)) != 0)
         return false;
     const long thousandths = strtol(text, &end, 10);
-    *degrees = static_cast<double>(thousandths / 1000);
+    const long whole = thousandths / 1000; // as the records have it
+    *degrees = static_cast<double>(whole);
     return end != text;
 }
 
