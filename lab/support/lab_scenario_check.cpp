@@ -14,11 +14,11 @@ namespace {
 
 struct ObjectForm {
     std::string_view name;
-    std::string_view members; // their names, each between two blanks; "_" is a remark
+    std::string_view members; // their names, each between two blanks
 };
 
 constexpr ObjectForm kScenario = {"the scenario",
-                                  " _ name description nodes clients config profile files cloud sync "};
+                                  " name description nodes clients config profile files cloud sync "};
 constexpr ObjectForm kNode = {"a node",
                               " device_id mac ip model fw_version hw_version role work_mode nickname "
                               "prefer_connect_device sysmode parent ports driver getfirm ping "
