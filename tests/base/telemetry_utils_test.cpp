@@ -100,22 +100,6 @@ TEST_F(TelemetryUtils, OnlyTheWorkModeFapIsTheMainNode) {
     }
 }
 
-TEST_F(TelemetryUtils, CollectionNeedsEnableClockAndMainNode) {
-    for (int present = 0; present < 8; present++) {
-        root.clean();
-        root.write_config("telemetry", std::string("config basic 'basic'\n\toption enable '") +
-                                           ((present & 1) != 0 ? "on" : "off") + "'\n");
-        if ((present & 2) != 0)
-            root.write("/tmp/run/ntpd.uptime", "");
-        if ((present & 4) != 0)
-            root.write("/tmp/work_mode", "{\"work_mode\":\"FAP\"}");
-        // The first that fails ends it: only the third says a word.
-        const auto [result, log] = logged_result(telemetry_check_collect_condition);
-        EXPECT_EQ(result, present == 7) << present;
-        EXPECT_EQ(log.empty(), present != 3) << present;
-    }
-}
-
 TEST_F(TelemetryUtils, OnlyAddressesAndNamesPass) {
     for (const char *host : {"192.168.0.1", "fe80::1", "::ffff:1.2.3.4", "router", "a-b.example.net"})
         EXPECT_EQ(telemetry_is_host(host), 1) << host;

@@ -46,14 +46,9 @@ TEST(TelemetryValue, TextsBecomeValuesAndLists) {
     EXPECT_EQ(value_of("ab cd", 7, 6), R"(["ab","cd"])");
 }
 
-TEST(TelemetryValue, MissingArgumentsChangeNothing) {
+TEST(TelemetryValue, AnAddressBecomesItsDigest) {
     const JsonPtr object(cJSON_CreateObject());
     cJSON *o = object.get();
-    EXPECT_EQ(telemetry_add_value_to_cJSON_object(nullptr, "k", "1", 0), -1);
-    EXPECT_EQ(telemetry_add_value_to_cJSON_object(o, "k", nullptr, 0), -1);
-    EXPECT_EQ(telemetry_add_value_list_to_cJSON_object(o, "k", nullptr, 1024, 4), -1);
-    expect_logged(-1, {"param is empty"},
-                  [o] { return telemetry_add_value_list_to_cJSON_object(o, "k", "", 1024, 4); });
     EXPECT_EQ(telemetry_add_mac_md5_to_cJSON_object(o, "k", nullptr), -1);
     EXPECT_EQ(telemetry_add_mac_md5_to_cJSON_object(o, "k", ""), -1);
     EXPECT_EQ(object->child, nullptr);

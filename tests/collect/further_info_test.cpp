@@ -258,18 +258,6 @@ TEST_F(FurtherInfo, HugeListsAreBounded) {
         root.write("/sys/bus/usb/devices/9-" + std::to_string(i) + "/bDeviceClass", "08\n");
     collect(kUsb);
     EXPECT_THAT(log, HasSubstr("more than 256 entries"));
-
-    // A list counts up to its 128th character, sections without end.
-    lay_out(kEcoMode);
-    std::string days = "config eco schedule\n", sections;
-    for (int i = 0; i < 10000; ++i) {
-        days += " list days d" + std::to_string(10000 + i) + "\n";
-        sections += "config device\n";
-    }
-    root.write_config("eco_mode", days);
-    EXPECT_THAT(collect(kEcoMode), HasSubstr(R"("d10017"]})"));
-    root.write_config("qos", sections);
-    EXPECT_EQ(collect(kQos), R"({"pn":10000,"an":0})");
 }
 
 TEST_F(FurtherInfo, OtherFormsOfASettingMeanWhatTheyMean) {

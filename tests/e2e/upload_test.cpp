@@ -124,27 +124,6 @@ TEST_F(UploadTest, first_start_gets_key_and_strategy_and_uploads) {
     EXPECT_THAT(cloud.requests("upload")[0].body, Not(HasSubstr("\"cnt\"")));
 }
 
-TEST_F(UploadTest, useless_answers_cost_no_record) {
-    start_with_key();
-    expect_ready();
-    collect();
-    cloud.script("upload",
-                 R"([{"kind":"empty"},{"kind":"garbage"},{"kind":"no_members"},{"kind":"wrong_type"},
-                               {"kind":"huge"},{"kind":"cut"},{"kind":"cut_body"},
-                               {"kind":"error_code","code":0,"status":500}])");
-    expect_failures({"request_status error or response error", "cJSON_Parse failed",
-                     "receive error, error_code invalid", "receive error, error_code invalid",
-                     "answer longer than 1048576 bytes refused",
-                     "curl failed! code: ", "curl failed! code: "});
-    EXPECT_EQ(cloud.count("posts"), 0);
-    // The HTTP status is told, and decides nothing.
-    ASSERT_EQ(node.call("debug", R"({"level":"debug"})").status, 0);
-    advance_to_retry();
-    EXPECT_TRUE(node.wait_for_console("curl response code: 500", kWaitMs));
-    EXPECT_TRUE(node.wait_for_state("data_collect_count", "0", kWaitMs));
-    EXPECT_EQ(cloud.count("invalid_signatures"), 0);
-}
-
 TEST_F(UploadTest, only_the_right_certificate_gets_the_records) {
     start_with_key();
     expect_ready();

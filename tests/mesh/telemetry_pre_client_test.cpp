@@ -320,17 +320,7 @@ TEST_F(PreClientTest, StationsOfEveryInterfaceOnce) {
     EXPECT_EQ(found, 3u);
 }
 
-TEST_F(PreClientTest, LookupsSayWhatIsMissing) {
-    const auto lookup = [](const char *mac) {
-        return logged_messages([&] { get_telemetry_pre_client_info(mac); });
-    };
-    EXPECT_THAT(lookup(nullptr), ElementsAre("params is NULL"));
-    EXPECT_THAT(lookup("02"), ElementsAre("clients num is 0"));
-    telemetry_pre_collect.client_num = 1;
-    EXPECT_THAT(lookup("02"), ElementsAre("pre client info is NULL"));
-    telemetry_pre_collect.client_num = 0;
-    EXPECT_THAT(logged_messages([] { telemetry_identify_iot_device_from_client_list(); }),
-                ElementsAre("client list is not exist"));
+TEST_F(PreClientTest, LookupsTakeTheFirstOfAnAddress) {
     // The first record of an address has everything; a confirmed one is looked for behind it.
     fake_services["tfstats.get"] = tfstats(3, tfs_entries({"02", "02:00:00:02:00:01", "02:00:00:02:00:01"}));
     telemetry_get_client_list_from_tfstats();
