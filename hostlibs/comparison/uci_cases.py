@@ -231,7 +231,8 @@ def known_class(case, label, ours, original):
     commands = {command_of(words) for words, _ in case["steps"]}
     staged = staged_contents(case)
     texts = [*case["files"].values(), *(text for _, text in case["steps"])]
-    if any(b"\0" in line and len(line) > 30 for content in texts for line in content.split(b"\n")):
+    lines = [line for content in texts for line in content.replace(b"\\\n", b"").split(b"\n")]
+    if any(b"\0" in line and len(line) > 30 for line in lines):
         return ZERO_BYTE
     if "Parse error" in (original or "") and any(re.search(rb"='[^'\n]*['\"\\#;]", content) for content in staged):
         return MARKED_TYPE

@@ -178,9 +178,8 @@ int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id) {
         *static_cast<uint32_t *>(priv) = obj->id;
     };
     *id = 0;
-    int status = ubus_lookup(ctx, path, take_id, id);
-    // Objects that we may not see are answered with nothing.
-    return status == UBUS_STATUS_OK && *id == 0 ? UBUS_STATUS_NOT_FOUND : status;
+    // An object that we may not see is answered with nothing: a success whose id is 0, which no object has.
+    return ubus_lookup(ctx, path, take_id, id);
 }
 
 int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern) {

@@ -305,7 +305,7 @@ bool all_there(ubus_context *bus, waiter &wait) {
         int status = ubus_lookup_id(bus, path, &id);
         if (status != UBUS_STATUS_OK && status != UBUS_STATUS_NOT_FOUND)
             wait.status = status;
-        return status == UBUS_STATUS_OK;
+        return status == UBUS_STATUS_OK && id != 0; // 0: we may not see it
     });
 }
 
