@@ -38,7 +38,6 @@ static constexpr CollectModule kModules[] = {
     {"afc_info", collect_afc_info},
     {"havenguard_info_v2", collect_havenguard_v2_info},
 };
-static_assert(std::size(kModules) == 17);
 
 static constexpr uint32_t kCollectCountWrap = 2147483647;
 
