@@ -28,8 +28,11 @@ class HomeLab {
     static constexpr int kWaitMs = 60000;
 
     explicit HomeLab(const std::string &changes = "{}", const std::string &scenario = "home")
-        : lab(lab::scenario_load(
-              scenario, {lab::read_file(TEST_SOURCE_DIR "/tests/golden/home_additions.json"), changes})) {
+        : lab(lab::scenario_load(scenario,
+                                 {scenario == "stock"
+                                      ? "{}"
+                                      : lab::read_file(TEST_SOURCE_DIR "/tests/golden/home_additions.json"),
+                                  changes})) {
         setenv("LAB_WALL_TIME", "1767225600", 1);
         for (size_t i = 0; i < lab.node_count(); ++i)
             lab.node(i).advance_clock(0);
