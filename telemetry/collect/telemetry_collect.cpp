@@ -204,10 +204,9 @@ static void keep_list_bounded(TelemetryCtx *ctx) {
 }
 
 static void run_cycle(TelemetryCtx *ctx) {
-    telemetry_figures.obstacle = telemetry_collect_obstacle();
-    if (telemetry_figures.obstacle != nullptr) {
+    if (const char *obstacle = telemetry_figures_obstacle(ctx); obstacle != nullptr) {
         LOG_DEBUG("skip current collect");
-        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
+        LOG_DEBUG("reason: %s", obstacle);
         return;
     }
     if (ctx->collect_list == nullptr)

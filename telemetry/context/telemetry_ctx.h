@@ -23,6 +23,13 @@ inline constexpr uint32_t kSoonMs = 100;
 // An array of records, oldest first: see telemetry_collect.h.
 using CollectedDataList = cJSON;
 
+enum TelemetryPostState : uint32_t {
+    TELEMETRY_POST_STATE_INIT = 0,
+    TELEMETRY_POST_STATE_REFRESH_KEY = 1,
+    TELEMETRY_POST_STATE_GET_STRATEGY = 2,
+    TELEMETRY_POST_STATE_READY_FOR_UPLOAD = 3,
+};
+
 struct TelemetryCtx {
     // Identity, from the firmware tool.
     char dev_id[65];

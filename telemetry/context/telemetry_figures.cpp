@@ -2,6 +2,9 @@
 
 #include <ctime>
 
+#include "telemetry_log.h"
+#include "telemetry_utils.h"
+
 TelemetryFigures telemetry_figures;
 void (*telemetry_figures_listener)(const char *event);
 
@@ -15,6 +18,17 @@ void telemetry_figures_start() {
     telemetry_figures = {};
     telemetry_figures.started = time(nullptr);
     telemetry_figures.started_monotonic = telemetry_monotonic_ms();
+}
+
+const char *telemetry_figures_obstacle(const TelemetryCtx *ctx) {
+    static bool said;
+    telemetry_figures.obstacle = telemetry_collect_obstacle();
+    const bool unset = telemetry_figures.obstacle == kObstacleClock;
+    const bool waits = unset && ctx != nullptr && ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD;
+    if (waits && !said)
+        LOG_INFO("the clock is not set: nothing is collected or uploaded until it is");
+    said = unset && (said || waits);
+    return telemetry_figures.obstacle;
 }
 
 void telemetry_figures_module(const char *name, int32_t result, uint32_t items, uint32_t ms) {

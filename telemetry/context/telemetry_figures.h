@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "telemetry_ctx.h"
+
 inline constexpr int kFiguresModules = 24;
 
 // One module's part of the last cycle.
@@ -65,6 +67,9 @@ int64_t telemetry_monotonic_ms();
 
 // Zeroes the record and notes the start.
 void telemetry_figures_start();
+// Notes what stands in the way of a cycle or an upload, and gives it: null, or constant text. Records wait
+// for ever when the clock is lost while all else is ready: a line says so once, until it is set again.
+const char *telemetry_figures_obstacle(const TelemetryCtx *ctx);
 // Adds a module to the last cycle; what does not fit is left out.
 void telemetry_figures_module(const char *name, int32_t result, uint32_t items, uint32_t ms);
 

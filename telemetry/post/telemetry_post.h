@@ -9,13 +9,6 @@
 
 #include "telemetry_ctx.h"
 
-enum TelemetryPostState : uint32_t {
-    TELEMETRY_POST_STATE_INIT = 0,
-    TELEMETRY_POST_STATE_REFRESH_KEY = 1,
-    TELEMETRY_POST_STATE_GET_STRATEGY = 2,
-    TELEMETRY_POST_STATE_READY_FOR_UPLOAD = 3,
-};
-
 inline constexpr int kPostHeaderLines = 8;
 inline constexpr int kPostLineSize = 2049;
 inline constexpr uint32_t kPostTimeoutMs = 8000;

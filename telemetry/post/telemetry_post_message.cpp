@@ -390,15 +390,6 @@ void telemetry_post_get_strategy(TelemetryCtx *ctx) {
     send_or_wait(ctx, kGetStrategyCall, "dont get strategy! wait for a while");
 }
 
-// Records wait for ever when the clock is lost while all else is ready: said once, until it is set again.
-static void tell_unset_clock(const TelemetryCtx *ctx) {
-    static bool said;
-    const bool unset = telemetry_figures.obstacle == kObstacleClock;
-    if (unset && !said && ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD)
-        LOG_INFO("the clock is not set: nothing is collected or uploaded until it is");
-    said = unset && (said || ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD);
-}
-
 void telemetry_post_data(uloop_timeout *timer) {
     if (timer == nullptr) {
         LOG_ERROR("param error");
@@ -406,8 +397,7 @@ void telemetry_post_data(uloop_timeout *timer) {
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
     bool sent = false;
-    telemetry_figures.obstacle = telemetry_collect_obstacle();
-    tell_unset_clock(ctx);
+    telemetry_figures_obstacle(ctx);
     if (telemetry_figures.obstacle != nullptr) {
         LOG_DEBUG("skip upload");
         LOG_DEBUG("reason: %s", telemetry_figures.obstacle);

@@ -60,6 +60,7 @@ TEST_F(NodeClientInfo, WhatIsUnusualIsToldAndWhatIsNotKnownLeftOut) {
         {[&] { copy_text(satellite->ping_delay, "inf"); }, HasSubstr(R"("ddl":-1,)")},
         {[] {}, HasSubstr(R"("wpn":2,"lpn":1,"lps":{"p3":1000}},)")},
         {[&] { main->wire_port_num = 1; }, HasSubstr(R"("wpn":1,"lpn":0},)")}, // its WAN port only
+        {[&] { main->wire_port_num = INT32_MIN; }, HasSubstr(R"("wpn":-2147483648,"lpn":0},)")},
         {[&] {
              satellite->wire_port_num = 1;
              satellite->wired_ports[15] = {16, 2500};

@@ -2,6 +2,8 @@
 
 #include <climits>
 
+#include <gmock/gmock.h>
+
 #include "sysroot.h"
 
 #include "collectors.h"
@@ -144,7 +146,11 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
 
 TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
     root.remove("/tmp/run/ntpd.uptime"); // a cycle that is skipped arms the timer only
-    run_timer();
+    telemetry_debug_level = TELEMETRY_LOG_INFO;
+    ctx.post_state = TELEMETRY_POST_STATE_READY_FOR_UPLOAD;
+    EXPECT_THAT(logged_messages([this] { run_timer(); }),
+                testing::ElementsAre("the clock is not set: nothing is collected or uploaded until it is"));
+    EXPECT_THAT(logged_messages([this] { run_timer(); }), testing::IsEmpty());
     EXPECT_TRUE(calls.empty() && ctx.collect_list == nullptr && ctx.collect_count == 0);
     EXPECT_TRUE(ctx.collect_timer.pending);
 
