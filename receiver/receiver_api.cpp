@@ -14,6 +14,8 @@
 
 #include "receiver_json.h"
 
+using namespace receiver_json;
+
 namespace {
 
 constexpr size_t kMaxDevice = 128, kMaxEid = 64, kMaxKeyText = 128, kMaxNumber = 32;

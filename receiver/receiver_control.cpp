@@ -2,6 +2,8 @@
 
 #include "receiver_json.h"
 
+using namespace receiver_json;
+
 HttpAnswer Control::serve(const HttpRequest &request) {
     HttpAnswer answer;
     const std::string order = request.path.substr(1);

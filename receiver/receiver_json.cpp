@@ -1,9 +1,15 @@
 #include "receiver_json.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include <sys/stat.h>
+
+namespace receiver_json {
 
 std::string print_json(const cJSON *tree) {
     std::unique_ptr<char, void (*)(void *)> text(cJSON_PrintUnformatted(tree), cJSON_free);
@@ -45,14 +51,16 @@ std::string read_file(const std::string &path) {
     return text.str();
 }
 
-void write_file(const std::string &path, const std::string &text) {
+void write_file(const std::string &path, const std::string &text, unsigned mode) {
     const std::string draft = path + ".new";
     {
-        std::ofstream file(draft, std::ios::binary);
+        std::ofstream file(draft, std::ios::binary | std::ios::trunc);
         file << text;
         if (!file.flush())
             throw std::runtime_error("cannot write " + draft);
     }
-    if (rename(draft.c_str(), path.c_str()) != 0)
-        throw std::runtime_error("cannot write " + path);
+    if (chmod(draft.c_str(), mode) != 0 || rename(draft.c_str(), path.c_str()) != 0)
+        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
 }
+
+} // namespace receiver_json

@@ -1,10 +1,14 @@
-// cJSON trees that free themselves, their members by type, and the few files that the receiver writes.
+// cJSON trees that free themselves, their members by type, and the few files that the receiver writes. The
+// lab reads and writes with them, too; they have a namespace because the daemon, which its tests link, has a
+// json_text of its own.
 #pragma once
 
 #include <memory>
 #include <string>
 
 #include <cjson/cJSON.h>
+
+namespace receiver_json {
 
 struct JsonDelete {
     void operator()(cJSON *tree) const {
@@ -25,4 +29,6 @@ std::string json_quoted(const std::string &text);
 // Whole content; throws std::runtime_error when the file cannot be read.
 std::string read_file(const std::string &path);
 // Writes through a temporary file and a rename, so that a reader sees the old or the new content.
-void write_file(const std::string &path, const std::string &text);
+void write_file(const std::string &path, const std::string &text, unsigned mode = 0644);
+
+} // namespace receiver_json

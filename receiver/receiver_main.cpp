@@ -2,6 +2,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -10,6 +11,8 @@
 #include "receiver_json.h"
 #include "receiver_page.h"
 #include "receiver_service.h"
+
+using namespace receiver_json;
 
 namespace {
 
@@ -102,9 +105,17 @@ bool take_number(Options &options, const std::string &name, const std::string &v
     return true;
 }
 
+// Installed, the page stands beside the program; a program of the build tree has that of the sources.
+std::string page_directory() {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    const auto installed = program.parent_path().parent_path() / "share/telemetry-receiver";
+    return std::filesystem::exists(installed / "index.html", error) ? installed.string() : RECEIVER_PAGE_DIR;
+}
+
 Options parse_options(int argc, char **argv) {
     Options options;
-    options.shown.directory = RECEIVER_PAGE_DIR;
+    options.shown.directory = page_directory();
     options.shown.plots = RECEIVER_PLOTS;
     for (int i = 1; i < argc; i++) {
         const std::string name = argv[i];

@@ -8,6 +8,8 @@
 
 #include "receiver_json.h"
 
+using namespace receiver_json;
+
 namespace {
 
 // What one answer may hold.

@@ -6,6 +6,8 @@
 
 #include "receiver_json.h"
 
+using namespace receiver_json;
+
 namespace {
 
 constexpr std::array<std::string_view, 3> kCalls = {"key", "strategy", "upload"};

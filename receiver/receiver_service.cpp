@@ -6,6 +6,8 @@
 
 #include "receiver_json.h"
 
+using namespace receiver_json;
+
 namespace {
 
 constexpr int64_t kDaySeconds = 86400;

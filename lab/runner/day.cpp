@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr long kCycles = 97; // the last one is the daily one
 constexpr int64_t kQuarterMs = 900000, kBeforeMs = 8000;
 constexpr int kCycleMs = 120000;
 constexpr double kPi = 3.14159265358979;
@@ -66,17 +65,17 @@ void set_hour(lab::Lab &lab, const std::vector<std::string> &drivers, double hou
 
 } // namespace
 
-void day_prepare(lab::Lab &lab) {
-    setenv("LAB_WALL_TIME", std::to_string(time(nullptr) - kCycles * kQuarterMs / 1000 - 600).c_str(), 1);
+void day_prepare(lab::Lab &lab, long cycles) {
+    setenv("LAB_WALL_TIME", std::to_string(time(nullptr) - cycles * kQuarterMs / 1000 - 600).c_str(), 1);
     advance(lab, 0);
 }
 
-void day_run(lab::Lab &lab) {
+void day_run(lab::Lab &lab, long cycles) {
     lab::LabNode &node = lab.node();
     std::vector<std::string> drivers;
     for (size_t index = 0; index < lab.node_count(); index++)
         drivers.push_back(lab.node(index).read("/tmp/fakewifi.json"));
-    for (long cycle = 1; cycle <= kCycles; cycle++) {
+    for (long cycle = 1; cycle <= cycles; cycle++) {
         set_hour(lab, drivers, static_cast<double>(cycle) / 4);
         if (cycle % 4 == 1)
             node.call("collect_all_next_time");
@@ -93,5 +92,5 @@ void day_run(lab::Lab &lab) {
     const long posts = lab.cloud().count("posts");
     node.call("post_now");
     lab.cloud().wait_for_count("posts", posts + 1, kCycleMs);
-    printf("\ra day has passed: %ld cycles, %ld uploads\n", kCycles, lab.cloud().count("posts"));
+    printf("\ra day has passed: %ld cycles, %ld uploads\n", cycles, lab.cloud().count("posts"));
 }

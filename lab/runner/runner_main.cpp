@@ -1,8 +1,9 @@
 // lab-runner: a mesh on this machine, from a scenario.
-//   lab-runner [--scenario NAME|FILE] [--once|--day]
+//   lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | --cloud URL --ca FILE]
 // Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one
 // collection and one upload, prints what the cloud received, the verdict and the mesh as the records tell it;
-// exit status 0 only when everything was as it should be.
+// exit status 0 only when everything was as it should be. With --cloud the daemon speaks with that service,
+// and what the service answered is all that is known of the upload.
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -30,7 +31,9 @@ constexpr char kStartWish[] = "/lab/start"; // made by who wants the ended daemo
 struct Options {
     std::string scenario = "one";
     bool once = false;
-    bool day = false; // a day first, on clocks that the runner moves
+    bool day = false;         // a day first, on clocks that the runner moves
+    long cycles = kDayCycles; // of it
+    lab::OtherCloud cloud;
 };
 
 void on_signal(int) {
@@ -55,10 +58,19 @@ bool parse_options(int argc, char **argv, Options &options) {
             options.day = true;
         else if (argument == "--scenario" && i + 1 < argc)
             options.scenario = argv[++i];
+        else if (argument == "--cycles" && i + 1 < argc)
+            options.cycles = strtol(argv[++i], nullptr, 10);
+        else if (argument == "--cloud" && i + 1 < argc)
+            options.cloud.url = argv[++i];
+        else if (argument == "--ca" && i + 1 < argc)
+            options.cloud.authority = argv[++i];
         else
             return false;
     }
-    return true;
+    // The day is told by what the lab's own cloud counts.
+    const bool other = !options.cloud.url.empty();
+    return other != options.cloud.authority.empty() && !(other && options.day) && options.cycles > 0 &&
+           options.cycles <= kDayCycles;
 }
 
 [[noreturn]] void fail(lab::Lab &lab, const std::string &what) {
@@ -117,9 +129,34 @@ void upload_once(lab::Lab &lab) {
         fail(lab, "the cloud accepted the upload, but the daemon still holds its records");
 }
 
-void run_once(lab::Lab &lab) {
+void require_ready(lab::Lab &lab) {
     if (!lab.node().wait_for_state("post state", lab::kReadyForUpload, kReadyMs))
         fail(lab, "key and strategy were not fetched: post state " + lab.node().state()["post state"]);
+}
+
+void stop_daemons(lab::Lab &lab) {
+    for (size_t index = 0; index < lab.node_count(); index++) {
+        int status = lab.node(index).daemon.stop();
+        if (status != 0)
+            fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " +
+                          std::to_string(status));
+    }
+}
+
+// The records go only when the service answered that it took them.
+void run_once_elsewhere(lab::Lab &lab) {
+    require_ready(lab);
+    collect_once(lab);
+    const long held = number_of(lab.node().state(), "data_collect_count");
+    require_status(lab, "post_now");
+    if (!lab.node().wait_for_state("data_collect_count", "0", kUploadMs))
+        fail(lab, "the cloud accepted no upload");
+    stop_daemons(lab);
+    printf("uploaded %ld records, all signatures valid: the cloud accepted them\n", held);
+}
+
+void run_once(lab::Lab &lab) {
+    require_ready(lab);
     collect_once(lab);
     upload_once(lab);
 
@@ -132,20 +169,15 @@ void run_once(lab::Lab &lab) {
         fail(lab, std::to_string(invalid) + " requests came without a valid signature");
     if (records.empty())
         fail(lab, "the upload held no record");
-    for (size_t index = 0; index < lab.node_count(); index++) {
-        int status = lab.node(index).daemon.stop();
-        if (status != 0)
-            fail(lab, "the daemon of node " + std::to_string(index) + " ended with status " +
-                          std::to_string(status));
-    }
+    stop_daemons(lab);
     printf("uploaded %zu records in %ld posts, all signatures valid\n", records.size(), posts);
     printf("%s", left_behind_text(told.json.get(), records).c_str());
     printf("\nThe mesh, as the cloud now knows it\n%s", summary_text(records).c_str());
 }
 
-// What makes the cloud misbehave, a daemon end and start again, and shows what arrived.
+// What makes the lab's own cloud misbehave, and shows what arrived.
 void print_orders(lab::Lab &lab) {
-    const std::string orders = lab.cloud().orders(), root = lab.node().root();
+    const std::string orders = lab.cloud().orders();
     for (const char *order : {"down", "up", "expire_keys", "reset"})
         printf("  curl -d '' %s%s\n", orders.c_str(), order);
     printf(
@@ -156,16 +188,16 @@ void print_orders(lab::Lab &lab) {
            orders.c_str());
     printf("  curl %scounts\n", orders.c_str());
     printf("  sqlite3 %s 'select eid, payload from records'\n", lab.cloud().database().c_str());
-    printf("  tail -f %s/var/log/messages\n", root.c_str());
-    printf("  kill -9 $(cat %s/lab/daemon.pid); touch %s/lab/start\n\n", root.c_str(), root.c_str());
 }
 
-void print_help(lab::Lab &lab) {
+void print_help(lab::Lab &lab, const lab::OtherCloud &other) {
     lab::LabNode &node = lab.node();
     std::string ubus = lab::default_bin_dir() + "/ubus -s " + node.bus_socket();
-    printf("The lab is up: %zu nodes in %s, the cloud at https://%s\n", lab.node_count(),
-           lab.directory().c_str(), lab.cloud().address().c_str());
-    printf("What it received, as a page: %s\n", lab.cloud().page().c_str());
+    const bool own = other.url.empty();
+    printf("The lab is up: %zu nodes in %s, the cloud at %s\n", lab.node_count(), lab.directory().c_str(),
+           own ? ("https://" + lab.cloud().address()).c_str() : other.url.c_str());
+    if (own)
+        printf("What it received, as a page: %s\n", lab.cloud().page().c_str());
     printf("Bus of the main node: %s\n\n", node.bus_socket().c_str());
     for (size_t index = 1; index < lab.node_count(); index++)
         printf("Bus of satellite %zu: %s\n", index, lab.node(index).bus_socket().c_str());
@@ -175,7 +207,11 @@ void print_help(lab::Lab &lab) {
          {"call telemetry.status get", "call telemetry print", "call telemetry collect_all_next_time",
           "call telemetry collect_now", "call telemetry post_now"})
         printf("  %s %s\n", ubus.c_str(), wish);
-    print_orders(lab);
+    if (own)
+        print_orders(lab);
+    const std::string root = node.root();
+    printf("  tail -f %s/var/log/messages\n", root.c_str());
+    printf("  kill -9 $(cat %s/lab/daemon.pid); touch %s/lab/start\n\n", root.c_str(), root.c_str());
     printf("The main node's log follows; Ctrl-C ends the lab.\n");
 }
 
@@ -226,23 +262,29 @@ void follow(lab::Lab &lab) {
         INT32_MAX);
 }
 
-void run(const Options &options) {
-    lab::Lab lab(options.scenario);
+void run(Options &options) {
+    lab::OtherCloud &other = options.cloud;
+    if (!other.url.empty()) {
+        const std::string file = other.authority;
+        other.authority = lab::read_file(file);
+        if (other.authority.empty())
+            throw std::runtime_error("cannot read " + file);
+    }
+    lab::Lab lab(lab::scenario_load(options.scenario), lab::default_bin_dir(), other);
     if (options.day)
-        day_prepare(lab);
+        day_prepare(lab, options.cycles);
     lab.start();
     printf("lab \"%s\" is up: %zu nodes, %zu clients, all daemons on their buses\n",
            lab.scenario().name.c_str(), lab.node_count(), lab.scenario().clients.size());
     fflush(stdout);
     if (options.day) {
-        if (!lab.node().wait_for_state("post state", lab::kReadyForUpload, kReadyMs))
-            fail(lab, "key and strategy were not fetched");
-        day_run(lab);
+        require_ready(lab);
+        day_run(lab, options.cycles);
     }
     if (options.once) {
-        run_once(lab);
+        other.url.empty() ? run_once(lab) : run_once_elsewhere(lab);
     } else {
-        print_help(lab);
+        print_help(lab, other);
         follow(lab);
     }
 }
@@ -252,7 +294,8 @@ void run(const Options &options) {
 int main(int argc, char **argv) {
     Options options;
     if (!parse_options(argc, argv, options)) {
-        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once|--day]\n");
+        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | "
+                        "--cloud URL --ca FILE]\n");
         return 2;
     }
     catch_signals();

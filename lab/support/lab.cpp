@@ -30,25 +30,28 @@ std::string default_bin_dir() {
 }
 
 Lab::Lab(const std::string &scenario_name, const std::string &bin_dir)
-    : scenario_(scenario_load(scenario_name)) {
-    prepare(bin_dir);
-}
+    : Lab(scenario_load(scenario_name), bin_dir) {}
 
-Lab::Lab(Scenario scenario, const std::string &bin_dir) : scenario_(std::move(scenario)) {
-    prepare(bin_dir);
+Lab::Lab(Scenario scenario, const std::string &bin_dir, const OtherCloud &other)
+    : scenario_(std::move(scenario)) {
+    prepare(bin_dir, other);
 }
 
 Lab::~Lab() {
     stop();
 }
 
-void Lab::prepare(const std::string &bin_dir) {
+void Lab::prepare(const std::string &bin_dir, const OtherCloud &other) {
     write_file(directory() + "/scenario.json", print_json(scenario_.json.get()));
-    cloud_.start(bin_dir, directory() + "/cloud");
-    set_up_cloud(cloud_, cJSON_GetObjectItemCaseSensitive(scenario_.json.get(), "cloud"));
+    OtherCloud cloud = other;
+    if (cloud.url.empty()) {
+        cloud_.start(bin_dir, directory() + "/cloud");
+        set_up_cloud(cloud_, cJSON_GetObjectItemCaseSensitive(scenario_.json.get(), "cloud"));
+        cloud = {cloud_.address(), cloud_.ca_certificate()};
+    }
     for (size_t index = 0; index < scenario_.nodes.size(); index++) {
         nodes_.push_back(std::make_unique<LabNode>(scenario_, index, directory(), bin_dir));
-        root_build(nodes_.back()->root(), scenario_, index, cloud_.address(), cloud_.ca_certificate());
+        root_build(nodes_.back()->root(), scenario_, index, cloud.url, cloud.authority);
     }
 }
 

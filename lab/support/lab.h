@@ -21,10 +21,18 @@ namespace lab {
 // Where the programs were built, unless the environment's LAB_BIN_DIR says otherwise.
 std::string default_bin_dir();
 
+// A service that is not the lab's, with whom the main node's daemon speaks instead.
+struct OtherCloud {
+    std::string url;
+    std::string authority; // text of the certificates that its own must be signed by
+};
+
 class Lab {
   public:
     explicit Lab(const std::string &scenario_name = "one", const std::string &bin_dir = default_bin_dir());
-    explicit Lab(Scenario scenario, const std::string &bin_dir = default_bin_dir());
+    // With another cloud the lab's own does not run: cloud() is not to be asked.
+    explicit Lab(Scenario scenario, const std::string &bin_dir = default_bin_dir(),
+                 const OtherCloud &other = {});
     ~Lab();
     Lab(const Lab &) = delete;
     Lab &operator=(const Lab &) = delete;
@@ -53,7 +61,7 @@ class Lab {
     }
 
   private:
-    void prepare(const std::string &bin_dir);
+    void prepare(const std::string &bin_dir, const OtherCloud &other);
     RunDirectory directory_; // first: it goes last
     Scenario scenario_;
     LabCloud cloud_;

@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -62,21 +60,6 @@ JsonTree parse_json(const std::string &text, const std::string &what) {
     return tree;
 }
 
-std::string print_json(const cJSON *tree) {
-    std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(tree), cJSON_free);
-    return text ? text.get() : "";
-}
-
-std::string json_text(const cJSON *object, const char *name, const std::string &fallback) {
-    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
-    return cJSON_IsString(item) ? item->valuestring : fallback;
-}
-
-double json_number(const cJSON *object, const char *name, double fallback) {
-    const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
-    return cJSON_IsNumber(item) ? item->valuedouble : fallback;
-}
-
 bool json_flag(const cJSON *object, const char *name, bool fallback) {
     const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, name);
     return cJSON_IsBool(item) ? cJSON_IsTrue(item) != 0 : fallback;
@@ -88,22 +71,11 @@ bool file_exists(const std::string &path) {
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-void write_file(const std::string &path, const std::string &text, unsigned mode) {
-    std::string temporary = path + ".new";
-    {
-        std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-        file << text;
-        if (!file.flush())
-            throw std::runtime_error("cannot write " + path);
+    try {
+        return receiver_json::read_file(path);
+    } catch (const std::runtime_error &) {
+        return "";
     }
-    if (chmod(temporary.c_str(), mode) != 0 || rename(temporary.c_str(), path.c_str()) != 0)
-        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
 }
 
 void make_directories(const std::string &path) {

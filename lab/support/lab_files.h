@@ -7,31 +7,24 @@
 #include <string>
 #include <vector>
 
-#include <cjson/cJSON.h>
+#include "receiver_json.h"
 
 namespace lab {
 
-struct JsonDelete {
-    void operator()(cJSON *tree) const {
-        cJSON_Delete(tree);
-    }
-};
-using JsonTree = std::unique_ptr<cJSON, JsonDelete>;
+using receiver_json::json_number;
+using receiver_json::json_text;
+using receiver_json::JsonTree;
+using receiver_json::print_json;
+using receiver_json::write_file;
 
 // Parses `text`; throws with `what`, line and column in the message when it is not JSON.
 JsonTree parse_json(const std::string &text, const std::string &what);
-// Compact text of a tree.
-std::string print_json(const cJSON *tree);
-// Member `name` of an object as text or number; the fallback when it is missing or of another type.
-std::string json_text(const cJSON *object, const char *name, const std::string &fallback = "");
-double json_number(const cJSON *object, const char *name, double fallback = 0);
+// Member `name` of an object; the fallback when it is missing or of another type.
 bool json_flag(const cJSON *object, const char *name, bool fallback);
 
 bool file_exists(const std::string &path);
 // Whole content; empty when the file cannot be read.
 std::string read_file(const std::string &path);
-// Writes through a temporary file and a rename, so that a reader sees the old or the new content.
-void write_file(const std::string &path, const std::string &text, unsigned mode = 0644);
 void make_directories(const std::string &path);
 
 // Asks `condition`, less and less often, until it holds or `timeout_ms` have passed; returns whether it

@@ -51,6 +51,25 @@ TEST_P(LabRunnerTest, LeavesNothingBehindWhateverEndsIt) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, LabRunnerTest, testing::Values(SIGINT, SIGKILL));
 
+// The verdicts of a short day, and of an upload to a service that is not the lab's.
+TEST(LabVerdictTest, DayAndOtherCloud) {
+    lab::RunDirectory own;
+    lab::LabCloud cloud;
+    cloud.start(lab::default_bin_dir(), own.path());
+    const std::string url = "https://" + cloud.address(), ca = own.path() + "/ca.cer";
+    const std::pair<std::vector<std::string>, const char *> cases[] = {
+        {{"--day", "--cycles", "3"}, "a day has passed: 3 cycles, 1 uploads"},
+        {{"--cloud", url, "--ca", ca}, "records, all signatures valid: the cloud accepted them"}};
+    for (const auto &[options, verdict] : cases) {
+        std::vector<std::string> command = {lab::default_bin_dir() + "/lab-runner", "--once"};
+        command.insert(command.end(), options.begin(), options.end());
+        const lab::CommandResult result = lab::run_command(command, {}, 120000);
+        EXPECT_EQ(result.status, 0) << result.out;
+        EXPECT_NE(result.out.find(verdict), std::string::npos) << result.out;
+    }
+    EXPECT_EQ(cloud.count("posts"), 1);
+}
+
 TEST(LabScenarioTest, SaysWhatIsWrong) {
     const std::pair<const char *, const char *> cases[] = {
         {"{\n \"nodes\": ?}", "not JSON at line 2, column 11"},

@@ -29,11 +29,8 @@ class StoreTest : public ::testing::TestWithParam<const char *> {
         where_ = directory_.path() + "/store.db";
         if (std::string(GetParam()) != "postgresql")
             return;
-#ifndef RECEIVER_WITH_POSTGRESQL
-        GTEST_SKIP() << "built without libpq";
-#endif
-        if (Postgresql::programs().empty())
-            GTEST_SKIP() << "PostgreSQL is not installed";
+        if (const std::string missing = Postgresql::missing(); !missing.empty())
+            GTEST_SKIP() << missing;
         postgresql_ = std::make_unique<Postgresql>();
         where_ = postgresql_->where();
     }

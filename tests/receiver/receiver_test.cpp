@@ -226,8 +226,8 @@ TEST_F(ReceiverTest, AFullDiskAcknowledgesNothing) {
 }
 
 TEST_F(ReceiverTest, ADatabaseThatGoesAndComesBackLosesAndDoublesNothing) {
-    if (Postgresql::programs().empty())
-        GTEST_SKIP() << "PostgreSQL is not installed";
+    if (const std::string missing = Postgresql::missing(); !missing.empty())
+        GTEST_SKIP() << missing;
     Postgresql database;
     start({"--store", database.where()});
     const lab::CloudKey key = client_.fetch_key();

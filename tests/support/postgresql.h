@@ -12,6 +12,13 @@
 
 class Postgresql {
   public:
+    // Why there can be none here; "" where there can.
+    static std::string missing() {
+#ifndef RECEIVER_WITH_POSTGRESQL
+        return "built without libpq";
+#endif
+        return programs().empty() ? "PostgreSQL is not installed" : "";
+    }
     // "" where none is installed.
     static std::string programs() {
         const std::filesystem::path all = "/usr/lib/postgresql";
