@@ -152,7 +152,7 @@ void run_once_elsewhere(lab::Lab &lab) {
     if (!lab.node().wait_for_state("data_collect_count", "0", kUploadMs))
         fail(lab, "the cloud accepted no upload");
     stop_daemons(lab);
-    printf("uploaded %ld records, all signatures valid: the cloud accepted them\n", held);
+    printf("uploaded %ld items, all signatures valid: the cloud accepted them\n", held);
 }
 
 void run_once(lab::Lab &lab) {

@@ -59,7 +59,7 @@ TEST(LabVerdictTest, DayAndOtherCloud) {
     const std::string url = "https://" + cloud.address(), ca = own.path() + "/ca.cer";
     const std::pair<std::vector<std::string>, const char *> cases[] = {
         {{"--day", "--cycles", "3"}, "a day has passed: 3 cycles, 1 uploads"},
-        {{"--cloud", url, "--ca", ca}, "records, all signatures valid: the cloud accepted them"}};
+        {{"--cloud", url, "--ca", ca}, "items, all signatures valid: the cloud accepted them"}};
     for (const auto &[options, verdict] : cases) {
         std::vector<std::string> command = {lab::default_bin_dir() + "/lab-runner", "--once"};
         command.insert(command.end(), options.begin(), options.end());
