@@ -175,7 +175,8 @@ TEST_F(TelemetryUciBackupTest, AFullDiskCostsOneLineARowAndNoChange) {
         EXPECT_EQ(logged_messages([&] {
                       telemetry_collect_watched_rows(kTable, 2, "count %d", payload.get(), &count);
                   }).size(),
-                  2u);
+                  4u)
+            << "a line and its reason a row";
         EXPECT_STREQ(telemetry_json_print(payload.get()).get(), "{}") << "no old value as a new one";
         // Once it can be written again, what was missed is reported, once.
         root.remove("/tmp/telemetry/filler");
