@@ -19,6 +19,7 @@
 #include "telemetry_paths.h"
 #include "telemetry_post.h"
 #include "telemetry_reload.h"
+#include "telemetry_repeat.h"
 #include "telemetry_ubus.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
@@ -93,6 +94,7 @@ void telemetry_load_options() {
 }
 
 void telemetry_reload(TelemetryCtx *ctx) {
+    telemetry_repeat_forget(); // what is still missing is news again
     // Without the option the level is the start's again, whatever an order over the bus made of it.
     telemetry_debug_level = TELEMETRY_LOG_INFO;
     telemetry_load_options();

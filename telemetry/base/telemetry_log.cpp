@@ -51,17 +51,18 @@ void telemetry_log_open_syslog() {
 
 static constexpr size_t kShownOfSecret = 4;
 
-// What stands before a key or a secret: in the two lines of the start, in the state dump, in answers of the
-// cloud, in the header of a signed request, in lines about an option that was not taken.
+// What stands before a key or a secret in a line of text: in the two lines of the start, in the state dump,
+// in the header of a signed request, in lines about an option that was not taken. Nothing there tells where
+// it ends.
 static constexpr const char *kSecretMarks[] = {
-    "access_key:",      "access_secret:",      "access key: ",      "access secret: ",
-    "\"accessKey\":\"", "\"accessSecret\":\"", "\"accessKey\": \"", "\"accessSecret\": \"",
-    "AccessKey=",       "accessKey=",          "accessSecret=",     "uci_set_value [",
+    "access_key:", "access_secret:", "access key: ",  "access secret: ",
+    "AccessKey=",  "accessKey=",     "accessSecret=", "uci_set_value [",
 };
+// In answers of the cloud, which are printed as they came.
+static constexpr const char *kSecretMembers[] = {"\"accessKey\"", "\"accessSecret\""};
 
-// Shortens the secret that begins at `secret`: the rest of the line moves up.
-static void shorten_secret(char *secret) {
-    const size_t length = strcspn(secret, "\",\n");
+// Shortens the secret of `length` bytes: the rest of the text moves up.
+static void shorten_secret(char *secret, size_t length) {
     if (length <= kShownOfSecret)
         return;
     const size_t dots = std::min<size_t>(3, length - kShownOfSecret);
@@ -70,13 +71,36 @@ static void shorten_secret(char *secret) {
     memmove(secret + kShownOfSecret + dots, rest, strlen(rest) + 1);
 }
 
+// Length of a JSON text's inside, up to its closing quote or the end.
+static size_t quoted_length(const char *text) {
+    size_t at = 0;
+    while (text[at] != '\0' && text[at] != '"')
+        at += text[at] == '\\' && text[at + 1] != '\0' ? 2 : 1;
+    return at;
+}
+
+// The value's first character; null when the member's name is followed by something else than a text.
+static char *text_after_name(char *text) {
+    static constexpr char kBlanks[] = " \t\r\n";
+    text += strspn(text, kBlanks);
+    if (*text != ':')
+        return nullptr;
+    text += 1 + strspn(text + 1, kBlanks);
+    return *text == '"' ? text + 1 : nullptr;
+}
+
 void telemetry_log_hide_secrets(char *text) {
-    for (const char *mark : kSecretMarks) {
+    for (const char *name : kSecretMembers)
+        for (char *found = strstr(text, name); found != nullptr; found = strstr(found, name)) {
+            found += strlen(name);
+            if (char *secret = text_after_name(found); secret != nullptr)
+                shorten_secret(secret, quoted_length(secret));
+        }
+    for (const char *mark : kSecretMarks)
         for (char *found = strstr(text, mark); found != nullptr; found = strstr(found, mark)) {
             found += strlen(mark);
-            shorten_secret(found);
+            shorten_secret(found, strlen(found));
         }
-    }
 }
 
 // --- Lines ---

@@ -47,7 +47,9 @@ static constexpr const char *kStateNames[] = {"init", "refresh_key", "get_strate
 
 static void add_role(blob_buf *reply) {
     const char *obstacle = telemetry_collect_obstacle();
-    add_text(reply, "role", check_if_device_is_FAP() ? "main" : "satellite");
+    // The last condition is the role itself: what stands before it says nothing of it.
+    const bool main_node = obstacle == nullptr || (obstacle != kObstacleRole && check_if_device_is_FAP());
+    add_text(reply, "role", main_node ? "main" : "satellite");
     blobmsg_add_u8(reply, "collecting", obstacle == nullptr ? 1 : 0);
     if (obstacle != nullptr)
         add_text(reply, "reason", obstacle);

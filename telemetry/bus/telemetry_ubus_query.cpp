@@ -158,8 +158,7 @@ int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *r
         return reply_failure(bus, request);
 
     BlobBuffer reply;
-    if (record->usb_enable >= 0)
-        blobmsg_add_u32(reply.get(), "usb_enable", static_cast<uint32_t>(record->usb_enable));
+    blobmsg_add_u32(reply.get(), "usb_enable", static_cast<uint32_t>(record->usb_enable));
     blobmsg_add_u32(reply.get(), "config_is_change", static_cast<uint32_t>(record->config_is_change));
     blobmsg_add_u32(reply.get(), "usb_type", static_cast<uint32_t>(record->usb_type));
     blobmsg_add_string(reply.get(), "vendor_id", record->vendor_id);

@@ -25,10 +25,10 @@ static constexpr int kLowpowerTimeoutMs = 1000;
 
 // --- CPU ---
 
-// Ticks of all processors. Sums wrap as 32-bit figures do after months of uptime.
+// Ticks of all processors: beyond 32 bits after months of uptime.
 struct CpuSample {
-    uint32_t total;
-    int32_t busy;
+    uint64_t total;
+    int64_t busy;
 };
 
 static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
@@ -42,18 +42,18 @@ static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
         LOG_ERROR("fget failed!");
         return -1;
     }
-    uint32_t counters[10] = {};
-    uint32_t total = 0;
+    uint64_t counters[10] = {};
+    uint64_t total = 0;
     const char *place = line + strcspn(line, " ");
-    for (uint32_t &counter : counters) {
+    for (uint64_t &counter : counters) {
         char *end = nullptr;
-        counter = static_cast<uint32_t>(strtoull(place, &end, 10));
+        counter = strtoull(place, &end, 10);
         if (end == place)
             return -1;
         place = end;
         total += counter;
     }
-    *sample = {total, std::max(static_cast<int32_t>(total - counters[3] - counters[4]), 0)};
+    *sample = {total, std::max<int64_t>(static_cast<int64_t>(total - counters[3] - counters[4]), 0)};
     return 0;
 }
 
@@ -71,8 +71,8 @@ int telemetry_system_info_get_cpu_info() {
         LOG_ERROR("get cpu info failed!");
         return -1;
     }
-    const int64_t total = std::max(static_cast<int32_t>(second.total - first.total), 1);
-    const int64_t busy = std::max<int64_t>(static_cast<int64_t>(second.busy) - first.busy, 0);
+    const int64_t total = std::max<int64_t>(static_cast<int64_t>(second.total - first.total), 1);
+    const int64_t busy = std::clamp<int64_t>(second.busy - first.busy, 0, INT64_MAX / 100);
     return static_cast<int>(busy * 100 / total);
 }
 

@@ -1,5 +1,6 @@
 #include "telemetry_collect.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <ctime>
 #include <iterator>
@@ -97,6 +98,7 @@ void telemetry_clear_collect_list(TelemetryCtx *ctx) {
         return;
     }
     ctx->data_collect_count = 0;
+    telemetry_figures.sending.items = 0;
     cJSON_Delete(ctx->collect_list);
     ctx->collect_list = nullptr;
 }
@@ -192,9 +194,11 @@ static void keep_list_bounded(TelemetryCtx *ctx) {
                   static_cast<int>(kMaxBackUpLength));
         const uint32_t before = ctx->data_collect_count;
         shrink_collect_data_list(ctx);
-        telemetry_figures.items_shrunk += before - ctx->data_collect_count;
+        const uint32_t dropped = before - ctx->data_collect_count;
+        telemetry_figures.items_shrunk += dropped;
+        telemetry_figures.sending.items -= std::min(telemetry_figures.sending.items, dropped);
         LOG_INFO("the list is longer than %d bytes: %u of %u items are dropped, the oldest first",
-                 static_cast<int>(kMaxBackUpLength), before - ctx->data_collect_count, before);
+                 static_cast<int>(kMaxBackUpLength), dropped, before);
     }
     if (collect_list_exceeds(ctx, kUploadThreshold)) {
         LOG_DEBUG("collect data excceed upload threshold %d! need to upload now",

@@ -217,7 +217,7 @@ static bool fill_entry(cJSON *entry, const UsbInfoRecord &record) {
 // `missing` when the answer has no such member.
 static int32_t read_flag(const cJSON *result, const char *key, int32_t missing) {
     int64_t flag = 0;
-    if (!json_int64(result, key, &flag))
+    if (!json_int64(result, key, &flag) || flag < 0)
         return missing;
     return flag != 0 ? 1 : 0;
 }

@@ -282,6 +282,10 @@ static void handle_myself_count_reply(blob_attr *message, void *user) {
 }
 
 int telemetry_get_myself_client_num(int32_t *count) {
+    if (count == nullptr) {
+        LOG_ERROR("param error");
+        return -1;
+    }
     *count = 0;
     return call_service("client_mgmt", "get_myself", nullptr, handle_myself_count_reply, count);
 }

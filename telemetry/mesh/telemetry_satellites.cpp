@@ -52,6 +52,10 @@ static void apply_backhaul(MeshDeviceInfo *device, const cJSON *links) {
 }
 
 void telemetry_apply_re_backhaul_result(const cJSON *result) {
+    if (result == nullptr) {
+        LOG_ERROR("param error");
+        return;
+    }
     const char *sender = json_text(result, "mac");
     char mac[kMacTextSize] = {};
     if (sender == nullptr || mac_to_upper_short_line(mac, sender) != 0)
@@ -98,6 +102,10 @@ static constexpr int kEmptyEntriesSaid = 16;
 void parseClientStaInfoMsg(const cJSON *result) {
     if (telemetry_get_client_info_list() == nullptr) {
         LOG_ERROR("client info is NULL");
+        return;
+    }
+    if (result == nullptr) {
+        LOG_ERROR("param error");
         return;
     }
     const cJSON *list = cJSON_GetObjectItemCaseSensitive(result, "client_sta_list");

@@ -117,6 +117,8 @@ TEST(TelemetryLog, SecretsShowFourCharacters) {
         {"uci_set telemetry.cloud.accessSecret=abcdefgh failed",
          "uci_set telemetry.cloud.accessSecret=abcd..."},
         {"uci_set_value [abcdefgh] error", "uci_set_value [abcd..."},
+        {"access_secret:ab,cdefgh", "access_secret:ab,c..."},
+        {"{\"accessKey\" :\t\"ab\\\"cdefgh\", \"a\": 1}", "{\"accessKey\" :\t\"ab\\\"...\", \"a\": 1}"},
         {R"(response:{"result":{"accessKey":"abcdefgh","accessSecret":"12345678"}})",
          R"(response:{"result":{"accessKey":"abcd...","accessSecret":"1234..."}})"},
     };

@@ -168,7 +168,7 @@ TEST_F(TelemetryUbusQueryTest, UsbAndAfcState) {
     const std::string mac = R"("mac":"0A-0B-0C-0D-0E-0F","err_code":0})";
     root.write_backup("");
     EXPECT_EQ(call("collect_usb_info").json,
-              R"({"config_is_change":0,"usb_type":0,"vendor_id":"","product_id":"",)" + mac);
+              R"({"usb_enable":-1,"config_is_change":0,"usb_type":0,"vendor_id":"","product_id":"",)" + mac);
     EXPECT_EQ(call("collect_afc_info").json, "{" + mac);
     root.write_config("afc", "config afc 'afc'\n\toption enable '1'\n");
     root.write(kAfcStatusPath, R"({"state":"granted","expires_in":3600,"channels":[)"

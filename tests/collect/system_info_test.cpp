@@ -85,6 +85,7 @@ TEST_F(SystemInfo, CpuUsageIsTheShareOfBusyTicks) {
         // Counters beyond 32 bits, and a sum that passes the largest signed and unsigned number in between.
         {"4294967296 0 0 9000000000 0 0 0 0 0 0", "4294967396 0 0 9000000300 0 0 0 0 0 0", 25, {}},
         {"100 0 0 4294967150 0 0 0 0 0 0", "150 0 0 4294967300 0 0 0 0 0 0", 25, {}},
+        {"3000000000 0 0 0 0 0 0 0 0 0", "3000000100 0 0 300 0 0 0 0 0 0", 25, {}},
         {"1 2 3 4 5 6 7 8 9", "", -1, {failed}},
         {"", "", -1, {"fget failed!", failed}},
         {"1 2 3 4 5 6 7 8 9 10", "", -1, {opening, failed}},
