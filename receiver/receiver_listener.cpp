@@ -90,7 +90,7 @@ struct Listener::Connection {
     std::string input, output;
     size_t sent = 0;
     HttpRequest request;
-    bool keeps = false, asks_again = false, sent_continue = false;
+    bool keeps = false, asks_again = false;
     size_t held = 0; // its part of held_bytes_
     unsigned events = 0;
 
@@ -297,7 +297,9 @@ void Listener::advance(Connection &connection) {
     case Phase::writing:
         return write_some(connection);
     case Phase::handling:
-        return drop(connection.id); // nothing is watched but the other side's end
+        // The other side is gone. What it sent counts until the worker is done with it; the answer finds out.
+        epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
+        return;
     default:
         return read_some(connection);
     }
@@ -384,8 +386,10 @@ void Listener::parse_some(Connection &connection) {
     }
     if (connection.input.size() < request.body_size)
         return;
-    request.body = connection.input.substr(0, request.body_size);
-    connection.input.erase(0, request.body_size);
+    std::string rest = connection.input.substr(request.body_size);
+    connection.input.resize(request.body_size);
+    request.body = std::exchange(connection.input, std::move(rest)); // its memory goes along
+    connection.asks_again = false;                                   // looked at again after the answer
     connection.phase = Phase::handling;
     watch(connection, 0);
     {

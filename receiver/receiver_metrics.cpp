@@ -4,10 +4,11 @@
 
 std::string metrics_label(const std::string &value) {
     std::string text = "\"";
-    for (char c : value) {
+    for (const char c : value) { // one byte that is no UTF-8, and the whole answer is refused
         if (c == '"' || c == '\\')
             text += '\\';
-        text += c == '\n' ? ' ' : c;
+        const auto byte = static_cast<unsigned char>(c);
+        text += byte < 0x20 || byte >= 0x7f ? '?' : c;
     }
     return text + "\"";
 }

@@ -174,7 +174,7 @@ HttpAnswer Page::file(const std::string &path) const {
 std::string Page::meshes(const HttpRequest &request) {
     const std::vector<std::string> names = {"device",     "model",    "firmware", "#first_seen",
                                             "#last_seen", "#uploads", "#records"};
-    // Letters, digits and "_" only: no sign of a pattern comes from outside.
+    // Letters and digits only: no sign of a pattern comes from outside.
     std::string search = request.parameter("search").substr(0, 64);
     std::erase_if(search, [](unsigned char c) { return !isalnum(c); });
     return rows_json(

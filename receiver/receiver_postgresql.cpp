@@ -54,8 +54,18 @@ class PostgresqlDatabase : public Database {
 
   private:
     void connect() {
-        const char *names[] = {"dbname", "connect_timeout", "options", "application_name", nullptr};
-        const char *values[] = {where_.c_str(), "5", kOptions, "telemetry-receiver", nullptr};
+        // A host that is gone without a word is given up after these.
+        const char *names[] = {"dbname",
+                               "connect_timeout",
+                               "options",
+                               "application_name",
+                               "tcp_user_timeout",
+                               "keepalives_idle",
+                               "keepalives_interval",
+                               "keepalives_count",
+                               nullptr};
+        const char *values[] = {where_.c_str(), "5", kOptions, "telemetry-receiver", "10000", "10", "5", "2",
+                                nullptr};
         connection_.reset(PQconnectdbParams(names, values, 1));
         if (PQstatus(connection_.get()) != CONNECTION_OK)
             throw StoreError(std::string("postgresql: ") + PQerrorMessage(connection_.get()));

@@ -193,7 +193,11 @@ void Service::forget_old(int64_t now) {
             return;
         last_day_ = now / kDaySeconds;
     }
-    store_.forget_before(now - options_.keep_days * kDaySeconds);
+    try {
+        store_.forget_before(now - options_.keep_days * kDaySeconds);
+    } catch (const StoreError &error) { // no reason to refuse what has come
+        fprintf(stderr, "telemetry-receiver: old days stay until tomorrow: %s\n", error.what());
+    }
 }
 
 std::string Service::counts() {

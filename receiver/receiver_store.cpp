@@ -252,7 +252,7 @@ void Store::forget_before(int64_t time) {
                                                 {table});
             for (const SqlRow &part : parts) {
                 if (atoll(part[0].c_str() + part[0].rfind('_') + 1) < day)
-                    database->run("DROP TABLE " + part[0]);
+                    database->run("DROP TABLE IF EXISTS " + part[0]); // another receiver may be first
             }
         }
         database->run("DELETE FROM accepted WHERE received < $1", {day * kDaySeconds});

@@ -1,12 +1,13 @@
 // What the receiver keeps: all of it in the database, nothing in the process, so that any number of receivers
 // serve one database. Tables:
-//   keys        every access key that is known
-//   strategies  what is handed out: a row a device, the row of device "" for all others
-//   accepted    digest of each body that was accepted, by device: the same body is not stored twice
-//   posts       a row an accepted upload        } by day of receipt; in PostgreSQL a day is a partition, so
-//   that records     a row a record of it            } dropping one is no work newest      the last record of
-//   each kind, by device devices     a row a device requests    every request as it came; only where the
-//   owner asked for it
+// - keys: every access key that is known.
+// - strategies: what is handed out, a row a device, the row of device "" for all others.
+// - accepted: digest of each body that was accepted, by device: the same body is not stored twice.
+// - posts: a row an accepted upload; records: a row a record of it. Both by day of receipt; in PostgreSQL a
+//   day is a partition, so that dropping one is no work.
+// - newest: the last record of each kind, by device.
+// - devices: a row a device.
+// - requests: every request as it came, only where the owner asked for it.
 #pragma once
 
 #include <condition_variable>

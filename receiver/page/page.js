@@ -133,7 +133,8 @@ async function show(again = false) {
     }
     const followed = shown.mark !== "";
     const focused = document.activeElement?.id;
-    if (followed && content.querySelector(".plot details[open]")) return; // somebody reads a table that would close
+    // Somebody reads a table that would close, types, or stands on a link.
+    if (followed && content.querySelector(".plot details[open], input:focus, td a:focus, summary:focus")) return;
     const open = followed ? [...content.querySelectorAll("details[id]")].map((one) => [one.id, one.open]) : [];
     shown = { key, mark: made.mark };
     document.title = made.title;
@@ -151,3 +152,9 @@ async function show(again = false) {
 window.addEventListener("hashchange", () => { show(true); content.focus(); });
 setInterval(() => { if (!document.hidden) show(); }, kPollMs);
 show(true);
+
+// The address names the view: a jump inside the page must not change it.
+document.querySelector("a.skip").addEventListener("click", (event) => {
+  event.preventDefault();
+  content.focus();
+});

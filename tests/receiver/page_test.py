@@ -260,4 +260,5 @@ class PageTest(unittest.TestCase):
 if __name__ == "__main__":
     if not CHROMIUM:
         print("page_test: skipped, chromium is not installed")
+        sys.exit(77)
     unittest.main()

@@ -135,6 +135,7 @@ TEST_F(ReceiverTest, TakesABodyOnceInAnyOrderFromKnownDevicesInTime) {
 
     const std::string late = std::to_string(time(nullptr) - 1000);
     EXPECT_EQ(code_of(client_.post(kUploadPath, body, sign(body, kUploadPath, key, late))), -10301);
+    EXPECT_EQ(code_of(client_.upload(body, {"forgotten", "x", false})), -10304); // it asks for another
     EXPECT_EQ(code_of(client_.upload(body, {"fixed-key", "fixed-secret", false})),
               -20501); // of another device
     EXPECT_EQ(code_of(client_.post(kKeyPath, replaced(kKeyBody, "\"D\"", "\"F\""))), -20501);
