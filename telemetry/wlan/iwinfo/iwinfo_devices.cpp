@@ -167,8 +167,9 @@ static void add_device(const char *name, const std::vector<WirelessSection> &sec
         return; // gone since the list was made
     IwinfoDevice device = {name, "", "", -1, 0, 0, -1, false};
     const char *ssid = json_text(info.get(), "ssid"), *htmode = json_text(info.get(), "htmode");
-    device.ssid = ssid != nullptr ? ssid : "";
-    device.htmode = htmode != nullptr ? htmode : "";
+    // No longer than they can be, whatever the service says.
+    device.ssid.assign(ssid != nullptr ? ssid : "", ssid != nullptr ? strnlen(ssid, 32) : 0);
+    device.htmode.assign(htmode != nullptr ? htmode : "", htmode != nullptr ? strnlen(htmode, 15) : 0);
     int64_t frequency = 0, channel = 0;
     json_int64(info.get(), "frequency", &frequency);
     json_int64(info.get(), "channel", &channel);

@@ -36,9 +36,11 @@ static bool read_degrees(const char *path, double *degrees) {
     if (telemetry_parse_file(path, text, sizeof(text)) != 0)
         return false;
     const long thousandths = strtol(text, &end, 10);
+    if (end == text)
+        return false;
     const long whole = thousandths / 1000; // as the records have it
     *degrees = static_cast<double>(whole);
-    return end != text;
+    return true;
 }
 
 int wlan_get_device_temperature_iwinfo(const char *ifname, double *temperature) {
@@ -93,15 +95,23 @@ int wlan_get_wifi_bandwidth_iwinfo(uint32_t *bandwidth) {
     const IwinfoDevice *device = ap_of_band(1, __func__);
     if (device == nullptr)
         return 0;
-    // "HE80", "VHT160", "HT20"; "NOHT" and the empty text are a plain channel.
+    // "HE80", "VHT160", "HT20"; "NOHT" is a plain channel.
     const char *mode = device->htmode.c_str();
-    const int width = telemetry_text_to_int(mode + strcspn(mode, "0123456789"));
-    *bandwidth = width > 0 ? static_cast<uint32_t>(width) : 20;
-    return 1;
+    const int width =
+        strcmp(mode, "NOHT") == 0 ? 20 : telemetry_text_to_int(mode + strcspn(mode, "0123456789"));
+    for (const int known : {20, 40, 80, 160, 320}) {
+        if (width == known) {
+            *bandwidth = static_cast<uint32_t>(known);
+            return 1;
+        }
+    }
+    LOG_MISSING("%s: the width of %.16s is not known: %.16s", __func__, device->name.c_str(), mode);
+    return 0;
 }
 
 struct SurveyLook {
     std::string ifname;
+    double mhz; // of the channel that the times belong to
     double active;
     double busy;
     uint8_t percent;
@@ -121,7 +131,7 @@ static SurveyLook *last_look(const char *ifname) {
     }
     if (survey_looks.size() == kMaxSurveys)
         survey_looks.erase(survey_looks.begin());
-    survey_looks.push_back({ifname, 0, 0, 0});
+    survey_looks.push_back({ifname, 0, 0, 0, 0});
     return &survey_looks.back();
 }
 
@@ -130,13 +140,14 @@ static double positive(const cJSON *entry, const char *key) {
     return cJSON_IsNumber(item) && item->valuedouble > 0 ? item->valuedouble : 0;
 }
 
-static void take_survey(SurveyLook *look, double active, double busy) {
-    // A radio that was restarted counts from zero again.
-    const bool restarted = active < look->active || busy < look->busy;
+static void take_survey(SurveyLook *look, double mhz, double active, double busy) {
+    // Another channel has times of its own; a radio that was restarted counts from zero again.
+    const bool restarted = mhz != look->mhz || active < look->active || busy < look->busy;
     const double passed = active - (restarted ? 0 : look->active);
     const double used = busy - (restarted ? 0 : look->busy);
     if (passed > 0)
         look->percent = static_cast<uint8_t>(std::clamp(used * 100 / passed, 0.0, 100.0));
+    look->mhz = mhz;
     look->active = active;
     look->busy = busy;
 }
@@ -150,10 +161,11 @@ int wlan_get_channel_util_iwinfo(const char *ifname, uint8_t *util, uint32_t, ui
     const cJSON *entry = nullptr;
     cJSON_ArrayForEach(entry, results.get()) {
         const double active = positive(entry, "active_time");
-        if (positive(entry, "mhz") != mhz || active <= 0)
+        if (mhz <= 0 || positive(entry, "mhz") != mhz || active <= 0 ||
+            !cJSON_IsNumber(cJSON_GetObjectItemCaseSensitive(entry, "busy_time")))
             continue;
         SurveyLook *look = last_look(ifname);
-        take_survey(look, active, positive(entry, "busy_time"));
+        take_survey(look, mhz, active, positive(entry, "busy_time"));
         *util = look->percent;
         return 1;
     }
@@ -224,7 +236,8 @@ int wlan_get_uplink_rate_iwinfo(const char *ifname, BackhaulStats *stats, uint8_
     const cJSON *parent = cJSON_GetArrayItem(results.get(), 0);
     uint8_t mac[6];
     int64_t signal = 0;
-    if (!mac_of(parent, mac) || !json_int64(parent, "signal", &signal)) {
+    // 0 is the service's word for unknown.
+    if (!mac_of(parent, mac) || !json_int64(parent, "signal", &signal) || signal < INT8_MIN || signal >= 0) {
         LOG_MISSING("%s: %.16s has no parent", __func__, ifname);
         return 0;
     }
