@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include "telemetry_log.h"
-#include "telemetry_repeat.h"
 
 // The signal's handler writes, the loop reads; both ends never block.
 static int wish_ends[2] = {-1, -1};

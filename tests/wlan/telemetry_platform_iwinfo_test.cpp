@@ -1,4 +1,5 @@
 // The bus object's answers become the driver's; what is missing, vanishes or is huge costs a line.
+#include "iwinfo_devices.h"
 #include "telemetry_platform_iwinfo.h"
 
 #include <gtest/gtest.h>
@@ -14,8 +15,9 @@ namespace {
 constexpr char kWireless[] =
     "config wifi-device radio0\n\toption band 2g\nconfig wifi-device radio1\n\toption hwmode 11a\n"
     "config wifi-iface\n\toption device radio0\n\toption mode ap\n\toption ssid net\n\toption network lan\n"
-    "config wifi-iface\n\toption device radio1\n\toption mode ap\n\toption ssid guests\n\toption network "
-    "guest\n"
+    "config wifi-iface\n\toption device radio1\n\toption mode mesh\n\toption ssid guests\n"
+    "config wifi-iface\n\toption device radio1\n\toption mode ap\n\toption ssid guests\n\tlist network "
+    "Guest\n"
     "config wifi-iface\n\toption device radio1\n\toption mode sta\n\toption ssid net\n\toption ifname up0\n";
 
 class PlatformIwinfo : public SysrootTest {
@@ -64,6 +66,8 @@ TEST_F(PlatformIwinfo, FindsInterfacesByBandNetworkAndRole) {
     EXPECT_EQ(name_of(1, 1) + name_of(1, 0), "d");
     ASSERT_EQ(wlan_get_wifi_bandwidth(&number), 1);
     EXPECT_EQ(number, 160u);
+    info("guests", 5180, "HE99999");
+    EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 0); // no width that there is
     info("unknown", 5180, "NOHT", "Client");
     EXPECT_EQ(wlan_get_wifi_bandwidth(&number), 0); // no access point
     fake_services["iwinfo.devices"].json = R"({"devices":["up0"]})";
@@ -75,6 +79,11 @@ TEST_F(PlatformIwinfo, FindsInterfacesByBandNetworkAndRole) {
     ASSERT_EQ(wlan_get_uplink_rate(name, &stats, &byte), 1);
     EXPECT_EQ(stats.tx * 10000 + stats.rx, 866 * 10000 + 780);
     EXPECT_EQ(stats.mac[5] * 1000 + byte, 10 * 1000 + 32);
+    for (const char *signal : {"9223372036854775807", "300", "0"}) {
+        fake_services["iwinfo.assoclist"].json =
+            std::string(R"({"results":[{"mac":"02:00:00:00:00:0A","signal":)") + signal + "}]}";
+        EXPECT_EQ(wlan_get_uplink_rate(name, &stats, &byte), 0) << signal;
+    }
 }
 
 TEST_F(PlatformIwinfo, ChannelShareAndStations) {
@@ -90,6 +99,13 @@ TEST_F(PlatformIwinfo, ChannelShareAndStations) {
         ASSERT_EQ(wlan_get_channel_util("d", &byte, 2, 1), 1);
         EXPECT_EQ(byte, percent);
     }
+    // Another channel has counters of its own.
+    auto &answer = fake_services["iwinfo.info"].json;
+    answer.replace(answer.find("2437"), 4, "2412");
+    iwinfo_forget_devices();
+    fake_services["iwinfo.survey"].json = R"({"results":[{"mhz":2412,"active_time":5000,"busy_time":600}]})";
+    ASSERT_EQ(wlan_get_channel_util("d", &byte, 2, 1), 1);
+    EXPECT_EQ(byte, 12);
     ASSERT_EQ(wlan_get_band_client_sta_info("d", &list, &count), 1);
     ASSERT_EQ(count, 3u);
     const uint32_t expected[][4] = {{0xa, 866, 780, 2}, {0xb, 0, 6, 0}, {0xc, 0, 0, 3}};

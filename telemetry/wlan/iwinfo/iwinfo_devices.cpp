@@ -87,8 +87,16 @@ struct WirelessSection {
 };
 
 static std::string option_of(uci_context *uci, uci_section *section, const char *name) {
-    const char *value = uci_lookup_option_string(uci, section, name);
-    return value != nullptr ? value : "";
+    uci_option *option = uci_lookup_option(uci, section, name);
+    if (option == nullptr || option->type == UCI_TYPE_STRING)
+        return option != nullptr ? option->v.string : "";
+    std::string text; // a list, as of a network in several
+    uci_element *element = nullptr;
+    uci_foreach_element(&option->v.list, element) {
+        text += text.empty() ? "" : " ";
+        text += element->name;
+    }
+    return text;
 }
 
 static int band_of_radio(uci_context *uci, uci_package *package, const std::string &radio) {
@@ -104,9 +112,9 @@ static int band_of_radio(uci_context *uci, uci_package *package, const std::stri
 }
 
 static int type_of_network(const std::string &network) {
-    if (network.find("guest") != std::string::npos)
+    if (strcasestr(network.c_str(), "guest") != nullptr)
         return 1;
-    return network.find("iot") != std::string::npos ? 2 : 0;
+    return strcasestr(network.c_str(), "iot") != nullptr ? 2 : 0;
 }
 
 static std::vector<WirelessSection> read_sections() {
@@ -122,12 +130,15 @@ static std::vector<WirelessSection> read_sections() {
         uci_section *section = uci_to_section(element);
         if (strcmp(section->type, "wifi-iface") != 0 || option_of(uci.get(), section, "disabled") == "1")
             continue;
+        // Meshes, monitors and the like serve no client.
+        const std::string mode = option_of(uci.get(), section, "mode");
+        if (!mode.empty() && mode != "ap" && mode != "sta")
+            continue;
         if (sections.size() == kMaxSections)
             break;
         sections.push_back({option_of(uci.get(), section, "ifname"), option_of(uci.get(), section, "ssid"),
                             band_of_radio(uci.get(), package, option_of(uci.get(), section, "device")),
-                            type_of_network(option_of(uci.get(), section, "network")),
-                            option_of(uci.get(), section, "mode") == "sta"});
+                            type_of_network(option_of(uci.get(), section, "network")), mode == "sta"});
     }
     uci_unload(uci.get(), package);
     return sections;
