@@ -11,12 +11,10 @@
 // and the 3 seconds between two CPU samples are left out.
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
-#include <sys/prctl.h>
 #include <valgrind/callgrind.h>
 
-#include "bus_daemon.h"
+#include "bench_services.h"
 #include "scenario_tables.h"
 #include "sysroot.h"
 #include "telemetry_collect.h"
@@ -96,68 +94,7 @@ int __wrap_ubus_invoke_fd(ubus_context *bus, uint32_t id, const char *method, bl
 }
 }
 
-// --- The services: a process of their own ---
-
 namespace {
-
-std::map<std::string, std::unique_ptr<BlobBuffer>> served; // by "object.method", with the opcode
-
-int answer(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-           blob_attr *message) {
-    std::string name = std::string(object->name) + "." + method;
-    const TextPtr text(blobmsg_format_json(message, true));
-    const char *digits = strpbrk(text.get(), "0123456789");
-    if (strcmp(method, "request") == 0 && digits != nullptr)
-        name += "." + std::to_string(atoi(digits));
-    const auto found = served.find(name);
-    return found == served.end() ? UBUS_STATUS_METHOD_NOT_FOUND
-                                 : ubus_send_reply(bus, request, found->second->head());
-}
-
-[[noreturn]] void serve(const std::string &socket, int ready) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    static const ubus_method methods[] = {
-        UBUS_METHOD_NOARG("get", answer),           UBUS_METHOD_NOARG("get_myself", answer),
-        UBUS_METHOD_NOARG("list", answer),          UBUS_METHOD_NOARG("request", answer),
-        UBUS_METHOD_NOARG("telemetry_get", answer), UBUS_METHOD_NOARG("status", answer)};
-    const char *const names[] = {"tfstats",   "client_mgmt",           "sync",
-                                 "low_power", "network.interface.wan", "network.interface.wan6"};
-    static ubus_object_type types[std::size(names)] = {};
-    static ubus_object objects[std::size(names)] = {};
-    uloop_init();
-    const BusContextPtr bus(ubus_connect(socket.c_str()));
-    for (size_t i = 0; i < std::size(names); ++i) {
-        types[i] = {names[i], 0, methods, std::size(methods)};
-        objects[i].name = names[i];
-        objects[i].type = &types[i];
-        objects[i].methods = methods;
-        objects[i].n_methods = std::size(methods);
-        if (!bus || ubus_add_object(bus.get(), &objects[i]) != UBUS_STATUS_OK)
-            _exit(1);
-    }
-    ubus_add_uloop(bus.get());
-    if (write(ready, "", 1) == 1)
-        uloop_run();
-    _exit(0);
-}
-
-void start_services(const std::string &socket) {
-    for (const auto &[name, json] : scenario_replies()) {
-        served[name] = std::make_unique<BlobBuffer>();
-        blobmsg_add_json_from_string(served[name]->get(), json.c_str());
-    }
-    int ready[2];
-    if (pipe(ready) != 0)
-        abort();
-    const pid_t pid = fork();
-    if (pid == 0)
-        serve(socket, ready[1]);
-    close(ready[1]);
-    char byte = 0;
-    if (pid < 0 || read(ready[0], &byte, 1) != 1)
-        abort();
-    close(ready[0]);
-}
 
 // --- The cycles ---
 
@@ -196,7 +133,12 @@ int main(int argc, char **argv) {
     const std::string path = std::string(TEST_SOURCE_DIR "/lab/board:") + getenv("PATH");
     setenv("PATH", path.c_str(), 1);
     const BusDaemon bus(root.path(kBusSocketPath));
-    start_services(bus.socket());
+    for (const auto &[name, json] : scenario_replies()) {
+        served[name] = std::make_unique<BlobBuffer>();
+        blobmsg_add_json_from_string(served[name]->get(), json.c_str());
+    }
+    const Services services(bus.socket(), {"tfstats", "client_mgmt", "sync", "low_power",
+                                           "network.interface.wan", "network.interface.wan6"});
     const WlanPlatformOps driver = driver_table();
     wlan_platform_ops = &driver;
     telemetry_debug_enable = 0;

@@ -6,11 +6,8 @@
 #include <benchmark/benchmark.h>
 
 #include <map>
-#include <memory>
 
-#include <sys/prctl.h>
-
-#include "bus_daemon.h"
+#include "bench_services.h"
 #include "sysroot.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -98,8 +95,6 @@ void write_root(TestSysroot &root, const std::vector<Client> &clients, int nodes
 // --- Its services
 // --------------------------------------------------------------------------------------------------
 
-using Replies = std::map<std::string, std::unique_ptr<BlobBuffer>>; // by "object.method"
-
 blob_buf *reply_of(Replies &replies, const char *name) {
     return (replies[name] = std::make_unique<BlobBuffer>())->get();
 }
@@ -185,63 +180,6 @@ Replies make_replies(const std::vector<Client> &clients, int nodes) {
     return replies;
 }
 
-Replies served;
-
-int answer(ubus_context *bus, ubus_object *object, ubus_request_data *request, const char *method,
-           blob_attr *) {
-    return ubus_send_reply(bus, request, served.at(std::string(object->name) + "." + method)->head());
-}
-
-[[noreturn]] void serve(const std::string &socket, int ready) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    static const ubus_method methods[] = {
-        UBUS_METHOD_NOARG("get", answer), UBUS_METHOD_NOARG("get_myself", answer),
-        UBUS_METHOD_NOARG("list", answer), UBUS_METHOD_NOARG("request", answer)};
-    static ubus_object_type types[3] = {};
-    static ubus_object objects[3] = {};
-    uloop_init();
-    const BusContextPtr bus(ubus_connect(socket.c_str()));
-    const char *const names[] = {"tfstats", "client_mgmt", "sync"};
-    for (int i = 0; i < 3; ++i) {
-        types[i] = {names[i], 0, methods, 4};
-        objects[i].name = names[i];
-        objects[i].type = &types[i];
-        objects[i].methods = methods;
-        objects[i].n_methods = 4;
-        if (!bus || ubus_add_object(bus.get(), &objects[i]) != UBUS_STATUS_OK)
-            _exit(1);
-    }
-    ubus_add_uloop(bus.get());
-    if (write(ready, "", 1) == 1)
-        uloop_run();
-    _exit(0);
-}
-
-class Services {
-  public:
-    explicit Services(const std::string &socket) {
-        int ready[2];
-        if (pipe(ready) != 0 || (pid_ = fork()) < 0)
-            abort();
-        if (pid_ == 0)
-            serve(socket, ready[1]);
-        close(ready[1]);
-        char byte = 0;
-        if (read(ready[0], &byte, 1) != 1)
-            abort();
-        close(ready[0]);
-    }
-    ~Services() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    Services(const Services &) = delete;
-    Services &operator=(const Services &) = delete;
-
-  private:
-    pid_t pid_ = -1;
-};
-
 // --- The driver
 // ------------------------------------------------------------------------------------------------------
 
@@ -313,7 +251,7 @@ void pre_collect(benchmark::State &state, Part part) {
     set_up_driver(clients);
     served = make_replies(clients, nodes);
     const BusDaemon bus(root.path(kBusSocketPath));
-    const Services services(bus.socket());
+    const Services services(bus.socket(), {"tfstats", "client_mgmt", "sync"});
     static TelemetryCtx ctx;
     telemetry_debug_enable = 0;
     require(freopen("/dev/null", "w", stderr) != nullptr, "stderr"); // "load profile: Entry not found"
