@@ -386,7 +386,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     uloop_init();
     const bool initialised = telemetry_init_ctx(ctx) == 0;
     if (initialised) {
-        telemetry_drop_foreign_key(ctx);
+        telemetry_check_key_owner(ctx);
         telemetry_count_daemon_start();
     }
     if (!initialised || telemetry_init_ubus(ctx) != 0) {

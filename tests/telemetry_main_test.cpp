@@ -278,20 +278,29 @@ TEST_F(TelemetryMain, CertificatesAndTheWayThere) {
 }
 
 TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
-    const std::tuple<const char *, const char *, bool> cases[] = {
-        {"", "D1", false}, {"D1", "D1", false}, {"D10", "D1", true}};
-    for (const auto &[owner, device, dropped] : cases) {
+    const struct {
+        const char *owner, *device, *key, *owner_after;
+        bool dropped;
+    } cases[] = {{"", "D1", "key", "D1", false},    {"D1", "D1", "key", "D1", false},
+                 {"D10", "D1", "key", "D10", true}, {"", "D1", "", "", false},
+                 {"", "", "key", "", false},        {"D2", "", "key", "D2", false}};
+    for (const auto &row : cases) {
         root.write_config("telemetry",
-                          std::string("config cloud 'cloud'\n\toption accessDevice '") + owner + "'\n");
-        copy_text(ctx.dev_id, device);
-        copy_text(ctx.access_key, "key");
-        copy_text(ctx.access_secret, "secret");
-        EXPECT_EQ(logged_messages([&] { telemetry_drop_foreign_key(&ctx); }).size(), dropped ? 1u : 0u);
-        EXPECT_EQ(std::string(ctx.access_key) + ctx.access_secret, dropped ? "" : "keysecret") << owner;
+                          std::string("config cloud 'cloud'\n\toption accessDevice '") + row.owner + "'\n");
+        copy_text(ctx.dev_id, row.device);
+        copy_text(ctx.access_key, row.key);
+        copy_text(ctx.access_secret, row.key);
+        EXPECT_EQ(logged_messages([&] { telemetry_check_key_owner(&ctx); }).size(), row.dropped ? 1u : 0u);
+        EXPECT_EQ(std::string(ctx.access_key) + ctx.access_secret,
+                  row.dropped ? "" : std::string(row.key) + row.key)
+            << row.owner;
+        EXPECT_NE(
+            root.read("/etc/config/telemetry").find(std::string("accessDevice '") + row.owner_after + "'"),
+            std::string::npos);
     }
-    copy_text(ctx.dev_id, "D2");
+    copy_text(ctx.dev_id, "D3");
     telemetry_keep_key_owner(&ctx);
-    EXPECT_NE(root.read("/etc/config/telemetry").find("accessDevice 'D2'"), std::string::npos);
+    EXPECT_NE(root.read("/etc/config/telemetry").find("accessDevice 'D3'"), std::string::npos);
 }
 
 TEST_F(TelemetryMain, AHundredSignalsAreOneReloadInTheLoop) {

@@ -13,20 +13,23 @@ static bool read_owner(char (&owner)[sizeof(TelemetryCtx::dev_id) + 1]) {
                                    TELEMETRY_UCI_SYSTEM) == 0;
 }
 
-void telemetry_drop_foreign_key(TelemetryCtx *ctx) {
-    char owner[sizeof(ctx->dev_id) + 1] = {};
-    if (ctx->dev_id[0] == '\0' || ctx->access_key[0] == '\0' || !read_owner(owner) ||
-        strcmp(owner, ctx->dev_id) == 0)
-        return;
-    LOG_INFO("the access key in the configuration is another device's: a new one is fetched");
-    memset(ctx->access_key, 0, sizeof(ctx->access_key));
-    memset(ctx->access_secret, 0, sizeof(ctx->access_secret));
-}
-
 void telemetry_keep_key_owner(const TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
     if (ctx->dev_id[0] == '\0' || (read_owner(owner) && strcmp(owner, ctx->dev_id) == 0))
         return;
     if (telemetry_set_uci_value("telemetry", "cloud", kOwnerOption, ctx->dev_id, TELEMETRY_UCI_SYSTEM) != 0)
         LOG_ERROR("telemetry.cloud.%s was not written", kOwnerOption);
+}
+
+void telemetry_check_key_owner(TelemetryCtx *ctx) {
+    char owner[sizeof(ctx->dev_id) + 1] = {};
+    if (ctx->dev_id[0] == '\0' || ctx->access_key[0] == '\0')
+        return;
+    if (!read_owner(owner))
+        return telemetry_keep_key_owner(ctx);
+    if (strcmp(owner, ctx->dev_id) == 0)
+        return;
+    LOG_INFO("the access key in the configuration is another device's: a new one is fetched");
+    memset(ctx->access_key, 0, sizeof(ctx->access_key));
+    memset(ctx->access_secret, 0, sizeof(ctx->access_secret));
 }
