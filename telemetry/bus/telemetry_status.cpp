@@ -131,6 +131,7 @@ void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
     add_text(reply, "version", TELEMETRY_VERSION);
     add_number(reply, "started", figures.started);
     add_number(reply, "uptime", (telemetry_monotonic_ms() - figures.started_monotonic) / 1000);
+    blobmsg_add_u8(reply, "has_device_id", ctx->dev_id[0] != '\0' ? 1 : 0);
     add_role(reply);
     add_text(reply, "state",
              ctx->post_state < std::size(kStateNames) ? kStateNames[ctx->post_state] : "unknown");

@@ -52,6 +52,10 @@ void telemetry_load_ca_file() {
         LOG_ERROR("the certificates to check the cloud's with cannot be read: %.256s: %s", chosen, defect);
 }
 
+bool telemetry_ca_file_is_configured() {
+    return configured_path[0] != '\0';
+}
+
 std::string telemetry_ca_file() {
     const std::string path = telemetry_path(chosen_path());
     struct stat info = {};

@@ -38,6 +38,8 @@ static void set_options(PostRequest *request) {
     curl_easy_setopt(easy, CURLOPT_PRIVATE, request);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms));
     curl_easy_setopt(easy, CURLOPT_CAINFO, certificate.c_str());
+    if (telemetry_ca_file_is_configured())
+        curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
 }
 
 static void log_request(const PostRequest *request) {

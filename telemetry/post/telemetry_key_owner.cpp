@@ -23,7 +23,7 @@ void telemetry_keep_key_owner(const TelemetryCtx *ctx) {
 
 void telemetry_check_key_owner(TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
-    if (ctx->dev_id[0] == '\0' || ctx->access_key[0] == '\0')
+    if (ctx->access_key[0] == '\0')
         return;
     if (!read_owner(owner))
         return telemetry_keep_key_owner(ctx);

@@ -5,7 +5,7 @@
 
 // Drops key and secret from the record when option `telemetry`.`cloud`.`accessDevice` names another device:
 // the state machine then fetches new ones. A key without the option counts as this device's own, which is
-// written down. Without an id of this device nothing is looked at.
+// written down where the device has an id.
 void telemetry_check_key_owner(TelemetryCtx *ctx);
 // Writes this device's id to that option, unless it holds it already.
 void telemetry_keep_key_owner(const TelemetryCtx *ctx);

@@ -43,8 +43,10 @@ class TelemetryStatusTest : public SysrootTest {
 
 TEST_F(TelemetryStatusTest, TellsWhatItDoesAndNeverTheKey) {
     ASSERT_EQ(telemetry_init_ubus(&ctx), 0);
-    EXPECT_THAT(get(),
-                HasSubstr(R"("role":"satellite","collecting":false,"reason":"disabled","state":"ready")"));
+    EXPECT_THAT(
+        get(),
+        HasSubstr(
+            R"("has_device_id":false,"role":"satellite","collecting":false,"reason":"disabled","state":"ready")"));
     root.write("/etc/config/telemetry", "config telemetry 'basic'\n\toption enable '1'\n");
     EXPECT_THAT(get(), HasSubstr(R"("reason":"clock not set")"));
     root.write("/tmp/run/ntpd.uptime", "1");

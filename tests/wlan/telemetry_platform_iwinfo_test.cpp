@@ -62,6 +62,14 @@ class PlatformIwinfo : public SysrootTest {
 TEST_F(PlatformIwinfo, FindsInterfacesByBandNetworkAndRole) {
     EXPECT_EQ(name_of(0, 0), "d");
     EXPECT_EQ(name_of(0, 1) + name_of(1, 0) + name_of(0, 3), "");
+    info("net", 2437, "HE40", "Master (VLAN)");
+    EXPECT_EQ(name_of(0, 0), "");
+    for (const auto &[network, type] : {std::pair("studiotech", 0), {"lan_IoT24", 2}, {"my_guest2", 1}}) {
+        std::string wireless = kWireless;
+        root.write_config("wireless", wireless.replace(wireless.find("lan"), 3, network));
+        info("net", 2437, "HE40");
+        EXPECT_EQ(name_of(0, type), "d") << network;
+    }
     info("guests", 5180, "VHT160");
     EXPECT_EQ(name_of(1, 1) + name_of(1, 0), "d");
     ASSERT_EQ(wlan_get_wifi_bandwidth(&number), 1);
@@ -79,10 +87,13 @@ TEST_F(PlatformIwinfo, FindsInterfacesByBandNetworkAndRole) {
     ASSERT_EQ(wlan_get_uplink_rate(name, &stats, &byte), 1);
     EXPECT_EQ(stats.tx * 10000 + stats.rx, 866 * 10000 + 780);
     EXPECT_EQ(stats.mac[5] * 1000 + byte, 10 * 1000 + 32);
-    for (const char *signal : {"9223372036854775807", "300", "0"}) {
+    for (const char *signal : {"9223372036854775807", "300", "0"}) { // the rest is known
         fake_services["iwinfo.assoclist"].json =
-            std::string(R"({"results":[{"mac":"02:00:00:00:00:0A","signal":)") + signal + "}]}";
-        EXPECT_EQ(wlan_get_uplink_rate(name, &stats, &byte), 0) << signal;
+            std::string(R"({"results":[{"mac":"02:00:00:00:00:0A","tx":{"rate":9000},"signal":)") + signal +
+            "}]}";
+        byte = 77;
+        EXPECT_EQ(wlan_get_uplink_rate(name, &stats, &byte), 1) << signal;
+        EXPECT_EQ(stats.tx * 1000 + byte, 9 * 1000 + 77) << signal;
     }
 }
 
@@ -114,9 +125,13 @@ TEST_F(PlatformIwinfo, ChannelShareAndStations) {
                                   stations[i].phymode};
         EXPECT_TRUE(std::equal(found, found + 4, expected[i])) << i;
     }
+    // Two access points of a band and network, and no room for all.
+    fake_services["iwinfo.devices"].json = R"({"devices":["e","d"]})";
+    iwinfo_forget_devices();
+    count = 0;
     EXPECT_EQ(
         logged_messages([&] { EXPECT_EQ(wlan_get_band_client_sta_info("d", &list, &count), 1); }).size(), 1u);
-    EXPECT_EQ(count, 4u); // no room for more
+    EXPECT_EQ(count, 4u);
 }
 
 TEST_F(PlatformIwinfo, WhatIsMissingIsUnknown) {

@@ -1,5 +1,6 @@
 #include "iwinfo_devices.h"
 
+#include <cctype>
 #include <cstring>
 #include <ctime>
 #include <vector>
@@ -111,10 +112,20 @@ static int band_of_radio(uci_context *uci, uci_package *package, const std::stri
     return band == "6g" ? 2 : -1;
 }
 
+// Whether a word of the name begins so: "iot" is in "lan_IoT24", not in "studiotech".
+static bool has_word(const std::string &network, const char *beginning) {
+    const char *const text = network.c_str();
+    for (const char *found = text; (found = strcasestr(found, beginning)) != nullptr; found++) {
+        if (found == text || !isalpha(static_cast<unsigned char>(found[-1])))
+            return true;
+    }
+    return false;
+}
+
 static int type_of_network(const std::string &network) {
-    if (strcasestr(network.c_str(), "guest") != nullptr)
+    if (has_word(network, "guest"))
         return 1;
-    return strcasestr(network.c_str(), "iot") != nullptr ? 2 : 0;
+    return has_word(network, "iot") ? 2 : 0;
 }
 
 static std::vector<WirelessSection> read_sections() {
@@ -161,7 +172,7 @@ static void join_section(IwinfoDevice *device, const char *mode,
         const bool named = section.ifname == device->name;
         const bool alike = section.ifname.empty() && section.ssid == device->ssid &&
                            section.band == device->band &&
-                           (mode == nullptr || section.is_station == (strcmp(mode, "Client") == 0));
+                           (mode == nullptr || strcmp(mode, section.is_station ? "Client" : "Master") == 0);
         if (!named && !alike)
             continue;
         device->is_station = section.is_station;
@@ -248,4 +259,17 @@ const IwinfoDevice *iwinfo_find_station(int band) {
 
 const IwinfoDevice *iwinfo_find_device(const char *name) {
     return find_device([&](const IwinfoDevice &device) { return device.name == name; });
+}
+
+std::vector<std::string> iwinfo_aps_like(const char *name) {
+    std::vector<std::string> names = {name};
+    const IwinfoDevice *like = iwinfo_find_device(name);
+    if (like == nullptr || like->network_type < 0)
+        return names;
+    for (const IwinfoDevice &device : devices) {
+        if (device.name != like->name && device.band == like->band &&
+            device.network_type == like->network_type)
+            names.push_back(device.name);
+    }
+    return names;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "telemetry_handles.h"
 
@@ -23,6 +24,8 @@ bool iwinfo_is_there();
 const IwinfoDevice *iwinfo_find_ap(int band, int network_type);
 const IwinfoDevice *iwinfo_find_station(int band);
 const IwinfoDevice *iwinfo_find_device(const char *name);
+// The device itself, and the other access points of its band and network.
+std::vector<std::string> iwinfo_aps_like(const char *name);
 // The `results` of a method for a device; null, with a line, when there are none.
 JsonPtr iwinfo_ask(const char *device, const char *method);
 void iwinfo_forget_devices();

@@ -236,23 +236,22 @@ int wlan_get_uplink_rate_iwinfo(const char *ifname, BackhaulStats *stats, uint8_
     const cJSON *parent = cJSON_GetArrayItem(results.get(), 0);
     uint8_t mac[6];
     int64_t signal = 0;
-    // 0 is the service's word for unknown.
-    if (!mac_of(parent, mac) || !json_int64(parent, "signal", &signal) || signal < INT8_MIN || signal >= 0) {
+    if (!mac_of(parent, mac)) {
         LOG_MISSING("%s: %.16s has no parent", __func__, ifname);
         return 0;
     }
     memcpy(stats->mac, mac, sizeof(stats->mac));
     stats->tx = static_cast<uint16_t>(std::min<uint32_t>(rate_of(parent, "tx"), UINT16_MAX));
     stats->rx = static_cast<uint16_t>(std::min<uint32_t>(rate_of(parent, "rx"), UINT16_MAX));
-    *rssi = static_cast<uint8_t>(signal + kSignalOffset);
+    // 0 is the service's word for unknown.
+    if (json_int64(parent, "signal", &signal) && signal >= INT8_MIN && signal < 0)
+        *rssi = static_cast<uint8_t>(signal + kSignalOffset);
+    else
+        LOG_MISSING("%s: the signal of %.16s is not known", __func__, ifname);
     return 1;
 }
 
-int wlan_get_band_client_sta_info_iwinfo(const char *ifname, ClientStaList *list, uint32_t *count) {
-    if (is_missing(ifname, __func__) || is_missing(list, __func__) || is_missing(count, __func__))
-        return 0;
-    if (*ifname == '\0')
-        return 1;
+static int add_stations(const char *ifname, ClientStaList *list, uint32_t *count) {
     const JsonPtr results = iwinfo_ask(ifname, "assoclist");
     if (results == nullptr)
         return 0;
@@ -262,8 +261,7 @@ int wlan_get_band_client_sta_info_iwinfo(const char *ifname, ClientStaList *list
         if (!mac_of(station, mac))
             continue;
         if (list->stations == nullptr || *count >= list->capacity) {
-            LOG_ERROR("%s: %.16s has more stations than the %u that are kept", __func__, ifname,
-                      list->capacity);
+            LOG_ERROR("%s has more stations than the %u that are kept", ifname, list->capacity);
             break;
         }
         ClientStaInfo &entry = list->stations[(*count)++];
@@ -273,6 +271,18 @@ int wlan_get_band_client_sta_info_iwinfo(const char *ifname, ClientStaList *list
         entry.phymode = mode_of(station);
     }
     return 1;
+}
+
+int wlan_get_band_client_sta_info_iwinfo(const char *ifname, ClientStaList *list, uint32_t *count) {
+    if (is_missing(ifname, __func__) || is_missing(list, __func__) || is_missing(count, __func__))
+        return 0;
+    if (*ifname == '\0')
+        return 1;
+    // The caller asks for one interface a band and network.
+    int result = 0;
+    for (const std::string &name : iwinfo_aps_like(ifname))
+        result |= add_stations(name.c_str(), list, count);
+    return result;
 }
 
 const WlanPlatformOps wlan_platform_ops_iwinfo = {
