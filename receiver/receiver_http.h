@@ -27,6 +27,7 @@ struct HttpAnswer {
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers = {};
     bool cut = false;     // the connection ends without a byte
+    int drip_ms = 0;      // between two bytes of it
     size_t announced = 0; // Content-Length instead of the body's, when larger: the connection ends before it
 };
 

@@ -91,6 +91,8 @@ struct Listener::Connection {
     size_t sent = 0;
     HttpRequest request;
     bool keeps = false, asks_again = false;
+    std::chrono::milliseconds drip = {}; // between two bytes of the answer
+    Clock::time_point next_byte = {};
     size_t held = 0; // its part of held_bytes_
     unsigned events = 0;
 
@@ -407,27 +409,35 @@ void Listener::refuse(Connection &connection, int status) {
     answer(connection, http_print(answer_, false, true), false);
 }
 
-void Listener::answer(Connection &connection, const std::string &bytes, bool keeps) {
+void Listener::answer(Connection &connection, const std::string &bytes, bool keeps, int drip_ms) {
     if (!reserve(connection, bytes.size()))
         return drop(connection.id);
     connection.output = bytes;
     connection.sent = 0;
     connection.keeps = keeps;
+    connection.drip = std::chrono::milliseconds(drip_ms);
     connection.phase = Phase::writing;
     connection.deadline = Clock::now() + std::chrono::milliseconds(limits_.write_ms);
     write_some(connection);
 }
 
 void Listener::write_some(Connection &connection) {
+    const bool drips = connection.drip.count() > 0;
     while (connection.sent < connection.output.size()) {
         unsigned wants = EPOLLOUT;
-        const ssize_t sent = connection.transmit(connection.output.data() + connection.sent,
-                                                 connection.output.size() - connection.sent, &wants);
+        const ssize_t sent =
+            connection.transmit(connection.output.data() + connection.sent,
+                                drips ? 1 : connection.output.size() - connection.sent, &wants);
         if (sent < 0)
             return drop(connection.id);
         if (sent == 0)
             return watch(connection, wants);
         connection.sent += static_cast<size_t>(sent);
+        if (drips && connection.sent < connection.output.size()) {
+            connection.next_byte = Clock::now() + connection.drip;
+            connection.asks_again = true;
+            return watch(connection, 0);
+        }
     }
     connection.output = {};
     reserve(connection, 0);
@@ -463,7 +473,7 @@ void Listener::take_answers() {
             drop(one.id);
         else
             answer(*found->second, http_print(one.answer, one.keeps && whole, one.with_body),
-                   one.keeps && whole);
+                   one.keeps && whole, one.answer.drip_ms);
     }
 }
 
@@ -473,7 +483,7 @@ void Listener::look_at_clocks() {
     for (const auto &[id, connection] : connections_) {
         if (connection->phase != Phase::handling && now >= connection->deadline)
             late.push_back(id);
-        else if (connection->asks_again)
+        else if (connection->asks_again && now >= connection->next_byte)
             again.push_back(id);
     }
     for (uint64_t id : late) {

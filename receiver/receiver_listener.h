@@ -87,7 +87,7 @@ class Listener {
     void read_some(Connection &connection);
     void parse_some(Connection &connection);
     void refuse(Connection &connection, int status);
-    void answer(Connection &connection, const std::string &bytes, bool keeps);
+    void answer(Connection &connection, const std::string &bytes, bool keeps, int drip_ms = 0);
     void write_some(Connection &connection);
     void take_answers();
     void look_at_clocks();

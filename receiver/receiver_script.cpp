@@ -11,8 +11,9 @@ using namespace receiver_json;
 namespace {
 
 constexpr std::array<std::string_view, 3> kCalls = {"key", "strategy", "upload"};
-constexpr std::array<std::string_view, 10> kCallKinds = {
-    "ok", "error_code", "empty", "garbage", "huge", "no_members", "wrong_type", "raw", "cut", "cut_body"};
+constexpr std::array<std::string_view, 11> kCallKinds = {"ok",      "drip", "error_code", "empty",
+                                                         "garbage", "huge", "no_members", "wrong_type",
+                                                         "raw",     "cut",  "cut_body"};
 constexpr std::array<std::string_view, 5> kConnectKinds = {"ok", "unknown_ca", "wrong_host", "expired",
                                                            "cut"};
 constexpr size_t kHugeAnswer = 10 << 20;

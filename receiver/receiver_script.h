@@ -19,10 +19,15 @@ struct ScriptStep {
     int delay_ms = 0;        // before the answer, with any kind
     int status = 200;        // HTTP status, with any kind that answers
     long times = 1;          // how many requests it serves; negative: all from now on
+    // The answer is the regular one, and what it says is true.
+    bool is_regular() const {
+        return kind == "ok" || kind == "drip";
+    }
 };
 
 // Kinds for the calls "key", "strategy" and "upload".
 //   ok             the regular answer (with a delay: a slow one)
+//   drip           the regular answer, a byte a second
 //   error_code     {"error_code":CODE}
 //   empty          no body
 //   garbage        text that is not JSON

@@ -37,7 +37,8 @@ std::string header_text(const HttpRequest &request) {
 HttpAnswer scripted_answer(const ScriptStep &step, const ApiResult &result) {
     HttpAnswer answer;
     answer.status = step.status;
-    if (step.kind == "ok")
+    answer.drip_ms = step.kind == "drip" ? 1000 : 0;
+    if (step.is_regular())
         answer.body = result.answer;
     else if (step.kind == "error_code")
         answer.body = "{\"error_code\":" + std::to_string(step.code) + "}";
@@ -160,7 +161,7 @@ HttpAnswer Service::judge(const HttpRequest &request, const ScriptStep &step) {
     asked.now = time(nullptr);
     forget_old(asked.now);
     ApiResult result = api_handle(store_, options_.api, asked);
-    if (step.kind != "ok") {
+    if (!step.is_regular()) {
         result.request.verdict = step.kind;
         result.request.error_code = step.kind == "error_code" ? step.code : 0;
     }
@@ -171,7 +172,7 @@ HttpAnswer Service::judge(const HttpRequest &request, const ScriptStep &step) {
 // What was accepted is in the store before it is acknowledged.
 void Service::keep(ApiResult &result, const ScriptStep &step) {
     std::string verdict = result.request.verdict;
-    const bool regular = step.kind == "ok";
+    const bool regular = step.is_regular();
     if (regular && !result.issued.access_key.empty())
         store_.add_key(result.issued, result.issued_for_mac);
     if (regular && !result.upload.device.empty()) {

@@ -93,10 +93,21 @@ void telemetry_load_options() {
     wlan_load_driver();
 }
 
+static bool package_is_readable() {
+    char text[8];
+    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {"telemetry"});
+    return uci && uci_get_value(uci.get(), "telemetry", "basic", "enable", text, sizeof(text)) != -1;
+}
+
 void telemetry_reload(TelemetryCtx *ctx) {
     telemetry_repeat_forget(); // what is still missing is news again
     // Without the option the level is the start's again, whatever an order over the bus made of it.
     telemetry_debug_level = TELEMETRY_LOG_INFO;
+    // The defaults of a package that somebody is writing would send the records elsewhere.
+    if (!package_is_readable()) {
+        LOG_ERROR("package telemetry cannot be read: all else stays as it was read before");
+        return;
+    }
     telemetry_load_options();
     telemetry_load_cloud_url(ctx);
     LOG_INFO("configuration read again, uploads go to %.256s", ctx->post_api);

@@ -321,6 +321,11 @@ TEST_F(TelemetryMain, AHundredSignalsAreOneReloadInTheLoop) {
                                         "configuration read again, uploads go to https://new.host"}));
     EXPECT_NE(ctx.collect_list, nullptr);
     cJSON_Delete(ctx.collect_list);
+    // While somebody writes the package, its defaults do not count.
+    root.write_config("telemetry", "config cloud 'cloud'\n\toption cloud_url 'ne");
+    raise(SIGHUP);
+    uloop_run_timeout(20);
+    EXPECT_STREQ(ctx.post_api, "https://new.host");
     telemetry_unwatch_reload();
 }
 

@@ -1,7 +1,7 @@
 // LD_PRELOAD for the daemon: its monotonic clock runs ahead of the machine's by what the first 8 bytes of
 // $LAB_CLOCK_FILE say (ms, signed, this machine's byte order). A test moves it, and whatever is due by then
 // happens at once: retries, upload intervals, time-outs. The wall clock is the machine's; with $LAB_WALL_TIME
-// (seconds since the epoch) it stands at that time and moves with the other one only.
+// (seconds since the epoch) it stands at that time, moves with the other one and by the next 8 bytes (ms).
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -22,15 +22,15 @@ constexpr int kMaxWaitMs = 10;
 // Sleeping is measuring something over real seconds; the lab has no need to be exact.
 constexpr unsigned kSleepScale = 50;
 
-const std::atomic<int64_t> *ahead_ms;
-int64_t wall_start_ms = -1; // -1: the machine's wall clock
+const std::atomic<int64_t> *ahead_ms; // and behind it how far somebody has set the wall clock
+int64_t wall_start_ms = -1;           // -1: the machine's wall clock
 
 __attribute__((constructor)) void map_clock_file() {
     const char *path = getenv("LAB_CLOCK_FILE");
     const int fd = path == nullptr ? -1 : open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return;
-    void *mapped = mmap(nullptr, sizeof(int64_t), PROT_READ, MAP_SHARED, fd, 0);
+    void *mapped = mmap(nullptr, 2 * sizeof(int64_t), PROT_READ, MAP_SHARED, fd, 0);
     close(fd);
     if (mapped != MAP_FAILED)
         ahead_ms = static_cast<const std::atomic<int64_t> *>(mapped);
@@ -40,7 +40,8 @@ __attribute__((constructor)) void map_clock_file() {
 }
 
 int64_t wall_ms() {
-    return wall_start_ms + ahead_ms->load(std::memory_order_relaxed);
+    return wall_start_ms + ahead_ms[0].load(std::memory_order_relaxed) +
+           ahead_ms[1].load(std::memory_order_relaxed);
 }
 
 } // namespace

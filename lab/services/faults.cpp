@@ -21,6 +21,7 @@ constexpr KindName kKindNames[] = {
     {"status", FaultKind::status}, {"no_data", FaultKind::no_data},   {"empty", FaultKind::empty},
     {"types", FaultKind::types},   {"nonsense", FaultKind::nonsense}, {"garbage", FaultKind::garbage},
     {"huge", FaultKind::huge},     {"reply", FaultKind::reply},       {"die", FaultKind::die},
+    {"twice", FaultKind::twice},
 };
 
 // A huge reply stays below the bus's limit of 1 MiB, so that it arrives.
@@ -39,6 +40,7 @@ Fault parse_fault(const cJSON *item) {
         throw std::runtime_error("unknown kind \"" + kind + "\"");
     fault.delay_ms = static_cast<int>(json_number(item, "delay_ms", 1000));
     fault.status = static_cast<int>(json_number(item, "status", 9));
+    fault.times = static_cast<int>(json_number(item, "times", fault.kind == FaultKind::twice ? 2 : 1));
     fault.skip = static_cast<int>(json_number(item, "skip", 0));
     if (const cJSON *reply = cJSON_GetObjectItemCaseSensitive(item, "reply"))
         fault.text = print_json(reply);

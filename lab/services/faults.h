@@ -22,6 +22,7 @@ enum class FaultKind {
     garbage,
     huge,
     reply,
+    twice,
     die
 };
 
@@ -29,6 +30,7 @@ struct Fault {
     FaultKind kind = FaultKind::none;
     int delay_ms = 0; // slow
     int status = 0;   // status
+    int times = 1;    // how often an answer is sent
     int skip = 0;     // calls that go well before it begins
     std::string text; // reply: JSON of it
 };

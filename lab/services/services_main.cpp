@@ -178,8 +178,11 @@ void Services::answer(PendingCall &call, blob_attr *reply) {
 
 void PendingCall::send(void *self) {
     auto *call = static_cast<PendingCall *>(self);
-    ubus_send_reply(services->bus(), &call->request, call->reply.head);
+    for (int i = 0; i < call->fault.times; i++)
+        ubus_send_reply(services->bus(), &call->request, call->reply.head);
     ubus_complete_deferred_request(services->bus(), &call->request, UBUS_STATUS_OK);
+    if (call->fault.kind == FaultKind::twice) // and once more when nobody waits any longer
+        ubus_send_reply(services->bus(), &call->request, call->reply.head);
     call->answered = true;
 }
 

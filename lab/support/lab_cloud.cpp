@@ -179,28 +179,38 @@ bool LabCloud::wait_for_count(const std::string &name, long at_least, int timeou
     return wait_until([&] { return count(name) >= at_least; }, timeout_ms);
 }
 
-std::vector<CloudRequest> LabCloud::requests(const std::string &call) const {
+std::vector<CloudRequest> LabCloud::requests(const std::string &call, long after) const {
     std::vector<CloudRequest> list;
     query(database(),
-          "SELECT call, path, headers, body, stamp, access_key, signature, verdict, error_code FROM requests "
-          "ORDER BY id",
+          "SELECT id, call, path, headers, body, stamp, access_key, signature, verdict, error_code "
+          "FROM requests WHERE id > " +
+              std::to_string(after) + " ORDER BY id",
           [&](sqlite3_stmt *row) {
-              CloudRequest request = {
-                  column_text(row, 0),        column_text(row, 1), column_text(row, 2),
-                  column_text(row, 3),        column_text(row, 4), column_text(row, 5),
-                  sqlite3_column_int(row, 6), column_text(row, 7), sqlite3_column_int(row, 8)};
+              CloudRequest request = {static_cast<long>(sqlite3_column_int64(row, 0)),
+                                      column_text(row, 1),
+                                      column_text(row, 2),
+                                      column_text(row, 3),
+                                      column_text(row, 4),
+                                      column_text(row, 5),
+                                      column_text(row, 6),
+                                      sqlite3_column_int(row, 7),
+                                      column_text(row, 8),
+                                      sqlite3_column_int(row, 9)};
               if (call.empty() || request.call == call)
                   list.push_back(request);
           });
     return list;
 }
 
-std::vector<CloudRecord> LabCloud::records() const {
+std::vector<CloudRecord> LabCloud::records(long after_post) const {
     std::vector<CloudRecord> list;
-    query(database(), "SELECT post_id, eid, ct, payload FROM records ORDER BY id", [&](sqlite3_stmt *row) {
-        list.push_back({static_cast<long>(sqlite3_column_int64(row, 0)), column_text(row, 1),
-                        column_text(row, 2), column_text(row, 3)});
-    });
+    query(database(),
+          "SELECT post_id, eid, ct, payload FROM records WHERE post_id > " + std::to_string(after_post) +
+              " ORDER BY id",
+          [&](sqlite3_stmt *row) {
+              list.push_back({static_cast<long>(sqlite3_column_int64(row, 0)), column_text(row, 1),
+                              column_text(row, 2), column_text(row, 3)});
+          });
     return list;
 }
 

@@ -11,6 +11,7 @@
 namespace lab {
 
 struct CloudRequest {
+    long id = 0; // running number
     std::string call, path, headers, body, stamp, access_key;
     int signature = -1;  // 1 valid, 0 missing or wrong, -1 none asked
     std::string verdict; // "accepted", "refused", or the kind of the scripted step
@@ -59,8 +60,9 @@ class LabCloud {
     long count(const std::string &name) const;
     bool wait_for_count(const std::string &name, long at_least, int timeout_ms) const;
 
-    std::vector<CloudRequest> requests(const std::string &call = "") const;
-    std::vector<CloudRecord> records() const;
+    // Those after a running number, of a call when one is named.
+    std::vector<CloudRequest> requests(const std::string &call = "", long after = 0) const;
+    std::vector<CloudRecord> records(long after_post = 0) const;
     std::vector<CloudKey> keys() const;
 
   private:

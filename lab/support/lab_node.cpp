@@ -129,12 +129,21 @@ std::string LabNode::clock_file() const {
 }
 
 void LabNode::advance_clock(int64_t ms) {
-    clock_ahead_ms_ += ms;
+    clock_ms_[0] += ms;
+    write_clock();
+}
+
+void LabNode::shift_wall_clock(int64_t ms) {
+    clock_ms_[1] = ms;
+    write_clock();
+}
+
+void LabNode::write_clock() const {
     if (!file_exists(clock_file()))
-        write_file(clock_file(), std::string(sizeof(clock_ahead_ms_), '\0'));
+        write_file(clock_file(), std::string(sizeof(clock_ms_), '\0'));
     // In place: the daemon has the file mapped.
     const int fd = open(clock_file().c_str(), O_WRONLY | O_CLOEXEC);
-    const bool written = pwrite(fd, &clock_ahead_ms_, sizeof(clock_ahead_ms_), 0) == sizeof(clock_ahead_ms_);
+    const bool written = pwrite(fd, clock_ms_, sizeof(clock_ms_), 0) == sizeof(clock_ms_);
     close(fd);
     if (!written)
         throw std::runtime_error("cannot write " + clock_file());

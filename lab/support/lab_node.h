@@ -38,6 +38,11 @@ class LabNode {
     // Moves the daemon's monotonic clock, so that its timers and time-outs are due. The first call must come
     // before the daemon starts (0 will do); without one its clock is the machine's.
     void advance_clock(int64_t ms);
+    // Sets its wall clock, which then differs by `ms` from where it would be (with LAB_WALL_TIME only).
+    void shift_wall_clock(int64_t ms);
+    int64_t clock_ahead_ms() const {
+        return clock_ms_[0];
+    }
     // SIGTERM to each, the daemon first.
     void stop();
     Process bus, services, daemon;
@@ -82,7 +87,8 @@ class LabNode {
     std::string clock_file() const;
     const Scenario &scenario_;
     size_t index_;
-    int64_t clock_ahead_ms_ = 0;
+    void write_clock() const;
+    int64_t clock_ms_[2] = {}; // monotonic clock ahead of the machine's, wall clock ahead of that
     std::string directory_, root_, bin_dir_;
 };
 

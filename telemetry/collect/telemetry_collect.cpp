@@ -1,6 +1,5 @@
 #include "telemetry_collect.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <ctime>
 #include <iterator>
@@ -97,8 +96,8 @@ void telemetry_clear_collect_list(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return;
     }
+    telemetry_figures_dropped(ctx->data_collect_count);
     ctx->data_collect_count = 0;
-    telemetry_figures.sending.items = 0;
     cJSON_Delete(ctx->collect_list);
     ctx->collect_list = nullptr;
 }
@@ -196,7 +195,7 @@ static void keep_list_bounded(TelemetryCtx *ctx) {
         shrink_collect_data_list(ctx);
         const uint32_t dropped = before - ctx->data_collect_count;
         telemetry_figures.items_shrunk += dropped;
-        telemetry_figures.sending.items -= std::min(telemetry_figures.sending.items, dropped);
+        telemetry_figures_dropped(dropped);
         LOG_INFO("the list is longer than %d bytes: %u of %u items are dropped, the oldest first",
                  static_cast<int>(kMaxBackUpLength), dropped, before);
     }

@@ -1,5 +1,6 @@
 #include "telemetry_figures.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "telemetry_log.h"
@@ -35,6 +36,11 @@ void telemetry_figures_module(const char *name, int32_t result, uint32_t items, 
     TelemetryFigures *figures = &telemetry_figures;
     if (figures->module_count < kFiguresModules)
         figures->modules[figures->module_count++] = {name, result, items, ms};
+}
+
+void telemetry_figures_dropped(uint32_t items) {
+    for (TelemetrySendingFigures &sending : telemetry_figures.sending)
+        sending.upload.items -= std::min(sending.upload.items, items);
 }
 
 void telemetry_figures_tell(const char *event) {

@@ -30,6 +30,12 @@ struct TelemetryUploadFigures {
     const char *transport; // libcurl's text of the transfer's result, constant; null: none yet
 };
 
+// One upload on its way.
+struct TelemetrySendingFigures {
+    TelemetryUploadFigures upload; // its items: those that the list still holds
+    int64_t since;                 // ms, monotonic
+};
+
 struct TelemetryFigures {
     int64_t started;           // seconds
     int64_t started_monotonic; // ms
@@ -41,9 +47,8 @@ struct TelemetryFigures {
     uint32_t collect_ms;
     int module_count;
     TelemetryModuleFigures modules[kFiguresModules];
-    // The upload on its way, the last accepted and the last failed one.
-    TelemetryUploadFigures sending;
-    int64_t sending_since; // ms, monotonic
+    // Uploads on their way by slot of the request pool, the last accepted and the last failed one.
+    TelemetrySendingFigures sending[kPostRequestCount];
     TelemetryUploadFigures accepted;
     TelemetryUploadFigures failed;
     // Since the start.
@@ -72,6 +77,9 @@ void telemetry_figures_start();
 const char *telemetry_figures_obstacle(const TelemetryCtx *ctx);
 // Adds a module to the last cycle; what does not fit is left out.
 void telemetry_figures_module(const char *name, int32_t result, uint32_t items, uint32_t ms);
+
+// Notes that the list has lost its oldest items: uploads on their way carried them.
+void telemetry_figures_dropped(uint32_t items);
 
 // Called after a cycle ("collected") and after an upload's end ("uploaded"), when somebody has set it.
 extern void (*telemetry_figures_listener)(const char *event);

@@ -1,4 +1,5 @@
 // The three cloud calls: bodies, senders, and what their answers change.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -117,19 +118,27 @@ static int prepare_call(PostRequest *request, const CloudCall &call) {
     return 0;
 }
 
+// A second upload may start while the first is on its way.
+static TelemetrySendingFigures *sending_of(const PostRequest *request) {
+    const auto &slots = request->owner->post_requests;
+    const auto *const found = std::find(std::begin(slots), std::end(slots), request);
+    return &telemetry_figures.sending[found == std::end(slots) ? 0 : found - std::begin(slots)];
+}
+
 static void note_upload_start(const TelemetryCtx *ctx, const PostRequest *request) {
-    TelemetryFigures *figures = &telemetry_figures;
-    figures->sending = {};
-    figures->sending.records = static_cast<uint32_t>(cJSON_GetArraySize(ctx->collect_list));
-    figures->sending.items = ctx->data_collect_count;
-    figures->sending.bytes = static_cast<uint32_t>(request->body.used);
-    figures->sending_since = telemetry_monotonic_ms();
-    figures->bytes_sent += figures->sending.bytes;
+    TelemetrySendingFigures *sending = sending_of(request);
+    *sending = {};
+    sending->upload.records = static_cast<uint32_t>(cJSON_GetArraySize(ctx->collect_list));
+    sending->upload.items = ctx->data_collect_count;
+    sending->upload.bytes = static_cast<uint32_t>(request->body.used);
+    sending->since = telemetry_monotonic_ms();
+    telemetry_figures.bytes_sent += sending->upload.bytes;
 }
 
 // Items that were collected after the upload on its way had been built: its success drops them with the list.
-static uint32_t items_since_sending(const TelemetryCtx *ctx) {
-    const uint32_t sent = telemetry_figures.sending.items;
+static uint32_t items_since_sending(const PostRequest *request) {
+    const TelemetryCtx *ctx = request->owner;
+    const uint32_t sent = sending_of(request)->upload.items;
     return ctx->data_collect_count > sent ? ctx->data_collect_count - sent : 0;
 }
 
@@ -179,9 +188,9 @@ static void tell_failure(const PostRequest *request, const CloudCall &call, cons
 // The upload that was on its way is over.
 static void note_upload_end(const PostRequest *request, const cJSON *answer, int error_code) {
     TelemetryFigures *figures = &telemetry_figures;
-    TelemetryUploadFigures upload = figures->sending;
+    TelemetryUploadFigures upload = sending_of(request)->upload;
     upload.time = time(nullptr);
-    upload.ms = static_cast<uint32_t>(telemetry_monotonic_ms() - figures->sending_since);
+    upload.ms = static_cast<uint32_t>(telemetry_monotonic_ms() - sending_of(request)->since);
     upload.http_status = request->response_code;
     upload.has_error_code = answer != nullptr;
     upload.error_code = answer != nullptr ? error_code : 0;
@@ -456,7 +465,7 @@ void post_upload_data_cb(PostRequest *request) {
     } else if (error_code != 0) {
         upload_data_handle_error_code(request->owner, error_code);
     } else {
-        telemetry_figures.items_in_flight += items_since_sending(request->owner);
+        telemetry_figures.items_in_flight += items_since_sending(request);
         telemetry_clear_collect_list(request->owner);
         telemetry_post_reset_retry(request->owner);
     }

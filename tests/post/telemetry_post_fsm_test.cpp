@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "post_test.h"
+#include "telemetry_figures.h"
 #include "telemetry_log.h"
 
 using ::testing::Contains;
@@ -234,6 +235,23 @@ TEST_F(PostFsmTest, calls_that_cannot_be_sent_wait) {
     begin(kStrategy);
     ctx.post_retry_timer.cb(&ctx.post_retry_timer);
     EXPECT_NE(sent(post_get_strategy_cb), nullptr);
+}
+
+// The first that is accepted takes the list with it; what it did not carry is counted, and nothing twice.
+TEST_F(PostFsmTest, two_uploads_under_way) {
+    begin(kReady);
+    telemetry_figures_start();
+    for (int i = 0; i < 2; i++) {
+        ctx.post_timer.cb(&ctx.post_timer);
+        add_record(R"({"eid":"later","cnt":3})");
+    }
+    for (PostRequest *upload : {ctx.post_requests[0], ctx.post_requests[1]}) {
+        upload->request_status = POST_REQUEST_OK;
+        telemetry_post_append_data(&upload->response, R"({"error_code":0})", 16);
+        post_upload_data_cb(upload);
+        EXPECT_EQ(telemetry_figures.items_in_flight, 6U);
+    }
+    EXPECT_EQ(telemetry_figures.uploads_accepted, 2U);
 }
 
 // r, 2r, 4r, 8r seconds for every first wait r, each at most a minute; the fifth failure decides by state.
