@@ -1,8 +1,12 @@
 """One of the two sides of a comparison: where its programs are, and how a script of shell lines runs on it."""
 
+import contextlib
 import os
+import select
 import shutil
+import signal
 import subprocess
+import time
 from pathlib import Path
 
 CASE_DIR = Path("/tmp/case")  # the same on both sides, so that no path differs; in a private /tmp
@@ -20,6 +24,7 @@ class Side:
 
     def __init__(self, name, paths, libraries):
         self.name = name
+        self.shell = None
         self.env = {"PATH": ":".join([*map(str, paths), "/usr/bin", "/bin"]), "LC_ALL": "C"}
         if libraries:
             self.env["LD_LIBRARY_PATH"] = str(libraries)
@@ -36,21 +41,35 @@ class Side:
         Returns {"0 status": .., "0 out": .., "0 err": .., "1 status": ..}; a step that did not end has the status
         "hangs", one that a signal ended 128 and its number.
         """
-        script = b"".join(
-            b"{ %s\n} </dev/null >.o%d 2>.e%d\necho $? >.s%d\n" % (line, i, i, i) for i, line in enumerate(lines)
+        script = b"cd %s\n" % os.fsencode(directory) + b"".join(
+            b"{ %s\n} </dev/null >.o%d 2>.e%d\necho $?\n" % (line, i, i) for i, line in enumerate(lines)
         )
-        try:
-            subprocess.run(["/bin/sh", "-s"], input=script, cwd=directory, env=self.env, timeout=TIMEOUT,
-                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False,
-                           start_new_session=True)
-        except subprocess.TimeoutExpired:
-            pass
+        statuses = self._run_script(script, len(lines))
         result = {}
         for i in range(len(lines)):
-            result[f"{i} status"] = self._take(directory / f".s{i}", "hangs").strip()
+            result[f"{i} status"] = statuses[i] if i < len(statuses) else "hangs"
             result[f"{i} out"] = self._take(directory / f".o{i}", "")
             result[f"{i} err"] = self._take(directory / f".e{i}", "")
         return result
+
+    def _run_script(self, script, count):
+        """The lines that a script printed, when it prints so many in time. One shell runs the scripts of all cases."""
+        if self.shell is None:
+            self.shell = subprocess.Popen(["/bin/sh"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0,
+                                          stderr=subprocess.DEVNULL, env=self.env, start_new_session=True)
+        printed, end = b"", time.monotonic() + TIMEOUT
+        with contextlib.suppress(BrokenPipeError):
+            self.shell.stdin.write(script)
+        while printed.count(b"\n") < count:
+            ready = select.select([self.shell.stdout], [], [], max(0, end - time.monotonic()))[0]
+            more = self.shell.stdout.read(4096) if ready else b""
+            if not more:
+                os.killpg(self.shell.pid, signal.SIGKILL)
+                self.shell.wait()
+                self.shell = None
+                break
+            printed += more
+        return text(printed).split()
 
     def read_tree(self, top, label):
         """{"label/path": content} of every file below `top`, in order of their paths."""
@@ -65,7 +84,7 @@ class Side:
     @staticmethod
     def _take(path, otherwise):
         try:
-            with open(path, "rb") as stream:
+            with open(path, "rb", buffering=0) as stream:
                 return text(stream.read(OUTPUT_LIMIT))
         except OSError:
             return otherwise

@@ -20,6 +20,11 @@ KNOWN = {
     FOREIGN_LINE: "ours keeps the line; the original makes it a change of this package",
 }
 
+# What is whole of a change: escaped characters and quoted pieces.
+WHOLE = re.compile(rb"""\\.|'[^']*'|"(?:\\.|[^"\\])*\"""", re.DOTALL)
+MARKED = re.compile(r"""['"\\#;\s]""")
+MARKED_CHANGE = re.compile(rb"""^\+?[\w-]+\.\w+='(?:[^'\n]*["\\#;]|[^'\n]*'[^\n])""", re.MULTILINE)
+
 DEFAULT_DIRS = {"staged": Path("/tmp/.uci"), "overrides": Path("/var/run/uci")}
 DIRS = ["conf", "own", "other", "var"]  # of -c, of -t and -P, of -p, of -C
 
@@ -223,8 +228,18 @@ def staged_contents(case):
 def ends_quoted(content):
     """Whether some line of a staged file, read as the start of a change, leaves a quote open."""
     lines = content.split(b"\n")
-    rests = [b"\n".join(lines[i:]) for i in range(len(lines))]
-    return any(rest.count(b"'") % 2 or rest.count(b'"') % 2 for rest in rests)
+    rests = (WHOLE.sub(b"", b"\n".join(lines[i:])) for i in range(len(lines)))
+    return any(b"'" in rest or b'"' in rest for rest in rests)
+
+
+def has_marked_type(case):
+    """Whether a change gives a section a type that is no plain word."""
+    words = [word for words, _ in case["steps"] for word in words]
+    batches = [text.decode("latin-1") for _, text in case["steps"]]
+    return (any(MARKED_CHANGE.search(content) for content in staged_contents(case))
+            or "add" in words and bool(MARKED.search(words[-1]))
+            or any(MARKED.search(word.partition("=")[2]) for word in words if word.partition("=")[0].count(".") == 1)
+            or any(re.search(r"add .*[\"'\\] *\w*[\"'\\]", text) for text in batches))
 
 
 def known_class(case, label, ours, original):
@@ -234,7 +249,7 @@ def known_class(case, label, ours, original):
     lines = [line for content in texts for line in content.replace(b"\\\n", b"").split(b"\n")]
     if any(b"\0" in line and len(line) > 30 for line in lines):
         return ZERO_BYTE
-    if "Parse error" in (original or "") and any(re.search(rb"='[^'\n]*['\"\\#;]", content) for content in staged):
+    if has_marked_type(case) and ("Parse error" in (original or "") or label.endswith("status")):
         return MARKED_TYPE
     cut = any(not content.endswith(b"\n") or ends_quoted(content) for content in staged)
     if cut and commands - {"show", "get", "export", "changes", "commit", "revert"}:

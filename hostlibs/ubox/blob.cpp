@@ -165,7 +165,7 @@ bool blob_check_type(const void *ptr, unsigned int len, int type) {
         return false;
     if (len < type_size[type])
         return false;
-    if (type >= BLOB_ATTR_INT8)
+    if (type >= BLOB_ATTR_INT8 && type <= BLOB_ATTR_INT64) // a double may be longer
         return len == type_size[type];
     return type != BLOB_ATTR_STRING || static_cast<const char *>(ptr)[len - 1] == 0;
 }

@@ -44,6 +44,7 @@ int set_section(uci_ptr *ptr) {
         return UCI_ERR_INVAL;
     ptr->last = &ptr->s->e;
     text_replace(ptr->s->type, ptr->value);
+    ptr->s->anonymous = false;
     return UCI_OK;
 }
 
@@ -80,6 +81,17 @@ void item_delete(uci_element *item) {
 
 } // namespace
 
+int change_set_type(uci_ptr *ptr) {
+    if (!valid_type(ptr->value))
+        return UCI_ERR_INVAL;
+    if (ptr->s && strcmp(ptr->s->type, ptr->value) == 0)
+        return UCI_OK;
+    if (set_section(ptr) != UCI_OK)
+        return UCI_ERR_INVAL;
+    record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, nullptr, ptr->value);
+    return UCI_OK;
+}
+
 int change_set(uci_ptr *ptr) {
     const int rc = resolve(ptr);
     if (rc != UCI_OK)
@@ -91,20 +103,15 @@ int change_set(uci_ptr *ptr) {
         ptr->value = nullptr;
         return (of_option ? ptr->o != nullptr : ptr->s != nullptr) ? change_delete(ptr) : int{UCI_OK};
     }
-    if (!of_option && !valid_type(ptr->value))
-        return UCI_ERR_INVAL;
-    if (of_option ? same_text(ptr->o, ptr->value) : ptr->s && strcmp(ptr->s->type, ptr->value) == 0)
+    if (!of_option)
+        return change_set_type(ptr);
+    if (same_text(ptr->o, ptr->value))
         return UCI_OK;
-    if (!of_option) {
-        if (set_section(ptr) != UCI_OK)
-            return UCI_ERR_INVAL;
-    } else {
-        auto *o = wanted_option(ptr, UCI_TYPE_STRING);
-        if (!o)
-            return UCI_ERR_INVAL;
-        option_set_string(o, ptr->value);
-    }
-    record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, ptr->o ? ptr->o->e.name : nullptr, ptr->value);
+    auto *o = wanted_option(ptr, UCI_TYPE_STRING);
+    if (!o)
+        return UCI_ERR_INVAL;
+    option_set_string(o, ptr->value);
+    record(ptr->p, UCI_CMD_CHANGE, ptr->s->e.name, o->e.name, ptr->value);
     return UCI_OK;
 }
 

@@ -86,6 +86,8 @@ bool split_place(uci_ptr *ptr, char *text);
 
 // Changes (uci_change.cpp) are recorded only in a package with has_delta.
 int change_set(uci_ptr *ptr);
+// Of ptr->s; where that is null the section is made without a look whether there is one.
+int change_set_type(uci_ptr *ptr);
 int change_add_section(uci_ptr *ptr); // of type ptr->value, without a name of its own
 int change_add_list(uci_ptr *ptr);
 int change_del_list(uci_ptr *ptr);

@@ -38,6 +38,7 @@ class package_parser {
     void enter(uci_package *p);
     void change(int (*apply)(uci_ptr *), uci_ptr &place);
     int fault(const char *reason);
+    int tell(int code);
 
     uci_context *ctx_;
     const import_target &target_;
@@ -118,7 +119,8 @@ void package_parser::run_config() {
     }
     place.section = name.empty() ? nullptr : name.c_str();
     place.value = type.c_str();
-    change(name.empty() ? change_add_section : change_set, place);
+    // Not change_set: it looks through all sections once more.
+    change(name.empty() ? change_add_section : change_set_type, place);
     section_ = place.s;
     named_.try_emplace(section_->e.name, section_);
 }
@@ -176,10 +178,15 @@ int package_parser::fault(const char *reason) {
     ctx_->reason = reason;
     ctx_->line = reader_.line();
     ctx_->byte = static_cast<int>(reader_.byte());
-    ctx_->err = UCI_ERR_PARSE;
+    tell(UCI_ERR_PARSE);
+    return ctx_->flags & UCI_FLAG_STRICT ? UCI_ERR_PARSE : UCI_OK;
+}
+
+int package_parser::tell(int code) {
+    ctx_->err = code;
     if (ctx_->flags & UCI_FLAG_PERROR)
         uci_perror(ctx_, nullptr);
-    return ctx_->flags & UCI_FLAG_STRICT ? UCI_ERR_PARSE : UCI_OK;
+    return code;
 }
 
 int package_parser::run() {
@@ -190,7 +197,7 @@ int package_parser::run() {
         } catch (const parse_fault &found) {
             rc = fault(found.reason);
         } catch (int code) {
-            rc = code;
+            rc = tell(code);
         }
         if (rc != UCI_OK)
             return rc;

@@ -124,8 +124,8 @@ int run_call(ubus_context *bus, options &opts, int argc, char **argv) {
     int status = call(bus, opts, argc, argv);
     if (opts.simple)
         return std::abs(status);
-    // A status that reads as wrong arguments shows the usage, too, as scripts know it.
-    if (status < 0 && status != usage_error) {
+    // One that reads as wrong arguments shows the usage, too, as scripts know it.
+    if (status < 0) {
         std::fprintf(stderr, "Command failed: ubus call");
         for (int i = 0; i < argc; i++)
             std::fprintf(stderr, " %s", argv[i]);

@@ -16,7 +16,7 @@ struct cli {
     bool by_type; // a package's show names anonymous sections "@type[n]"
     bool merge;
     bool no_commit;
-    int line; // of a batch, 0 before the first
+    int line; // of a batch: ends of lines read so far; else -1
 };
 
 // Runs one command with its arguments. Its exit status, or wrong_usage (uci_commands.cpp).

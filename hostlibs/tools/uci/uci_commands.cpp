@@ -213,7 +213,7 @@ constexpr command commands[] = {
 } // namespace
 
 int fail(const cli &c) {
-    if (c.line > 0 && c.ctx->err == UCI_ERR_PARSE && !c.ctx->reason) {
+    if (c.line >= 0 && c.ctx->err == UCI_ERR_PARSE && !c.ctx->reason) {
         c.ctx->reason = "unknown";
         c.ctx->line = c.line;
         c.ctx->byte = 0;

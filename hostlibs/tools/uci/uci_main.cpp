@@ -160,7 +160,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     set_flag(ctx.get(), UCI_FLAG_SAVED_DELTA, true);
-    cli c{ctx.get(), stdin, " ", false, true, false, false, 0};
+    cli c{ctx.get(), stdin, " ", false, true, false, false, -1};
     for (int option; (option = getopt(argc, argv, "c:C:d:f:mnNp:P:qsSt:X")) != -1;) {
         if (!read_option(c, option, optarg)) {
             print_usage();
