@@ -13,9 +13,11 @@
 #include "telemetry_collect.h"
 #include "telemetry_command.h"
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_key_owner.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_post.h"
 #include "telemetry_reload.h"
@@ -353,7 +355,7 @@ int telemetry_init_ctx(TelemetryCtx *ctx) {
         return -2;
     }
     for (const InitStep &step : kInitSteps) {
-        if (step.run(ctx) != 0) {
+        if (telemetry_guarded("start", -1, [&] { return step.run(ctx); }) != 0) {
             LOG_ERROR("%s", step.failed);
             return -2;
         }
@@ -395,10 +397,15 @@ static void start_and_run(TelemetryCtx *ctx) {
     EndSignalsHeld signals;
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
-    const bool initialised = telemetry_init_ctx(ctx) == 0;
+    bool initialised = telemetry_init_ctx(ctx) == 0;
     if (initialised) {
         telemetry_check_key_owner(ctx);
         telemetry_count_daemon_start();
+    }
+    if (telemetry_memory_failures() !=
+        0) { // options may have been missed: whoever starts daemons tries again
+        LOG_ERROR("no memory for the start");
+        initialised = false;
     }
     if (!initialised || telemetry_init_ubus(ctx) != 0) {
         LOG_ERROR("telemetry_init_ctx error, stop");
@@ -414,7 +421,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_unwatch_reload();
     uloop_done();
     telemetry_free_ubus();
-    telemetry_remove_heartbeat_timeout_file();
+    telemetry_guarded("end", telemetry_remove_heartbeat_timeout_file);
 }
 
 // Not on the stack, so that its slots and list stay reachable until the process is gone.
@@ -425,12 +432,15 @@ int main() {
     fill_standard_descriptors();
     telemetry_catch_reload_signal();
     setenv("PATH", kDefaultPath, 0); // the commands stand in the system's folders, too
-    telemetry_redirect_output(kConsolePath);
+    telemetry_memory_watch();
+    telemetry_guarded("start", [] { telemetry_redirect_output(kConsolePath); });
     telemetry_log_open_syslog();
     telemetry_figures_start();
     LOG_DEBUG("telemetry start");
-    telemetry_load_options();
-    start_and_run(&telemetry_ctx);
+    telemetry_guarded("start", [] {
+        telemetry_load_options();
+        start_and_run(&telemetry_ctx);
+    });
     LOG_DEBUG("telemetry end");
     return 0;
 }

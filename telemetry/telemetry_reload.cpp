@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "telemetry_guarded.h"
 #include "telemetry_log.h"
 
 // The signal's handler writes, the loop reads; both ends never block.
@@ -25,7 +26,7 @@ static void answer_wishes(uloop_fd *, unsigned) {
     while (read(wish_ends[0], wishes, sizeof(wishes)) > 0)
         asked = true;
     if (asked)
-        reload(reload_ctx);
+        telemetry_guarded("reload", [] { reload(reload_ctx); });
 }
 
 static uloop_fd wish_watch;

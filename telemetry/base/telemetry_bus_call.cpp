@@ -1,18 +1,21 @@
 #include "telemetry_bus_call.h"
 
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 
 namespace {
 struct PendingReply {
     TelemetryBusReply reply;
     void *user;
+    bool failed;
 };
 } // namespace
 
 static void pass_reply_on(ubus_request *request, int, blob_attr *message) {
-    const auto *pending = static_cast<const PendingReply *>(request->priv);
-    if (pending->reply != nullptr)
-        pending->reply(message, pending->user);
+    auto *pending = static_cast<PendingReply *>(request->priv);
+    if (pending->reply != nullptr &&
+        !telemetry_guarded("answer", [&] { pending->reply(message, pending->user); }))
+        pending->failed = true;
 }
 
 TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method,
@@ -28,7 +31,7 @@ TelemetryBusError telemetry_bus_call(const char *socket, const char *object, con
     BlobBuffer empty;
     if (arguments == nullptr)
         arguments = empty.head();
-    PendingReply pending{reply, user};
+    PendingReply pending{reply, user, false};
     const int status = ubus_invoke(bus.get(), id, method, arguments, pass_reply_on, &pending, timeout_ms);
-    return status == UBUS_STATUS_OK ? TELEMETRY_BUS_OK : TELEMETRY_BUS_CALL_FAILED;
+    return status == UBUS_STATUS_OK && !pending.failed ? TELEMETRY_BUS_OK : TELEMETRY_BUS_CALL_FAILED;
 }

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "telemetry_memory.h"
+
 // Containers inside each other. cJSON refuses to parse deeper texts, so nobody could read what lies beyond.
 static constexpr size_t kMaxDepth = CJSON_NESTING_LIMIT;
 // "%.2f" of the largest double: sign, 309 digits, point, 2 digits.
@@ -380,8 +382,10 @@ template <bool Formatted> static TextPtr print_tree(const cJSON *item, size_t *l
     if (!put_tree<Formatted>(measure, item))
         return nullptr;
     TextPtr text(static_cast<char *>(malloc(measure.length + 1)));
-    if (text == nullptr)
+    if (text == nullptr) {
+        telemetry_memory_refused();
         return nullptr;
+    }
     TextSink write{text.get()};
     put_tree<Formatted>(write, item);
     *write.at = '\0';

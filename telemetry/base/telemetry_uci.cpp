@@ -9,6 +9,7 @@
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_repeat.h"
 
@@ -84,6 +85,8 @@ class LoadedPackage {
             set_aside(path, name_, "cannot be read");
             status = uci_load(uci_, path.c_str(), &package_);
         }
+        if (status == UCI_ERR_MEM)
+            telemetry_memory_refused();
         if (status != UCI_OK)
             package_ = nullptr;
         return package_ != nullptr;
@@ -230,12 +233,15 @@ bool telemetry_uci_use_source(uci_context *uci, uint32_t source) {
 
 uci_context *telemetry_uci_alloc_context(uint32_t source) {
     uci_context *uci = uci_alloc_context();
-    if (uci == nullptr)
+    if (uci == nullptr) {
+        telemetry_memory_refused();
         return nullptr;
+    }
     // On a router the library's own directories are the system's.
     const bool own = source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty();
     if (own && !telemetry_uci_use_source(uci, source)) {
         uci_free_context(uci);
+        telemetry_memory_refused();
         return nullptr;
     }
     return uci;

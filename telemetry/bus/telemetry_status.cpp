@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -155,7 +156,8 @@ static int status_get(ubus_context *bus, ubus_object *, ubus_request_data *reque
     if (status_ctx == nullptr)
         return UBUS_STATUS_NO_DATA;
     BlobBuffer reply;
-    telemetry_status_fill(reply.get(), status_ctx);
+    if (!telemetry_guarded("status", [&] { telemetry_status_fill(reply.get(), status_ctx); }))
+        return UBUS_STATUS_NO_MEMORY;
     return ubus_send_reply(bus, request, reply.head());
 }
 

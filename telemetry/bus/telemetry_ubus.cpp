@@ -5,6 +5,7 @@
 
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -26,10 +27,11 @@ static ubus_context *telemetry_bus;
 using BusCommand = int (*)(TelemetryCtx *ctx);
 
 template <BusCommand Command>
-static int ubus_run_command(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+static int ubus_run_command(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *method,
                             blob_attr *) {
     BlobBuffer reply;
-    return telemetry_ubus_reply(bus, request, reply.get(), Command(telemetry_ubus_ctx));
+    const int result = telemetry_guarded(method, -1, [] { return Command(telemetry_ubus_ctx); });
+    return telemetry_ubus_reply(bus, request, reply.get(), result);
 }
 
 // A query is a topic of its own: what it misses again is no news, on nodes that have no cycles too.
@@ -38,7 +40,8 @@ static int ubus_answer_query(ubus_context *bus, ubus_object *object, ubus_reques
                              const char *method, blob_attr *message) {
     const TelemetryRepeatTopic topic(method);
     topic.ran();
-    return Answer(bus, object, request, method, message);
+    return telemetry_guarded(method, static_cast<int>(UBUS_STATUS_NO_MEMORY),
+                             [&] { return Answer(bus, object, request, method, message); });
 }
 
 static int collect_now(TelemetryCtx *ctx) {
@@ -256,7 +259,7 @@ static bool restore_connection() {
 }
 
 static void handle_reconnect_timer(uloop_timeout *timer) {
-    if (!restore_connection())
+    if (!telemetry_guarded("bus", false, restore_connection))
         uloop_timeout_set(timer, kReconnectMs);
 }
 
@@ -268,7 +271,7 @@ static void handle_connection_lost(ubus_context *bus) {
     if (bus->sock.registered)
         uloop_fd_delete(&bus->sock);
     const bool at_once = telemetry_monotonic_ms() - connected_at_ms >= kQuickLossMs;
-    if (at_once && restore_connection())
+    if (at_once && telemetry_guarded("bus", false, restore_connection))
         return;
     reconnect_timer.cb = handle_reconnect_timer;
     uloop_timeout_set(&reconnect_timer, kReconnectMs);

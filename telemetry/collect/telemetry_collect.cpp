@@ -6,9 +6,11 @@
 
 #include "collectors.h"
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_repeat.h"
 #include "telemetry_pre_collect.h"
 #include "telemetry_utils.h"
@@ -132,7 +134,12 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     const TelemetryRepeatTopic topic(module);
     uint32_t count = 0;
     const int64_t begin_ms = telemetry_monotonic_ms();
-    const int result = collector(ctx, payload.get(), &count);
+    const uint32_t refused = telemetry_memory_failures();
+    int result = telemetry_guarded(module, -1, [&] { return collector(ctx, payload.get(), &count); });
+    if (telemetry_memory_failures() != refused) { // what is missing in it cannot be told
+        LOG_ERROR("no memory for the record of %s", module);
+        result = -1;
+    }
     telemetry_figures_module(module, result, result == 0 ? count : 0,
                              static_cast<uint32_t>(telemetry_monotonic_ms() - begin_ms));
     if (result != 0 || count < 1) {
@@ -156,10 +163,16 @@ void telemetry_collect_all_modules(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return;
     }
+    const uint32_t refused = telemetry_memory_failures();
     // A snapshot in parts is used as it is: each collector copes with what is missing.
-    telemetry_pre_collect_info(ctx);
-    for (const CollectModule &module : kModules)
-        telemetry_collect_data_by_module(ctx, ctx->collect_list, module.name, module.collect);
+    telemetry_guarded("snapshot", [&] { telemetry_pre_collect_info(ctx); });
+    const bool whole = telemetry_memory_failures() == refused;
+    if (!whole)
+        LOG_ERROR("no memory for the snapshot: a cycle without records");
+    for (const CollectModule &module : kModules) {
+        if (whole)
+            telemetry_collect_data_by_module(ctx, ctx->collect_list, module.name, module.collect);
+    }
     telemetry_free_pre_collect_info();
 }
 
@@ -238,6 +251,6 @@ void telemetry_collect_data(uloop_timeout *timer) {
         return;
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, collect_timer);
-    run_cycle(ctx);
+    telemetry_guarded("collection", [&] { run_cycle(ctx); });
     telemetry_arm_collect_timer(ctx, ctx->collect_interval_strategy1);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "telemetry_guarded.h"
 #include "telemetry_log.h"
 #include "telemetry_utils.h"
 
@@ -45,5 +46,5 @@ void telemetry_figures_dropped(uint32_t items) {
 
 void telemetry_figures_tell(const char *event) {
     if (telemetry_figures_listener != nullptr)
-        telemetry_figures_listener(event);
+        telemetry_guarded("notification", [&] { telemetry_figures_listener(event); });
 }

@@ -5,6 +5,7 @@
 
 #include "telemetry_ca.h"
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
@@ -12,34 +13,32 @@
 // Shared by all slots for the whole run.
 static CURLM *multi_handle;
 
-static void add_header_list(PostRequest *request) {
+static bool add_header_list(PostRequest *request) {
     for (uint32_t i = 0; i < request->header_count; i++) {
         curl_slist *longer = curl_slist_append(request->header_list, request->headers[i]);
         if (longer == nullptr) {
             LOG_ERROR("curl_slist_append failed");
-            break;
+            return false;
         }
         request->header_list = longer;
     }
-    if (request->header_list != nullptr)
-        curl_easy_setopt(request->easy, CURLOPT_HTTPHEADER, request->header_list);
+    return true;
 }
 
-static void set_options(PostRequest *request) {
-    CURL *easy = request->easy;
+// Without one of them the request would be another one, or would trust others: then it is not sent.
+static bool set_options(PostRequest *request) {
     const std::string certificate = telemetry_ca_file();
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_URL, request->url);
+    const auto set = [&](CURLoption option, auto value) {
+        return curl_easy_setopt(request->easy, option, value) == CURLE_OK;
+    };
     // Without a text libcurl would read the body from standard input.
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request->body.data != nullptr ? request->body.data : "");
-    add_header_list(request);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, write_response_data_);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, request);
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, request);
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms));
-    curl_easy_setopt(easy, CURLOPT_CAINFO, certificate.c_str());
-    if (telemetry_ca_file_is_configured())
-        curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    return add_header_list(request) && set(CURLOPT_POST, 1L) && set(CURLOPT_URL, request->url) &&
+           set(CURLOPT_POSTFIELDS, request->body.data != nullptr ? request->body.data : "") &&
+           set(CURLOPT_HTTPHEADER, request->header_list) &&
+           set(CURLOPT_WRITEFUNCTION, write_response_data_) && set(CURLOPT_WRITEDATA, request) &&
+           set(CURLOPT_PRIVATE, request) && set(CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms)) &&
+           set(CURLOPT_CAINFO, certificate.c_str()) &&
+           (!telemetry_ca_file_is_configured() || set(CURLOPT_CAPATH, static_cast<const char *>(nullptr)));
 }
 
 static void log_request(const PostRequest *request) {
@@ -74,7 +73,7 @@ static void finish_transfer(PostRequest *request, CURLcode result) {
         curl_easy_getinfo(request->easy, CURLINFO_RESPONSE_CODE, &request->response_code);
     LOG_DEBUG("curl response code: %ld", request->response_code);
     if (request->on_complete != nullptr)
-        request->on_complete(request);
+        telemetry_guarded("answer", [&] { request->on_complete(request); });
     curl_easy_cleanup(request->easy);
     request->easy = nullptr;
     curl_slist_free_all(request->header_list);
@@ -112,6 +111,10 @@ int telemetry_init_post_request(TelemetryCtx *ctx) {
     curl_global_init(CURL_GLOBAL_ALL);
     if (multi_handle == nullptr)
         multi_handle = curl_multi_init();
+    if (multi_handle == nullptr) {
+        LOG_ERROR("curl_multi_init failed");
+        return -1;
+    }
     for (PostRequest *&slot : ctx->post_requests) {
         slot = static_cast<PostRequest *>(calloc(1, sizeof(PostRequest)));
         if (slot == nullptr) {
@@ -131,9 +134,9 @@ void telemetry_request_send(PostRequest *request) {
     request->finished = 0;
     request->poll_timer.cb = poll_curl_status;
     request->easy = curl_easy_init();
-    if (request->easy != nullptr)
-        set_options(request);
-    if (request->easy == nullptr || curl_multi_add_handle(multi_handle, request->easy) != CURLM_OK) {
+    const bool ready =
+        request->easy != nullptr && telemetry_guarded("request", false, [&] { return set_options(request); });
+    if (!ready || curl_multi_add_handle(multi_handle, request->easy) != CURLM_OK) {
         LOG_ERROR("request not started");
         request->poll_timer.cb = fail_unsent_request;
     }

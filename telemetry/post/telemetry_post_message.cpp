@@ -10,10 +10,12 @@
 
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
+#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_key_owner.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_post.h"
 #include "telemetry_uci.h"
 #include "telemetry_utils.h"
@@ -149,7 +151,7 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
         LOG_ERROR("no available request");
         return -1;
     }
-    if (prepare_call(request, call) != 0) {
+    if (telemetry_guarded(call.name, -1, [&] { return prepare_call(request, call); }) != 0) {
         telemetry_post_free_request(request);
         return -1;
     }
@@ -164,14 +166,30 @@ static int send_call(TelemetryCtx *ctx, const CloudCall &call) {
 static void send_or_wait(TelemetryCtx *ctx, const CloudCall &call, const char *closed_message) {
     if (!has_context(ctx))
         return;
-    telemetry_figures.obstacle = telemetry_collect_obstacle();
-    if (telemetry_figures.obstacle != nullptr)
+    const bool known =
+        telemetry_guarded(call.name, [] { telemetry_figures.obstacle = telemetry_collect_obstacle(); });
+    if (known && telemetry_figures.obstacle != nullptr)
         LOG_DEBUG("%s", closed_message);
-    else if (send_call(ctx, call) == 0)
+    else if (known && send_call(ctx, call) == 0)
         return;
     if (telemetry_figures.obstacle != nullptr)
         LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
     telemetry_post_arm_retry_timer(ctx, kPostWaitMs);
+}
+
+static bool send_upload(TelemetryCtx *ctx) {
+    telemetry_figures_obstacle(ctx);
+    if (telemetry_figures.obstacle != nullptr) {
+        LOG_DEBUG("skip upload");
+        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
+        return false;
+    }
+    if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0) {
+        LOG_DEBUG("insufficient state or no data, skip upload");
+        LOG_DEBUG("reason: state %u, %u items", ctx->post_state, ctx->data_collect_count);
+        return false;
+    }
+    return send_call(ctx, kUploadCall) == 0;
 }
 
 // --- Answers ---
@@ -405,20 +423,10 @@ void telemetry_post_data(uloop_timeout *timer) {
         return;
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, post_timer);
-    bool sent = false;
-    telemetry_figures_obstacle(ctx);
-    if (telemetry_figures.obstacle != nullptr) {
-        LOG_DEBUG("skip upload");
-        LOG_DEBUG("reason: %s", telemetry_figures.obstacle);
-    } else if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0) {
-        LOG_DEBUG("insufficient state or no data, skip upload");
-        LOG_DEBUG("reason: state %u, %u items", ctx->post_state, ctx->data_collect_count);
-    } else {
-        sent = send_call(ctx, kUploadCall) == 0;
-    }
+    const bool sent = telemetry_guarded(kUploadCall.name, false, [&] { return send_upload(ctx); });
     telemetry_arm_post_timer(ctx, ctx->post_interval);
     if (sent)
-        write_post_done_to_file(2);
+        telemetry_guarded(kUploadCall.name, [] { write_post_done_to_file(2); });
 }
 
 void post_refresh_key_cb(PostRequest *request) {
@@ -426,12 +434,13 @@ void post_refresh_key_cb(PostRequest *request) {
         return;
     int error_code = 0;
     const JsonPtr answer = parse_answer(request, &error_code);
-    if (answer == nullptr || store_credentials(request->owner, answer.get(), error_code) != 0) {
+    const auto store = [&] { return store_credentials(request->owner, answer.get(), error_code); };
+    if (answer == nullptr || telemetry_guarded(kRefreshKeyCall.name, -1, store) != 0) {
         tell_failure(request, kRefreshKeyCall, answer.get(), error_code);
         telemetry_post_retry(request->owner);
         return;
     }
-    telemetry_keep_key_owner(request->owner);
+    telemetry_guarded(kRefreshKeyCall.name, [&] { telemetry_keep_key_owner(request->owner); });
     telemetry_figures.keys_fetched++;
     LOG_INFO("new access key");
     telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);
@@ -443,10 +452,16 @@ void post_get_strategy_cb(PostRequest *request) {
     int error_code = 0;
     const JsonPtr answer = parse_answer(request, &error_code);
     const bool refused = answer != nullptr && error_code != 0;
-    if (!refused && answer != nullptr && store_strategy(request->owner, answer.get()) == 0) {
+    char known_id[sizeof(TelemetryCtx::strategy_id)];
+    copy_text(known_id, request->owner->strategy_id);
+    const uint32_t refused_memory = telemetry_memory_failures();
+    const auto store = [&] { return store_strategy(request->owner, answer.get()); };
+    if (!refused && answer != nullptr && telemetry_guarded(kGetStrategyCall.name, -1, store) == 0) {
         telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_READY_FOR_UPLOAD);
         return;
     }
+    if (telemetry_memory_failures() != refused_memory) // otherwise it would not be offered again
+        copy_text(request->owner->strategy_id, known_id);
     tell_failure(request, kGetStrategyCall, answer.get(), error_code);
     if (refused)
         get_strategy_handle_error_code(request->owner, error_code);
