@@ -38,8 +38,8 @@ void connection_ended(ubus_context *ctx) {
         ctx->connection_lost(ctx);
 }
 
-void socket_ready(uloop_fd *sock, unsigned int) {
-    auto *ctx = container_of(sock, ubus_context, sock);
+int serve(ubus_context *ctx) {
+    uloop_fd *sock = &ctx->sock;
     // After a hang-up the loop does not call again: then all that is left is read now.
     bool last_turn = sock->eof || sock->error || !sock->registered;
     unsigned generation = ctx->conn->generation;
@@ -51,6 +51,15 @@ void socket_ready(uloop_fd *sock, unsigned int) {
         if (!more || (!last_turn && uloop_cancelling()))
             break;
     }
+    return UBUS_STATUS_OK;
+}
+
+// A message that there was no memory for is lost, and with it what it belonged to.
+void socket_ready(uloop_fd *sock, unsigned int) {
+    auto *ctx = container_of(sock, ubus_context, sock);
+    unsigned generation = ctx->conn->generation;
+    if (ubus_guarded([&] { return serve(ctx); }) != UBUS_STATUS_OK && ctx->conn->generation == generation)
+        ubus_end_connection(ctx);
     if (ctx->conn->ended && ctx->conn->generation == generation)
         connection_ended(ctx);
 }
@@ -104,16 +113,23 @@ void ubus_init(ubus_context *ctx) {
 }
 
 ubus_context *ubus_connect(const char *path) {
-    auto ctx = std::make_unique<ubus_context>();
-    if (ubus_connect_ctx(ctx.get(), path) != 0)
-        return nullptr;
-    return ctx.release();
+    auto *ctx = new (std::nothrow) ubus_context;
+    if (ctx != nullptr && ubus_connect_ctx(ctx, path) == 0)
+        return ctx;
+    delete ctx;
+    return nullptr;
 }
 
 int ubus_connect_ctx(ubus_context *ctx, const char *path) {
-    ubus_init(ctx);
-    if (ubus_open(ctx, path))
+    const bool made = ubus_guarded(false, [&] {
+        ubus_init(ctx);
+        return true;
+    });
+    if (!made)
+        return -1;
+    if (ubus_guarded(false, [&] { return ubus_open(ctx, path); }))
         return 0;
+    ubus_close(ctx);
     delete ctx->conn;
     ctx->conn = nullptr;
     return -1;
@@ -123,9 +139,9 @@ int ubus_reconnect(ubus_context *ctx, const char *path) {
     ubus_close(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
     ubus_fail_requests(ctx, UBUS_STATUS_TIMEOUT);
-    if (!ubus_open(ctx, path))
-        return UBUS_STATUS_CONNECTION_FAILED;
-    int status = ubus_register_objects(ctx);
+    int status = ubus_guarded([&] {
+        return ubus_open(ctx, path) ? ubus_register_objects(ctx) : int{UBUS_STATUS_CONNECTION_FAILED};
+    });
     if (status != UBUS_STATUS_OK)
         ubus_close(ctx);
     return status;
@@ -160,11 +176,13 @@ void ubus_handle_event(ubus_context *ctx) {
 }
 
 int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv) {
-    bus_builder out;
-    if (path)
-        bus_put_text(out, UBUS_ATTR_OBJPATH, path);
     ubus_request req;
-    int status = ubus_start_request(ctx, &req, out, UBUS_MSG_LOOKUP, 0);
+    int status = ubus_guarded([&] {
+        bus_builder out;
+        if (path)
+            bus_put_text(out, UBUS_ATTR_OBJPATH, path);
+        return ubus_start_request(ctx, &req, out, UBUS_MSG_LOOKUP, 0);
+    });
     if (status != UBUS_STATUS_OK)
         return status;
     lookup_request lookup = {cb, priv};

@@ -134,12 +134,14 @@ void ubus_run_held_calls(ubus_context *ctx) {
 }
 
 int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg) {
-    bus_builder out;
-    bus_put_u32(out, UBUS_ATTR_OBJID, req->object);
-    bus_put_data(out, UBUS_ATTR_DATA, msg);
-    if (!bus_finish(out, UBUS_MSG_DATA, req->seq, req->peer))
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    return ubus_send(ctx, out) ? UBUS_STATUS_OK : UBUS_STATUS_CONNECTION_FAILED;
+    return ubus_guarded([&]() -> int {
+        bus_builder out;
+        bus_put_u32(out, UBUS_ATTR_OBJID, req->object);
+        bus_put_data(out, UBUS_ATTR_DATA, msg);
+        if (!bus_finish(out, UBUS_MSG_DATA, req->seq, req->peer))
+            return UBUS_STATUS_INVALID_ARGUMENT;
+        return ubus_send(ctx, out) ? UBUS_STATUS_OK : UBUS_STATUS_CONNECTION_FAILED;
+    });
 }
 
 void ubus_complete_deferred_request(ubus_context *ctx, ubus_request_data *req, int ret) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,19 @@ constexpr int bus_send_ms = 5000;
 // Calls held back during a blocking one; more are refused with UBUS_STATUS_NO_MEMORY.
 constexpr size_t held_calls_max = 1024;
 constexpr size_t held_calls_max_bytes = 4 * UBUS_MAX_MSGLEN;
+
+// No exception leaves the library: without memory a step gives `failure`.
+template <typename Result, typename Step> Result ubus_guarded(Result failure, Step step) noexcept {
+    try {
+        return step();
+    } catch (const std::bad_alloc &) {
+        return failure;
+    }
+}
+// The same for a call whose result is a status code.
+template <typename Step> int ubus_guarded(Step step) noexcept {
+    return ubus_guarded(int{UBUS_STATUS_NO_MEMORY}, step);
+}
 
 struct ubus_connection {
     bus_reader reader;
@@ -42,6 +56,8 @@ bool ubus_open(ubus_context *ctx, const char *path);
 // The second half of it: takes over a connected socket and waits for the greeting.
 bool ubus_adopt_socket(ubus_context *ctx, int fd, int hello_ms);
 void ubus_close(ubus_context *ctx);
+// Marks the connection as ended: its owner hears of it from the event loop.
+void ubus_end_connection(ubus_context *ctx);
 // Reads once without waiting; false when there was nothing to read (also at the end).
 bool ubus_receive(ubus_context *ctx);
 // Waits at most `ms` (< 0: for ever) for something to read; false when the time is over.

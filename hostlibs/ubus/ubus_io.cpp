@@ -56,15 +56,15 @@ bool await_hello(ubus_context *ctx, deadline end) {
     return true;
 }
 
-void end_connection(ubus_context *ctx) {
+} // namespace
+
+void ubus_end_connection(ubus_context *ctx) {
     ctx->conn->ended = true;
     ctx->sock.eof = true;
     // An event loop that watches the socket hears of it, too.
     if (ctx->sock.fd >= 0)
         shutdown(ctx->sock.fd, SHUT_RDWR);
 }
-
-} // namespace
 
 bool ubus_wait_readable(ubus_context *ctx, int64_t ms) {
     deadline end = deadline_in(static_cast<int>(std::clamp<int64_t>(ms, 0, INT32_MAX)));
@@ -94,7 +94,7 @@ bool ubus_receive(ubus_context *ctx) {
     if (len < 0 && errno == EAGAIN)
         return false;
     if (len <= 0) {
-        end_connection(ctx);
+        ubus_end_connection(ctx);
         return false;
     }
 
@@ -106,7 +106,7 @@ bool ubus_receive(ubus_context *ctx) {
             conn->incoming.push_back(std::move(frame));
             break;
         case bus_read::broken:
-            end_connection(ctx);
+            ubus_end_connection(ctx);
             return true;
         case bus_read::more:
             return true;
@@ -133,7 +133,7 @@ bool ubus_send(ubus_context *ctx, const bus_builder &msg) {
             continue;
         // A message that is partly written cannot be taken back. What the bus still sent stays readable.
         if (done > 0 || errno == EAGAIN)
-            end_connection(ctx);
+            ubus_end_connection(ctx);
         return false;
     }
     return true;

@@ -14,14 +14,16 @@ int send_subscription(ubus_context *ctx, const ubus_subscriber *subscriber, uint
 
 int send_notification(ubus_context *ctx, const ubus_object *obj, const char *type, blob_attr *msg,
                       bool no_reply, ubus_request *req) {
-    bus_builder out;
-    bus_put_u32(out, UBUS_ATTR_OBJID, obj->id);
-    bus_put_text(out, UBUS_ATTR_METHOD, type);
-    if (no_reply)
-        bus_put_u8(out, UBUS_ATTR_NO_REPLY, 1);
-    if (msg)
-        bus_put_data(out, UBUS_ATTR_DATA, msg);
-    return ubus_start_request(ctx, req, out, UBUS_MSG_NOTIFY, 0);
+    return ubus_guarded([&] {
+        bus_builder out;
+        bus_put_u32(out, UBUS_ATTR_OBJID, obj->id);
+        bus_put_text(out, UBUS_ATTR_METHOD, type);
+        if (no_reply)
+            bus_put_u8(out, UBUS_ATTR_NO_REPLY, 1);
+        if (msg)
+            bus_put_data(out, UBUS_ATTR_DATA, msg);
+        return ubus_start_request(ctx, req, out, UBUS_MSG_NOTIFY, 0);
+    });
 }
 
 void pass_on_data(ubus_request *req, int type, blob_attr *msg) {

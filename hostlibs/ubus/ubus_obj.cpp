@@ -101,10 +101,13 @@ int ubus_add_object(ubus_context *ctx, ubus_object *obj) {
     if (std::find(objects.begin(), objects.end(), obj) != objects.end())
         return UBUS_STATUS_INVALID_ARGUMENT;
     obj->id = 0;
-    int status = object_register(ctx, obj);
-    if (status == UBUS_STATUS_OK)
-        objects.push_back(obj);
-    return status;
+    return ubus_guarded([&] {
+        objects.reserve(objects.size() + 1);
+        int status = object_register(ctx, obj);
+        if (status == UBUS_STATUS_OK)
+            objects.push_back(obj);
+        return status;
+    });
 }
 
 int ubus_remove_object(ubus_context *ctx, ubus_object *obj) {

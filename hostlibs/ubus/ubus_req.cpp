@@ -108,15 +108,25 @@ void handle_answer(ubus_context *ctx, bus_frame &frame) {
 int request_wait(ubus_context *ctx, ubus_request *req, int timeout) {
     ubus_connection *conn = ctx->conn;
     unsigned generation = conn->generation;
+    bool no_memory = false;
     auto end = ubus_clock::now() + std::chrono::milliseconds(timeout);
+    const auto step = [&](auto action) { // without memory an answer is lost: the connection with it
+        if (ubus_guarded([&] {
+                action();
+                return int{UBUS_STATUS_OK};
+            }) != UBUS_STATUS_OK) {
+            ubus_end_connection(ctx);
+            no_memory = true;
+        }
+    };
     for (;;) {
-        ubus_dispatch(ctx);
+        step([&] { ubus_dispatch(ctx); });
         if (req->status_msg)
             return req->status_code;
         if (req->cancelled || conn->generation != generation)
             return UBUS_STATUS_CONNECTION_FAILED;
         if (conn->ended)
-            return UBUS_STATUS_CONNECTION_FAILED;
+            return no_memory ? UBUS_STATUS_NO_MEMORY : UBUS_STATUS_CONNECTION_FAILED;
         int64_t left = -1;
         if (timeout > 0) {
             left = std::chrono::ceil<std::chrono::milliseconds>(end - ubus_clock::now()).count();
@@ -124,7 +134,7 @@ int request_wait(ubus_context *ctx, ubus_request *req, int timeout) {
                 return UBUS_STATUS_TIMEOUT;
         }
         if (ubus_wait_readable(ctx, left))
-            ubus_receive(ctx);
+            step([&] { ubus_receive(ctx); });
     }
 }
 
@@ -179,14 +189,16 @@ const char *ubus_strerror(int error) {
 
 int ubus_invoke_async(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
                       ubus_request *req) {
-    bus_builder out;
-    bus_put_u32(out, UBUS_ATTR_OBJID, obj);
-    bus_put_text(out, UBUS_ATTR_METHOD, method);
-    if (msg)
-        bus_put_data(out, UBUS_ATTR_DATA, msg);
-    else
-        bus_put(out, UBUS_ATTR_DATA, nullptr, 0);
-    return ubus_start_request(ctx, req, out, UBUS_MSG_INVOKE, obj);
+    return ubus_guarded([&] {
+        bus_builder out;
+        bus_put_u32(out, UBUS_ATTR_OBJID, obj);
+        bus_put_text(out, UBUS_ATTR_METHOD, method);
+        if (msg)
+            bus_put_data(out, UBUS_ATTR_DATA, msg);
+        else
+            bus_put(out, UBUS_ATTR_DATA, nullptr, 0);
+        return ubus_start_request(ctx, req, out, UBUS_MSG_INVOKE, obj);
+    });
 }
 
 int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg, ubus_data_handler_t cb,
