@@ -2,6 +2,7 @@
 #include "telemetry_uci.h"
 
 #include <cstring>
+#include <functional>
 
 #include "sysroot.h"
 #include "telemetry_handles.h"
@@ -12,6 +13,14 @@ static bool no_room_for_directories;
 extern "C" int __real_uci_set_confdir(uci_context *uci, const char *directory);
 extern "C" int __wrap_uci_set_confdir(uci_context *uci, const char *directory) {
     return no_room_for_directories ? static_cast<int>(UCI_ERR_MEM) : __real_uci_set_confdir(uci, directory);
+}
+
+// And here: what another program does to the file between a load and the commit.
+static std::function<void()> before_commit = [] {};
+extern "C" int __real_uci_commit(uci_context *uci, uci_package **package, bool overwrite);
+extern "C" int __wrap_uci_commit(uci_context *uci, uci_package **package, bool overwrite) {
+    before_commit();
+    return __real_uci_commit(uci, package, overwrite);
 }
 
 namespace {
@@ -141,6 +150,25 @@ TEST_F(TelemetryUciTest, WithoutItsDirectoriesNothingIsReadOrWritten) {
     });
     no_room_for_directories = false;
     EXPECT_EQ(root.read("/etc/config/telemetry"), "config a 's'\n");
+}
+
+// The library reads the file anew for a commit, and may have freed the package when that fails.
+TEST_F(TelemetryUciTest, AFileThatIsSpoiledBeforeTheCommitCostsTheWriteOnly) {
+    const auto spoil = [&] { root.write_config("telemetry", "option o 'nowhere'\n"); };
+    const char *const add = "failed to find the specified section! add now";
+    for (const std::string section : {"s", "t"}) {
+        SCOPED_TRACE(section);
+        root.write_config("telemetry", "config a 's'\n");
+        before_commit = spoil;
+        const auto said = logged_result(
+            [&] { return telemetry_set_uci_value_in_telemetry_config(section.c_str(), "o", "v"); });
+        before_commit = [] {};
+        EXPECT_EQ(said, section == "s"
+                            ? LoggedResult(-1, {"uci_commit failed", "reason: telemetry.s.o was not written"})
+                            : LoggedResult(-1, {add, "uci commit failed!",
+                                                "reason: section telemetry.t was not written"}));
+        EXPECT_EQ(root.read("/etc/config/telemetry"), "option o 'nowhere'\n");
+    }
 }
 
 TEST_F(TelemetryUciTest, ReadsEnabledValues) {
