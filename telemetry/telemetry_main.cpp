@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include "restart_info.h"
@@ -424,11 +425,20 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_guarded("end", telemetry_remove_heartbeat_timeout_file);
 }
 
+// From this size on a buffer gets pages of its own: it leaves no hole in the heap when it goes, and what an
+// idle slot never writes to takes no memory. Other C libraries decide by themselves.
+static void map_large_buffers() {
+#ifdef M_MMAP_THRESHOLD
+    mallopt(M_MMAP_THRESHOLD, 16384);
+#endif
+}
+
 // Not on the stack, so that its slots and list stay reachable until the process is gone.
 static TelemetryCtx telemetry_ctx;
 
 int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
+    map_large_buffers();
     fill_standard_descriptors();
     telemetry_catch_reload_signal();
     setenv("PATH", kDefaultPath, 0); // the commands stand in the system's folders, too

@@ -80,18 +80,31 @@ static bool add_source(const TelemetryCtx *ctx, cJSON *body) {
     return source != nullptr && add_texts(source, members);
 }
 
-// The counts are bookkeeping: the list keeps them, the cloud never sees them.
+// The counts are bookkeeping: the list keeps them, the cloud never sees them. The body only refers to the
+// rest of each record: a copy would be as large as all that was collected.
+static bool add_record(cJSON *records, const cJSON *record) {
+    JsonPtr sent(cJSON_CreateObject());
+    cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, record) {
+        if (strcmp(member->string, "cnt") != 0 &&
+            !cJSON_AddItemReferenceToObject(sent.get(), member->string, member))
+            return false;
+    }
+    if (!cJSON_AddItemToArray(records, sent.get()))
+        return false;
+    static_cast<void>(sent.release()); // the body's now
+    return true;
+}
+
 static bool add_records(const TelemetryCtx *ctx, cJSON *body) {
-    JsonPtr records(cJSON_Duplicate(ctx->collect_list, true));
+    cJSON *records = ctx->collect_list != nullptr ? cJSON_AddArrayToObject(body, "el") : nullptr;
     if (records == nullptr)
         return false;
-    cJSON *record = nullptr;
-    cJSON_ArrayForEach(record, records.get()) {
-        cJSON_DeleteItemFromObjectCaseSensitive(record, "cnt");
+    const cJSON *record = nullptr;
+    cJSON_ArrayForEach(record, ctx->collect_list) {
+        if (!add_record(records, record))
+            return false;
     }
-    if (!cJSON_AddItemToObject(body, "el", records.get()))
-        return false;
-    static_cast<void>(records.release());
     return true;
 }
 
