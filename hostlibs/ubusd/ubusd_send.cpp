@@ -19,6 +19,8 @@ bool queue_push(ubusd_client &client, std::vector<char> &&message, size_t bound)
     if (client.queue_bytes + message.size() > bound)
         return false;
     bool was_empty = client.queue.empty();
+    if (!was_empty) // it will wait, and not with the room it was built in
+        message.shrink_to_fit();
     client.queue_bytes += message.size();
     client.queue.push_back(std::move(message));
     if (was_empty)
