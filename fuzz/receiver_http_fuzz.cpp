@@ -4,7 +4,7 @@
 #include <string>
 
 #include "receiver_http.h"
-#include "support/fuzz_root.h"
+#include "support/fuzz_target.h"
 
 static std::string print_head(const HttpRequest &request) {
     std::string text = request.method + " " + request.path;
@@ -16,12 +16,12 @@ static std::string print_head(const HttpRequest &request) {
     return text;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+static void run_head(const uint8_t *data, size_t size) {
     const std::string input(reinterpret_cast<const char *>(data), size);
     HttpRequest request;
     if (const int status = http_parse_head(input.substr(0, input.find("\r\n\r\n")), request); status != 0) {
         require(status == 400 || status == 411 || status == 431 || status == 505);
-        return 0;
+        return;
     }
     require(!request.method.empty() && request.path.starts_with('/') && request.headers.size() <= 64);
     require(request.body_size < 1000000000000);
@@ -31,5 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     require(again.headers == request.headers && again.body_size == request.body_size &&
             again.keeps == request.keeps && again.expects == request.expects);
     require(request.parameter("from").size() <= request.query.size());
-    return 0;
+    const HttpAnswer answer = {.body = request.header("host")};
+    require(http_print(answer, request.keeps, true).ends_with("\r\n\r\n" + answer.body));
 }
+
+static const FuzzTargets registered({{"receiver_http", run_head}});

@@ -15,8 +15,10 @@ inline void require(bool holds) {
 class FuzzRoot {
   public:
     FuzzRoot() {
-        char name[] = "/tmp/tlf-XXXXXX";
-        require(mkdtemp(name) != nullptr);
+        // In memory where that is to be had.
+        char memory[] = "/dev/shm/tlf-XXXXXX", disk[] = "/tmp/tlf-XXXXXX";
+        const char *name = mkdtemp(memory) != nullptr ? memory : mkdtemp(disk);
+        require(name != nullptr);
         root_ = name;
         setenv("TELEMETRY_SYSROOT", name, 1);
         for (const char *directory : {"/etc/config", "/etc/profile.d", "/tmp/telemetry", "/tmp/sync-server",

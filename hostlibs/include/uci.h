@@ -174,7 +174,8 @@ int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool
 int uci_set(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr);
-// Renames to ptr->value. UCI_ERR_DUPLICATE when the name is taken.
+// Renames to ptr->value. Whether the name is taken is not looked at: of two elements with one name the next
+// reading makes one.
 int uci_rename(struct uci_context *ctx, struct uci_ptr *ptr);
 // Deletes the section or option; with ptr->value the list item of that number.
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);

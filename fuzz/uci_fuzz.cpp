@@ -1,0 +1,127 @@
+// Configuration: a file by itself, and the life of one: pieces, each the file, changes staged beside it, or a
+// change as the command line has it. What is written reads the same again.
+#include <cstdint>
+#include <cstring>
+
+#include "support/fuzz_target.h"
+#include "telemetry_handles.h"
+#include "telemetry_uci.h"
+
+namespace {
+
+std::string export_of(uci_context *uci, uci_package *package) {
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *stream = open_memstream(&text, &length);
+    require(uci_export(uci, stream, package, true) == UCI_OK);
+    fclose(stream);
+    const std::string exported(text, length);
+    free(text);
+    return exported;
+}
+
+void require_same(const std::string &read, const std::string &written) {
+    if (read != written)
+        fprintf(stderr, "<<<\n%s>>>\n%s\n", written.c_str(), read.c_str());
+    require(read == written);
+}
+
+uci_package *import_of(uci_context *uci, std::string_view text) {
+    const FilePtr stream(fmemopen(const_cast<char *>(text.data()), text.size(), "r"));
+    uci_package *package = nullptr;
+    return stream && uci_import(uci, stream.get(), "p", &package, true) == UCI_OK ? package : nullptr;
+}
+
+void run_file(const uint8_t *data, size_t size) {
+    const UciContextPtr uci(uci_alloc_context()), again(uci_alloc_context());
+    uci_package *package =
+        size == 0 ? nullptr : import_of(uci.get(), {reinterpret_cast<const char *>(data), size});
+    if (package == nullptr)
+        return;
+    const std::string text = export_of(uci.get(), package);
+    uci_package *read = import_of(again.get(), text);
+    require(read != nullptr);
+    require_same(export_of(again.get(), read), text);
+}
+
+using Change = int (*)(uci_context *uci, uci_ptr *place);
+
+int reorder(uci_context *uci, uci_ptr *place) {
+    return place->s == nullptr ? -1 : uci_reorder_section(uci, place->s, atoi(place->value));
+}
+
+int add(uci_context *uci, uci_ptr *place) {
+    uci_section *section = nullptr;
+    return uci_add_section(uci, place->p, place->value, &section);
+}
+
+// Whether it names a value, which some cannot do without.
+constexpr struct {
+    Change change;
+    bool has_value;
+} kChanges[] = {{uci_set, true},    {uci_add_list, true}, {uci_del_list, true},
+                {uci_rename, true}, {uci_delete, false},  {reorder, true},
+                {add, true},        {uci_revert, false},  {nullptr, false}};
+
+// A rename may give two elements one name, which the next reading makes one.
+bool has_twins(uci_list *list) {
+    uci_element *e = nullptr;
+    uci_foreach_element(list, e) {
+        if (uci_lookup_list(list, e->name) != e ||
+            (e->type == UCI_TYPE_SECTION && has_twins(&uci_to_section(e)->options)))
+            return true;
+    }
+    return false;
+}
+
+void commit(uci_context *uci, bool overwrite) {
+    uci_package *package = uci_lookup_package(uci, "p");
+    if (package == nullptr || uci_commit(uci, &package, overwrite) != UCI_OK || package == nullptr ||
+        overwrite)
+        return;
+    const std::string text = export_of(uci, package);
+    const UciContextPtr fresh(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    uci_package *read = nullptr;
+    require(uci_load(fresh.get(), "p", &read) == UCI_OK);
+    if (!has_twins(&package->sections))
+        require_same(export_of(fresh.get(), read), text);
+}
+
+void take_step(uci_context *uci, char kind, std::string text) {
+    const auto &row = kChanges[static_cast<uint8_t>(kind - 'c') % std::size(kChanges)];
+    uci_ptr place = {};
+    if (row.change == nullptr) {
+        if (uci_package *package = uci_lookup_package(uci, "p"))
+            uci_save(uci, package);
+        commit(uci, text == "!");
+    } else if (uci_lookup_ptr(uci, &place, text.data(), true) == UCI_OK && place.p != nullptr &&
+               (place.value != nullptr || !row.has_value)) {
+        row.change(uci, &place);
+    }
+}
+
+void run_life(const uint8_t *data, size_t size) {
+    fuzz_root().write("/etc/config/p", "");
+    fuzz_root().write("/tmp/.uci/p", "");
+    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    for (const FuzzPiece &piece : pieces_of({reinterpret_cast<const char *>(data), size})) {
+        if (piece.kind == 'a' || piece.kind == 'b')
+            fuzz_root().write(piece.kind == 'a' ? "/etc/config/p" : "/tmp/.uci/p", piece.text);
+        else
+            take_step(uci.get(), piece.kind, std::string(piece.text));
+    }
+    commit(uci.get(), false);
+    // The daemon's own way to a value, in a context of its own.
+    char value[64] = {};
+    if (telemetry_get_uci_value("p", "s", "o", value, sizeof(value), TELEMETRY_UCI_SYSTEM) == 0)
+        require(strnlen(value, sizeof(value)) < sizeof(value));
+    if (telemetry_set_uci_value("p", "s", "o", "v", TELEMETRY_UCI_SYSTEM) == 0)
+        require(telemetry_get_uci_value("p", "s", "o", value, sizeof(value), TELEMETRY_UCI_SYSTEM) == 0 &&
+                strcmp(value, "v") == 0);
+}
+
+const FuzzTargets registered({{"uci_file", run_file, mutate_uci},
+                              {"uci_life", run_life, mutate_pieces,
+                               [] { std::filesystem::create_directories(fuzz_root().path("/tmp/.uci")); }}});
+
+} // namespace
