@@ -40,11 +40,20 @@ static void count_client(const PreClientInfo *client, ClientCounters *counters) 
         ++counters->mlo;
 }
 
-static void add_text_or_null(cJSON *object, const char *key, const char *text) {
-    if (text != nullptr)
-        cJSON_AddStringToObject(object, key, text);
-    else
-        cJSON_AddNullToObject(object, key);
+// Keys are constant texts, which the tree only refers to: with hundreds of clients copies would be a quarter
+// of it.
+static void add_member(cJSON *object, const char *key, cJSON *item) {
+    if (!cJSON_AddItemToObjectCS(object, key, item))
+        cJSON_Delete(item);
+}
+
+static void add_number(cJSON *object, const char *key, double number) {
+    add_member(object, key, cJSON_CreateNumber(number));
+}
+
+// Null stands for a missing constant text.
+static void add_constant(cJSON *object, const char *key, const char *text) {
+    add_member(object, key, text != nullptr ? cJSON_CreateStringReference(text) : cJSON_CreateNull());
 }
 
 static JsonPtr build_client_entry(const PreClientInfo *client) {
@@ -54,16 +63,16 @@ static JsonPtr build_client_entry(const PreClientInfo *client) {
     cJSON *object = entry.get();
     telemetry_add_mac_md5_to_cJSON_object(object, "mk", client->mac);
     telemetry_add_mac_md5_to_cJSON_object(object, "am", client->ap_mac);
-    cJSON_AddStringToObject(object, "type", device_type_name(client->client_type));
-    add_text_or_null(object, "iname", client->iot_module);
-    add_text_or_null(object, "itype", client->iot_category);
-    cJSON_AddStringToObject(object, "ctype", client->connection_type);
-    cJSON_AddNumberToObject(object, "ngtx", static_cast<int32_t>(client->txrate));
-    cJSON_AddNumberToObject(object, "ngrx", static_cast<int32_t>(client->rxrate));
-    cJSON_AddNumberToObject(object, "retx", static_cast<double>(client->retx_byte));
-    cJSON_AddNumberToObject(object, "rerx", static_cast<double>(client->rerx_byte));
-    cJSON_AddNumberToObject(object, "sl", std::max(client->signal_level_5g, client->signal_level_2g));
-    cJSON_AddNumberToObject(object, "sm", static_cast<int32_t>(client->phymode));
+    add_constant(object, "type", device_type_name(client->client_type));
+    add_constant(object, "iname", client->iot_module);
+    add_constant(object, "itype", client->iot_category);
+    add_member(object, "ctype", cJSON_CreateString(client->connection_type));
+    add_number(object, "ngtx", static_cast<int32_t>(client->txrate));
+    add_number(object, "ngrx", static_cast<int32_t>(client->rxrate));
+    add_number(object, "retx", static_cast<double>(client->retx_byte));
+    add_number(object, "rerx", static_cast<double>(client->rerx_byte));
+    add_number(object, "sl", std::max(client->signal_level_5g, client->signal_level_2g));
+    add_number(object, "sm", static_cast<int32_t>(client->phymode));
     return entry;
 }
 
