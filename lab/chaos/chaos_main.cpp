@@ -132,11 +132,16 @@ void Day::expect_whole(const Payloads &records) {
 
 void Day::expect_levels() {
     Levels now;
-    world_.drive("give back its descriptors and children", [&](const Status &) {
-        now = world_.levels();
-        return descriptors_ == 0 || (now.descriptors <= descriptors_ && now.children == 0);
-    });
-    descriptors_ = now.descriptors;
+    try {
+        world_.drive("give back its descriptors and children", [&](const Status &) {
+            now = world_.levels();
+            return memory_.size() < 2 || (now.descriptors <= descriptors_ && now.children == 0);
+        });
+    } catch (const Finding &finding) {
+        throw Finding(finding.what() + ("; it had " + std::to_string(descriptors_)) + ":" + now.open);
+    }
+    if (memory_.size() < 2)
+        descriptors_ = std::max(descriptors_, now.descriptors);
     memory_.push_back(now.memory_kb);
     if (memory_.size() > kWarmUp && now.memory_kb > memory_[kWarmUp - 1] * 5 / 4 + kMemoryRoomKb)
         throw Finding("memory grows: " + std::to_string(memory_[kWarmUp - 1]) + " kB, now " +

@@ -12,6 +12,8 @@
 #include "lab_bus.h"
 #include "lab_files.h"
 
+using namespace std::string_literals;
+
 namespace chaos {
 
 namespace {
@@ -130,21 +132,7 @@ std::string service_misbehaves(World &world) {
     return call + " " + kind;
 }
 
-void mend_services(World &world) {
-    world.faults.clear();
-    world.main().set_faults("{}");
-}
-
 // --- The cloud ---
-
-std::string cloud_refuses(World &world) {
-    world.lab.cloud().down();
-    return "";
-}
-
-void cloud_returns(World &world) {
-    world.lab.cloud().up();
-}
 
 std::string cloud_misbehaves(World &world) {
     static constexpr const char *kCalls[] = {"key", "strategy", "upload", "upload", "upload"};
@@ -164,18 +152,16 @@ std::string cloud_misbehaves(World &world) {
     return call + " " + kind + " " + std::to_string(code) + " x" + std::to_string(times);
 }
 
-void cloud_behaves(World &world) {
-    world.lab.cloud().reset_script();
-}
+constexpr char kOften[] = "collect_interval_strategy1=1,collect_interval_strategy2=60,post_interval=1\n";
 
-std::string keys_expire(World &world) {
-    world.lab.cloud().expire_keys();
-    return "";
+// It is asked for after a new key only.
+void new_strategy(World &world, const std::string &content) {
+    world.lab.cloud().set_strategy("chaos-" + std::to_string(world.events), content);
 }
 
 std::string strategy_changes(World &world) {
     static constexpr const char *kContents[] = {
-        "collect_interval_strategy1=1,collect_interval_strategy2=3,post_interval=1\n",
+        kOften,
         "collect_interval_strategy1=1,collect_interval_strategy2=1,post_interval=2",
         "collect_interval_strategy1=15,collect_interval_strategy2=1440,post_interval=240\n",
         "collect_interval_strategy1=2,collect_interval_strategy2=60,post_interval=1\n",
@@ -185,15 +171,9 @@ std::string strategy_changes(World &world) {
         "more often, please",
     };
     const std::string content = any_of(world, kContents);
-    world.lab.cloud().set_strategy("chaos-" + std::to_string(world.events), content);
-    world.lab.cloud().expire_keys(); // it is asked for after a new key
+    new_strategy(world, content);
+    world.lab.cloud().expire_keys();
     return content.substr(0, content.find('\n'));
-}
-
-void strategy_is_sane(World &world) {
-    world.lab.cloud().set_strategy(
-        "sane-" + std::to_string(world.events),
-        "collect_interval_strategy1=1,collect_interval_strategy2=60,post_interval=1\n");
 }
 
 // --- Clocks ---
@@ -213,13 +193,10 @@ std::string wall_clock_jumps(World &world) {
     return of_node(node) + ", " + std::to_string(days) + " days";
 }
 
-void wall_clocks_are_right(World &world) {
-    world.set_clocks();
-}
-
 // By other names, which takes no room in a full /tmp.
-void hide(World &world, const std::string &path) {
+std::string hide(World &world, const std::string &path) {
     rename((world.main().root() + path).c_str(), (world.main().root() + path + ".kept").c_str());
+    return "";
 }
 
 void show(World &world, const std::string &path) {
@@ -227,24 +204,6 @@ void show(World &world, const std::string &path) {
 }
 
 constexpr char kClockFile[] = "/tmp/run/ntpd.uptime", kRoleFile[] = "/tmp/work_mode";
-
-std::string clock_is_lost(World &world) {
-    hide(world, kClockFile);
-    return "";
-}
-
-void clock_is_set(World &world) {
-    show(world, kClockFile);
-}
-
-std::string role_is_lost(World &world) {
-    hide(world, kRoleFile);
-    return "";
-}
-
-void role_returns(World &world) {
-    show(world, kRoleFile);
-}
 
 // --- Configuration ---
 
@@ -308,11 +267,6 @@ std::string settings_change(World &world) {
     return std::to_string(world.setting) + " and noise";
 }
 
-std::string telemetry_is_off(World &world) {
-    world.main().set_config("telemetry", "basic", "enable", "0");
-    return "";
-}
-
 // --- The rest of the system ---
 
 std::string tmp_fills(World &world) {
@@ -323,10 +277,6 @@ std::string tmp_fills(World &world) {
     while (file << block << std::flush) {
     }
     return "";
-}
-
-void tmp_has_room(World &world) {
-    world.main().remove("/tmp/fill");
 }
 
 std::string satellite_reboots(World &world) {
@@ -357,13 +307,6 @@ void satellites_run(World &world) {
             [&] { return !satellite.daemon.running() || satellite.wait_for_object("telemetry", 0); },
             kStartMs);
     }
-}
-
-std::string reload(World &world) {
-    const uint32_t times = 1 + world.draw(3);
-    for (uint32_t i = 0; i < times; i++)
-        world.main().daemon.signal(SIGHUP);
-    return "x" + std::to_string(times);
 }
 
 std::string debug_is_switched(World &world) {
@@ -400,26 +343,30 @@ std::string is_called(World &world) {
 }
 
 // In the order in which everything is put right.
-constexpr Step kSteps[] = {
-    {"/tmp is full", 2, tmp_fills, tmp_has_room},
+const Step kSteps[] = {
+    {"/tmp is full", 2, tmp_fills, [](World &w) { w.main().remove("/tmp/fill"); }},
     {"satellite reboots", 5, satellite_reboots, satellites_run},
     {"bus dies", 8, bus_dies, mend_buses},
     {"bus stops", 2, bus_stops, mend_buses},
     {"bus takes nobody", 2, bus_fills, mend_buses},
     {"bus is flooded", 2, bus_is_flooded, nullptr},
-    {"service misbehaves", 12, service_misbehaves, mend_services},
-    {"cloud refuses", 2, cloud_refuses, cloud_returns},
-    {"cloud misbehaves", 12, cloud_misbehaves, cloud_behaves},
-    {"keys expire", 4, keys_expire, nullptr},
-    {"strategy changes", 6, strategy_changes, strategy_is_sane},
+    {"service misbehaves", 12, service_misbehaves,
+     [](World &w) { w.faults.clear(), w.main().set_faults("{}"); }},
+    {"cloud refuses", 2, [](World &w) { return w.lab.cloud().down(), ""s; },
+     [](World &w) { w.lab.cloud().up(); }},
+    {"cloud misbehaves", 12, cloud_misbehaves, [](World &w) { w.lab.cloud().reset_script(); }},
+    {"keys expire", 4, [](World &w) { return w.lab.cloud().expire_keys(), ""s; }, nullptr},
+    {"strategy changes", 6, strategy_changes, [](World &w) { new_strategy(w, kOften); }},
     {"time passes", 24, time_passes, nullptr},
-    {"wall clock jumps", 4, wall_clock_jumps, wall_clocks_are_right},
-    {"clock is lost", 1, clock_is_lost, clock_is_set},
-    {"role is lost", 1, role_is_lost, role_returns},
+    {"wall clock jumps", 4, wall_clock_jumps, [](World &w) { w.set_clocks(); }},
+    {"clock is lost", 1, [](World &w) { return hide(w, kClockFile); }, [](World &w) { show(w, kClockFile); }},
+    {"role is lost", 1, [](World &w) { return hide(w, kRoleFile); }, [](World &w) { show(w, kRoleFile); }},
     {"configuration is rewritten", 5, configuration_is_rewritten, configuration_returns},
     {"settings change", 6, settings_change, configuration_returns},
-    {"telemetry is off", 1, telemetry_is_off, configuration_returns},
-    {"reload", 3, reload, nullptr},
+    {"telemetry is off", 1,
+     [](World &w) { return w.main().set_config("telemetry", "basic", "enable", "0"), ""s; },
+     configuration_returns},
+    {"reload", 3, [](World &w) { return w.main().daemon.signal(SIGHUP), ""s; }, nullptr},
     {"debug is switched", 3, debug_is_switched, nullptr},
     {"is called", 20, is_called, nullptr},
 };

@@ -32,6 +32,7 @@ struct Status {
 
 struct Levels {
     long memory_kb = 0, descriptors = 0, children = 0;
+    std::string open; // what stands behind the descriptors
 };
 
 class World {

@@ -1,5 +1,5 @@
 // lab-runner: a mesh on this machine, from a scenario.
-//   lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | --cloud URL --ca FILE]
+//   lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | --load | --cloud URL --ca FILE]
 // Without --once it stays up, follows the main node's log and ends on Ctrl-C. With it, it forces one
 // collection and one upload, prints what the cloud received, the verdict and the mesh as the records tell it;
 // exit status 0 only when everything was as it should be. With --cloud the daemon speaks with that service,
@@ -16,6 +16,7 @@
 
 #include "day.h"
 #include "lab.h"
+#include "load.h"
 #include "report.h"
 #include "summary.h"
 
@@ -33,6 +34,7 @@ struct Options {
     bool once = false;
     bool day = false;         // a day first, on clocks that the runner moves
     long cycles = kDayCycles; // of it
+    bool load = false;        // as much as a node may meet, then the end
     lab::OtherCloud cloud;
 };
 
@@ -56,6 +58,8 @@ bool parse_options(int argc, char **argv, Options &options) {
             options.once = true;
         else if (argument == "--day")
             options.day = true;
+        else if (argument == "--load")
+            options.load = true;
         else if (argument == "--scenario" && i + 1 < argc)
             options.scenario = argv[++i];
         else if (argument == "--cycles" && i + 1 < argc)
@@ -69,8 +73,8 @@ bool parse_options(int argc, char **argv, Options &options) {
     }
     // The day is told by what the lab's own cloud counts.
     const bool other = !options.cloud.url.empty();
-    return other != options.cloud.authority.empty() && !(other && options.day) && options.cycles > 0 &&
-           options.cycles <= kDayCycles;
+    return other != options.cloud.authority.empty() && !(other && (options.day || options.load)) &&
+           options.cycles > 0 && options.cycles <= kDayCycles;
 }
 
 [[noreturn]] void fail(lab::Lab &lab, const std::string &what) {
@@ -273,6 +277,8 @@ void run(Options &options) {
     lab::Lab lab(lab::scenario_load(options.scenario), lab::default_bin_dir(), other);
     if (options.day)
         day_prepare(lab, options.cycles);
+    if (options.load)
+        load_prepare(lab);
     lab.start();
     printf("lab \"%s\" is up: %zu nodes, %zu clients, all daemons on their buses\n",
            lab.scenario().name.c_str(), lab.node_count(), lab.scenario().clients.size());
@@ -281,7 +287,9 @@ void run(Options &options) {
         require_ready(lab);
         day_run(lab, options.cycles);
     }
-    if (options.once) {
+    if (options.load) {
+        load_run(lab);
+    } else if (options.once) {
         other.url.empty() ? run_once(lab) : run_once_elsewhere(lab);
     } else {
         print_help(lab, other);
@@ -294,7 +302,7 @@ void run(Options &options) {
 int main(int argc, char **argv) {
     Options options;
     if (!parse_options(argc, argv, options)) {
-        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | "
+        fprintf(stderr, "usage: lab-runner [--scenario NAME|FILE] [--once] [--day [--cycles N] | --load | "
                         "--cloud URL --ca FILE]\n");
         return 2;
     }
