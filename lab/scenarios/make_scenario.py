@@ -84,9 +84,10 @@ def node(rng, index, ids):
 
 def client(rng, number, ids, is_iot):
     # A quarter on the main node, the others evenly on the satellites. Then 512 clients stay within what holds them: a
-    # station table has 64 entries, the satellites' client file 65,535 bytes.
+    # station table has 64 entries, the satellites' client file 65,535 bytes. More are the main node's, and of those the
+    # client management tells what its answers have room for (1 MiB).
     satellites = len(ids) - 1
-    on_main = satellites == 0 or number % 4 == 0
+    on_main = satellites == 0 or number % 4 == 0 or number >= 512
     where = ids[0] if on_main else ids[1 + (number // 4 * 3 + number % 4 - 1) % satellites]
     wired = not is_iot and number % 7 == 3
     guest = not is_iot and not wired and number % 11 == 5
@@ -101,6 +102,8 @@ def client(rng, number, ids, is_iot):
         "retx_byte": rng.randint(10**4, 10**11),
         "rerx_byte": rng.randint(10**4, 10**12),
     }
+    if number >= 2560:
+        entry["in_client_mgmt"] = False
     if wired:
         entry["connection_type"] = "wired"
         return entry
