@@ -73,7 +73,7 @@ void put_stations(uint16_t count) {
     put(2055, '\0');
     put(0, count);
     for (size_t i = 0, entry = 8; i < 64; i++, entry += 32) {
-        put<uint16_t>(entry, 2);
+        put<uint8_t>(entry, 2);
         put(entry + 5, static_cast<uint8_t>(i));
         put<uint64_t>(entry + 8, 1000 + i);
         put<uint64_t>(entry + 16, 2000 + i);
@@ -175,12 +175,12 @@ TEST_F(PlatformMtk, ConvertsTheAnswers) {
         EXPECT_EQ(fix_phymode(code++), reported) << code;
 
     const std::pair<int8_t, uint8_t> signals[] = {{-92, 0}, {-40, 52}, {-100, 248}, {127, 219}, {-128, 220}};
-    put<uint16_t>(0, 2);
+    put<uint8_t>(0, 2);
     put<uint8_t>(5, 9);
     put<uint64_t>(8, 0x1000000000001234ULL);
     put<uint64_t>(16, 255);
     for (const auto &[dbm, stored] : signals) {
-        put<int64_t>(24, static_cast<uint8_t>(dbm));
+        put(24, dbm);
         EXPECT_EQ(wlan_get_uplink_rate("apclix0", &stats, &byte), 1);
         EXPECT_EQ(byte, stored) << +dbm;
     }
