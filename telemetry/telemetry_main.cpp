@@ -369,17 +369,24 @@ int telemetry_init_ctx(TelemetryCtx *ctx) {
 class EndSignalsHeld {
   public:
     EndSignalsHeld() {
-        sigset_t held;
-        sigemptyset(&held);
-        sigaddset(&held, SIGTERM);
-        sigaddset(&held, SIGINT);
-        sigprocmask(SIG_BLOCK, &held, &before_);
+        sigemptyset(&held_);
+        sigaddset(&held_, SIGTERM);
+        sigaddset(&held_, SIGINT);
+        sigprocmask(SIG_BLOCK, &held_, &before_);
     }
     ~EndSignalsHeld() {
         release();
     }
     EndSignalsHeld(const EndSignalsHeld &) = delete;
     EndSignalsHeld &operator=(const EndSignalsHeld &) = delete;
+
+    // Runs a step that may wait without limit: a signal ends the wait, and is known by uloop_cancelled.
+    template <typename Step> int let_through(Step step) {
+        release();
+        const int result = uloop_cancelled ? -1 : step();
+        sigprocmask(SIG_BLOCK, &held_, nullptr);
+        return result;
+    }
 
     void release_in_loop() {
         timer_.cb = [](uloop_timeout *) { release(); };
@@ -391,8 +398,15 @@ class EndSignalsHeld {
         sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
     inline static sigset_t before_;
+    sigset_t held_;
     uloop_timeout timer_ = {};
 };
+
+static void end_loop() {
+    uloop_done();
+    telemetry_free_ubus();
+    telemetry_guarded("end", telemetry_remove_heartbeat_timeout_file);
+}
 
 static void start_and_run(TelemetryCtx *ctx) {
     EndSignalsHeld signals;
@@ -408,7 +422,13 @@ static void start_and_run(TelemetryCtx *ctx) {
         LOG_ERROR("no memory for the start");
         initialised = false;
     }
-    if (!initialised || telemetry_init_ubus(ctx) != 0) {
+    uloop_cancelled = false;
+    const bool connected = initialised && signals.let_through([&] { return telemetry_init_ubus(ctx); }) == 0;
+    if (uloop_cancelled) {
+        end_loop();
+        return;
+    }
+    if (!connected) {
         LOG_ERROR("telemetry_init_ctx error, stop");
         return;
     }
@@ -420,9 +440,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     uloop_run();
 
     telemetry_unwatch_reload();
-    uloop_done();
-    telemetry_free_ubus();
-    telemetry_guarded("end", telemetry_remove_heartbeat_timeout_file);
+    end_loop();
 }
 
 // From this size on a buffer gets pages of its own: it leaves no hole in the heap when it goes, and what an

@@ -62,8 +62,10 @@ int object_register(ubus_context *ctx, ubus_object *obj) {
     req.raw_data_cb = take_object_ids;
     req.priv = obj;
     status = ubus_complete_request(ctx, &req, bus_answer_ms);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
+        obj->id = 0; // of an answer that was not brought to its end
         return status;
+    }
     if (obj->id == 0)
         return UBUS_STATUS_NO_DATA;
     obj->avl.key = &obj->id;
@@ -71,8 +73,9 @@ int object_register(ubus_context *ctx, ubus_object *obj) {
     return UBUS_STATUS_OK;
 }
 
+// An object whose registration was cut short has an id and is in no tree.
 void object_forget_id(ubus_context *ctx, ubus_object *obj) {
-    if (obj->id != 0)
+    if (obj->id != 0 && avl_find(&ctx->objects, &obj->id) == &obj->avl)
         avl_delete(&ctx->objects, &obj->avl);
     obj->id = 0;
     obj->has_subscribers = false;
@@ -90,7 +93,8 @@ int ubus_register_objects(ubus_context *ctx) {
     std::vector<ubus_object *> objects = ctx->conn->objects;
     for (ubus_object *obj : objects) {
         int status = object_register(ctx, obj);
-        if (status == UBUS_STATUS_CONNECTION_FAILED || status == UBUS_STATUS_TIMEOUT)
+        if (status == UBUS_STATUS_CONNECTION_FAILED || status == UBUS_STATUS_TIMEOUT ||
+            status == UBUS_STATUS_NO_MEMORY)
             return status;
     }
     return UBUS_STATUS_OK;

@@ -150,6 +150,10 @@ TEST_F(TelemetryUciBackupTest, WhatAnAdministratorStagesOrOverridesIsNotItsOwn) 
     in_router_places([&] {
         root.write("/tmp/.uci/telemetry", staged);
         root.write("/var/run/uci/telemetry", over);
+        root.write("/var/run/uci/profile", "config FEATURE\n\toption support 'over'\n");
+        char support[16] = "none";
+        uci_get_profile_option("FEATURE", "support", support, sizeof(support));
+        EXPECT_STRNE(support, "over");
         EXPECT_EQ(report(), kBoth);
         EXPECT_EQ(report(), "");
         EXPECT_EQ(backup().find("staged") + backup().find("over"), 2 * std::string::npos);

@@ -195,6 +195,7 @@ TEST_F(BusLossTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
         std::string bytes;
         bool stays_open, reads_request;
         int limit_ms; // that the daemon gives it; 0: it sees at once that this is no bus
+        bool gives_id = false;
     };
     const Case cases[] = {
         {"closes at once", "", false, false, 0},
@@ -203,6 +204,7 @@ TEST_F(BusLossTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
         {"greets, talks nonsense, closes", hello + std::string(4096, 'x'), false, false, 0},
         {"never greets", "", true, false, 3000},
         {"closes instead of taking the object", hello, false, true, 0},
+        {"closes between the object's id and its status", hello, false, true, 0, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -217,7 +219,12 @@ TEST_F(BusLossTest, NeitherHangsNorSpinsOnABusThatMisbehaves) {
                 if (!c.bytes.empty())
                     send(fd->get(), c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL);
                 if (c.reads_request) {
-                    EXPECT_GT(recv(fd->get(), request, sizeof(request), 0), 0);
+                    EXPECT_GT(recv(fd->get(), request, sizeof(request), 0), 4);
+                }
+                if (c.gives_id) { // DATA with the request's number: attributes OBJID and OBJTYPE
+                    std::string answer("\0\2\0\0\0\0\0\0\0\0\0\x14\3\0\0\x8\0\0\7\1\5\0\0\x8\0\0\7\2", 28);
+                    answer.replace(2, 2, request + 2, 2);
+                    send(fd->get(), answer.data(), answer.size(), MSG_NOSIGNAL);
                 }
                 // Half of a message makes the daemon look at its clock; more than once when it began to wait
                 // only after the clock had been moved.
