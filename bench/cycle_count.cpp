@@ -145,6 +145,7 @@ int main(int argc, char **argv) {
     mac_to_format(ctx.dev_mac, main_node().mac.c_str());
     copy_text(ctx.hw_version, "1.0");
     // What libraries keep for themselves from the first use on, and a backup to compare with.
+    root.write_backup("");
     run_cycle();
     run_cycle();
     if (strcmp(argv[2], "changed") == 0)

@@ -1,8 +1,7 @@
 // One pre-collection: the snapshot of devices and clients of a mesh, from files, a bus whose services answer
 // at once with replies made before, and a driver without a board. Arguments: clients, nodes. Three of sixteen
 // clients are IoT devices, a quarter (on one node: all) hangs from the main node. Whole snapshots, and two
-// parts of them: the IoT step, which reads its four configuration packages for every client, and all the
-// other client steps.
+// parts of them: the IoT step, which reads four configuration packages, and all the other client steps.
 #include <benchmark/benchmark.h>
 
 #include <map>

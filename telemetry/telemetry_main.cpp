@@ -98,7 +98,7 @@ void telemetry_load_options() {
 
 static bool package_is_readable() {
     char text[8];
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {"telemetry"});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {"telemetry"});
     return uci && uci_get_value(uci.get(), "telemetry", "basic", "enable", text, sizeof(text)) != -1;
 }
 

@@ -81,7 +81,7 @@ static Message *place_of(uint32_t text) {
     return place;
 }
 
-TelemetryRepeat telemetry_repeat_check(const char *format, ...) {
+uint32_t telemetry_repeat_check(const char *format, ...) {
     char text[kMessageSize];
     va_list arguments;
     va_start(arguments, format);
@@ -92,15 +92,14 @@ TelemetryRepeat telemetry_repeat_check(const char *format, ...) {
     begin_run();
     Message *message = memory.current == kNoTopic ? nullptr : place_of(hash_of(text));
     if (message == nullptr)
-        return {true, TELEMETRY_LOG_ERROR};
+        return TELEMETRY_LOG_ERROR;
     const uint32_t run = memory.topics[memory.current].run;
-    const bool first = message->run != run;
-    if (first) {
+    if (message->run != run) {
         message->before = message->run;
         message->run = run;
     }
     const bool repeated = message->before != 0 && message->before + 1 == run;
-    return {first, repeated ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR};
+    return repeated ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR;
 }
 
 void telemetry_repeat_forget() {

@@ -6,14 +6,9 @@
 
 #include "telemetry_log.h"
 
-struct TelemetryRepeat {
-    bool first;     // not said before in this run of the topic
-    uint32_t level; // debug when the topic's last run said it too, otherwise error
-};
-
-// Remembers the message for this run of the current topic. The memory is bounded: what finds no place in it
-// is said as new.
-TelemetryRepeat telemetry_repeat_check(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Remembers the message for this run of the current topic; the level to say it at: debug when the topic's
+// last run said it too, otherwise error. The memory is bounded: what finds no place in it is said as new.
+uint32_t telemetry_repeat_check(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // From here on everything is news: after a start, or when the configuration is read anew.
 void telemetry_repeat_forget();
 
@@ -33,15 +28,12 @@ class TelemetryRepeatTopic {
     bool outer_waits_;
 };
 
-// An error line that is a debug line from its second run on; `again` false: and stands once in a run.
-#define TELEMETRY_LOG_REPEAT(again, ...)                                                       \
-    do {                                                                                       \
-        if (telemetry_log_enabled(TELEMETRY_LOG_ERROR)) {                                      \
-            const TelemetryRepeat repeat_ = telemetry_repeat_check(__VA_ARGS__);               \
-            if ((repeat_.first || again) && telemetry_log_enabled(repeat_.level))              \
-                telemetry_log_write(repeat_.level, __FILE__, __func__, __LINE__, __VA_ARGS__); \
-        }                                                                                      \
+// An error line that is a debug line from its second run on.
+#define LOG_MISSING(...)                                                                \
+    do {                                                                                \
+        if (telemetry_log_enabled(TELEMETRY_LOG_ERROR)) {                               \
+            const uint32_t level_ = telemetry_repeat_check(__VA_ARGS__);                \
+            if (telemetry_log_enabled(level_))                                          \
+                telemetry_log_write(level_, __FILE__, __func__, __LINE__, __VA_ARGS__); \
+        }                                                                               \
     } while (0)
-
-#define LOG_MISSING(...) TELEMETRY_LOG_REPEAT(true, __VA_ARGS__)
-#define LOG_MISSING_ONCE(...) TELEMETRY_LOG_REPEAT(false, __VA_ARGS__)

@@ -2,9 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 #include <string>
-#include <unistd.h>
 #include <utility>
 
 #include "telemetry_handles.h"
@@ -12,109 +10,12 @@
 #include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_repeat.h"
+#include "telemetry_uci_package.h"
 
 static constexpr char kConfigPackage[] = "telemetry";
-static constexpr size_t kBackupFileLimit = 1 << 20; // bytes
-static constexpr size_t kLookupSize = 256;          // of "package.section=name"
-static constexpr size_t kProfileLookupSize = 50;    // of "profile.@type[0].option"
+static constexpr size_t kLookupSize = 256;       // of "package.section=name"
+static constexpr size_t kProfileLookupSize = 50; // of "profile.@type[0].option"
 static constexpr int kEnabledSize = 128;
-
-// A context of one of our own directories loads packages by their path: then neither what an operator has
-// staged for the system's package of the same name nor an override of it counts, and a commit writes what is
-// loaded.
-static std::string own_package_path(const uci_context *uci, const char *name) {
-    for (const char *directory : {kBackupConfigDir, kProfileConfigDir}) {
-        if (uci->confdir != nullptr && telemetry_path(directory) == uci->confdir)
-            return strchr(name, '/') == nullptr ? telemetry_path(directory) + "/" + name : "";
-    }
-    return name;
-}
-
-static bool is_backup(const uci_context *uci) {
-    return uci->confdir != nullptr && telemetry_path(kBackupConfigDir) == uci->confdir;
-}
-
-// What makes a backup file one that the library must not see; null when nothing does. A zero byte makes it
-// double its line buffer up to 4 GiB.
-static const char *backup_fault(const std::string &path) {
-    struct stat info;
-    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
-        return "is no file"; // opening a pipe would wait for its writer
-    const FilePtr file(fopen(path.c_str(), "re"));
-    char block[4096];
-    size_t size = 0;
-    for (size_t n; file != nullptr && (n = fread(block, 1, sizeof(block), file.get())) > 0;) {
-        size += n;
-        if (memchr(block, '\0', n) != nullptr)
-            return "holds a zero byte";
-        if (size > kBackupFileLimit)
-            return "is larger than 1 MiB";
-    }
-    return nullptr;
-}
-
-static void set_aside(const std::string &path, const char *name, const char *reason) {
-    LOG_ERROR("%s/%s %s: set aside as %s.broken, starting anew", kBackupConfigDir, name, reason, name);
-    if (rename(path.c_str(), (path + ".broken").c_str()) != 0)
-        unlink(path.c_str());
-    const FilePtr anew(fopen(path.c_str(), "we"));
-}
-
-// A package that is loaded into a context while this lives.
-class LoadedPackage {
-  public:
-    LoadedPackage(uci_context *uci, const char *name) : uci_(uci), name_(name) {
-        load();
-    }
-    ~LoadedPackage() {
-        unload();
-    }
-    LoadedPackage(const LoadedPackage &) = delete;
-    LoadedPackage &operator=(const LoadedPackage &) = delete;
-
-    bool load() {
-        const std::string path = own_package_path(uci_, name_);
-        if (path.empty())
-            return false;
-        const bool backup = is_backup(uci_);
-        const char *fault = backup ? backup_fault(path) : nullptr;
-        if (fault != nullptr)
-            set_aside(path, name_, fault);
-        int status = uci_load(uci_, path.c_str(), &package_);
-        if (backup && status == UCI_ERR_PARSE) {
-            set_aside(path, name_, "cannot be read");
-            status = uci_load(uci_, path.c_str(), &package_);
-        }
-        if (status == UCI_ERR_MEM)
-            telemetry_memory_refused();
-        if (status != UCI_OK)
-            package_ = nullptr;
-        return package_ != nullptr;
-    }
-    void unload() {
-        if (package_ != nullptr)
-            uci_unload(uci_, package_);
-        package_ = nullptr;
-    }
-    bool reload() {
-        unload();
-        return load();
-    }
-    uci_package *get() const {
-        return package_;
-    }
-    // A commit replaces the package; one that fails may have freed it without telling.
-    bool commit() {
-        const int status = uci_commit(uci_, &package_, false);
-        package_ = uci_lookup_package(uci_, name_);
-        return status == UCI_OK && package_ != nullptr;
-    }
-
-  private:
-    uci_context *uci_;
-    const char *name_;
-    uci_package *package_ = nullptr;
-};
 
 static bool is_empty(const char *text) {
     return text == nullptr || text[0] == '\0';
@@ -124,64 +25,17 @@ static bool is_place(const char *package, const char *section, const char *optio
     return !is_empty(package) && !is_empty(section) && !is_empty(option);
 }
 
-// What a file may have as the name of a section or option. The library takes others until it reads them.
-static bool is_name(const char *text) {
-    return text[strspn(text, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_")] == '\0';
-}
-
-// An option's text; the items of a list joined by single blanks.
-static std::string option_text(uci_option *option) {
-    if (option->type == UCI_TYPE_STRING)
-        return option->v.string;
-    std::string text;
-    uci_element *item = nullptr;
-    uci_foreach_element(&option->v.list, item) {
-        if (&item->list != option->v.list.next)
-            text += ' ';
-        text += item->name;
-    }
-    return text;
-}
-
-static uci_section *find_section(uci_context *uci, const char *package, const char *section) {
-    char path[kLookupSize];
-    snprintf(path, sizeof(path), "%s.%s", package, section);
-    uci_ptr place{};
-    if (uci_lookup_ptr(uci, &place, path, true) != UCI_OK ||
-        (place.flags & uci_ptr::UCI_LOOKUP_COMPLETE) == 0)
-        return nullptr;
-    return place.s;
-}
-
-static bool set_option(uci_context *uci, uci_section *section, const char *option, const char *value) {
-    if (section == nullptr || !is_name(option))
-        return false;
-    uci_ptr place{};
-    place.target = UCI_TYPE_OPTION;
-    place.p = section->package;
-    place.s = section;
-    place.o = uci_lookup_option(uci, section, option);
-    place.package = section->package->e.name;
-    place.section = section->e.name;
-    place.option = option;
-    place.value = value;
-    return uci_set(uci, &place) == UCI_OK;
-}
-
 // Commits a change and reads it back: the library does not look at what becomes of its writes.
 static bool commit_option(uci_context *uci, LoadedPackage &loaded, const char *package, const char *section,
                           const char *option, const char *value) {
-    if (!loaded.commit() || !loaded.reload())
-        return false;
-    uci_section *written = find_section(uci, package, section);
-    uci_option *entry = written == nullptr ? nullptr : uci_lookup_option(uci, written, option);
-    return written != nullptr && (entry == nullptr ? std::string() : option_text(entry)) == value;
+    return loaded.commit() && loaded.reload() &&
+           telemetry_uci_has_value(uci, package, section, option, value);
 }
 
 // Sets the option of a loaded package's section and commits when asked.
 static int set_and_commit(uci_context *uci, LoadedPackage &loaded, uci_section *target, const char *package,
                           const char *section, const char *option, const char *value, int commit) {
-    if (!set_option(uci, target, option, value)) {
+    if (!telemetry_uci_set_option(uci, target, option, value)) {
         LOG_DEBUG("uci_set %s.%s.%s=%s failed", package, section, option, value);
         return -1;
     }
@@ -209,11 +63,12 @@ static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, cons
         LOG_ERROR("uci_lookup_ptr %s failed", text.c_str());
         return nullptr;
     }
-    if (!is_name(section) || uci_rename(uci, &place) != UCI_OK) {
+    if (!telemetry_uci_is_name(section) || uci_rename(uci, &place) != UCI_OK) {
         LOG_ERROR("uci_rename %s failed", text.c_str());
         return nullptr;
     }
-    uci_section *created = loaded.commit() && loaded.reload() ? find_section(uci, package, section) : nullptr;
+    uci_section *created =
+        loaded.commit() && loaded.reload() ? telemetry_uci_find_section(uci, package, section) : nullptr;
     if (created == nullptr) {
         LOG_ERROR("uci commit failed!");
         LOG_MISSING("reason: section %s.%s was not written", package, section);
@@ -247,18 +102,28 @@ uci_context *telemetry_uci_alloc_context(uint32_t source) {
     return uci;
 }
 
-UciContextPtr telemetry_uci_open(uint32_t source, std::initializer_list<const char *> texts, const char *file,
-                                 const char *function, int line) {
+void telemetry_uci_close(uci_context *uci) {
+    if (!TelemetryUciScope::owns(uci))
+        uci_free_context(uci);
+}
+
+TelemetryUciPtr telemetry_uci_context(uint32_t source) {
+    return TelemetryUciPtr(TelemetryUciScope::active() ? TelemetryUciScope::context(source)
+                                                       : telemetry_uci_alloc_context(source));
+}
+
+TelemetryUciPtr telemetry_uci_open(uint32_t source, std::initializer_list<const char *> texts,
+                                   const char *file, const char *function, int line) {
     const auto failed = [=](const char *message) {
         if (telemetry_log_enabled(TELEMETRY_LOG_ERROR))
             telemetry_log_write(TELEMETRY_LOG_ERROR, file, function, line, "%s", message);
-        return UciContextPtr();
+        return TelemetryUciPtr();
     };
     for (const char *text : texts) {
         if (is_empty(text))
             return failed("param error");
     }
-    UciContextPtr uci(telemetry_uci_alloc_context(source));
+    TelemetryUciPtr uci = telemetry_uci_context(source);
     return uci ? std::move(uci) : failed("uci_alloc_context failed");
 }
 
@@ -279,7 +144,7 @@ int uci_get_value(uci_context *uci, const char *package, const char *section, co
         return -2;
     }
     uci_option *entry = uci_lookup_option(uci, found, option);
-    const std::string text = entry == nullptr ? std::string() : option_text(entry);
+    const std::string text = entry == nullptr ? std::string() : telemetry_uci_option_text(entry);
     if (text.empty()) {
         LOG_DEBUG("uci_lookup_option failed: %s", option);
         return -3;
@@ -294,7 +159,7 @@ int uci_set_value(uci_context *uci, const char *package, const char *section, co
         LOG_ERROR("param error");
         return -1;
     }
-    LoadedPackage loaded(uci, package);
+    LoadedPackage loaded(uci, package, LoadedPackage::ALONE);
     uci_section *target = loaded.get() == nullptr ? nullptr : uci_lookup_section(uci, loaded.get(), section);
     return set_and_commit(uci, loaded, target, package, section, option, value, commit);
 }
@@ -305,8 +170,9 @@ int uci_set_value_with_create(uci_context *uci, const char *package, const char 
         LOG_ERROR("param error");
         return -1;
     }
-    LoadedPackage loaded(uci, package);
-    uci_section *target = loaded.get() == nullptr ? nullptr : find_section(uci, package, section);
+    LoadedPackage loaded(uci, package, LoadedPackage::ALONE);
+    uci_section *target =
+        loaded.get() == nullptr ? nullptr : telemetry_uci_find_section(uci, package, section);
     if (target == nullptr) {
         LOG_DEBUG("failed to find the specified section! add now");
         if (!loaded.reload()) {
@@ -344,7 +210,7 @@ int uci_get_profile_option(const char *section_type, const char *option, char *b
         printf("invalid input!");
         return -1;
     }
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_PROFILE));
+    const TelemetryUciPtr uci = telemetry_uci_context(TELEMETRY_UCI_PROFILE);
     if (!uci) {
         LOG_ERROR("uci load profile failed");
         return -1;
@@ -361,7 +227,7 @@ int uci_get_profile_option(const char *section_type, const char *option, char *b
         LOG_DEBUG("lookup ptr failed");
         return -1;
     }
-    copy_text(buffer, static_cast<size_t>(size), option_text(place.o).c_str());
+    copy_text(buffer, static_cast<size_t>(size), telemetry_uci_option_text(place.o).c_str());
     return 0;
 }
 
@@ -371,7 +237,7 @@ int telemetry_get_uci_value(const char *package, const char *section, const char
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(source, {package, section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(source, {package, section, option});
     if (!uci)
         return -1;
     if (uci_get_value(uci.get(), package, section, option, buffer, size) != 0) {
@@ -392,7 +258,7 @@ int telemetry_set_uci_value(const char *package, const char *section, const char
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(system_or_backup(source), {package, section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(system_or_backup(source), {package, section, option});
     if (!uci)
         return -1;
     if (uci_set_value(uci.get(), package, section, option, value, 1) != 0) {
@@ -404,7 +270,7 @@ int telemetry_set_uci_value(const char *package, const char *section, const char
 
 int telemetry_get_uci_enabled_value(const char *package, const char *section, const char *option,
                                     uint32_t source) {
-    const UciContextPtr uci = telemetry_uci_open(system_or_backup(source), {package, section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(system_or_backup(source), {package, section, option});
     if (!uci)
         return 0;
     char value[kEnabledSize];
@@ -429,7 +295,7 @@ int telemetry_set_uci_value_in_telemetry_config(const char *section, const char 
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {section, option});
     if (!uci)
         return -1;
     return _telemetry_set_value_in_telemetry_config_with_create(uci.get(), kConfigPackage, section, option,
@@ -442,7 +308,7 @@ int telemetry_traverse_config_section_and_do(const char *package, TelemetrySecti
         LOG_ERROR("params error");
         return -1;
     }
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    const TelemetryUciPtr uci = telemetry_uci_context(TELEMETRY_UCI_SYSTEM);
     if (!uci) {
         LOG_ERROR("alloc context get failed");
         return -1;

@@ -1,5 +1,5 @@
-// Configuration access. Every call opens and releases its own context; a failed read leaves the buffer as it
-// was.
+// Configuration access. Every call opens and releases its own context, or uses that of the scope around it
+// (telemetry_uci_package.h); a failed read leaves the buffer as it was.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +22,17 @@ uci_context *telemetry_uci_alloc_context(uint32_t source);
 // alone.
 bool telemetry_uci_use_source(uci_context *uci, uint32_t source);
 
+// Gives back what the two below handed out; a scope's context stays with the scope.
+void telemetry_uci_close(uci_context *uci);
+using TelemetryUciPtr = std::unique_ptr<uci_context, HandleRelease<telemetry_uci_close>>;
+
+// The context of the scope around the call, or a new one; null when memory ran out.
+TelemetryUciPtr telemetry_uci_context(uint32_t source);
 // Opens a self-contained call: a context for `source` when every text has at least one character and memory
 // is there; otherwise null, with one line in the caller's name.
-UciContextPtr telemetry_uci_open(uint32_t source, std::initializer_list<const char *> texts,
-                                 const char *file = __builtin_FILE(),
-                                 const char *function = __builtin_FUNCTION(), int line = __builtin_LINE());
+TelemetryUciPtr telemetry_uci_open(uint32_t source, std::initializer_list<const char *> texts,
+                                   const char *file = __builtin_FILE(),
+                                   const char *function = __builtin_FUNCTION(), int line = __builtin_LINE());
 
 // --- With the caller's context ---
 

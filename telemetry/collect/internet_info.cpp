@@ -7,6 +7,7 @@
 #include "collector_patterns.h"
 #include "collectors.h"
 #include "telemetry_bus_call.h"
+#include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -74,8 +75,7 @@ static void read_gateway(const cJSON *routes, InterfaceStatus *status) {
 static void handle_status_reply(blob_attr *message, void *user) {
     auto *status = static_cast<InterfaceStatus *>(user);
     status->replied = true;
-    const TextPtr text(message != nullptr ? blobmsg_format_json(message, true) : nullptr);
-    const JsonPtr reply(text ? cJSON_Parse(text.get()) : nullptr);
+    const JsonPtr reply = telemetry_json_of_message(message);
     int64_t up = 0;
     if (!json_int64(reply.get(), "up", &up)) {
         LOG_ERROR("%s: status has no \"up\"", status->object);

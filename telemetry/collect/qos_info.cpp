@@ -2,6 +2,7 @@
 #include "collector_patterns.h"
 #include "collectors.h"
 #include "setting_rows.h"
+#include "telemetry_log.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
@@ -19,9 +20,20 @@ static constexpr SettingRow kPriorityRows[] = {
 };
 
 int collect_qos_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
+    if (payload == nullptr || count == nullptr) { // before a change counts as reported
+        LOG_ERROR("param error");
+        return -1;
+    }
+    // First, so that its digest is committed with the table; its members come last.
+    const JsonPtr priority(cJSON_CreateObject());
+    uint32_t priority_count = 0;
+    if (priority == nullptr ||
+        telemetry_collect_settings(kPriorityRows, "qos", "priority", "md5 same, don't collect!",
+                                   priority.get(), &priority_count) != 0)
+        return -1;
     if (telemetry_collect_watched_table(
             kQosTable, "collect qos info successfully, now data collect count is: %d!", payload, count) != 0)
         return -1;
-    return telemetry_collect_settings(kPriorityRows, "qos", "priority", "md5 same, don't collect!", payload,
-                                      count);
+    *count += telemetry_move_members(priority.get(), payload);
+    return 0;
 }

@@ -4,22 +4,22 @@
 
 #include "collector_patterns.h"
 #include "collectors.h"
-#include "telemetry_handles.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 // Name of the section of `system` that has an option: "basic", or the first of type `system`, which has no
 // name of its own on most routers; "basic" when neither has it.
 static std::string section_of_system(const char *option) {
     static constexpr char kNamed[] = "basic";
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
-    uci_package *package = nullptr;
-    if (!uci || uci_load(uci.get(), "system", &package) != UCI_OK)
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
+    const LoadedPackage package(uci.get(), "system");
+    if (package.get() == nullptr)
         return kNamed;
     std::string found;
     uci_element *element = nullptr;
-    uci_foreach_element(&package->sections, element) {
+    uci_foreach_element(&package.get()->sections, element) {
         uci_section *section = uci_to_section(element);
         if (uci_lookup_option_string(uci.get(), section, option) == nullptr)
             continue;

@@ -5,6 +5,7 @@
 #include "telemetry_log.h"
 #include "telemetry_repeat.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 // Room for a text, which is cut to it.
@@ -43,17 +44,17 @@ static bool meets_conditions(uci_context *uci, uci_section *section, const Setti
 }
 
 static void add_section_row(const SettingRow *row, cJSON *object) {
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {row->package});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {row->package});
     if (!uci)
         return;
-    uci_package *package = nullptr;
-    if (uci_load(uci.get(), row->package, &package) != UCI_OK) {
+    const LoadedPackage package(uci.get(), row->package);
+    if (package.get() == nullptr) {
         LOG_MISSING("no package %s", row->package);
         return;
     }
     int number = 0;
     uci_element *element = nullptr;
-    uci_foreach_element(&package->sections, element) {
+    uci_foreach_element(&package.get()->sections, element) {
         uci_section *section = uci_to_section(element);
         if (strcmp(section->type, row->section) == 0 && meets_conditions(uci.get(), section, *row))
             ++number;

@@ -13,6 +13,7 @@
 #include "telemetry_memory.h"
 #include "telemetry_repeat.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 struct CollectModule {
@@ -135,7 +136,11 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     uint32_t count = 0;
     const int64_t begin_ms = telemetry_monotonic_ms();
     const uint32_t refused = telemetry_memory_failures();
-    int result = telemetry_guarded(module, -1, [&] { return collector(ctx, payload.get(), &count); });
+    // The collector reads each package once, and what it records is committed when it ends.
+    int result = telemetry_guarded(module, -1, [&] {
+        const TelemetryUciScope scope;
+        return collector(ctx, payload.get(), &count);
+    });
     if (telemetry_memory_failures() != refused) { // what is missing in it cannot be told
         LOG_ERROR("no memory for the record of %s", module);
         result = -1;
@@ -169,6 +174,7 @@ void telemetry_collect_all_modules(TelemetryCtx *ctx) {
     const bool whole = telemetry_memory_failures() == refused;
     if (!whole)
         LOG_ERROR("no memory for the snapshot: a cycle without records");
+    const TelemetryUciCycle cycle;
     for (const CollectModule &module : kModules) {
         if (whole)
             telemetry_collect_data_by_module(ctx, ctx->collect_list, module.name, module.collect);

@@ -2,15 +2,19 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 static constexpr char kBackupPackage[] = "telemetry";
+static constexpr char kBackupSectionType[] = "config";
+static constexpr char kConfigSectionType[] = "device";
 static constexpr int kValueSize = 2048;
 static constexpr int kDigestSize = 128;
 
@@ -50,25 +54,34 @@ static void read_recorded_value(uci_context *uci, const std::string &section, co
                                               kValueSize);
 }
 
-// True when the row's option differs from the recorded one, which is then replaced. A value that could not be
-// recorded is no change yet: what would be reported is the old one.
-static bool update_row(uci_context *live_uci, uci_context *backup_uci, const TelemetryIndexEntry &row) {
+namespace {
+struct ChangedValue {
+    std::string section; // of the backup
+    const char *option;
+    std::string live;
+};
+} // namespace
+
+// Puts the row's option into the backup when it differs from the recorded one; the scope's commit stores it.
+static void update_row(uci_context *live_uci, uci_context *backup_uci, const TelemetryIndexEntry &row,
+                       TelemetryUciScope *scope, std::vector<ChangedValue> *changed) {
     char live[kValueSize] = "";
     char recorded[kValueSize] = "";
     if (!is_whole(row)) {
         LOG_ERROR("param error");
-        return false;
+        return;
     }
     if (!read_live_value(live_uci, row, live))
-        return false;
+        return;
     const std::string section = backup_section(row.package, row.section);
     read_recorded_value(backup_uci, section, row.option, recorded);
     if (strncmp(live, recorded, kValueSize) == 0)
-        return false;
+        return;
     LOG_DEBUG("%s %s %s config change!\nold %s\nnew %s", row.package, row.section, row.option, recorded,
               live);
-    return _telemetry_set_value_in_tmp_backup_config_with_create(backup_uci, kBackupPackage, section.c_str(),
-                                                                 row.option, live) == 0;
+    if (scope->put(TELEMETRY_UCI_BACKUP, kBackupPackage, section.c_str(), row.option, live,
+                   kBackupSectionType))
+        changed->push_back({section, row.option, live});
 }
 
 // Adds a row's value: texts of list types element by element.
@@ -111,7 +124,7 @@ int _telemetry_set_value_in_tmp_backup_config_with_create(uci_context *uci, cons
         LOG_ERROR("no memory for the directory of %s", kBackupConfigDir);
         return -1;
     }
-    return uci_set_value_with_create(uci, package, section, option, value, "config", 1);
+    return uci_set_value_with_create(uci, package, section, option, value, kBackupSectionType, 1);
 }
 
 int telemetry_get_uci_value_in_tmp_backup_config(const char *package, const char *section, const char *option,
@@ -120,7 +133,7 @@ int telemetry_get_uci_value_in_tmp_backup_config(const char *package, const char
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {package, section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {package, section, option});
     if (!uci)
         return -1;
     return _telemetry_get_value_in_tmp_backup_config(
@@ -133,7 +146,7 @@ int telemetry_set_uci_value_in_tmp_backup_config(const char *package, const char
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {package, section, option});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {package, section, option});
     if (!uci)
         return -1;
     return _telemetry_set_value_in_tmp_backup_config_with_create(
@@ -145,17 +158,26 @@ int telemetry_update_tmp_backup_config_by_telemetry_index(const TelemetryIndexEn
         LOG_ERROR("param error");
         return 0;
     }
+    TelemetryUciScope scope;
     // Two contexts: neither ever meets the other's staged changes of a package of the same name.
-    const UciContextPtr live_uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
-    const UciContextPtr backup_uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {});
+    const TelemetryUciPtr live_uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
+    const TelemetryUciPtr backup_uci = telemetry_uci_open(TELEMETRY_UCI_BACKUP, {});
     if (!live_uci || !backup_uci)
         return 0;
-    int changed = 0;
+    std::vector<ChangedValue> changed;
     for (int i = 0; i < rows; i++) {
-        if (table[i].source == TELEMETRY_UCI_SYSTEM && update_row(live_uci.get(), backup_uci.get(), table[i]))
-            changed = 1;
+        if (table[i].source == TELEMETRY_UCI_SYSTEM)
+            update_row(live_uci.get(), backup_uci.get(), table[i], &scope, &changed);
     }
-    return changed;
+    if (changed.empty() || scope.commit())
+        return changed.empty() ? 0 : 1;
+    // A value that could not be recorded is no change yet: what would be reported is the old one.
+    for (const ChangedValue &value : changed) {
+        if (telemetry_uci_has_value(backup_uci.get(), kBackupPackage, value.section.c_str(), value.option,
+                                    value.live.c_str()))
+            return 1;
+    }
+    return 0;
 }
 
 int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table,
@@ -165,6 +187,7 @@ int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const Teleme
         LOG_ERROR("param error");
         return -1;
     }
+    const TelemetryUciScope scope;
     for (int i = 0; i < rows; i++) {
         const TelemetryIndexEntry &row = table[i];
         char value[kValueSize] = "";
@@ -184,7 +207,8 @@ int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const Telemetr
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
+    TelemetryUciScope scope;
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
     if (!uci)
         return -1;
     for (int i = 0; i < rows; i++) {
@@ -199,8 +223,7 @@ int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const Telemetr
         }
         add_row_value(row, value, count, payload);
         LOG_DEBUG("clean up duration data after collecting!");
-        _telemetry_set_value_in_telemetry_config_with_create(uci.get(), row.package, row.section, row.option,
-                                                             "");
+        scope.put(TELEMETRY_UCI_SYSTEM, row.package, row.section, row.option, "", kConfigSectionType);
     }
     return 0;
 }
@@ -222,11 +245,13 @@ int telemetry_update_tmp_backup_config_md5(const char *package, const char *name
         LOG_ERROR("md5 encoded failed!");
         return 0;
     }
+    TelemetryUciScope scope;
     char recorded[kDigestSize] = "";
     if (telemetry_get_uci_value_in_tmp_backup_config(package, name, "md5", recorded, kDigestSize) == 0 &&
         strncmp(recorded, digest, kDigestSize) == 0)
         return 0;
-    telemetry_set_uci_value_in_tmp_backup_config(package, name, "md5", digest);
+    scope.put(TELEMETRY_UCI_BACKUP, kBackupPackage, backup_section(package, name).c_str(), "md5", digest,
+              kBackupSectionType);
     return 1;
 }
 

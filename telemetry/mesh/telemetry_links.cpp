@@ -10,6 +10,7 @@
 #include "telemetry_paths.h"
 #include "telemetry_repeat.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 struct BackhaulBand {
@@ -82,11 +83,11 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_PROFILE, {});
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_PROFILE, {});
     if (!uci)
         return -1;
-    uci_package *package = nullptr;
-    if (uci_load(uci.get(), "interfaces", &package) != UCI_OK) {
+    const LoadedPackage package(uci.get(), "interfaces");
+    if (package.get() == nullptr) {
         uci_perror(uci.get(), "load profile");
         LOG_MISSING("uci load interface failed");
         return -1;
@@ -97,7 +98,7 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
     int index = 0;
     int32_t in_use = 0;
     uci_element *element = nullptr;
-    uci_foreach_element(&package->sections, element) {
+    uci_foreach_element(&package.get()->sections, element) {
         int port = 0;
         if (!read_port_section(uci.get(), uci_to_section(element), &port))
             continue;
@@ -114,7 +115,6 @@ int telemetry_collect_wired_port_num(int32_t *used, WiredPortInfo *ports, int ca
     }
     port_script_hangs = false;
     *used = in_use;
-    uci_unload(uci.get(), package);
     return 0;
 }
 

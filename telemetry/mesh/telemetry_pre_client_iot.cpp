@@ -1,12 +1,19 @@
 // Which clients are IoT devices: the modules' configuration names them by MAC.
 #include "telemetry_pre_client.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_repeat.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 struct IotModule {
@@ -34,41 +41,82 @@ static const char *iot_category_of(const char *value) {
     return nullptr;
 }
 
-static bool section_names_client(uci_context *uci, uci_section *section, const PreClientInfo *client) {
-    const char *value = uci_lookup_option_string(uci, section, "mac");
-    char mac[kMacTextSize] = {};
-    if (value == nullptr || mac_to_upper_short_line(mac, value) != 0 || mac[0] == '\0')
-        return false;
-    return strncmp(client->mac, mac, strlen(mac)) == 0;
-}
+namespace {
+// The devices that one module knows, read once and asked for many clients.
+class IotDevices {
+  public:
+    // With one line when the package cannot be loaded.
+    explicit IotDevices(const char *package) {
+        const TelemetryUciPtr uci = telemetry_uci_context(TELEMETRY_UCI_SYSTEM);
+        const LoadedPackage loaded(uci.get(), package);
+        if (loaded.get() == nullptr) {
+            LOG_MISSING("uci_load failed, package=%s.", package);
+            return;
+        }
+        uci_element *element = nullptr;
+        uci_foreach_element(&loaded.get()->sections, element) add(uci.get(), uci_to_section(element));
+        for (const Device &device : devices_)
+            first_of_mac_.emplace(device.mac, &device);
+    }
+
+    // False when the module does not know the client.
+    bool identify(PreClientInfo *client, const char *module) const {
+        const Device *device = find(client->mac);
+        if (device == nullptr)
+            return false;
+        client->is_iotdevice = 1;
+        client->iot_module = module;
+        if (device->has_category)
+            client->iot_category = device->category;
+        return true;
+    }
+
+  private:
+    struct Device {
+        char mac[sizeof(PreClientInfo::mac)];
+        bool has_category;
+        const char *category;
+    };
+
+    void add(uci_context *uci, uci_section *section) {
+        const char *value = uci_lookup_option_string(uci, section, "mac");
+        char mac[kMacTextSize] = {};
+        if (value == nullptr || mac_to_upper_short_line(mac, value) != 0 || mac[0] == '\0' ||
+            strlen(mac) >= sizeof(Device::mac)) // longer than any client's
+            return;
+        Device device = {};
+        copy_text(device.mac, mac);
+        const char *category = uci_lookup_option_string(uci, section, "category");
+        device.has_category = category != nullptr;
+        device.category = category != nullptr ? iot_category_of(category) : nullptr;
+        devices_.push_back(device);
+        shortest_mac_ = std::min(shortest_mac_, strlen(mac));
+    }
+
+    // First device whose address the client's begins with. Only as many beginnings are looked up as there are
+    // lengths of addresses, which is one but for odd entries.
+    const Device *find(std::string_view mac) const {
+        const Device *first = nullptr;
+        for (size_t length = shortest_mac_; length <= mac.size(); ++length) {
+            const auto found = first_of_mac_.find(mac.substr(0, length));
+            if (found != first_of_mac_.end() && (first == nullptr || found->second < first))
+                first = found->second;
+        }
+        return first;
+    }
+
+    std::vector<Device> devices_; // in file order
+    std::unordered_map<std::string_view, const Device *> first_of_mac_;
+    size_t shortest_mac_ = sizeof(Device::mac);
+};
+} // namespace
 
 int identify_iot_client_in_iot_module(PreClientInfo *client, const char *package, const char *module) {
     if (client == nullptr || package == nullptr || *package == '\0' || module == nullptr) {
         LOG_ERROR("param error");
         return -1;
     }
-    const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
-    uci_package *loaded = nullptr;
-    if (!uci || uci_load(uci.get(), package, &loaded) != UCI_OK) {
-        LOG_MISSING_ONCE("uci_load failed, package=%s.", package);
-        return -1;
-    }
-    int result = -1;
-    uci_element *element = nullptr;
-    uci_foreach_element(&loaded->sections, element) {
-        uci_section *section = uci_to_section(element);
-        if (!section_names_client(uci.get(), section, client))
-            continue;
-        client->is_iotdevice = 1;
-        client->iot_module = module;
-        const char *category = uci_lookup_option_string(uci.get(), section, "category");
-        if (category != nullptr)
-            client->iot_category = iot_category_of(category);
-        result = 0;
-        break;
-    }
-    uci_unload(uci.get(), loaded);
-    return result;
+    return IotDevices(package).identify(client, module) ? 0 : -1;
 }
 
 int telemetry_identify_iot_device_from_client_list() {
@@ -76,12 +124,16 @@ int telemetry_identify_iot_device_from_client_list() {
         LOG_ERROR("client list is not exist");
         return -1;
     }
+    // A module's package is read when the first client gets that far.
+    std::optional<IotDevices> modules[std::size(kIotModules)];
     for (int i = 0; i < telemetry_pre_collect.client_num; ++i) {
         PreClientInfo *client = &telemetry_pre_collect.clients[i];
         if (client->is_exist == 0)
             continue;
-        for (const IotModule &module : kIotModules) {
-            if (identify_iot_client_in_iot_module(client, module.package, module.name) == 0)
+        for (size_t m = 0; m < std::size(kIotModules); ++m) {
+            if (!modules[m])
+                modules[m].emplace(kIotModules[m].package);
+            if (modules[m]->identify(client, kIotModules[m].name))
                 break;
         }
     }

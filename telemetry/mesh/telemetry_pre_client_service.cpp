@@ -8,6 +8,7 @@
 
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
+#include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -365,8 +366,7 @@ int telemetry_complete_re_client_list_info() {
 static void handle_sync_list_reply(blob_attr *message, void *user) {
     if (message == nullptr)
         return;
-    const TextPtr text(blobmsg_format_json(message, true));
-    const JsonPtr nodes(text ? cJSON_Parse(text.get()) : nullptr);
+    const JsonPtr nodes = telemetry_json_of_message(message);
     if (!nodes) {
         LOG_ERROR("cJSON_Parse failed");
         *static_cast<int *>(user) = -1;

@@ -2,6 +2,7 @@
 
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
+#include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -41,8 +42,7 @@ void telemetry_transfer_handle_reply(blob_attr *message, TelemetryTransferApply 
         LOG_ERROR("error callback");
         return;
     }
-    const TextPtr text(blobmsg_format_json(message, true));
-    const JsonPtr root(text ? cJSON_Parse(text.get()) : nullptr);
+    const JsonPtr root = telemetry_json_of_message(message);
     if (!root) {
         LOG_ERROR("cJSON Parse failed");
         return;

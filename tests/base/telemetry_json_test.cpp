@@ -1,4 +1,5 @@
 #include "telemetry_json.h"
+#include "telemetry_json_message.h"
 
 #include <climits>
 #include <cmath>
@@ -140,4 +141,30 @@ TEST(TelemetryJson, DepthIsBounded) {
     loop.type = cJSON_Array;
     loop.child = &loop;
     EXPECT_EQ(telemetry_json_length(&loop), -1);
+}
+
+// Also where the text is no JSON: after each byte of a message was spoiled.
+TEST(TelemetryJson, TreeOfAMessageIsThatOfItsText) {
+    for (const char *json :
+         {R"({"s":"q\"\\\u0001é","l":[1,2147483648,[],{}],"t":{"b":true,"n":null,"d":-1.5,"h":1e-9}})",
+          R"({"e":1e40,"f":[false]})", R"({"e":1e300})", R"({"e":1e999})", R"({"":1})"}) {
+        BlobBuffer message;
+        blobmsg_add_json_from_string(message.get(), json);
+        blobmsg_add_u16(message.get(), "w", 0xfffe);
+        const auto expect_same = [&] {
+            const TextPtr text(blobmsg_format_json(message.head(), true));
+            const JsonPtr parsed(text ? cJSON_Parse(text.get()) : nullptr);
+            const TextPtr expected(cJSON_PrintUnformatted(parsed.get()));
+            const TextPtr tree(cJSON_PrintUnformatted(telemetry_json_of_message(message.head()).get()));
+            EXPECT_STREQ(tree.get(), expected.get()) << json;
+        };
+        expect_same();
+        char *bytes = reinterpret_cast<char *>(message.head());
+        for (size_t at = sizeof(blob_attr); at < blob_raw_len(message.head()); ++at)
+            for (const int change : {1, 4, 0x20, 0x80, 0xff}) {
+                bytes[at] = static_cast<char>(bytes[at] ^ change);
+                expect_same();
+                bytes[at] = static_cast<char>(bytes[at] ^ change);
+            }
+    }
 }

@@ -7,6 +7,7 @@
 #include "sysroot.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_uci_package.h"
 
 // The linker sends the daemon's calls here: a memory that is too short for a directory's name.
 static bool no_room_for_directories;
@@ -136,6 +137,53 @@ TEST_F(TelemetryUciTest, SetsAnOptionAndCreatesItsSection) {
     root.write("/tmp/.uci", "no directory");
     expect_logged(-1, {"uci_commit failed", "reason: p.s.o was not written"},
                   [&] { return uci_set_value(uci.get(), "p", "s", "o", "1", 1); });
+}
+
+// What a scope reads is read once, what it sets is stored together, and nobody else notices.
+TEST_F(TelemetryUciTest, AScopeReadsOnceAndStoresTogether) {
+    const auto value = [](const char *section, const char *option) {
+        char buffer[16] = "-";
+        telemetry_get_uci_value("p", section, option, buffer, sizeof(buffer), TELEMETRY_UCI_SYSTEM);
+        return std::string(buffer);
+    };
+    const std::string file = "config a 's'\n\toption o 'v'\n\toption r '1'\n";
+    root.write_config("p", file);
+    {
+        TelemetryUciScope outer, scope;
+        const auto put = [&](const char *section, const char *option, const char *text) {
+            return scope.put(TELEMETRY_UCI_SYSTEM, "p", section, option, text, "a");
+        };
+        EXPECT_EQ(value("s", "o"), "v");
+        root.write_config("p", "config a 's'\n\toption o 'w'\n\toption r '1'\n"); // another program
+        EXPECT_EQ(value("s", "o"), "v");
+        // The last value of an option counts, a section that cannot be made leaves nothing.
+        EXPECT_TRUE(put("s", "n", "1") && put("t", "n", "2") && put("s", "n", "3") && put("s", "r", ""));
+        EXPECT_FALSE(put("s t", "n", "1") || put("s", "o-p", "1"));
+        EXPECT_EQ(value("s", "n") + value("t", "n") + value("s", "r"), "32-");
+        EXPECT_EQ(root.read("/etc/config/p").find("'3'"), std::string::npos);
+        EXPECT_TRUE(scope.commit());
+        const std::string stored =
+            "\nconfig a 's'\n\toption o 'w'\n\toption n '3'\n\nconfig a 't'\n\toption n '2'\n\n";
+        EXPECT_EQ(root.read("/etc/config/p"), stored);
+        EXPECT_EQ(value("s", "o"), "w");
+        // Who writes at once takes along what waits.
+        EXPECT_TRUE(put("t", "m", "4"));
+        EXPECT_EQ(telemetry_set_uci_value("p", "s", "o", "x", TELEMETRY_UCI_SYSTEM), 0);
+        EXPECT_EQ(value("s", "o") + value("t", "m"), "x4");
+        // What could not be stored is not there.
+        const std::string before = root.read("/etc/config/p");
+        root.remove("/tmp/.uci");
+        root.write("/tmp/.uci", "no directory");
+        EXPECT_TRUE(put("s", "o", "y") && put("u", "n", "1"));
+        EXPECT_EQ(logged_messages([&] { scope.commit(); }),
+                  (Messages{"uci_commit failed", "reason: p.s.o was not written", "uci_commit failed",
+                            "reason: p.u.n was not written"}));
+        EXPECT_EQ(value("s", "o") + value("u", "n"), "x-");
+        EXPECT_EQ(root.read("/etc/config/p"), before);
+        root.remove("/tmp/.uci");
+        EXPECT_TRUE(put("s", "o", "z"));
+    }
+    EXPECT_EQ(value("s", "o") + value("s", "n"), "z3");
 }
 
 // A context whose directories could not be set is used for nothing: a backup must not end up in /etc/config.

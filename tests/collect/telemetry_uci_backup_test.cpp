@@ -211,7 +211,6 @@ TEST_F(TelemetryUciBackupTest, AFileThatIsNoneIsSetAside) {
 TEST_F(TelemetryUciBackupTest, KilledAnywhereLeavesABackupThatTheNextRunCompletes) {
     const std::string first = "\nconfig config 'network_wan'\n\toption wan_type 'dhcp'\n\n";
     const std::string second = "config config 'auto_upgrade_setting'\n\toption enable 'on'\n\n";
-    const std::string empty_second = "config config 'auto_upgrade_setting'\n\n";
     int killed = 0;
     for (int calls = 0;; calls++) {
         SCOPED_TRACE(calls);
@@ -226,13 +225,12 @@ TEST_F(TelemetryUciBackupTest, KilledAnywhereLeavesABackupThatTheNextRunComplete
         if (!WIFSIGNALED(status))
             break;
         killed++;
-        EXPECT_THAT(backup(), ::testing::AnyOf("", "\nconfig config 'network_wan'\n\n", first,
-                                               first + empty_second, first + second));
+        EXPECT_THAT(backup(), ::testing::AnyOf("", first + second));
         report();
         EXPECT_EQ(recorded(), kBoth);
         EXPECT_EQ(report(), "");
     }
-    EXPECT_GE(killed, 8) << "four commits of two steps or more";
+    EXPECT_GE(killed, 2) << "one commit of two steps or more";
 }
 
 TEST_F(TelemetryUciBackupTest, DigestOfAnObject) {

@@ -11,6 +11,7 @@
 #include "telemetry_paths.h"
 #include "telemetry_repeat.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 
 static constexpr int kTimeoutMs = 1000;
 static constexpr int64_t kMaxAgeMs = 5000;
@@ -130,14 +131,14 @@ static int type_of_network(const std::string &network) {
 
 static std::vector<WirelessSection> read_sections() {
     std::vector<WirelessSection> sections;
-    const UciContextPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
-    uci_package *package = nullptr;
-    if (!uci || uci_load(uci.get(), "wireless", &package) != UCI_OK) {
+    const TelemetryUciPtr uci = telemetry_uci_open(TELEMETRY_UCI_SYSTEM, {});
+    const LoadedPackage package(uci.get(), "wireless");
+    if (package.get() == nullptr) {
         LOG_MISSING("package wireless cannot be read");
         return sections;
     }
     uci_element *element = nullptr;
-    uci_foreach_element(&package->sections, element) {
+    uci_foreach_element(&package.get()->sections, element) {
         uci_section *section = uci_to_section(element);
         if (strcmp(section->type, "wifi-iface") != 0 || option_of(uci.get(), section, "disabled") == "1")
             continue;
@@ -148,10 +149,9 @@ static std::vector<WirelessSection> read_sections() {
         if (sections.size() == kMaxSections)
             break;
         sections.push_back({option_of(uci.get(), section, "ifname"), option_of(uci.get(), section, "ssid"),
-                            band_of_radio(uci.get(), package, option_of(uci.get(), section, "device")),
+                            band_of_radio(uci.get(), package.get(), option_of(uci.get(), section, "device")),
                             type_of_network(option_of(uci.get(), section, "network")), mode == "sta"});
     }
-    uci_unload(uci.get(), package);
     return sections;
 }
 
