@@ -1,7 +1,9 @@
 #include "telemetry_bus_call.h"
 
+#include <cerrno>
+
 #include "telemetry_guarded.h"
-#include "telemetry_handles.h"
+#include "telemetry_memory.h"
 
 namespace {
 struct PendingReply {
@@ -18,20 +20,33 @@ static void pass_reply_on(ubus_request *request, int, blob_attr *message) {
         pending->failed = true;
 }
 
+static TelemetryBusError failed(int status, TelemetryBusError error) {
+    if (status == UBUS_STATUS_NO_MEMORY)
+        telemetry_memory_refused();
+    return error;
+}
+
 TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method,
                                      blob_attr *arguments, int timeout_ms, TelemetryBusReply reply,
                                      void *user) {
+    errno = 0;
     const BusContextPtr bus(ubus_connect(socket));
-    if (!bus)
+    if (!bus) {
+        telemetry_memory_refused_by_errno();
         return TELEMETRY_BUS_NO_CONNECTION;
+    }
     uint32_t id = 0;
-    if (ubus_lookup_id(bus.get(), object, &id) != UBUS_STATUS_OK)
-        return TELEMETRY_BUS_NO_OBJECT;
+    const int found = ubus_lookup_id(bus.get(), object, &id);
+    if (found != UBUS_STATUS_OK)
+        return failed(found, TELEMETRY_BUS_NO_OBJECT);
 
     BlobBuffer empty;
     if (arguments == nullptr)
         arguments = empty.head();
+    if (arguments == nullptr)
+        return failed(UBUS_STATUS_NO_MEMORY, TELEMETRY_BUS_CALL_FAILED);
     PendingReply pending{reply, user, false};
     const int status = ubus_invoke(bus.get(), id, method, arguments, pass_reply_on, &pending, timeout_ms);
-    return status == UBUS_STATUS_OK && !pending.failed ? TELEMETRY_BUS_OK : TELEMETRY_BUS_CALL_FAILED;
+    return status == UBUS_STATUS_OK && !pending.failed ? TELEMETRY_BUS_OK
+                                                       : failed(status, TELEMETRY_BUS_CALL_FAILED);
 }

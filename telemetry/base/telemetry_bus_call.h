@@ -2,7 +2,7 @@
 // afterwards.
 #pragma once
 
-#include "telemetry_platform_libs.h"
+#include "telemetry_handles.h"
 
 // Handler of the reply, run inside the call; `message` is null when the reply had no data. `user` is the
 // caller's.

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_repeat.h"
 
 static constexpr size_t kCommandTextSize = 300;
@@ -182,6 +183,8 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
     int error = output == nullptr || pipe.open() ? 0 : errno;
     if (error == 0)
         error = start_command(argv, pipe.writing(), &pid);
+    if (error == ENOMEM)
+        telemetry_memory_refused();
     if (out_of_resources(error)) {
         LOG_ERROR("error: popen exe [%s] failed", text);
         return TELEMETRY_COMMAND_NOT_STARTED;

@@ -2,7 +2,9 @@
 // can be given up as a whole instead of going out with a part missing.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 // From here on every refused request of C++ and of cJSON counts.
 void telemetry_memory_watch();
@@ -12,3 +14,11 @@ void telemetry_memory_refused();
 void telemetry_memory_refused_by_errno();
 // Refused requests so far.
 uint32_t telemetry_memory_failures();
+
+// `count` zeroed records for free(); null, counted, when they are refused.
+template <typename Record> Record *telemetry_zeroed(size_t count) {
+    auto *const records = static_cast<Record *>(calloc(count, sizeof(Record)));
+    if (records == nullptr)
+        telemetry_memory_refused();
+    return records;
+}

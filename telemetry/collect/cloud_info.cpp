@@ -11,6 +11,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
@@ -51,8 +52,10 @@ template <size_t N> static constexpr int rows(const TelemetryIndexEntry (&)[N]) 
 static FilePtr open_file(const char *path, int flags, const char *mode) {
     const int fd = open(telemetry_path(path).c_str(), flags | O_NONBLOCK | O_CLOEXEC);
     FilePtr file(fd >= 0 ? fdopen(fd, mode) : nullptr);
-    if (!file && fd >= 0)
+    if (!file && fd >= 0) {
+        telemetry_memory_refused_by_errno();
         close(fd);
+    }
     return file;
 }
 

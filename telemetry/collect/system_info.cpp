@@ -12,6 +12,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_repeat.h"
 #include "telemetry_snapshot.h"
@@ -34,6 +35,7 @@ struct CpuSample {
 static int _telemetry_system_info_get_cpu_usage_info(CpuSample *sample) {
     const FilePtr file(fopen(telemetry_path(kProcStatPath).c_str(), "r"));
     if (!file) {
+        telemetry_memory_refused_by_errno();
         LOG_ERROR("error: open file %s failed", kProcStatPath);
         return -1;
     }
@@ -87,6 +89,8 @@ int telemetry_system_info_get_mem_info(int kind) {
     for (int &figure : figures)
         figure = -1;
     const FilePtr file(fopen(telemetry_path(kProcMeminfoPath).c_str(), "r"));
+    if (!file)
+        telemetry_memory_refused_by_errno();
     char line[kLineSize];
     while (file && fgets(line, sizeof(line), file.get()) != nullptr) {
         for (int i = 0; i < MEM_FIGURES; ++i) {
@@ -431,8 +435,7 @@ int collect_system_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         return -1;
     }
     using Records = std::unique_ptr<SystemInfoRecord, HandleRelease<free>>;
-    const Records records(
-        static_cast<SystemInfoRecord *>(calloc(static_cast<size_t>(list.count), sizeof(SystemInfoRecord))));
+    const Records records(telemetry_zeroed<SystemInfoRecord>(static_cast<size_t>(list.count)));
     if (!records) {
         LOG_ERROR("malloc system info failed");
         return -1;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <ctime>
 #include <iterator>
+#include <new>
 
 #include "collectors.h"
 #include "telemetry_figures.h"
@@ -139,7 +140,10 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     // The collector reads each package once, and what it records is committed when it ends.
     int result = telemetry_guarded(module, -1, [&] {
         const TelemetryUciScope scope;
-        return collector(ctx, payload.get(), &count);
+        const int collected = collector(ctx, payload.get(), &count);
+        if (telemetry_memory_failures() != refused)
+            throw std::bad_alloc(); // the scope drops what it would record as reported
+        return collected;
     });
     if (telemetry_memory_failures() != refused) { // what is missing in it cannot be told
         LOG_ERROR("no memory for the record of %s", module);

@@ -15,6 +15,7 @@
 #include "telemetry_json.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_snapshot.h"
 #include "telemetry_transfer.h"
@@ -132,6 +133,8 @@ static std::string read_code(const std::string &entry, const std::string &prefix
 static std::vector<std::string> list_entries(const std::string &directory) {
     std::vector<std::string> names;
     const DirPtr opened(opendir(directory.c_str()));
+    if (!opened)
+        telemetry_memory_refused_by_errno();
     while (const dirent *entry = opened != nullptr ? readdir(opened.get()) : nullptr) {
         if (entry->d_name[0] == '.')
             continue;

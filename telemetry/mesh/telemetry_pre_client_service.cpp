@@ -11,6 +11,7 @@
 #include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_utils.h"
 
@@ -145,7 +146,7 @@ static void handle_tfstats_reply(blob_attr *message, void *user) {
     if (total == 0)
         return;
     PreCollectInfo *info = &telemetry_pre_collect;
-    info->clients = static_cast<PreClientInfo *>(calloc(static_cast<size_t>(total), sizeof(PreClientInfo)));
+    info->clients = telemetry_zeroed<PreClientInfo>(static_cast<size_t>(total));
     if (info->clients == nullptr) {
         LOG_ERROR("malloc failed!");
         *static_cast<int *>(user) = -1;

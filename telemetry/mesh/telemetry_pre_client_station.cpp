@@ -6,6 +6,7 @@
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_utils.h"
 
 using StationArray = std::unique_ptr<ClientStaInfo, HandleRelease<free>>;
@@ -80,8 +81,7 @@ int telemetry_get_client_sta_list() {
     LOG_DEBUG("myself_clients_num is %d", *myself);
     if (*myself == 0)
         return 0;
-    const StationArray stations(
-        static_cast<ClientStaInfo *>(calloc(kStationCapacity, sizeof(ClientStaInfo))));
+    const StationArray stations(telemetry_zeroed<ClientStaInfo>(kStationCapacity));
     if (!stations) {
         LOG_ERROR("malloc failed");
         return -1;

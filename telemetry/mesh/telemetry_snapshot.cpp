@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_utils.h"
 
 PreCollectInfo telemetry_pre_collect;
@@ -25,7 +26,7 @@ void telemetry_free_device_info_list() {
 
 static bool allocate_backhaul_stats(MeshDeviceInfo *device) {
     for (BackhaulInfo &slot : device->backhaul) {
-        slot.stats = static_cast<BackhaulStats *>(calloc(1, sizeof(BackhaulStats)));
+        slot.stats = telemetry_zeroed<BackhaulStats>(1);
         if (slot.stats == nullptr)
             return false;
     }
@@ -37,7 +38,7 @@ int telemetry_init_device_info_list(int n) {
     telemetry_free_device_info_list();
     if (n < 1)
         return -1;
-    info->devices = static_cast<MeshDeviceInfo *>(calloc(static_cast<size_t>(n), sizeof(MeshDeviceInfo)));
+    info->devices = telemetry_zeroed<MeshDeviceInfo>(static_cast<size_t>(n));
     if (info->devices == nullptr) {
         LOG_ERROR("malloc failed!");
         return -1;

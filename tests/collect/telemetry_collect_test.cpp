@@ -1,6 +1,7 @@
 #include "telemetry_collect.h"
 
 #include <climits>
+#include <new>
 
 #include <gmock/gmock.h>
 
@@ -9,7 +10,9 @@
 #include "collectors.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_pre_collect.h"
+#include "telemetry_uci_backup.h"
 #include "telemetry_utils.h"
 
 using Messages = std::vector<std::string>;
@@ -142,6 +145,30 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
         EXPECT_EQ(records(), c.kept ? 1u : 0u);
         EXPECT_EQ(ctx.data_collect_count, c.kept ? c.count : 0u);
     }
+}
+
+static enum { kEnough, kRefused, kThrown } memory;
+
+// What changed waits to be recorded when memory runs out; a record that nobody gets has reported nothing.
+static int collect_change(TelemetryCtx *, cJSON *payload, uint32_t *count) {
+    cJSON_AddStringToObject(payload, "setting", "new");
+    *count = static_cast<uint32_t>(telemetry_update_tmp_backup_config_md5("package", "name", payload));
+    if (memory == kRefused)
+        telemetry_memory_refused();
+    if (memory == kThrown)
+        throw std::bad_alloc();
+    return 0;
+}
+
+TEST_F(TelemetryCollect, WhatMemoryWasShortForIsReportedNextTime) {
+    root.write_backup("");
+    ctx.collect_list = cJSON_CreateArray();
+    for (const auto state : {kRefused, kThrown, kEnough, kEnough}) {
+        memory = state;
+        telemetry_collect_data_by_module(&ctx, ctx.collect_list, "qos_info", collect_change);
+        EXPECT_EQ(records(), state == kEnough ? 1u : 0u) << state;
+    }
+    EXPECT_EQ(ctx.data_collect_count, 1u);
 }
 
 TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
