@@ -107,6 +107,10 @@ void LabNode::start_daemon() {
         if (file_exists(bin_dir_ + "/" + library))
             preloads += (preloads.empty() ? "" : ":") + std::string(library);
     };
+    if (file_exists(fail_file())) {
+        preload("libfakefail.so"); // first: it is in front of a sanitizer's allocator
+        env.emplace_back("LAB_FAIL_FILE", fail_file());
+    }
     preload("libfakewifi.so");
     preload("libfakelog.so");
     if (file_exists(clock_file())) {
@@ -122,6 +126,10 @@ void LabNode::start_daemon() {
     }
     daemon.start({{bin_dir_ + "/telemetry"}, env, root_ + "/lab/daemon.log"});
     write_file(root_ + "/lab/daemon.pid", std::to_string(daemon.pid()) + "\n");
+}
+
+std::string LabNode::fail_file() const {
+    return root_ + "/lab/fail";
 }
 
 std::string LabNode::clock_file() const {

@@ -43,6 +43,8 @@ class LabNode {
     int64_t clock_ahead_ms() const {
         return clock_ms_[0];
     }
+    // Where a test lays a FailOrder (lab/fakefail/) before the daemon starts.
+    std::string fail_file() const;
     // SIGTERM to each, the daemon first.
     void stop();
     Process bus, services, daemon;
