@@ -63,7 +63,7 @@ constexpr struct {
                 {uci_rename, true}, {uci_delete, false},  {reorder, true},
                 {add, true},        {uci_revert, false},  {nullptr, false}};
 
-// A rename may give two elements one name, which the next reading makes one.
+// A rename may give two elements one name, which the next reading makes one, or refuses.
 bool has_twins(uci_list *list) {
     uci_element *e = nullptr;
     uci_foreach_element(list, e) {
@@ -82,9 +82,10 @@ void commit(uci_context *uci, bool overwrite) {
     const std::string text = export_of(uci, package);
     const UciContextPtr fresh(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
     uci_package *read = nullptr;
+    if (has_twins(&package->sections))
+        return;
     require(uci_load(fresh.get(), "p", &read) == UCI_OK);
-    if (!has_twins(&package->sections))
-        require_same(export_of(fresh.get(), read), text);
+    require_same(export_of(fresh.get(), read), text);
 }
 
 void take_step(uci_context *uci, char kind, std::string text) {

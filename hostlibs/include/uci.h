@@ -175,7 +175,7 @@ int uci_set(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr);
 // Renames to ptr->value. Whether the name is taken is not looked at: of two elements with one name the next
-// reading makes one.
+// reading makes one, and two sections of different types it refuses.
 int uci_rename(struct uci_context *ctx, struct uci_ptr *ptr);
 // Deletes the section or option; with ptr->value the list item of that number.
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
