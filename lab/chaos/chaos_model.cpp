@@ -14,7 +14,7 @@ constexpr const char *kModules[] = {
     "wireless_iot_info", "cloud_info",        "advanced_info", "restart_info",       "usb_info",
     "afc_info",          "havenguard_info_v2"};
 constexpr int kKeyExpired = -10304;
-constexpr long kTransferS = 8; // an upload has ended by then
+constexpr long kTransferS = 8; // an upload has ended by then, by this machine's clock: the daemon's leaps
 
 int module_of(const std::string &eid) {
     const auto *found = std::find(std::begin(kModules), std::end(kModules), eid);
@@ -50,7 +50,7 @@ void Model::read_requests() {
                           ", signature " + std::to_string(request.signature) + "): " + request.headers +
                           request.body.substr(0, 400));
         if (request.call == "upload" && request.verdict == "accepted")
-            sent_.push_back(atol(request.stamp.c_str()));
+            sent_.push_back(request.time);
     }
 }
 

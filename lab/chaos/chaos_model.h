@@ -42,7 +42,7 @@ class Model {
   private:
     struct Post {
         std::vector<lab::CloudRecord> records;
-        long sent = 0; // s, by the daemon's clock
+        long sent = 0; // s, by the cloud's clock
     };
     void read_requests();
     void take(const Post &post);

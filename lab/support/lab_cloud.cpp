@@ -182,20 +182,21 @@ bool LabCloud::wait_for_count(const std::string &name, long at_least, int timeou
 std::vector<CloudRequest> LabCloud::requests(const std::string &call, long after) const {
     std::vector<CloudRequest> list;
     query(database(),
-          "SELECT id, call, path, headers, body, stamp, access_key, signature, verdict, error_code "
+          "SELECT id, time, call, path, headers, body, stamp, access_key, signature, verdict, error_code "
           "FROM requests WHERE id > " +
               std::to_string(after) + " ORDER BY id",
           [&](sqlite3_stmt *row) {
               CloudRequest request = {static_cast<long>(sqlite3_column_int64(row, 0)),
-                                      column_text(row, 1),
+                                      static_cast<long>(sqlite3_column_int64(row, 1)),
                                       column_text(row, 2),
                                       column_text(row, 3),
                                       column_text(row, 4),
                                       column_text(row, 5),
                                       column_text(row, 6),
-                                      sqlite3_column_int(row, 7),
-                                      column_text(row, 8),
-                                      sqlite3_column_int(row, 9)};
+                                      column_text(row, 7),
+                                      sqlite3_column_int(row, 8),
+                                      column_text(row, 9),
+                                      sqlite3_column_int(row, 10)};
               if (call.empty() || request.call == call)
                   list.push_back(request);
           });

@@ -11,7 +11,8 @@
 namespace lab {
 
 struct CloudRequest {
-    long id = 0; // running number
+    long id = 0;   // running number
+    long time = 0; // when it came, s since the epoch
     std::string call, path, headers, body, stamp, access_key;
     int signature = -1;  // 1 valid, 0 missing or wrong, -1 none asked
     std::string verdict; // "accepted", "refused", or the kind of the scripted step
