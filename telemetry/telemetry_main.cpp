@@ -413,14 +413,14 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
     bool initialised = telemetry_init_ctx(ctx) == 0;
+    if (telemetry_memory_failures() != 0) {
+        // Options may have been missed: whoever starts daemons tries again.
+        LOG_ERROR("no memory for the start");
+        initialised = false;
+    }
     if (initialised) {
         telemetry_check_key_owner(ctx);
         telemetry_count_daemon_start();
-    }
-    if (telemetry_memory_failures() !=
-        0) { // options may have been missed: whoever starts daemons tries again
-        LOG_ERROR("no memory for the start");
-        initialised = false;
     }
     uloop_cancelled = false;
     const bool connected = initialised && signals.let_through([&] { return telemetry_init_ubus(ctx); }) == 0;

@@ -18,7 +18,8 @@ constexpr long kListLimit = 65536;
 using Clock = std::chrono::steady_clock;
 
 long ms_since(Clock::time_point begin) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
 }
 
 lab::JsonTree status_of(lab::LabNode &node) {

@@ -37,7 +37,9 @@ int telemetry_update_tmp_backup_config_by_telemetry_index(const TelemetryIndexEn
 int telemetry_get_tmp_backup_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table,
                                                                     int rows, uint32_t *count,
                                                                     cJSON *payload);
-// Adds every live value of the table and empties the option: one-shot values that other programs leave.
+// Adds every live value of the table and empties the option: one-shot values that other programs leave. Like
+// what is recorded here, it is stored when the outermost TelemetryUciScope ends: with a record that memory
+// was short for it stays as it was, and a value that is written before that end is emptied with the one told.
 int telemetry_get_duration_config_cJSON_object_by_telemetry_index(const TelemetryIndexEntry *table, int rows,
                                                                   uint32_t *count, cJSON *payload);
 // 1 when the digest of the object's compact text differs from the recorded one; the new one is then recorded.
