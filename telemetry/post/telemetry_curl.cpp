@@ -25,6 +25,12 @@ static bool add_header_list(PostRequest *request) {
     return true;
 }
 
+// A libcurl whose TLS library knows no directories of certificates has none to forget.
+static bool forget_ca_directory(CURL *easy) {
+    const CURLcode result = curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    return result == CURLE_OK || result == CURLE_NOT_BUILT_IN || result == CURLE_UNKNOWN_OPTION;
+}
+
 // Without one of them the request would be another one, or would trust others: then it is not sent.
 static bool set_options(PostRequest *request) {
     const std::string certificate = telemetry_ca_file();
@@ -38,7 +44,7 @@ static bool set_options(PostRequest *request) {
            set(CURLOPT_WRITEFUNCTION, write_response_data_) && set(CURLOPT_WRITEDATA, request) &&
            set(CURLOPT_PRIVATE, request) && set(CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms)) &&
            set(CURLOPT_CAINFO, certificate.c_str()) &&
-           (!telemetry_ca_file_is_configured() || set(CURLOPT_CAPATH, static_cast<const char *>(nullptr)));
+           (!telemetry_ca_file_is_configured() || forget_ca_directory(request->easy));
 }
 
 static void log_request(const PostRequest *request) {
