@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "telemetry_bus_call.h"
+#include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -18,7 +19,6 @@ static constexpr int64_t kMaxAgeMs = 5000;
 static constexpr int64_t kMaxWaitedMs = 1000; // for all the questions to one list
 static constexpr int kMaxDevices = 32;
 static constexpr int kMaxSections = 128;
-static constexpr size_t kMaxReply = 1024 * 1024;
 
 static std::vector<IwinfoDevice> devices;
 static bool devices_are_there;
@@ -34,9 +34,7 @@ static int64_t now_ms() {
 // --- Questions ---
 
 static void keep_reply(blob_attr *message, void *user) {
-    const TextPtr text(message != nullptr ? blobmsg_format_json(message, true) : nullptr);
-    if (text != nullptr && strlen(text.get()) <= kMaxReply)
-        static_cast<JsonPtr *>(user)->reset(cJSON_Parse(text.get()));
+    *static_cast<JsonPtr *>(user) = telemetry_json_of_message(message);
 }
 
 // A service that makes itself waited for is left alone until the list is asked for anew.
