@@ -4,8 +4,11 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include <cjson/cJSON.h>
+
+#include "telemetry_handles.h"
 
 // Text of a member, or null.
 inline const char *json_text(const cJSON *object, const char *key) {
@@ -43,4 +46,33 @@ template <typename T> bool json_number(const cJSON *object, const char *key, T *
         return false;
     *value = static_cast<T>(whole);
     return true;
+}
+
+// Visits the elements of the array that a text holds, one after the other, each a tree of its own: that of a
+// long list is ten times as large as its text. False when it is no array; elements before the mistake have
+// been visited then.
+template <typename Visit> bool json_each_element(const char *text, Visit visit) {
+    const char *const end = text + strlen(text) + 1; // the terminator counts
+    const auto skip_blanks = [&text] {
+        while (*text != '\0' && static_cast<unsigned char>(*text) <= ' ')
+            ++text;
+    };
+    if (strncmp(text, "\xEF\xBB\xBF", 3) == 0) // as cJSON does
+        text += 3;
+    skip_blanks();
+    if (*text != '[')
+        return false;
+    ++text;
+    skip_blanks();
+    if (*text == ']')
+        return true;
+    for (;; ++text) {
+        const JsonPtr element(cJSON_ParseWithLengthOpts(text, static_cast<size_t>(end - text), &text, false));
+        if (!element)
+            return false;
+        visit(element.get());
+        skip_blanks();
+        if (*text != ',')
+            return *text == ']';
+    }
 }

@@ -15,6 +15,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
 
@@ -110,12 +111,19 @@ int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, si
     return 0;
 }
 
-// What one read brings, into a zeroed buffer: nothing when it fails.
-static void read_once(int fd, char *buffer, size_t size) {
+// Bytes that one read brings, 0 when it fails; -1, with a line, when the file cannot be opened.
+static ssize_t read_once(const char *path, char *buffer, size_t size) {
+    // Without O_NONBLOCK a pipe that nobody writes to would hold the loop for ever.
+    const FdHandle file(open(telemetry_path(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.valid()) {
+        LOG_ERROR("error: open file %s failed", path);
+        return -1;
+    }
     ssize_t got;
     do {
-        got = read(fd, buffer, size);
+        got = read(file.get(), buffer, size);
     } while (got < 0 && errno == EINTR);
+    return std::max<ssize_t>(got, 0);
 }
 
 // Runs the words of a line as they are where nothing in it means anything to a shell, which then has no part
@@ -162,15 +170,24 @@ int telemetry_parse_file(const char *path, char *buffer, size_t size) {
         LOG_ERROR("invalid input");
         return -1;
     }
-    // Without O_NONBLOCK a pipe that nobody writes to would hold the loop for ever.
-    const FdHandle file(open(telemetry_path(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file.valid()) {
-        LOG_ERROR("error: open file %s failed", path);
+    const ssize_t got = read_once(path, buffer, size - 1);
+    if (got < 0)
         return -1;
-    }
-    memset(buffer, 0, size);
-    read_once(file.get(), buffer, size - 1);
+    memset(buffer + got, 0, size - static_cast<size_t>(got));
     return 0;
+}
+
+TextPtr telemetry_read_text(const char *path, size_t size) {
+    TextPtr text(static_cast<char *>(malloc(size)));
+    if (text == nullptr) {
+        telemetry_memory_refused();
+        return nullptr;
+    }
+    const ssize_t got = read_once(path, text.get(), size - 1);
+    if (got < 0)
+        return nullptr;
+    text.get()[got] = '\0';
+    return text;
 }
 
 int telemetry_write_number_file(const char *path, int number) {

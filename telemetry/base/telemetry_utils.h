@@ -6,6 +6,8 @@
 
 #include <cjson/cJSON.h>
 
+#include "telemetry_handles.h"
+
 // --- Text ---
 
 // Decimal integer at the start of a text, wrapped to 32 bits; 0 where there is none.
@@ -36,6 +38,9 @@ int mac_uint8_to_char(char *destination, size_t length, const uint8_t *bytes, si
 int shell_get_value(const char *command, char *output, int size);
 // First size - 1 bytes of a file, in a zeroed buffer. `path` is the router's path.
 int telemetry_parse_file(const char *path, char *buffer, size_t size);
+// The same as a text of its own: of a large `size` only what the file holds takes memory. Null: the file
+// cannot be opened, or memory ran out.
+TextPtr telemetry_read_text(const char *path, size_t size);
 // Makes a number and a line end a file's whole content. 0, -1 when it cannot be opened, -2 when it cannot be
 // written.
 int telemetry_write_number_file(const char *path, int number);
@@ -125,6 +130,6 @@ int telemetry_add_value_to_cJSON_object(cJSON *object, const char *key, const ch
 // characters count; an element that crosses them is dropped. `length` is the size of the text's buffer.
 int telemetry_add_value_list_to_cJSON_object(cJSON *object, const char *key, const char *text, int length,
                                              int type);
-// Adds the MD5 of a MAC text as hexadecimal under `key`: -1 when the text is missing or empty, and nothing is
-// added.
+// Adds the MD5 of a MAC text as hexadecimal under `key`, a constant text that the object refers to: -1 when
+// the text is missing or empty, and nothing is added.
 int telemetry_add_mac_md5_to_cJSON_object(cJSON *object, const char *key, const char *mac);

@@ -141,5 +141,9 @@ int telemetry_add_mac_md5_to_cJSON_object(cJSON *object, const char *key, const 
     if (md5_encode_str(reinterpret_cast<const uint8_t *>(mac), static_cast<int32_t>(strlen(mac)), digest) !=
         0)
         return -1;
-    return add_to_object(object, key, JsonPtr(cJSON_CreateString(digest)));
+    JsonPtr text(cJSON_CreateString(digest));
+    if (text == nullptr || !cJSON_AddItemToObjectCS(object, key, text.get()))
+        return -1;
+    static_cast<void>(text.release()); // the object's now
+    return 0;
 }

@@ -3,8 +3,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <new>
 #include <utility>
 
 #include "collector_patterns.h"
@@ -27,8 +25,8 @@ static constexpr size_t kMaxStateLength = 32;
 static JsonPtr read_afc_status() {
     if (telemetry_file_exists(kAfcStatusPath) != 1)
         return nullptr;
-    const std::unique_ptr<char[]> text(new (std::nothrow) char[kListFileSize]());
-    if (!text || telemetry_parse_file(kAfcStatusPath, text.get(), kListFileSize) != 0)
+    const TextPtr text = telemetry_read_text(kAfcStatusPath, kListFileSize);
+    if (text == nullptr)
         return nullptr;
     JsonPtr status(cJSON_Parse(text.get()));
     if (!cJSON_IsObject(status.get())) {

@@ -2,9 +2,12 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <map>
+#include <string_view>
 
 #include "collectors.h"
 #include "telemetry_handles.h"
+#include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
@@ -56,17 +59,45 @@ static void add_constant(cJSON *object, const char *key, const char *text) {
     add_member(object, key, text != nullptr ? cJSON_CreateStringReference(text) : cJSON_CreateNull());
 }
 
-static JsonPtr build_client_entry(const PreClientInfo *client) {
+static void add_text(cJSON *object, const char *key, const char *text) {
+    add_member(object, key, cJSON_CreateString(text));
+}
+
+static void add_digest(cJSON *object, const char *key, const char *mac) {
+    telemetry_add_mac_md5_to_cJSON_object(object, key, mac);
+}
+
+// By what the snapshot says: the text that the first entry with it holds, and the later ones refer to. All go
+// together, with the list.
+using SharedTexts = std::map<std::string_view, const char *>;
+
+static void add_shared(cJSON *object, const char *key, const char *source,
+                       void (*add)(cJSON *, const char *, const char *), SharedTexts *texts) {
+    const char *&text = (*texts)[source];
+    if (text != nullptr) {
+        add_constant(object, key, text);
+        return;
+    }
+    add(object, key, source);
+    text = json_text(object, key);
+}
+
+struct ClientTexts {
+    SharedTexts nodes;
+    SharedTexts connections;
+};
+
+static JsonPtr build_client_entry(const PreClientInfo *client, ClientTexts *texts) {
     JsonPtr entry(cJSON_CreateObject());
     if (!entry)
         return nullptr;
     cJSON *object = entry.get();
-    telemetry_add_mac_md5_to_cJSON_object(object, "mk", client->mac);
-    telemetry_add_mac_md5_to_cJSON_object(object, "am", client->ap_mac);
+    add_digest(object, "mk", client->mac);
+    add_shared(object, "am", client->ap_mac, add_digest, &texts->nodes);
     add_constant(object, "type", device_type_name(client->client_type));
     add_constant(object, "iname", client->iot_module);
     add_constant(object, "itype", client->iot_category);
-    add_member(object, "ctype", cJSON_CreateString(client->connection_type));
+    add_shared(object, "ctype", client->connection_type, add_text, &texts->connections);
     add_number(object, "ngtx", static_cast<int32_t>(client->txrate));
     add_number(object, "ngrx", static_cast<int32_t>(client->rxrate));
     add_number(object, "retx", static_cast<double>(client->retx_byte));
@@ -97,12 +128,13 @@ int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         return -1;
     }
     ClientCounters counters = {};
+    ClientTexts texts;
     uint32_t listed = 0;
     for (const PreClientInfo *client = clients; client < clients + client_num; ++client) {
         if (client->is_exist == 0)
             continue;
         count_client(client, &counters);
-        JsonPtr entry = build_client_entry(client);
+        JsonPtr entry = build_client_entry(client, &texts);
         if (!entry) {
             LOG_ERROR("cJSON_CreateObject failed");
             return -1;

@@ -162,12 +162,12 @@ int telemetry_collect_device_parent_mac(char *buffer) {
         LOG_ERROR("params error!");
         return -1;
     }
-    std::string text(kListFileSize, '\0');
-    if (telemetry_parse_file(kWorkModePath, text.data(), text.size()) != 0) {
+    const TextPtr text = telemetry_read_text(kWorkModePath, kListFileSize);
+    if (text == nullptr) {
         LOG_ERROR("open file %s failed", kWorkModePath);
         return -1;
     }
-    const JsonPtr root(cJSON_Parse(text.c_str()));
+    const JsonPtr root(cJSON_Parse(text.get()));
     if (!root) {
         LOG_ERROR("cJSON parse failed");
         return -1;

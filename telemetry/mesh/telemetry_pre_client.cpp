@@ -76,6 +76,7 @@ int telemetry_pre_clients_info() {
     }
     if (telemetry_is_mesh_network() && telemetry_get_re_client_sta_list() != 0)
         LOG_ERROR("get RE sta list error");
+    telemetry_forget_client_index(); // the collectors walk the list
     if (telemetry_debug_level == TELEMETRY_LOG_DEBUG)
         telemetry_print_client_info();
     return 0;

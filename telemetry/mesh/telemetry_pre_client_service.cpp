@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <iterator>
-#include <string>
 
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
@@ -345,19 +344,17 @@ int telemetry_complete_re_client_list_info() {
         LOG_ERROR("clients number is 0");
         return -1;
     }
-    std::string text(kListFileSize, '\0');
-    if (telemetry_parse_file(kReClientListPath, text.data(), text.size()) != 0) {
+    const TextPtr text = telemetry_read_text(kReClientListPath, kListFileSize);
+    if (text == nullptr) {
         LOG_ERROR("open file %s fialed", kReClientListPath);
         return -1;
     }
-    const JsonPtr root(cJSON_Parse(text.c_str()));
-    if (!cJSON_IsArray(root.get())) {
+    CutTexts cuts(kReClientListPath);
+    if (!json_each_element(text.get(),
+                           [&](const cJSON *entry) { complete_satellite_client(entry, &cuts); })) {
         LOG_ERROR("cJSON parse failed");
         return -1;
     }
-    CutTexts cuts(kReClientListPath);
-    for (const cJSON *entry = root->child; entry != nullptr; entry = entry->next)
-        complete_satellite_client(entry, &cuts);
     return 0;
 }
 

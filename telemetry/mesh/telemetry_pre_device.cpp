@@ -42,12 +42,12 @@ static void fill_device_record(MeshDeviceInfo *device, const cJSON *entry) {
 }
 
 int telemetry_init_device_list_info_from_file() {
-    std::string text(kListFileSize, '\0');
-    if (telemetry_parse_file(kMeshDeviceListPath, text.data(), text.size()) != 0) {
+    const TextPtr text = telemetry_read_text(kMeshDeviceListPath, kListFileSize);
+    if (text == nullptr) {
         LOG_ERROR("open file %s failed", kMeshDeviceListPath);
         return -1;
     }
-    const JsonPtr root(cJSON_Parse(text.c_str()));
+    const JsonPtr root(cJSON_Parse(text.get()));
     if (!root) {
         LOG_ERROR("cJSON parse failed");
         return -1;

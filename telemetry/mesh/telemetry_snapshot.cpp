@@ -181,8 +181,12 @@ PreClientInfo *get_telemetry_pre_client_info(const char *mac) {
     return find_client(converted, true);
 }
 
+void telemetry_forget_client_index() {
+    mac_index() = MacIndex(); // with its table
+}
+
 void telemetry_free_client_info_list() {
-    mac_index() = MacIndex(); // with its table: nothing of a cycle stays in memory
+    telemetry_forget_client_index();
     free(telemetry_pre_collect.clients);
     telemetry_pre_collect.clients = nullptr;
     telemetry_pre_collect.client_num = 0;

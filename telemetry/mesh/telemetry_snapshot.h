@@ -108,6 +108,8 @@ int telemetry_get_band_num();
 // --- Clients ---
 
 void telemetry_free_client_info_list();
+// Gives back what the functions below find clients with; the next one makes it anew.
+void telemetry_forget_client_index();
 PreClientInfo *telemetry_get_client_info_list();
 int telemetry_get_client_num();
 int telemetry_get_myself_client_num_value();

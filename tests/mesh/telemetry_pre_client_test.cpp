@@ -177,6 +177,10 @@ TEST_F(PreClientTest, StepsThatFail) {
         {kReList, "absent", true,
          "open file /tmp/client_mgmt/re_client_list fialed|pre_collect RE clients info failed|"},
         {kReList, R"({"a":{"mac":"02"}})", true, "cJSON parse failed|"},
+        {kReList, "[{},]", true, "cJSON parse failed|"},
+        {kReList, "[{} {}]", true, "cJSON parse failed|"},
+        {kReList, "[{}", true, "cJSON parse failed|"},
+        {kReList, "\xEF\xBB\xBF\t[ 1 , {} ] x", false, ""},
         {kReList, "[" + fits + "]", false, ""},
         {kReList, "[ " + fits + "]", true, "cJSON parse failed|"}, // its end is beyond the buffer
         {"sync.list", "absent", true, "lookup client_mgmt project failed|pre_collect get sync list failed|"},
