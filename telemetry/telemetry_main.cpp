@@ -25,6 +25,7 @@
 #include "telemetry_repeat.h"
 #include "telemetry_ubus.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 #include "wlan_platform.h"
 
@@ -91,6 +92,7 @@ void telemetry_remove_heartbeat_timeout_file() {
 // --- Options that may change while the daemon runs ---
 
 void telemetry_load_options() {
+    const TelemetryUciScope scope; // the package is read once
     telemetry_load_log_options();
     telemetry_load_ca_file();
     wlan_load_driver();
@@ -228,6 +230,7 @@ int telemetry_load_uci_config(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return -1;
     }
+    const TelemetryUciScope scope; // the package is read once
     telemetry_load_cloud_url(ctx);
     for (const AccessTextOption &row : kAccessTextOptions)
         load_access_text(ctx, row);

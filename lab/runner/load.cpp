@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kSections = 10000, kAnswers = 256;
 constexpr size_t kAnswerSize = 64 << 10;
-constexpr int kCycleMs = 600000, kReadyMs = 60000;
+constexpr int kCycleMs = 600000, kReadyMs = 300000;
 constexpr int kCalls = 200;
 constexpr long kListLimit = 65536;
 
@@ -23,7 +23,7 @@ long ms_since(Clock::time_point begin) {
 }
 
 lab::JsonTree status_of(lab::LabNode &node) {
-    lab::BusReply reply = node.call_object("telemetry.status", "get");
+    lab::BusReply reply = node.call_object("telemetry.status", "get", "{}", kCycleMs / 1000);
     if (reply.status != 0 || !reply.json)
         throw std::runtime_error("the daemon does not answer:\n" + node.log());
     return std::move(reply.json);

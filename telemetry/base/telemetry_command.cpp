@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -22,6 +24,7 @@ static constexpr size_t kMaxWords = 16;
 // What was killed and still does not end hangs in the kernel: nobody waits for it any longer than this.
 static constexpr int kKilledLimitMs = 1000;
 static constexpr int kLongestPauseMs = 50;
+static constexpr size_t kMaxAbandoned = 16;
 static constexpr int kNotRunnable = 127 << 8; // exit status 127
 
 namespace {
@@ -167,6 +170,22 @@ static bool wait_for_end(pid_t pid, int64_t until, int *status) {
     }
 }
 
+// Killed programs that nobody waits for any longer (0: none), whose ends the next command takes note of.
+static pid_t abandoned[kMaxAbandoned];
+
+static void abandon(pid_t pid) {
+    pid_t *const free = std::find(std::begin(abandoned), std::end(abandoned), 0);
+    if (free != std::end(abandoned))
+        *free = pid;
+}
+
+static void reap_abandoned() {
+    for (pid_t &pid : abandoned) {
+        if (pid != 0 && waitpid(pid, nullptr, WNOHANG) != 0)
+            pid = 0;
+    }
+}
+
 int telemetry_command_run(const char *const argv[], int limit_ms, const TelemetryCommandOutput *output,
                           int *status) {
     if (argv == nullptr || argv[0] == nullptr || (output != nullptr && output->text == nullptr)) {
@@ -175,6 +194,7 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
     }
     if (output != nullptr)
         memset(output->text, 0, output->size);
+    reap_abandoned();
     char text[kCommandTextSize];
     describe(argv, text);
     const int64_t until = now_ms() + limit_ms;
@@ -204,6 +224,7 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
     ++killed;
     LOG_ERROR("[%s] has not ended in %d ms and is killed", text, limit_ms);
     kill(-pid, SIGKILL);
-    wait_for_end(pid, now_ms() + kKilledLimitMs, ended);
+    if (!wait_for_end(pid, now_ms() + kKilledLimitMs, ended))
+        abandon(pid);
     return TELEMETRY_COMMAND_TOO_LONG;
 }

@@ -18,6 +18,7 @@
 #include "telemetry_memory.h"
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_stamp.h"
 
 int telemetry_post_done = -1;
 
@@ -209,10 +210,17 @@ int telemetry_file_exists(const char *path) {
 }
 
 int check_telemetry_enable() {
+    // Asked often, and the package may be long. What says no is read again: it may not have been readable.
+    static TelemetryUciStamp enabled;
+    const TelemetryUciStamp now("telemetry");
+    if (enabled.holds(now))
+        return 1;
     if (telemetry_get_uci_enabled_value("telemetry", "basic", "enable", TELEMETRY_UCI_SYSTEM) != 1) {
         LOG_DEBUG("telemetry disable!");
+        enabled = {};
         return 0;
     }
+    enabled = now;
     return 1;
 }
 

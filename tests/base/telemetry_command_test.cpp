@@ -2,10 +2,23 @@
 
 #include <regex>
 
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
 #include "sysroot.h"
 #include "telemetry_utils.h"
 
 using Words = std::vector<std::string>;
+
+// Stands before the C library's: the clock leaps by seconds whenever somebody looks.
+static time_t leap;
+
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    static time_t ahead;
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    now->tv_sec += ahead += leap;
+    return static_cast<int>(result);
+}
 
 class TelemetryCommand : public SysrootTest {
   protected:
@@ -76,6 +89,21 @@ TEST_F(TelemetryCommand, EndsAtItsLimitWithItsChildren) {
     expect_logged(TELEMETRY_COMMAND_ENDED, {"nothing-here cannot be run: No such file or directory"},
                   [&] { return run({"nothing-here"}); });
     EXPECT_EQ(WEXITSTATUS(status), 127);
+}
+
+// What does not end in time after its kill is taken note of with a later command.
+TEST_F(TelemetryCommand, LeavesNoneBehindWhenTheClockLeaps) {
+    root.add_command("hang", "sleep 1000");
+    leap = 10;
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(run({"hang"}, 200), TELEMETRY_COMMAND_TOO_LONG);
+    leap = 0;
+    siginfo_t child = {};
+    for (int i = 0; i < 1000 && waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) == 0; i++) {
+        usleep(10000);
+        EXPECT_EQ(run({"true"}), TELEMETRY_COMMAND_ENDED);
+    }
+    EXPECT_EQ(waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT), -1);
 }
 
 // The one place that starts programs is telemetry_command.

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "sysroot.h"
@@ -97,6 +98,31 @@ TEST_F(TelemetryUtils, OnlyTheWorkModeFapIsTheMainNode) {
     for (const auto &[content, is_fap, messages] : cases) {
         root.write("/tmp/work_mode", content);
         expect_logged(is_fap, messages, check_if_device_is_FAP);
+    }
+}
+
+// The package is not read again until one of its files changes, which is seen at once.
+TEST_F(TelemetryUtils, EnabledUntilItsFilesChange) {
+    const auto set = [this](const char *value) {
+        root.write_config("telemetry", std::string("config b 'basic'\n\toption enable '") + value + "'\n");
+    };
+    set("1");
+    usleep(1100000);
+    rlimit none = {}, limits = {};
+    getrlimit(RLIMIT_NOFILE, &limits);
+    none.rlim_max = limits.rlim_max;
+    for (const int known : {0, 1}) {
+        setrlimit(RLIMIT_NOFILE, &none); // nothing can be opened
+        EXPECT_EQ(check_telemetry_enable(), known);
+        setrlimit(RLIMIT_NOFILE, &limits);
+        EXPECT_EQ(check_telemetry_enable(), 1);
+    }
+    root.write("/tmp/.uci/telemetry", "telemetry.basic.enable='0'\n");
+    EXPECT_EQ(check_telemetry_enable(), 0) << "staged";
+    root.remove("/tmp/.uci/telemetry");
+    for (const char *value : {"1", "0", "1"}) { // of the same length, in the same moment
+        set(value);
+        EXPECT_EQ(check_telemetry_enable(), value[0] - '0');
     }
 }
 

@@ -44,7 +44,9 @@ class HomeRecords : public ::testing::Test {
     static void SetUpTestSuite() {
         home = new HomeLab;
         home->lab.node().write("/tmp/cloud_heartbeat_timeout_count", "4\n"); // started anew
+        home->lab.node().write("/tmp/telemetry/telemetry", "config 'cut"); // what was reported before is lost
         first = new std::vector<UploadedRecord>(home->cycle());
+        EXPECT_TRUE(home->lab.node().exists("/tmp/telemetry/telemetry.broken"));
         body = home->lab.cloud().requests("upload").back().body;
     }
     static void TearDownTestSuite() {
