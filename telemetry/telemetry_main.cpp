@@ -446,11 +446,14 @@ static void start_and_run(TelemetryCtx *ctx) {
     end_loop();
 }
 
-// From this size on a buffer gets pages of its own: it leaves no hole in the heap when it goes, and what an
-// idle slot never writes to takes no memory. Other C libraries decide by themselves.
-static void map_large_buffers() {
+// For a process that sleeps between cycles. From 16 KiB on a buffer gets pages of its own: it leaves no hole
+// in the heap when it goes, and what an idle slot never writes to takes no memory. The heap grows by little
+// more than it needs, and what is free at its end goes back. Other C libraries decide by themselves.
+static void keep_heap_small() {
 #ifdef M_MMAP_THRESHOLD
     mallopt(M_MMAP_THRESHOLD, 16384);
+    mallopt(M_TOP_PAD, 4096);
+    mallopt(M_TRIM_THRESHOLD, 16384);
 #endif
 }
 
@@ -459,7 +462,7 @@ static TelemetryCtx telemetry_ctx;
 
 int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
-    map_large_buffers();
+    keep_heap_small();
     fill_standard_descriptors();
     telemetry_catch_reload_signal();
     setenv("PATH", kDefaultPath, 0); // the commands stand in the system's folders, too

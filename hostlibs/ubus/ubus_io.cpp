@@ -86,7 +86,7 @@ bool ubus_receive(ubus_context *ctx) {
         return false;
 
     // Descriptors that come along are not wanted: a read without room for them makes the kernel drop them.
-    char buf[65536];
+    char buf[16384];
     ssize_t len;
     do {
         len = recv(ctx->sock.fd, buf, sizeof(buf), MSG_DONTWAIT);
