@@ -48,7 +48,7 @@ static void run_message(const uint8_t *data, size_t size) {
     read_all(head, 0);
     TextPtr compact(blobmsg_format_json(head, true));
     TextPtr indented(blobmsg_format_json_indent(head, true, 0));
-    require(!compact == !indented);
+    require_with_memory(!compact == !indented);
 }
 
 // A member without a name is printed as a bare value, as on the platform.
@@ -65,6 +65,8 @@ static bool may_have_unnamed_member(const std::string &text) {
 static void run_text(const uint8_t *data, size_t size) {
     const std::string text(reinterpret_cast<const char *>(data), size);
     BlobBuffer b, again;
+    if (b.head() == nullptr)
+        return;
     const bool added = blobmsg_add_json_from_string(b.get(), text.c_str());
     const auto len = static_cast<unsigned int>(blob_len(b.head()));
     if (!added || len == 0)
@@ -72,12 +74,13 @@ static void run_text(const uint8_t *data, size_t size) {
     blob_attr *tb[policy_len];
     require(blobmsg_parse(policy, policy_len, tb, blob_data(b.head()), len) == 0);
     const TextPtr first(blobmsg_format_json(b.head(), true));
-    require(first != nullptr);
-    if (strstr(first.get(), "inf") || may_have_unnamed_member(text))
+    require_with_memory(first != nullptr);
+    if (first == nullptr || again.head() == nullptr || strstr(first.get(), "inf") ||
+        may_have_unnamed_member(text))
         return;
-    require(blobmsg_add_json_from_string(again.get(), first.get()));
+    const bool added_again = blobmsg_add_json_from_string(again.get(), first.get());
     const TextPtr second(blobmsg_format_json(again.head(), true));
-    require(second && strcmp(first.get(), second.get()) == 0);
+    require_with_memory(added_again && second && strcmp(first.get(), second.get()) == 0);
 }
 
 static const FuzzTargets registered({{"blobmsg", run_message, mutate_blobmsg}, {"blobmsg_text", run_text}});

@@ -14,6 +14,7 @@
 static TelemetryCtx ctx;
 
 static void set_clock(bool is_set) {
+    const FuzzPlenty plenty;
     if (is_set)
         fuzz_root().write(kNtpSyncedPath, "");
     else
@@ -29,6 +30,7 @@ static std::deque<CURL *> sent;
 static std::deque<CURLMsg> ended;
 
 extern "C" CURLMcode curl_multi_add_handle(CURLM *, CURL *easy) {
+    const FuzzPlenty plenty;
     sent.push_back(easy);
     return CURLM_OK;
 }
@@ -50,6 +52,14 @@ extern "C" CURLMsg *curl_multi_info_read(CURLM *, int *) {
     return &message;
 }
 
+// The loop is C: nothing is thrown through it.
+static void run_out(uloop_timeout *timer) noexcept {
+    if (!timer->pending)
+        return;
+    uloop_timeout_cancel(timer);
+    timer->cb(timer);
+}
+
 static void end_transfer(std::string_view body, CURLcode result) {
     if (sent.empty())
         return;
@@ -60,20 +70,24 @@ static void end_transfer(std::string_view body, CURLcode result) {
     auto *request = reinterpret_cast<PostRequest *>(owner);
     for (; !body.empty(); body.remove_prefix(std::min<size_t>(body.size(), 300)))
         write_response_data_(body.data(), 1, std::min<size_t>(body.size(), 300), request);
-    ended.push_back({CURLMSG_DONE, easy, {.result = result}});
-    uloop_timeout_cancel(&request->poll_timer);
-    poll_curl_status(&request->poll_timer);
+    {
+        const FuzzPlenty plenty;
+        ended.push_back({CURLMSG_DONE, easy, {.result = result}});
+    }
+    run_out(&request->poll_timer);
     require(request->in_use == 0);
 }
 
-static void run_out(uloop_timeout *timer) {
-    if (!timer->pending)
-        return;
-    uloop_timeout_cancel(timer);
-    timer->cb(timer);
+// What libcurl never got ends by its timer.
+static void end_unsent() {
+    for (PostRequest *request : ctx.post_requests) {
+        if (request->poll_timer.cb != poll_curl_status)
+            run_out(&request->poll_timer);
+    }
 }
 
 static void collect() {
+    const FuzzPlenty plenty;
     if (ctx.collect_list == nullptr)
         ctx.collect_list = cJSON_CreateArray();
     cJSON_AddItemToArray(ctx.collect_list, cJSON_Parse(R"({"eid":1,"ep":{"a":1},"cnt":2})"));
@@ -92,6 +106,7 @@ static void take_step(const FuzzPiece &piece) {
         set_clock(piece.kind == 'e');
     else
         collect();
+    end_unsent();
     // It never stalls, and what was collected stays until it has been accepted.
     require(!sent.empty() || ctx.post_timer.pending || ctx.post_retry_timer.pending);
     require(ctx.post_state <= TELEMETRY_POST_STATE_READY_FOR_UPLOAD && ctx.post_retry_count < 5);
@@ -99,8 +114,6 @@ static void take_step(const FuzzPiece &piece) {
 }
 
 static void run_sequence(const uint8_t *data, size_t size) {
-    if (ctx.post_requests[0] == nullptr)
-        require(telemetry_init_post_request(&ctx) == 0);
     write_configuration();
     set_clock(true);
     copy_text(ctx.post_api, "https://cloud.example/");
@@ -110,8 +123,12 @@ static void run_sequence(const uint8_t *data, size_t size) {
     telemetry_post_enter_state(&ctx, TELEMETRY_POST_STATE_INIT);
     for (const FuzzPiece &piece : pieces_of({reinterpret_cast<const char *>(data), size}))
         take_step(piece);
+}
+
+static void end() {
     // The end of a transfer may start the next; without the clock that ends.
     set_clock(false);
+    end_unsent();
     while (!sent.empty())
         end_transfer("", CURLE_GOT_NOTHING);
     for (uloop_timeout *timer : {&ctx.collect_timer, &ctx.post_timer, &ctx.post_retry_timer})
@@ -127,14 +144,14 @@ static void run_strategy(const uint8_t *data, size_t size) {
     const bool unchanged = telemetry_update_strategy(&ctx, content.c_str()) != 0;
     require(!unchanged || (ctx.collect_interval_strategy1 == 1 && ctx.collect_interval_strategy2 == 1 &&
                            ctx.post_interval == 1));
-    uloop_timeout_cancel(&ctx.collect_timer);
 }
 
 static void start() {
     uloop_init();
     std::filesystem::create_directories(fuzz_root().path("/tmp/run"));
     fuzz_root().write(kWorkModePath, R"({"work_mode":"FAP"})");
+    require(telemetry_init_post_request(&ctx) == 0);
 }
 
-static const FuzzTargets registered({{"cloud", run_sequence, mutate_pieces, start},
-                                     {"strategy", run_strategy, nullptr, start}});
+static const FuzzTargets registered({{"cloud", run_sequence, mutate_pieces, start, end},
+                                     {"strategy", run_strategy, nullptr, start, end}});

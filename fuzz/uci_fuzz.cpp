@@ -10,6 +10,7 @@
 namespace {
 
 std::string export_of(uci_context *uci, uci_package *package) {
+    const FuzzPlenty plenty;
     char *text = nullptr;
     size_t length = 0;
     FILE *stream = open_memstream(&text, &length);
@@ -35,13 +36,14 @@ uci_package *import_of(uci_context *uci, std::string_view text) {
 void run_file(const uint8_t *data, size_t size) {
     const UciContextPtr uci(uci_alloc_context()), again(uci_alloc_context());
     uci_package *package =
-        size == 0 ? nullptr : import_of(uci.get(), {reinterpret_cast<const char *>(data), size});
+        size == 0 || !again ? nullptr : import_of(uci.get(), {reinterpret_cast<const char *>(data), size});
     if (package == nullptr)
         return;
     const std::string text = export_of(uci.get(), package);
     uci_package *read = import_of(again.get(), text);
-    require(read != nullptr);
-    require_same(export_of(again.get(), read), text);
+    require_with_memory(read != nullptr);
+    if (read != nullptr)
+        require_same(export_of(again.get(), read), text);
 }
 
 using Change = int (*)(uci_context *uci, uci_ptr *place);
@@ -84,8 +86,10 @@ void commit(uci_context *uci, bool overwrite) {
     uci_package *read = nullptr;
     if (has_twins(&package->sections))
         return;
-    require(uci_load(fresh.get(), "p", &read) == UCI_OK);
-    require_same(export_of(fresh.get(), read), text);
+    const int status = fresh ? uci_load(fresh.get(), "p", &read) : UCI_ERR_MEM;
+    require_with_memory(status == UCI_OK);
+    if (status == UCI_OK)
+        require_same(export_of(fresh.get(), read), text);
 }
 
 void take_step(uci_context *uci, char kind, std::string text) {
@@ -105,6 +109,11 @@ void run_life(const uint8_t *data, size_t size) {
     fuzz_root().write("/etc/config/p", "");
     fuzz_root().write("/tmp/.uci/p", "");
     const UciContextPtr uci(telemetry_uci_alloc_context(TELEMETRY_UCI_SYSTEM));
+    if (!uci)
+        return;
+    if (size % 8 == 0)
+        uci->flags = static_cast<uci_flags>(uci->flags | UCI_FLAG_SAVED_DELTA);
+    uci_add_delta_path(uci.get(), fuzz_root().path(size % 4 == 0 ? "/tmp/.uci" : "/save").c_str());
     for (const FuzzPiece &piece : pieces_of({reinterpret_cast<const char *>(data), size})) {
         if (piece.kind == 'a' || piece.kind == 'b')
             fuzz_root().write(piece.kind == 'a' ? "/etc/config/p" : "/tmp/.uci/p", piece.text);
@@ -117,8 +126,9 @@ void run_life(const uint8_t *data, size_t size) {
     if (telemetry_get_uci_value("p", "s", "o", value, sizeof(value), TELEMETRY_UCI_SYSTEM) == 0)
         require(strnlen(value, sizeof(value)) < sizeof(value));
     if (telemetry_set_uci_value("p", "s", "o", "v", TELEMETRY_UCI_SYSTEM) == 0)
-        require(telemetry_get_uci_value("p", "s", "o", value, sizeof(value), TELEMETRY_UCI_SYSTEM) == 0 &&
-                strcmp(value, "v") == 0);
+        require_with_memory(
+            telemetry_get_uci_value("p", "s", "o", value, sizeof(value), TELEMETRY_UCI_SYSTEM) == 0 &&
+            strcmp(value, "v") == 0);
 }
 
 const FuzzTargets registered({{"uci_file", run_file, mutate_uci},

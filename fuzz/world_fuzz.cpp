@@ -1,6 +1,7 @@
 // A router as its input describes it: pieces, each the content of a file, the answer of a service, the output
 // of a command, or what the driver says. File `sources` names them for each target by kind of piece.
 #include <cstring>
+#include <fstream>
 #include <sstream>
 
 #include <unistd.h>
@@ -9,6 +10,8 @@
 #include "collectors.h"
 #include "restart_info.h"
 #include "support/fuzz_target.h"
+#include "telemetry_collect.h"
+#include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_links.h"
 #include "telemetry_log.h"
@@ -22,6 +25,7 @@
 #include "telemetry_satellites.h"
 #include "telemetry_snapshot.h"
 #include "telemetry_ubus_query.h"
+#include "telemetry_uci_package.h"
 
 namespace {
 
@@ -58,17 +62,21 @@ void check_snapshot() {
     telemetry_debug_level = TELEMETRY_LOG_ERROR;
 }
 
-// What a collector counts is there, can be printed, and is no longer than records of such input can be: the
-// largest is a table of texts of 2 KiB, six bytes a control character.
+// A record has what it counts, and is no longer than one of such input can be: the largest is a table of
+// texts of 2 KiB, six bytes a control character.
 template <int (*...Collectors)(TelemetryCtx *, cJSON *, uint32_t *)> void report() {
-    ctx.collect_stgy2_now = ctx.collect_periodic_now = 1;
-    for (const auto collect : {Collectors...}) {
-        const JsonPtr payload(cJSON_CreateObject());
-        uint32_t count = 0;
-        collect(&ctx, payload.get(), &count);
-        require(count == 0 || payload->child != nullptr);
+    const JsonPtr list(cJSON_CreateArray());
+    const TelemetryUciCycle cycle;
+    for (const auto collect : {Collectors...})
+        telemetry_collect_data_by_module(&ctx, list.get(), "record", collect);
+    require(((Collectors(nullptr, nullptr, nullptr) <= 0) && ...));
+    const FuzzPlenty plenty;
+    const cJSON *record = nullptr;
+    cJSON_ArrayForEach(record, list.get()) {
         size_t length = 0;
-        require(telemetry_json_print(payload.get(), &length) != nullptr && length < 2000000);
+        require(cJSON_GetObjectItem(record, "cnt")->valuedouble >= 1 &&
+                cJSON_GetObjectItem(record, "ep")->child != nullptr);
+        require(telemetry_json_print(record, &length) != nullptr && length < 2000000);
     }
 }
 
@@ -76,6 +84,7 @@ template <int (*...Collectors)(TelemetryCtx *, cJSON *, uint32_t *)> void report
 
 // Records for the input to meet: two nodes, three clients.
 void lay_out() {
+    const FuzzPlenty plenty;
     telemetry_init_device_info_list(2);
     snprintf(telemetry_pre_collect.devices[0].mac, 18, "02-00-00-01-00-01");
     snprintf(telemetry_pre_collect.devices[1].mac, 18, "02-00-00-01-00-02");
@@ -92,8 +101,6 @@ void lay_out() {
 void leave() {
     check_snapshot();
     report<collect_client_list, collect_device_list>();
-    telemetry_free_pre_collect_info();
-    require(telemetry_pre_collect.clients == nullptr && telemetry_pre_collect.devices == nullptr);
 }
 
 void run_clients() {
@@ -156,7 +163,6 @@ void run_iwinfo() {
     telemetry_get_client_sta_list();
     run_links();
     leave();
-    wlan_platform_ops = &wlan_platform_ops_mtk;
 }
 
 void run_restarts() {
@@ -169,8 +175,6 @@ void run_start() {
     telemetry_load_options();
     telemetry_load_uci_config(&started);
     telemetry_get_device_info(&started);
-    wlan_platform_ops = &wlan_platform_ops_mtk;
-    telemetry_log_console = true;
 }
 
 void run_cloud_info() {
@@ -223,15 +227,28 @@ void place(const std::string &source, std::string_view text) {
     }
 }
 
-void run_world(const uint8_t *data, size_t size) {
+void make_world(std::string_view input) {
+    const FuzzPlenty plenty;
     for (const std::string &source : sources) {
         if (source[0] == '/')
             unlink(fuzz_root().path(source).c_str());
     }
     fuzz_root().write(kBackupConfigFile, "");
-    for (const FuzzPiece &piece : pieces_of({reinterpret_cast<const char *>(data), size}))
+    for (const FuzzPiece &piece : pieces_of(input))
         place(sources[static_cast<uint8_t>(piece.kind - 'a') % sources.size()], piece.text);
+}
+
+void run_world(const uint8_t *data, size_t size) {
+    make_world({reinterpret_cast<const char *>(data), size});
+    ctx.collect_stgy2_now = ctx.collect_periodic_now = size % 8 != 0;
     run();
+}
+
+void end_world() {
+    telemetry_free_pre_collect_info();
+    require(telemetry_pre_collect.clients == nullptr && telemetry_pre_collect.devices == nullptr);
+    wlan_platform_ops = &wlan_platform_ops_mtk;
+    telemetry_log_console = true;
 }
 
 void start_world() {
@@ -256,7 +273,7 @@ void start_world() {
 const FuzzTargets registered = [] {
     std::vector<FuzzTarget> targets;
     for (const auto &known : kWorlds)
-        targets.push_back({known.name, run_world, mutate_pieces, start_world});
+        targets.push_back({known.name, run_world, mutate_pieces, start_world, end_world});
     return FuzzTargets(targets);
 }();
 

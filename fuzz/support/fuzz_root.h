@@ -1,16 +1,15 @@
-// What fuzz targets share: a check, and a router's root of their own that goes with the process.
+// What fuzz targets share: a router's root of their own that goes with the process.
 #pragma once
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 
-inline void require(bool holds) {
-    if (!holds)
-        abort();
-}
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "fuzz_memory.h"
 
 class FuzzRoot {
   public:
@@ -36,7 +35,10 @@ class FuzzRoot {
         return root_ + router_path;
     }
     void write(const std::string &router_path, std::string_view content) const {
-        require(bool(std::ofstream(path(router_path), std::ios::binary) << content << std::flush));
+        const FuzzPlenty plenty;
+        const int fd = open(path(router_path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        require(::write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()));
+        close(fd);
     }
 
   private:

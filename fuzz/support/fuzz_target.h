@@ -20,6 +20,7 @@ struct FuzzTarget {
     void (*run)(const uint8_t *data, size_t size);
     FuzzMutator mutate = nullptr; // null: bytes only
     void (*start)() = nullptr;    // once, before the first input
+    void (*end)() = nullptr;      // after each input, however it ended
 };
 
 inline std::vector<FuzzTarget> fuzz_targets;

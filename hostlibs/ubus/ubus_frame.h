@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string_view>
 #include <vector>
 
@@ -63,6 +64,19 @@ struct bus_attrs {
 // Sorts `body` (the attribute of id 0, whole) into `attrs`. False when an attribute leaves the body or is not
 // of its type; `attrs` then has those that are sound.
 bool bus_attrs_parse(blob_attr *body, bus_attrs &attrs);
+
+// A table that is being filled, freed with its scope.
+struct bus_table : blob_buf {
+    bus_table() : blob_buf{} {
+        if (blob_buf_init(this, 0) != 0)
+            throw std::bad_alloc();
+    }
+    ~bus_table() {
+        blob_buf_free(this);
+    }
+    bus_table(const bus_table &) = delete;
+    bus_table &operator=(const bus_table &) = delete;
+};
 
 // A message that is being written.
 struct bus_builder {

@@ -6,8 +6,7 @@
 namespace {
 
 void put_signature(bus_builder &out, const ubus_object_type *type) {
-    blob_buf buf = {};
-    blob_buf_init(&buf, 0);
+    bus_table buf;
     for (int i = 0; type && i < type->n_methods; i++) {
         const ubus_method &method = type->methods[i];
         if (!method.name)
@@ -22,7 +21,6 @@ void put_signature(bus_builder &out, const ubus_object_type *type) {
         blobmsg_close_table(&buf, table);
     }
     bus_put_data(out, UBUS_ATTR_SIGNATURE, buf.head);
-    blob_buf_free(&buf);
 }
 
 void take_object_ids(ubus_request *req, int, blob_attr *msg) {

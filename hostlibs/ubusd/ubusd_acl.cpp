@@ -85,8 +85,7 @@ bool only_root_writes(const char *path) {
 void load_file(std::vector<ubusd_grant> &grants, const char *path) {
     if (!only_root_writes(path))
         return;
-    blob_buf buf = {};
-    blob_buf_init(&buf, 0);
+    bus_table buf;
     blob_attr *keys[key_count] = {};
     if (!blobmsg_add_json_from_file(&buf, path))
         std::fprintf(stderr, "ubusd: failed to parse %s\n", path);
@@ -105,7 +104,6 @@ void load_file(std::vector<ubusd_grant> &grants, const char *path) {
         grant.owner = group->gr_gid;
         add_grants(grants, grant, keys);
     }
-    blob_buf_free(&buf);
 }
 
 bool name_matches(std::string_view pattern, std::string_view name) {

@@ -79,11 +79,9 @@ int handle_send(ubusd_client &client, blob_attr *data) {
     if (name.starts_with("ubus.") || !ubusd_may(client, ubusd_right::send, name))
         return UBUS_STATUS_PERMISSION_DENIED;
 
-    blob_buf event = {};
-    blob_buf_init(&event, 0);
+    bus_table event;
     blob_put_raw(&event, blobmsg_data(tb[send_data]), static_cast<unsigned>(blobmsg_data_len(tb[send_data])));
     send_event(*client.server, &client, name, event.head);
-    blob_buf_free(&event);
     return UBUS_STATUS_OK;
 }
 
@@ -103,20 +101,16 @@ int ubusd_handle_event_call(ubusd_client &client, const bus_attrs &attrs) {
 void ubusd_announce_object(ubusd_server &server, const ubusd_object &object, bool added) {
     if (server.listeners.empty())
         return;
-    blob_buf event = {};
-    blob_buf_init(&event, 0);
+    bus_table event;
     blobmsg_add_u32(&event, "id", object.id);
     blobmsg_add_string(&event, "path", object.path.c_str());
     send_event(server, nullptr, added ? "ubus.object.add" : "ubus.object.remove", event.head);
-    blob_buf_free(&event);
 }
 
 void ubusd_announce_rights(ubusd_server &server) {
-    blob_buf event = {};
-    blob_buf_init(&event, 0);
+    bus_table event;
     blobmsg_add_u32(&event, "sequence", server.acl_sequence);
     send_event(server, nullptr, "ubus.acl.sequence", event.head);
-    blob_buf_free(&event);
 }
 
 void ubusd_remove_listeners(ubusd_server &server, const ubusd_object &object) {

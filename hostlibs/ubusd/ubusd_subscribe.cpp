@@ -99,8 +99,7 @@ int ubusd_handle_notify(ubusd_client &client, bus_frame &frame, const bus_attrs 
         return UBUS_STATUS_PERMISSION_DENIED;
 
     bool no_reply = attrs[UBUS_ATTR_NO_REPLY] && blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]) != 0;
-    blob_buf ids = {};
-    blob_buf_init(&ids, 0);
+    bus_table ids;
     std::vector<uint32_t> subscribers;
     for (const ubusd_subscription &entry : server.subscriptions) {
         if (entry.target == target->id)
@@ -116,7 +115,6 @@ int ubusd_handle_notify(ubusd_client &client, bus_frame &frame, const bus_attrs 
         bus_finish(out, UBUS_MSG_STATUS, frame.seq, frame.peer);
         ubusd_client_send_or_drop(client, std::move(out.bytes));
     }
-    blob_buf_free(&ids);
     for (uint32_t id : subscribers)
         ubusd_forward_call(*find_object(server, id), &client, frame.seq, attrs.text(UBUS_ATTR_METHOD),
                            attrs[UBUS_ATTR_DATA], no_reply);

@@ -156,8 +156,13 @@ uci_option *option_new(uci_section *s, std::string_view name, uci_option_type ty
     o->section = s;
     o->type = UCI_TYPE_LIST;
     list_init(&o->v.list);
-    if (type == UCI_TYPE_STRING)
-        option_set_string(o, "");
+    try {
+        if (type == UCI_TYPE_STRING)
+            option_set_string(o, "");
+    } catch (...) {
+        option_free(o);
+        throw;
+    }
     return o;
 }
 
@@ -167,10 +172,12 @@ uci_element *item_new(uci_list *list, uci_type type, std::string_view text) {
 
 uci_delta *delta_new(uci_list *list, uci_command cmd, std::string_view section, std::string_view option,
                      std::string_view value) {
+    using text_handle = std::unique_ptr<char, decltype(&free)>;
+    text_handle own_section(text_dup(section), free), own_value(text_dup(value), free);
     auto *delta = record_new<uci_delta>(list, UCI_TYPE_DELTA, option);
     delta->cmd = cmd;
-    delta->section = text_dup(section);
-    delta->value = text_dup(value);
+    delta->section = own_section.release();
+    delta->value = own_value.release();
     return delta;
 }
 

@@ -16,12 +16,12 @@ void add_flag(uci_ptr *ptr, int flag) {
 // Takes "@type[n]" apart; an empty type means any.
 bool parse_extended(const char *text, std::string &type, long &index) {
     const char *bracket = strchr(text, '[');
-    if (!bracket)
+    if (!bracket || text[0] != '@')
         return false;
     type.assign(text + 1, bracket);
     char *end;
     index = strtol(bracket + 1, &end, 10); // no number is 0
-    return text[0] == '@' && strcmp(end, "]") == 0 && index > INT_MIN && index < INT_MAX;
+    return strcmp(end, "]") == 0 && index > INT_MIN && index < INT_MAX;
 }
 
 uci_section *find_extended(uci_package *p, const std::string &type, long index) {

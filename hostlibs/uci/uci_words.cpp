@@ -34,13 +34,20 @@ bool text_source::append_line(std::string &line) {
     return !line.empty();
 }
 
+stream_source::~stream_source() {
+    free(raw_);
+}
+
 bool stream_source::append_line(std::string &line) {
-    char *raw = nullptr;
-    size_t size = 0;
     bool complete = false;
-    for (ssize_t got; !complete && line.size() <= max_file_size && (got = getline(&raw, &size, stream_)) > 0;)
-        complete = append_up_to_zero(line, {raw, static_cast<size_t>(got)}) || raw[0] == '\0';
-    free(raw);
+    while (!complete && line.size() <= max_file_size) {
+        const ssize_t got = getline(&raw_, &raw_size_, stream_);
+        if (got < 0 && !feof(stream_) && !ferror(stream_))
+            throw std::bad_alloc();
+        if (got <= 0)
+            break;
+        complete = append_up_to_zero(line, {raw_, static_cast<size_t>(got)}) || raw_[0] == '\0';
+    }
     return complete || !line.empty();
 }
 

@@ -32,10 +32,15 @@ class text_source : public line_source {
 class stream_source : public line_source {
   public:
     explicit stream_source(FILE *stream) : stream_(stream) {}
+    ~stream_source() override;
+    stream_source(const stream_source &) = delete;
+    stream_source &operator=(const stream_source &) = delete;
     bool append_line(std::string &line) override;
 
   private:
     FILE *stream_;
+    char *raw_ = nullptr; // getline's
+    size_t raw_size_ = 0;
 };
 
 // A fault in the text; what() of it goes into the context.

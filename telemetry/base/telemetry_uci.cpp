@@ -87,19 +87,14 @@ bool telemetry_uci_use_source(uci_context *uci, uint32_t source) {
 }
 
 uci_context *telemetry_uci_alloc_context(uint32_t source) {
-    uci_context *uci = uci_alloc_context();
-    if (uci == nullptr) {
-        telemetry_memory_refused();
-        return nullptr;
-    }
+    UciContextPtr uci(uci_alloc_context());
     // On a router the library's own directories are the system's.
     const bool own = source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty();
-    if (own && !telemetry_uci_use_source(uci, source)) {
-        uci_free_context(uci);
+    if (!uci || (own && !telemetry_uci_use_source(uci.get(), source))) {
         telemetry_memory_refused();
         return nullptr;
     }
-    return uci;
+    return uci.release();
 }
 
 void telemetry_uci_close(uci_context *uci) {

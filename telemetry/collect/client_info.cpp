@@ -4,8 +4,10 @@
 #include <iterator>
 #include <map>
 #include <string_view>
+#include <utility>
 
 #include "collectors.h"
+#include "collector_patterns.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -147,7 +149,8 @@ int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     cJSON_AddNumberToObject(payload, "in", counters.iot_network);
     cJSON_AddNumberToObject(payload, "gn", counters.guest);
     cJSON_AddNumberToObject(payload, "mn", counters.mlo);
-    cJSON_AddItemToObject(payload, "cl", list.release());
+    if (!telemetry_attach_member(payload, "cl", std::move(list)))
+        return -1;
     *count += listed;
     return 0;
 }

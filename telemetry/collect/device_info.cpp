@@ -2,8 +2,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "collectors.h"
+#include "collector_patterns.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_snapshot.h"
@@ -102,10 +104,7 @@ static JsonPtr build_device_entry(const MeshDeviceInfo *device) {
     if (device->is_fap == 1)
         return entry;
     JsonPtr links = build_backhaul(device);
-    if (!links)
-        return nullptr;
-    cJSON_AddItemToObject(entry.get(), "bh", links.release());
-    return entry;
+    return links && telemetry_attach_member(entry.get(), "bh", std::move(links)) ? std::move(entry) : nullptr;
 }
 
 static int telemetry_add_collected_device_info(cJSON *payload, uint32_t *count) {
@@ -128,7 +127,8 @@ static int telemetry_add_collected_device_info(cJSON *payload, uint32_t *count) 
         cJSON_AddItemToArray(list.get(), entry.release());
     }
     cJSON_AddNumberToObject(payload, "dn", device_num);
-    cJSON_AddItemToObject(payload, "dl", list.release());
+    if (!telemetry_attach_member(payload, "dl", std::move(list)))
+        return -1;
     *count += static_cast<uint32_t>(device_num);
     return 0;
 }

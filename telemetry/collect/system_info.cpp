@@ -6,8 +6,10 @@
 #include <iterator>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 
 #include "collectors.h"
+#include "collector_patterns.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
@@ -398,8 +400,7 @@ static int telemetry_add_collected_system_info(const SystemInfoRecord *records, 
         cJSON_AddItemToArray(list.get(), entry.release());
         ++*items;
     }
-    cJSON_AddItemToObject(payload, "sl", list.release());
-    return 0;
+    return telemetry_attach_member(payload, "sl", std::move(list)) ? 0 : -1;
 }
 
 // The record of this node: its own address's, or the main node's, which is where a list that does not know

@@ -255,7 +255,7 @@ static bool has_changed(const cJSON *list) {
     }
     const JsonPtr sorted(cJSON_CreateArray());
     for (const std::string &text : entries)
-        cJSON_AddItemToArray(sorted.get(), cJSON_CreateString(text.c_str()));
+        telemetry_attach_element(sorted.get(), JsonPtr(cJSON_CreateString(text.c_str())));
     return telemetry_collect_digest_changed("usb", "usb_info", sorted.get(), "md5 same, don't collect!") == 1;
 }
 

@@ -87,6 +87,7 @@ TEST_F(UciParserTest, FindsPlaces) {
         {"p.@zone[0].o", UCI_OK, "z0"},
         {"p.@zone[-1].o", UCI_OK, "z1"},
         {"p.@zone", UCI_ERR_INVAL, nullptr},
+        {"p.[0]", UCI_ERR_INVAL, nullptr},
         {"p.@zone[99999999999999999999]", UCI_ERR_INVAL, nullptr},
         {"p.x.o.q", UCI_ERR_PARSE, nullptr},
         {"q.x", UCI_ERR_NOTFOUND, nullptr},
