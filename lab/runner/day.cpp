@@ -1,15 +1,19 @@
 #include "day.h"
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
 constexpr int64_t kQuarterMs = 900000, kBeforeMs = 8000;
 constexpr int kCycleMs = 120000;
+// Between two questions: each has the daemon print its whole state, which a day is not to be measured by.
+constexpr auto kPause = std::chrono::milliseconds(250);
 constexpr double kPi = 3.14159265358979;
 
 void advance(lab::Lab &lab, int64_t ms) {
@@ -19,6 +23,15 @@ void advance(lab::Lab &lab, int64_t ms) {
 
 long number_of(lab::LabNode &node, const char *line) {
     return strtol(node.state()[line].c_str(), nullptr, 10);
+}
+
+template <typename Condition> bool wait_calmly(Condition condition) {
+    return lab::wait_until(
+        [&] {
+            std::this_thread::sleep_for(kPause);
+            return condition();
+        },
+        kCycleMs);
 }
 
 // No request of the daemon is under way: a leap of its clock would let it time out.
@@ -81,11 +94,11 @@ void day_run(lab::Lab &lab, long cycles) {
             node.call("collect_all_next_time");
         const long before = number_of(node, "collect_count");
         advance(lab, kQuarterMs - kBeforeMs);
-        lab::wait_until([&] { return is_idle(node); }, kCycleMs);
+        wait_calmly([&] { return is_idle(node); });
         advance(lab, kBeforeMs + 1000);
-        if (!lab::wait_until([&] { return number_of(node, "collect_count") > before; }, kCycleMs))
+        if (!wait_calmly([&] { return number_of(node, "collect_count") > before; }))
             throw std::runtime_error("the day stands still at cycle " + std::to_string(cycle));
-        lab::wait_until([&] { return is_idle(node); }, kCycleMs);
+        wait_calmly([&] { return is_idle(node); });
         printf("\r%2ld:%02ld", cycle / 4 % 24, cycle % 4 * 15);
         fflush(stdout);
     }
