@@ -186,6 +186,44 @@ TEST_F(TelemetryUciTest, AScopeReadsOnceAndStoresTogether) {
     EXPECT_EQ(value("s", "o") + value("s", "n"), "z3");
 }
 
+TEST_F(TelemetryUciTest, ACycleKeepsItsOwnDirectoriesUntilAnException) {
+    const auto write = [&](const std::string &text) {
+        for (const char *directory : {"/etc/config", "/tmp/telemetry"})
+            root.write(std::string(directory) + "/p", "config a 's'\n\toption o '" + text + "'\n");
+    };
+    const auto values = [] { // the system's, the backup's
+        std::string both;
+        for (const uint32_t source : {TELEMETRY_UCI_SYSTEM, TELEMETRY_UCI_BACKUP}) {
+            char buffer[16] = "-";
+            telemetry_get_uci_value("p", "s", "o", buffer, sizeof(buffer), source);
+            both += buffer;
+        }
+        return both;
+    };
+    const auto seen = [&] {
+        const TelemetryUciScope scope;
+        return values();
+    };
+    write("1");
+    {
+        const TelemetryUciCycle cycle, inner;
+        EXPECT_EQ(seen(), "11");
+        write("2");
+        EXPECT_EQ(seen(), "21");
+        try {
+            TelemetryUciScope scope;
+            EXPECT_TRUE(scope.put(TELEMETRY_UCI_BACKUP, "p", "s", "o", "9", "a"));
+            EXPECT_EQ(values(), "29");
+            throw 1;
+        } catch (int) {
+        }
+        EXPECT_EQ(seen(), "22"); // read anew, without what waited
+        write("3");
+        EXPECT_EQ(seen(), "32");
+    }
+    EXPECT_EQ(seen(), "33");
+}
+
 // A context whose directories could not be set is used for nothing: a backup must not end up in /etc/config.
 TEST_F(TelemetryUciTest, WithoutItsDirectoriesNothingIsReadOrWritten) {
     root.write_config("telemetry", "config a 's'\n");
