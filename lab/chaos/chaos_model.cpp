@@ -14,7 +14,7 @@ constexpr const char *kModules[] = {
     "wireless_iot_info", "cloud_info",        "advanced_info", "restart_info",       "usb_info",
     "afc_info",          "havenguard_info_v2"};
 constexpr int kKeyExpired = -10304;
-constexpr long kTransferS = 8; // an upload has ended by then, by this machine's clock: the daemon's leaps
+constexpr int64_t kTransferMs = 20000; // an upload has ended by then, by the lab's clock
 
 int module_of(const std::string &eid) {
     const auto *found = std::find(std::begin(kModules), std::end(kModules), eid);
@@ -56,15 +56,15 @@ void Model::read_requests() {
 
 void Model::read() {
     // An upload is in the store before its request is.
-    const std::vector<lab::CloudRecord> records = world_.lab.cloud().records(last_post_);
+    const std::vector<lab::CloudRecord> arrived = world_.lab.cloud().records(last_post_);
     read_requests();
     Post post;
-    for (size_t i = 0; i < records.size(); i++) {
-        post.records.push_back(records[i]);
-        if (i + 1 == records.size() || records[i + 1].post != records[i].post) {
+    for (size_t i = 0; i < arrived.size(); i++) {
+        post.records.push_back(arrived[i]);
+        if (i + 1 == arrived.size() || arrived[i + 1].post != arrived[i].post) {
             if (sent_.empty())
                 return; // with the next reading
-            last_post_ = records[i].post;
+            last_post_ = arrived[i].post;
             post.sent = sent_.front();
             sent_.pop_front();
             take(post);
@@ -74,9 +74,10 @@ void Model::read() {
 }
 
 void Model::take(const Post &post) {
-    posts_++;
+    posts++;
     const size_t again = repeated(last_.records, post.records);
-    repeated_posts_ += again > 0 && std::abs(post.sent - last_.sent) > kTransferS ? 1 : 0;
+    const int64_t apart = world_.advanced_at(post.sent) - world_.advanced_at(last_.sent + 1);
+    repeated_posts += again > 0 && apart > kTransferMs ? 1 : 0;
     for (size_t i = again; i < post.records.size(); i++)
         take_record(post.records[i]);
     last_ = post;
@@ -86,13 +87,13 @@ void Model::take_record(const lab::CloudRecord &record) {
     const lab::JsonTree payload(cJSON_Parse(record.payload.c_str()));
     if (!cJSON_IsObject(payload.get()) || payload->child == nullptr)
         throw Finding("half a record of " + record.eid + ": " + record.payload);
-    records_++;
+    records++;
     const int module = module_of(record.eid);
     // A cycle ends where the modules begin again.
     if (module <= last_module_)
         cycles_++;
     last_module_ = module;
-    since_mark_[record.eid].push_back(record.payload);
+    since_mark[record.eid].push_back(record.payload);
     if (record.eid != "qos_info")
         return;
     const long value = static_cast<long>(lab::json_number(payload.get(), "ub", -1));
@@ -104,21 +105,22 @@ void Model::take_record(const lab::CloudRecord &record) {
 
 void Model::balance(const Status &status) {
     const std::string figures =
-        ": the cloud has " + std::to_string(posts_) + " posts (" + std::to_string(repeated_posts_) +
-        " repeated the one before) with " + std::to_string(records_) + " records of " +
+        ": the cloud has " + std::to_string(posts) + " posts (" + std::to_string(repeated_posts) +
+        " repeated the one before) with " + std::to_string(records) + " records of " +
         std::to_string(cycles_) + " cycles, the daemon collected " + std::to_string(status.records) + " in " +
         std::to_string(status.cycles) + " cycles, knows of " + std::to_string(status.accepted) +
         " accepted posts and dropped " + std::to_string(status.dropped_items) + " items";
-    const long unknown = posts_ - status.accepted;
-    if (unknown < 0 || repeated_posts_ > unknown)
+    const long unknown = posts - status.accepted;
+    if (unknown < 0 || repeated_posts > unknown)
         throw Finding("uploads that the daemon knows of and those at the cloud differ" + figures);
     if (cycles_ > status.cycles)
         throw Finding("records of more cycles than there were" + figures);
-    const long lost = status.records - records_, dropped = status.dropped_items - dropped_items_;
+    const long lost = status.records - records, dropped = status.dropped_items - dropped_items_;
     if (lost < lost_ || lost - lost_ > dropped)
         throw Finding("records are lost or doubled, and no counter tells" + figures + "; lost before " +
                       std::to_string(lost_) + ", now " + std::to_string(lost));
     lost_ = lost;
+    last_ = {}; // nothing comes again
     dropped_items_ = status.dropped_items;
 }
 

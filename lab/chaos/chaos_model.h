@@ -2,14 +2,17 @@
 // got accepted, and reads what the cloud accepted; the two have to agree.
 #pragma once
 
+#include <deque>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "chaos_world.h"
 
 namespace chaos {
+
+// By record.
+using Payloads = std::map<std::string, std::vector<std::string>>;
 
 class Model {
   public:
@@ -22,22 +25,10 @@ class Model {
     // With an empty list and nothing on its way: every record that was collected is at the cloud, or was
     // dropped and counted.
     void balance(const Status &status);
-    // Payloads by record of what came since the mark.
-    void mark() {
-        since_mark_.clear();
-    }
-    const std::map<std::string, std::vector<std::string>> &since_mark() const {
-        return since_mark_;
-    }
-    long posts() const {
-        return posts_;
-    }
-    long repeated_posts() const {
-        return repeated_posts_;
-    }
-    long records() const {
-        return records_;
-    }
+
+    Payloads since_mark; // what came since somebody cleared it
+    long posts = 0, records = 0;
+    long repeated_posts = 0; // that began with records of the one before, which had ended
 
   private:
     struct Post {
@@ -50,12 +41,9 @@ class Model {
 
     World &world_;
     Post last_;
-    std::map<std::string, std::vector<std::string>> since_mark_;
-    long last_request_ = 0, last_post_ = 0, posts_ = 0;
-    long repeated_posts_ = 0;           // that began with records of the one before, which had ended
+    long last_request_ = 0, last_post_ = 0;
     std::deque<long> sent_;             // of the accepted uploads that are not read yet
-    long records_ = 0;                  // each counted once
-    long cycles_ = 0;                   // that those came from, at least
+    long cycles_ = 0;                   // that the records came from, at least
     long lost_ = 0, dropped_items_ = 0; // at the last balance
     long setting_ = 0;
     int last_module_ = 99;

@@ -1,14 +1,14 @@
-#include "chaos_steps.h"
-
+// What happens on a hostile day: a table of steps, drawn by their weights.
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "chaos_world.h"
 #include "lab_bus.h"
 #include "lab_files.h"
 
@@ -18,16 +18,13 @@ namespace chaos {
 
 namespace {
 
-constexpr int64_t kSecondMs = 1000, kMinuteMs = 60000, kDayMs = 86400000;
-constexpr int kStartMs = 10000;
+constexpr int64_t kSecondMs = 1000, kDayMs = 86400000;
 constexpr size_t kNoise = 1500; // characters, of an option that takes any text
 
-std::string config_path(World &world, const std::string &package) {
-    return world.main().root() + "/etc/config/" + package;
-}
-
-template <typename T, size_t N> const T &any_of(World &world, const T (&list)[N]) {
-    return list[world.draw(N)];
+std::string any_word(World &world, const char *words) {
+    std::istringstream text(words);
+    const std::vector<std::string> all{std::istream_iterator<std::string>(text), {}};
+    return all[world.draw(static_cast<uint32_t>(all.size()))];
 }
 
 // Mostly the main node.
@@ -46,21 +43,10 @@ std::string bus_dies(World &world) {
     if (world.node_is_down[node])
         return "";
     world.kill_bus(node);
-    // Often it is back at once, as a supervised service is.
-    if (world.chance(60)) {
-        world.start_bus(node);
-        return of_node(node) + ", and is back";
-    }
-    return of_node(node);
-}
-
-std::string bus_stops(World &world) {
-    const size_t node = any_node(world);
-    if (world.bus[node] != Bus::up)
-        return "";
-    world.lab.node(node).bus.signal(SIGSTOP);
-    world.bus[node] = Bus::stopped;
-    return of_node(node);
+    if (world.chance(40))
+        return of_node(node);
+    world.start_bus(node); // as a supervised service
+    return of_node(node) + ", and is back";
 }
 
 void limit_descriptors(World &world, size_t node, rlim_t limit) {
@@ -71,13 +57,16 @@ void limit_descriptors(World &world, size_t node, rlim_t limit) {
     prlimit(process, RLIMIT_NOFILE, &limits, nullptr);
 }
 
-// It takes no more connections; those that it has stay.
-std::string bus_fills(World &world) {
+// Stopped, or so full that it takes no more connections; those that it has stay.
+template <Bus state> std::string bus_suffers(World &world) {
     const size_t node = any_node(world);
     if (world.bus[node] != Bus::up)
         return "";
-    limit_descriptors(world, node, 0);
-    world.bus[node] = Bus::full;
+    world.bus[node] = state;
+    if (state == Bus::stopped)
+        world.lab.node(node).bus.signal(SIGSTOP);
+    else
+        limit_descriptors(world, node, 0);
     return of_node(node);
 }
 
@@ -113,17 +102,14 @@ std::string bus_is_flooded(World &world) {
     return "400 calls";
 }
 
-// --- Services ---
+// --- Services and the cloud ---
 
 std::string service_misbehaves(World &world) {
-    static constexpr const char *kCalls[] = {
-        "tfstats",   "client_mgmt",           "client_mgmt.get_myself", "client_mgmt.get",
-        "sync",      "sync.request",          "sync.request",           "sync.list",
-        "low_power", "network.interface.wan", "network.interface.wan6",
-    };
-    static constexpr const char *kKinds[] = {"absent", "slow",     "silent",  "status", "no_data", "empty",
-                                             "types",  "nonsense", "garbage", "huge",   "twice",   "die"};
-    const std::string call = any_of(world, kCalls), kind = any_of(world, kKinds);
+    const std::string call =
+        any_word(world, "tfstats client_mgmt client_mgmt.get_myself client_mgmt.get sync sync.request "
+                        "sync.request sync.list low_power network.interface.wan network.interface.wan6");
+    const std::string kind =
+        any_word(world, "absent slow silent status no_data empty types nonsense garbage huge twice die");
     world.faults[call] = R"({"kind":")" + kind + R"(","delay_ms":)" + std::to_string(world.draw(1500)) + "}";
     std::string all;
     for (const auto &[name, fault] : world.faults)
@@ -132,58 +118,75 @@ std::string service_misbehaves(World &world) {
     return call + " " + kind;
 }
 
-// --- The cloud ---
-
-std::string cloud_misbehaves(World &world) {
-    static constexpr const char *kCalls[] = {"key", "strategy", "upload", "upload", "upload"};
-    static constexpr const char *kKinds[] = {"error_code", "empty",      "garbage", "huge", "ok",
-                                             "no_members", "wrong_type", "cut",     "drip", "cut_body"};
-    static constexpr const char *kConnects[] = {"unknown_ca", "wrong_host", "expired", "cut"};
-    static constexpr int kCodes[] = {-10301, -10303, -10304, -10306, -20105, -20107,
-                                     -20501, -20511, -20000, -29004, -1,     7};
-    const bool connect = world.chance(20);
-    const std::string call = connect ? "connect" : any_of(world, kCalls);
-    const std::string kind = connect ? any_of(world, kConnects) : any_of(world, kKinds);
-    const int code = any_of(world, kCodes);
-    const uint32_t delay = world.chance(30) ? world.draw(2000) : 0, times = 1 + world.draw(4);
-    world.lab.cloud().script(call, R"([{"kind":")" + kind + R"(","code":)" + std::to_string(code) +
-                                       R"(,"delay_ms":)" + std::to_string(delay) + R"(,"times":)" +
-                                       std::to_string(times) + "}]");
-    return call + " " + kind + " " + std::to_string(code) + " x" + std::to_string(times);
+std::string cloud_answers(World &world, const std::string &call, const std::string &kind,
+                          const std::string &code, long times, uint32_t delay_ms = 0) {
+    world.lab.cloud().script(call, R"([{"kind":")" + kind + R"(","code":)" + code + R"(,"delay_ms":)" +
+                                       std::to_string(delay_ms) + R"(,"times":)" + std::to_string(times) +
+                                       "}]");
+    return call + " " + kind + " " + code + " x" + std::to_string(times);
 }
 
-constexpr char kOften[] = "collect_interval_strategy1=1,collect_interval_strategy2=60,post_interval=1\n";
+std::string cloud_misbehaves(World &world) {
+    const bool connect = world.chance(20);
+    const std::string call = connect ? "connect" : any_word(world, "key strategy upload upload upload");
+    const std::string kind =
+        any_word(world, connect ? "unknown_ca wrong_host expired cut"
+                                : "error_code empty garbage huge ok no_members wrong_type cut drip cut_body");
+    const std::string code = any_word(world, "-10301 -10303 -10304 -10306 -20105 -20107 -20501 -20511 -20000 "
+                                             "-29004 -1 7");
+    const uint32_t delay_ms = world.chance(30) ? world.draw(2000) : 0;
+    return cloud_answers(world, call, kind, code, 1 + world.draw(4), delay_ms);
+}
 
-// It is asked for after a new key only.
-void new_strategy(World &world, const std::string &content) {
-    world.lab.cloud().set_strategy("chaos-" + std::to_string(world.events), content);
+// Of the minutes of collecting, collecting the rest and uploading. It is asked for after a new key only.
+std::string new_strategy(World &world, const std::string &minutes) {
+    std::istringstream words(minutes);
+    std::string content, part;
+    for (const char *name :
+         {"collect_interval_strategy1=", ",collect_interval_strategy2=", ",post_interval="})
+        content += std::getline(words, part, ',') ? name + part : ", please";
+    world.lab.cloud().set_strategy("chaos-" + std::to_string(world.events), content + "\n");
+    return content;
 }
 
 std::string strategy_changes(World &world) {
-    static constexpr const char *kContents[] = {
-        kOften,
-        "collect_interval_strategy1=1,collect_interval_strategy2=1,post_interval=2",
-        "collect_interval_strategy1=15,collect_interval_strategy2=1440,post_interval=240\n",
-        "collect_interval_strategy1=2,collect_interval_strategy2=60,post_interval=1\n",
-        "collect_interval_strategy1=0,collect_interval_strategy2=60,post_interval=1\n",
-        "collect_interval_strategy1=71583,collect_interval_strategy2=2147483647,post_interval=71583\n",
-        "collect_interval_strategy1=40000,collect_interval_strategy2=99999999999,post_interval=40000\n",
-        "more often, please",
-    };
-    const std::string content = any_of(world, kContents);
-    new_strategy(world, content);
     world.lab.cloud().expire_keys();
-    return content.substr(0, content.find('\n'));
+    return new_strategy(world, any_word(world, "1,60,1 1,1,2 15,1440,240 2,60,1 0,60,1 more,often "
+                                               "71583,2147483647,71583 40000,99999999999,40000"));
+}
+
+// Some exchanges with the cloud, as long as nothing keeps the daemon from them.
+std::string uploads(World &world) {
+    constexpr int kTurns = 80;
+    constexpr int64_t kObstacleMs = 29000; // it looks again after thirty seconds
+    const long wanted = 1 + world.draw(10);
+    if (world.chance(20))
+        world.lab.cloud().expire_keys();
+    else if (world.chance(75)) // the records stay for the next one
+        cloud_answers(world, "upload", "error_code", "-10306", wanted - 1);
+    long first = -1, ended = 0;
+    int obstacles = 0;
+    const auto enough = [&](const Status &now) {
+        if (now.list_records == 0 && now.state == "ready") {
+            world.advance(kSecondMs);
+            world.ask("collect_now");
+        }
+        world.ask_for_upload(now);
+        first = first < 0 ? now.ended() : first;
+        ended = now.ended() - first;
+        obstacles += now.retry_ms > kObstacleMs ? 1 : 0;
+        return ended >= wanted || obstacles > 2;
+    };
+    world.drive("upload", enough, World::ROUGHLY, kTurns);
+    return std::to_string(ended) + " of " + std::to_string(wanted);
 }
 
 // --- Clocks ---
 
 std::string time_passes(World &world) {
-    static constexpr int64_t kLeaps[] = {kSecondMs,      9 * kSecondMs,  20 * kSecondMs, 61 * kSecondMs,
-                                         61 * kSecondMs, 61 * kSecondMs, 15 * kMinuteMs, 4 * 60 * kMinuteMs};
-    const int64_t ms = any_of(world, kLeaps);
-    world.advance(ms);
-    return std::to_string(ms / 1000) + " s";
+    const std::string seconds = any_word(world, "1 9 20 61 61 61 900 14400");
+    world.advance(std::stol(seconds) * kSecondMs);
+    return seconds + " s";
 }
 
 std::string wall_clock_jumps(World &world) {
@@ -193,64 +196,69 @@ std::string wall_clock_jumps(World &world) {
     return of_node(node) + ", " + std::to_string(days) + " days";
 }
 
-// By other names, which takes no room in a full /tmp.
-std::string hide(World &world, const std::string &path) {
-    rename((world.main().root() + path).c_str(), (world.main().root() + path + ".kept").c_str());
+// --- Files ---
+
+// By another name, which takes no room in a full /tmp.
+std::string rename(World &world, const std::string &from, const std::string &to) {
+    ::rename((world.main().root() + from).c_str(), (world.main().root() + to).c_str());
     return "";
 }
 
-void show(World &world, const std::string &path) {
-    rename((world.main().root() + path + ".kept").c_str(), (world.main().root() + path).c_str());
+constexpr char kClock[] = "/tmp/run/ntpd.uptime", kNoClock[] = "/tmp/run/ntpd.kept";
+constexpr char kRole[] = "/tmp/work_mode", kNoRole[] = "/tmp/work_mode.kept";
+
+std::string tmp_fills(World &world) {
+    if (!world.has_small_tmp)
+        return "not here";
+    std::ofstream file(world.main().root() + "/tmp/fill", std::ios::binary);
+    const std::string block(4096 - world.draw(4000), 'x');
+    while (file << block << std::flush) {
+    }
+    return "";
 }
 
-constexpr char kClockFile[] = "/tmp/run/ntpd.uptime", kRoleFile[] = "/tmp/work_mode";
+constexpr char kPackages[] =
+    "telemetry qos wifi iptv network system ddns telemetry_info eco_mode bind_device_list";
 
-// --- Configuration ---
-
-constexpr const char *kPackages[] = {"telemetry", "qos",  "wifi",           "iptv",     "network",
-                                     "system",    "ddns", "telemetry_info", "eco_mode", "bind_device_list"};
-
-void write_in_place(const std::string &path, const std::string &text, size_t half) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << text.substr(0, half) << std::flush;
-    usleep(3000);
-    file << text.substr(half);
+std::string config_path(World &world, const std::string &package) {
+    return world.main().root() + "/etc/config/" + package;
 }
 
-// The package as it was before anything happened to it.
-std::string good_text(World &world, const std::string &package) {
+// The packages as they were before anything happened to them.
+const std::map<std::string, std::string> &good_texts(World &world) {
     static std::map<std::string, std::string> texts;
-    if (!texts.contains(package))
+    std::istringstream words(kPackages);
+    for (std::string package; texts.size() < 10 && words >> package;)
         texts[package] = lab::read_file(config_path(world, package));
-    return texts[package];
+    return texts;
 }
 
 std::string configuration_is_rewritten(World &world) {
-    const std::string package = any_of(world, kPackages), path = config_path(world, package);
-    const std::string text = lab::read_file(path);
-    const uint32_t way = world.draw(6);
-    if (way == 0) {
+    const std::string package = any_word(world, kPackages), path = config_path(world, package);
+    const std::string text = lab::read_file(path),
+                      way = any_word(world, "gone cut garbage huge written written");
+    const std::string half = text.substr(0, world.draw(static_cast<uint32_t>(text.size()) + 1));
+    if (way == "gone")
         std::filesystem::remove(path);
-        return package + " is gone";
-    }
-    const size_t half = text.empty() ? 0 : world.draw(static_cast<uint32_t>(text.size()));
-    if (way == 1)
-        lab::write_file(path, text.substr(0, half));
-    else if (way == 2)
-        lab::write_file(path, text.substr(0, half) + std::string("\0\xff'\"\\ config {", 14));
-    else if (way == 3)
+    if (way == "cut")
+        lab::write_file(path, half);
+    if (way == "garbage")
+        lab::write_file(path, half + std::string("\0\xff'\"\\ config {", 14));
+    if (way == "huge")
         lab::write_file(path, std::string(300000, '\'') + text);
-    else
-        write_in_place(path, text, half);
-    static constexpr const char *kWays[] = {"",        "is cut",     "is garbage",
-                                            "is huge", "is written", "is written"};
-    return package + " " + kWays[way];
+    if (way == "written") {
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file << half << std::flush;
+        usleep(3000);
+        file << text.substr(half.size());
+    }
+    return package + " is " + way;
 }
 
 void configuration_returns(World &world) {
-    for (const std::string package : kPackages) {
+    for (const auto &[package, text] : good_texts(world)) {
         if (package != "qos")
-            lab::write_file(config_path(world, package), good_text(world, package));
+            lab::write_file(config_path(world, package), text);
     }
     change_setting(world);
     world.main().daemon.signal(SIGHUP); // it may have read the cloud's address from half a file
@@ -267,88 +275,66 @@ std::string settings_change(World &world) {
     return std::to_string(world.setting) + " and noise";
 }
 
-// --- The rest of the system ---
-
-std::string tmp_fills(World &world) {
-    if (!world.has_small_tmp)
-        return "not here";
-    std::ofstream file(world.main().root() + "/tmp/fill", std::ios::binary);
-    const std::string block(4096 - world.draw(4000), 'x');
-    while (file << block << std::flush) {
-    }
-    return "";
-}
+// --- Daemons ---
 
 std::string satellite_reboots(World &world) {
     const size_t node = 1 + world.draw(2);
-    lab::LabNode &satellite = world.lab.node(node);
-    if (!world.node_is_down[node]) {
-        satellite.daemon.kill();
-        world.kill_bus(node);
-        world.node_is_down[node] = true;
-        std::filesystem::remove_all(satellite.root() + "/tmp/telemetry"); // that memory forgets
-    } else {
-        world.node_is_down[node] = false;
+    if (world.node_is_down[node]) {
         world.start_bus(node);
-        satellite.start_daemon();
+        return of_node(node) + " comes";
     }
-    return of_node(node) + (world.node_is_down[node] ? " goes" : " comes");
+    world.lab.node(node).daemon.kill();
+    world.kill_bus(node);
+    world.node_is_down[node] = true;
+    std::filesystem::remove_all(world.lab.node(node).root() + "/tmp/telemetry"); // that memory forgets
+    return of_node(node) + " goes";
 }
 
 void satellites_run(World &world) {
     for (size_t node = 1; node < world.lab.node_count(); node++) {
-        if (!world.node_is_down[node])
-            continue;
-        lab::LabNode &satellite = world.lab.node(node);
-        world.node_is_down[node] = false;
-        world.start_bus(node);
-        satellite.start_daemon();
-        lab::wait_until(
-            [&] { return !satellite.daemon.running() || satellite.wait_for_object("telemetry", 0); },
-            kStartMs);
+        if (world.node_is_down[node])
+            world.start_bus(node);
     }
 }
 
 std::string debug_is_switched(World &world) {
-    static constexpr const char *kLevels[] = {"debug", "info", "error", "what"};
-    if (world.chance(50)) {
+    const std::string level = any_word(world, "toggled toggled toggled toggled debug info error what");
+    if (level == "toggled")
         world.ask("toggle_debug");
-        return "toggled";
-    }
-    const std::string level = any_of(world, kLevels);
-    world.ask("debug", R"({"level":")" + level + R"("})");
+    else
+        world.ask("debug", R"({"level":")" + level + R"("})");
     return level;
 }
 
 std::string is_called(World &world) {
-    static constexpr const char *kMethods[] = {"collect_now",
-                                               "collect_now",
-                                               "collect_now",
-                                               "post_now",
-                                               "post_now",
-                                               "collect_all_next_time",
-                                               "collect_all_next_time",
-                                               "print",
-                                               "collect_stgy2_and_post_now",
-                                               "collect_system_info",
-                                               "collect_client_info",
-                                               "collect_usb_info",
-                                               "collect_afc_info",
-                                               "collect_device_info",
-                                               "clear"};
-    const std::string method = any_of(world, kMethods);
+    const std::string method =
+        any_word(world, "collect_now collect_now collect_now post_now post_now collect_all_next_time "
+                        "collect_all_next_time print collect_stgy2_and_post_now collect_system_info "
+                        "collect_client_info collect_usb_info collect_afc_info collect_device_info clear");
+    world.advance(kSecondMs);
     world.ask(method, method == "collect_device_info" ? R"({"ip_ap_addr":"192.168.68.1"})" : "{}");
     world.advance(200);
     return method;
 }
+
+// --- The table ---
+
+struct Step {
+    const char *name;
+    uint32_t weight;
+    // Does it; what exactly, for the report. Done again while it is in force it may do more of the same.
+    std::string (*act)(World &world);
+    // Puts everything right that `act` did, however often; null for what is over at once.
+    void (*undo)(World &world);
+};
 
 // In the order in which everything is put right.
 const Step kSteps[] = {
     {"/tmp is full", 2, tmp_fills, [](World &w) { w.main().remove("/tmp/fill"); }},
     {"satellite reboots", 5, satellite_reboots, satellites_run},
     {"bus dies", 8, bus_dies, mend_buses},
-    {"bus stops", 2, bus_stops, mend_buses},
-    {"bus takes nobody", 2, bus_fills, mend_buses},
+    {"bus stops", 2, bus_suffers<Bus::stopped>, mend_buses},
+    {"bus takes nobody", 2, bus_suffers<Bus::full>, mend_buses},
     {"bus is flooded", 2, bus_is_flooded, nullptr},
     {"service misbehaves", 12, service_misbehaves,
      [](World &w) { w.faults.clear(), w.main().set_faults("{}"); }},
@@ -356,11 +342,13 @@ const Step kSteps[] = {
      [](World &w) { w.lab.cloud().up(); }},
     {"cloud misbehaves", 12, cloud_misbehaves, [](World &w) { w.lab.cloud().reset_script(); }},
     {"keys expire", 4, [](World &w) { return w.lab.cloud().expire_keys(), ""s; }, nullptr},
-    {"strategy changes", 6, strategy_changes, [](World &w) { new_strategy(w, kOften); }},
+    {"strategy changes", 6, strategy_changes, [](World &w) { new_strategy(w, "1,60,1"); }},
     {"time passes", 24, time_passes, nullptr},
     {"wall clock jumps", 4, wall_clock_jumps, [](World &w) { w.set_clocks(); }},
-    {"clock is lost", 1, [](World &w) { return hide(w, kClockFile); }, [](World &w) { show(w, kClockFile); }},
-    {"role is lost", 1, [](World &w) { return hide(w, kRoleFile); }, [](World &w) { show(w, kRoleFile); }},
+    {"clock is lost", 1, [](World &w) { return rename(w, kClock, kNoClock); },
+     [](World &w) { rename(w, kNoClock, kClock); }},
+    {"role is lost", 1, [](World &w) { return rename(w, kRole, kNoRole); },
+     [](World &w) { rename(w, kNoRole, kRole); }},
     {"configuration is rewritten", 5, configuration_is_rewritten, configuration_returns},
     {"settings change", 6, settings_change, configuration_returns},
     {"telemetry is off", 1,
@@ -368,49 +356,53 @@ const Step kSteps[] = {
      configuration_returns},
     {"reload", 3, [](World &w) { return w.main().daemon.signal(SIGHUP), ""s; }, nullptr},
     {"debug is switched", 3, debug_is_switched, nullptr},
-    {"is called", 20, is_called, nullptr},
+    {"is called", 14, is_called, nullptr},
+    {"uploads", 30, uploads, nullptr},
 };
 bool in_force[std::size(kSteps)];
 
-// Of what is in force, something ends.
-constexpr uint32_t kUndoPercent = 30;
+constexpr uint32_t kEndPercent = 30; // of the steps, something that is in force ends
+constexpr size_t kHistory = 25;
+
+void note(World &world, const std::string &text) {
+    world.history.push_back(std::to_string(world.events) + ": " + text);
+    if (world.history.size() > kHistory)
+        world.history.pop_front();
+}
 
 } // namespace
 
 void change_setting(World &world) {
-    const std::string good = good_text(world, "qos"), before = "option upload '";
+    const std::string &good = good_texts(world).at("qos"), before = "option upload '";
     const size_t at = good.find(before) + before.size();
     lab::write_file(config_path(world, "qos"),
                     good.substr(0, at) + std::to_string(++world.setting) + good.substr(good.find('\'', at)));
 }
 
 void random_step(World &world) {
+    const bool ends = world.chance(kEndPercent);
     uint32_t total = 0;
-    for (const Step &step : kSteps)
-        total += step.weight;
+    const auto weight = [&](size_t index) { return ends ? in_force[index] : kSteps[index].weight; };
+    for (size_t index = 0; index < std::size(kSteps); index++)
+        total += weight(index);
+    world.events++;
+    if (total == 0)
+        return;
     uint32_t drawn = world.draw(total);
     size_t index = 0;
-    while (drawn >= kSteps[index].weight)
-        drawn -= kSteps[index++].weight;
+    while (drawn >= weight(index))
+        drawn -= weight(index++);
     const Step &step = kSteps[index];
-    const bool ends = in_force[index] && world.chance(kUndoPercent);
-    world.events++;
-    world.note(std::string(step.name) + (ends ? ": ends" : ""));
-    if (ends) {
+    note(world, step.name);
+    in_force[index] = !ends && step.undo != nullptr;
+    if (ends)
         step.undo(world);
-        in_force[index] = false;
-        return;
-    }
-    const std::string what = step.act(world);
-    if (!what.empty())
-        world.history.back() += ": " + what;
-    in_force[index] = step.undo != nullptr;
+    world.history.back() += ends ? " no more" : ": " + step.act(world);
 }
 
 void undo_all(World &world) {
-    for (const char *package : kPackages)
-        good_text(world, package); // before the first of them is touched
-    world.note("everything is put right");
+    good_texts(world); // before the first of them is touched
+    note(world, "everything is put right");
     for (size_t index = 0; index < std::size(kSteps); index++) {
         if (kSteps[index].undo != nullptr)
             kSteps[index].undo(world);

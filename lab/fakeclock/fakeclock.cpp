@@ -2,6 +2,8 @@
 // $LAB_CLOCK_FILE say (ms, signed, this machine's byte order). A test moves it, and whatever is due by then
 // happens at once: retries, upload intervals, time-outs. The wall clock is the machine's; with $LAB_WALL_TIME
 // (seconds since the epoch) it stands at that time, moves with the other one and by the next 8 bytes (ms).
+// With $LAB_CLOCK_SLOW the monotonic clock goes that many times slower by itself: on a busy machine nothing
+// is due before the test says so.
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -24,9 +26,11 @@ constexpr int kMaxWaitMs = 10;
 constexpr int kFirstDescriptor = 200;
 // Sleeping is measuring something over real seconds; the lab has no need to be exact.
 constexpr unsigned kSleepScale = 50;
+constexpr int64_t kSecondNs = 1000000000;
 
 const std::atomic<int64_t> *ahead_ms; // and behind it how far somebody has set the wall clock
 int64_t wall_start_ms = -1;           // -1: the machine's wall clock
+int64_t slow = 1, slow_since_ns = 0;  // the monotonic clock's speed is the machine's by `slow`, from then on
 int moves_fd = -1;                    // readable when the clock has been moved; -1: nobody tells us
 
 void watch_moves(const char *path) {
@@ -56,6 +60,12 @@ __attribute__((constructor)) void map_clock_file() {
     const char *wall = getenv("LAB_WALL_TIME");
     if (wall != nullptr)
         wall_start_ms = strtoll(wall, nullptr, 10) * 1000;
+    if (const char *wanted = getenv("LAB_CLOCK_SLOW"); wanted != nullptr) {
+        timespec now = {};
+        syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+        slow_since_ns = now.tv_sec * kSecondNs + now.tv_nsec;
+        slow = std::max<int64_t>(strtoll(wanted, nullptr, 10), 1);
+    }
 }
 
 int64_t wall_ms() {
@@ -85,13 +95,10 @@ int clock_gettime(clockid_t clock, timespec *now) noexcept {
     const long result = syscall(SYS_clock_gettime, clock, now);
     const bool monotonic = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_RAW;
     if (result == 0 && monotonic && ahead_ms != nullptr) {
-        const int64_t ahead = ahead_ms->load(std::memory_order_relaxed);
-        now->tv_sec += static_cast<time_t>(ahead / 1000);
-        now->tv_nsec += static_cast<long>(ahead % 1000 * 1000000);
-        if (now->tv_nsec >= 1000000000) {
-            now->tv_nsec -= 1000000000;
-            now->tv_sec++;
-        }
+        const int64_t ns = now->tv_sec * kSecondNs + now->tv_nsec;
+        const int64_t moved = slow_since_ns + (ns - slow_since_ns) / slow +
+                              ahead_ms->load(std::memory_order_relaxed) * (kSecondNs / 1000);
+        *now = {static_cast<time_t>(moved / kSecondNs), static_cast<long>(moved % kSecondNs)};
     }
     return static_cast<int>(result);
 }

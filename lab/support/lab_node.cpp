@@ -164,7 +164,7 @@ void LabNode::stop() {
 }
 
 BusReply LabNode::call_object(const std::string &object, const std::string &method,
-                              const std::string &arguments, int timeout_s) const {
+                              const std::string &arguments, double timeout_s) const {
     BusReply reply;
     reply.status = UBUS_STATUS_CONNECTION_FAILED;
     const BusPtr connection(ubus_connect(bus_socket().c_str()), ubus_free);
@@ -179,13 +179,13 @@ BusReply LabNode::call_object(const std::string &object, const std::string &meth
     reply.status = UBUS_STATUS_INVALID_ARGUMENT;
     if (blobmsg_add_json_from_string(&message, arguments.c_str()))
         reply.status = ubus_invoke(connection.get(), id, method.c_str(), message.head, take_reply, &reply,
-                                   timeout_s * 1000);
+                                   static_cast<int>(timeout_s * 1000));
     blob_buf_free(&message);
     reply.json.reset(cJSON_Parse(reply.text.c_str()));
     return reply;
 }
 
-BusReply LabNode::call(const std::string &method, const std::string &arguments, int timeout_s) const {
+BusReply LabNode::call(const std::string &method, const std::string &arguments, double timeout_s) const {
     return call_object("telemetry", method, arguments, timeout_s);
 }
 

@@ -51,9 +51,10 @@ class LabNode {
 
     // Calls a method of a bus object.
     BusReply call_object(const std::string &object, const std::string &method,
-                         const std::string &arguments = "{}", int timeout_s = 30) const;
+                         const std::string &arguments = "{}", double timeout_s = 30) const;
     // The same of the daemon's own object.
-    BusReply call(const std::string &method, const std::string &arguments = "{}", int timeout_s = 30) const;
+    BusReply call(const std::string &method, const std::string &arguments = "{}",
+                  double timeout_s = 30) const;
     bool wait_for_object(const std::string &object, int timeout_ms = 10000) const;
 
     // Files of the root, by the router's paths.
