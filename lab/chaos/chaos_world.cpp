@@ -102,7 +102,10 @@ void World::kill_bus(size_t node) {
 }
 
 void World::start_bus(size_t node) {
-    lab.node(node).start_bus();
+    if (bus[node] != Bus::up) {
+        lab.node(node).services.kill(); // those of the bus before would end soon: nobody would revive them
+        lab.node(node).start_bus();
+    }
     bus[node] = Bus::up;
     if (node_is_down[node])
         lab.node(node).start_daemon();
@@ -212,7 +215,7 @@ void World::check_alive() {
         if (i == 0 || exit != 0)
             throw Finding("the daemon of node " + std::to_string(i) + " has ended with " +
                           std::to_string(exit));
-        node_is_down[i] = true; // without a bus, one that has just been started gives up
+        node_is_down[i] = true; // one that has just been started gives up without a bus or its tools
     }
 }
 
