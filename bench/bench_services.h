@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 
 #include "bus_daemon.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 
 namespace {

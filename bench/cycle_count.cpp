@@ -17,6 +17,7 @@
 #include "bench_services.h"
 #include "scenario_tables.h"
 #include "sysroot.h"
+#include "telemetry_blob.h"
 #include "telemetry_collect.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"

@@ -8,6 +8,7 @@
 
 #include "bench_services.h"
 #include "sysroot.h"
+#include "telemetry_blob.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
 #include "telemetry_pre_client.h"

@@ -14,6 +14,7 @@
 
 #include "bus_daemon.h"
 #include "sysroot.h"
+#include "telemetry_blob.h"
 #include "telemetry_paths.h"
 
 static constexpr int kCalls = 10000;

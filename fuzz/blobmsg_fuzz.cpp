@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "support/fuzz_target.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 
 static const blobmsg_policy policy[] = {

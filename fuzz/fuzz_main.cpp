@@ -16,6 +16,7 @@
 #include "support/fuzz_target.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_command.h"
+#include "telemetry_blob.h"
 #include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"

@@ -283,7 +283,8 @@ TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
         bool dropped;
     } cases[] = {{"", "D1", "key", "D1", false},    {"D1", "D1", "key", "D1", false},
                  {"D10", "D1", "key", "D10", true}, {"", "D1", "", "", false},
-                 {"", "", "key", "", false},        {"D2", "", "key", "D2", true}};
+                 {"", "", "key", "", false},        {"D2", "", "key", "D2", true},
+                 {"-", "D1", "key", "-", true}};
     for (const auto &row : cases) {
         root.write_config("telemetry",
                           std::string("config cloud 'cloud'\n\toption accessDevice '") + row.owner + "'\n");

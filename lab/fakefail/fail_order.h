@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 enum FailKind : int32_t {
@@ -13,14 +14,24 @@ enum FailKind : int32_t {
                 // watched only when the file says so at the start
 };
 
+// Instead of a number: the first call that comes from where none has failed yet, by its whole call stack and
+// the error.
+inline constexpr int64_t kFailUnseen = -1;
 // Instead of an errno.
 inline constexpr int32_t kFailShort = -1; // of what is read or written only a half (EIO where there is none)
 inline constexpr int32_t kFailKill = -2;  // the daemon ends there
 
+inline constexpr size_t kFailStacks = 1 << 15;
+
 struct FailOrder {
     std::atomic<int32_t> kind;
-    std::atomic<int32_t> error; // of system calls: errno, or one of the above
-    std::atomic<int64_t> at;    // the number of the one that fails, from 1; 0: none
-    std::atomic<int64_t> seen;  // calls so far; who changes the order sets it to 0
-    std::atomic<int64_t> hit;   // size or system call of the one that failed; 0: none has
+    std::atomic<int32_t> error;     // of system calls: errno, or one of the above
+    std::atomic<int64_t> at;        // the number of the one that fails, from 1; 0: none
+    std::atomic<int64_t> seen;      // calls so far; who changes the order sets it to 0
+    std::atomic<int64_t> hit;       // size or system call of the one that failed; 0: none has
+    std::atomic<uint64_t> from[12]; // where: addresses in the program's file, the innermost first
+    // For kFailUnseen, kept over restarts of the daemon:
+    std::atomic<int64_t> unseen; // places so far, of which
+    std::atomic<int64_t> step;   // each so manieth fails (1: all)
+    std::atomic<uint64_t> stacks[kFailStacks];
 };

@@ -2,6 +2,7 @@
 // that the daemon starts are left alone.
 #include "fail_order.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -18,6 +19,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <type_traits>
 #include <ucontext.h>
 #include <unistd.h>
 #include <unwind.h>
@@ -26,65 +28,120 @@ namespace {
 
 FailOrder *order;
 
-// Counts one and tells whether it is the one.
-bool fails() {
-    return order->seen.fetch_add(1) + 1 == order->at.load();
-}
+// --- Whose code, and from where ---
 
-// --- Whose code ---
-
-struct CodeRange {
-    uintptr_t from, to;
-    bool holds(uintptr_t address) const {
-        return address >= from && address < to;
-    }
+enum Owner {
+    OTHER,
+    PROGRAM,
+    C_LIBRARY,
+    BETWEEN, // a program's code and its request: this library, C++'s, a sanitizer's
+    STAND_IN // for a driver, the log: not to fail on its own
 };
 
-CodeRange program, c_library;
-// What stands between the program's code and its request: this library, C++'s, a sanitizer's.
-CodeRange between[4];
-size_t between_count;
+struct Code {
+    uintptr_t from, to, base;
+    Owner owner;
+};
 
-void note_object(const dl_phdr_info *info, const CodeRange &code) {
-    const char *name = info->dlpi_name;
-    if (*name == '\0' && program.to == 0)
-        program = code;
-    else if (strstr(name, "/libc.so") != nullptr)
-        c_library = code;
-    else if (between_count < std::size(between) &&
-             (strstr(name, "libfakefail") != nullptr || strstr(name, "libstdc++") != nullptr ||
-              strstr(name, "libasan") != nullptr))
-        between[between_count++] = code;
+Code codes[64];
+size_t code_count;
+
+Owner owner_of(const char *name) {
+    if (*name == '\0')
+        return code_count == 0 ? PROGRAM : OTHER;
+    if (strstr(name, "/libc.so") != nullptr)
+        return C_LIBRARY;
+    for (const char *between : {"libfakefail", "libstdc++", "libasan"})
+        if (strstr(name, between) != nullptr)
+            return BETWEEN;
+    return strstr(name, "libfake") != nullptr ? STAND_IN : OTHER;
 }
 
 int find_code(dl_phdr_info *info, size_t, void *) {
     for (int i = 0; i < info->dlpi_phnum; i++) {
         const ElfW(Phdr) &part = info->dlpi_phdr[i];
         const uintptr_t from = info->dlpi_addr + part.p_vaddr;
-        if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0)
-            note_object(info, {from, from + part.p_memsz});
+        const Code code = {from, from + part.p_memsz, info->dlpi_addr, owner_of(info->dlpi_name)};
+        if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0 && code_count < std::size(codes))
+            codes[code_count++] = code;
     }
     return 0;
 }
 
-_Unwind_Reason_Code judge_frame(_Unwind_Context *frame, void *own) {
-    const uintptr_t address = _Unwind_GetIP(frame);
-    for (size_t i = 0; i < between_count; i++)
-        if (between[i].holds(address))
-            return _URC_NO_REASON;
-    *static_cast<bool *>(own) = program.holds(address);
-    return _URC_END_OF_STACK;
+const Code *code_at(uintptr_t address) {
+    for (size_t i = 0; i < code_count; i++)
+        if (address >= codes[i].from && address < codes[i].to)
+            return &codes[i];
+    return nullptr;
 }
 
-bool asked_by_program() {
-    bool own = false;
-    _Unwind_Backtrace(judge_frame, &own);
-    return own;
+struct Stack {
+    uint64_t hash;
+    Owner asker;
+    bool stand_in; // asks
+    int depth;
+    size_t own; // frames of the program
+    uint64_t from[std::extent_v<decltype(FailOrder::from)>];
+};
+
+_Unwind_Reason_Code add_frame(_Unwind_Context *frame, void *data) {
+    auto &stack = *static_cast<Stack *>(data);
+    const uintptr_t address = _Unwind_GetIP(frame);
+    const Code *code = code_at(address);
+    const Owner owner = code == nullptr ? OTHER : code->owner;
+    if (owner == BETWEEN)
+        return _URC_NO_REASON;
+    const uintptr_t place = code == nullptr ? 0 : address - code->base;
+    stack.hash = (stack.hash ^ place) * 1099511628211U;
+    stack.stand_in = stack.stand_in || owner == STAND_IN;
+    if (owner == PROGRAM && stack.own < std::size(stack.from))
+        stack.from[stack.own++] = place - 1;
+    if (stack.depth++ == 0)
+        stack.asker = owner;
+    return stack.depth < 64 ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
+
+Stack stack_here() {
+    Stack stack = {};
+    _Unwind_Backtrace(add_frame, &stack);
+    return stack;
+}
+
+// Notes a stack; false when it was noted before.
+bool note_stack(uint64_t hash) {
+    for (size_t i = 0; i < kFailStacks / 2; i++) {
+        std::atomic<uint64_t> &slot = order->stacks[(hash + i) % kFailStacks];
+        if (slot == hash)
+            return false;
+        if (slot == 0) {
+            slot = hash;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether it is the one that fails, by its number or by where it comes from.
+bool is_due(int64_t number, const Stack &stack) {
+    const int64_t at = order->at.load();
+    if (order->hit != 0 || at != kFailUnseen)
+        return order->hit == 0 && number == at;
+    const uint64_t hash = stack.hash + static_cast<uint64_t>(order->error.load()) * 7919;
+    return note_stack(hash == 0 ? 1 : hash) && order->unseen.fetch_add(1) % order->step == 0;
+}
+
+// Counts a call and tells whether it fails; `what` is told of it then.
+bool fails(const Stack &stack, int64_t what) {
+    if (stack.stand_in || !is_due(order->seen.fetch_add(1) + 1, stack))
+        return false;
+    std::copy(std::begin(stack.from), std::end(stack.from), std::begin(order->from));
+    order->hit = what;
+    return true;
+}
+
+thread_local bool inside; // of a call that has been counted
 
 // --- Memory ---
-
-thread_local bool inside; // of a request that has been counted
 
 bool refused(size_t size) {
     static std::atomic<bool> started; // what libraries ask for before the program runs is not its own matter
@@ -94,12 +151,11 @@ bool refused(size_t size) {
     if (kind != FAIL_MEMORY && kind != FAIL_OWN_MEMORY)
         return false;
     inside = true;
-    const bool counts = (kind == FAIL_MEMORY && started) || asked_by_program();
-    started = started || counts;
-    const bool now = counts && fails();
+    const Stack stack = stack_here();
+    started = started || stack.asker == PROGRAM;
+    const bool counts = stack.asker == PROGRAM || (kind == FAIL_MEMORY && started);
+    const bool now = counts && fails(stack, static_cast<int64_t>(size) + 1);
     inside = false;
-    if (now)
-        order->hit = static_cast<int64_t>(size) + 1;
     return now;
 }
 
@@ -111,7 +167,10 @@ void *cpp_new(const char *symbol, size_t size, bool throws) {
     if (refused(size)) {
         if (!throws)
             return nullptr;
-        if (const std::new_handler handler = std::get_new_handler(); handler != nullptr)
+        // The handler of the program's own C++ library, not of the one in here.
+        static auto *const get_handler = next("_ZSt15get_new_handlerv", std::get_new_handler);
+        if (const std::new_handler handler = get_handler == nullptr ? nullptr : get_handler();
+            handler != nullptr)
             handler();
         throw std::bad_alloc();
     }
@@ -185,7 +244,6 @@ long system_call(long number, const greg_t *r) {
 
 // The result in the place of the call's own, or 0 when it is to be made (with less to read or write).
 long failed_result(int number, greg_t *r) {
-    order->hit = number + 1;
     const int32_t error = order->error.load();
     if (error == kFailKill)
         kill(getpid(), SIGKILL);
@@ -202,7 +260,12 @@ long failed_result(int number, greg_t *r) {
 void answer_call(int, siginfo_t *info, void *context) {
     greg_t *r = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
     const int number = info->si_syscall;
-    const bool now = order->kind.load() == FAIL_CALLS && fails();
+    bool now = false;
+    if (order->kind.load() == FAIL_CALLS && !inside) {
+        inside = true;
+        now = fails(stack_here(), number + 1);
+        inside = false;
+    }
     const long failed = now ? failed_result(number, r) : 0;
     r[REG_RAX] = failed != 0 ? failed : system_call(number, r);
 }
@@ -220,11 +283,14 @@ void watch_calls() {
     size_t n = 0;
     const auto add = [&](sock_filter line) { filter[n++] = line; };
     // The library stands below one multiple of 4 GiB, or its calls are not watched.
+    const Code *c_library = codes;
+    while (c_library->owner != C_LIBRARY)
+        ++c_library;
     add(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kIpHigh));
-    add(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(c_library.from >> 32), 0, kCount + 4));
+    add(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(c_library->from >> 32), 0, kCount + 4));
     add(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kIpLow));
-    add(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(c_library.from), 0, kCount + 2));
-    add(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(c_library.to), kCount + 1, 0));
+    add(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(c_library->from), 0, kCount + 2));
+    add(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(c_library->to), kCount + 1, 0));
     add(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)));
     for (size_t i = 0; i < kCount; i++)
         add(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(kCalls[i]),
@@ -241,7 +307,7 @@ void watch_calls() {
 extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actions_t *actions,
                             const posix_spawnattr_t *attributes, char *const argv[], char *const env[]) {
     static auto *const real = next("posix_spawnp", posix_spawnp);
-    if (order == nullptr || order->kind.load() != FAIL_CALLS || !fails())
+    if (order == nullptr || order->kind.load() != FAIL_CALLS || !fails(stack_here(), SYS_clone + 1))
         return real(pid, file, actions, attributes, argv, env);
     greg_t none[NGREG] = {};
     return static_cast<int>(-failed_result(SYS_clone, none));
@@ -261,6 +327,9 @@ __attribute__((constructor)) static void map_order() {
         return;
     dl_iterate_phdr(find_code, nullptr);
     order = static_cast<FailOrder *>(mapped);
+    inside = true;
+    stack_here(); // what unwinding asks for once, it asks for now
+    inside = false;
     if (order->kind == FAIL_CALLS)
         watch_calls();
 }

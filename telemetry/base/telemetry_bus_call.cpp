@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "telemetry_blob.h"
 #include "telemetry_guarded.h"
 #include "telemetry_memory.h"
 
@@ -43,8 +44,6 @@ TelemetryBusError telemetry_bus_call(const char *socket, const char *object, con
     BlobBuffer empty;
     if (arguments == nullptr)
         arguments = empty.head();
-    if (arguments == nullptr)
-        return failed(UBUS_STATUS_NO_MEMORY, TELEMETRY_BUS_CALL_FAILED);
     PendingReply pending{reply, user, false};
     const int status = ubus_invoke(bus.get(), id, method, arguments, pass_reply_on, &pending, timeout_ms);
     return status == UBUS_STATUS_OK && !pending.failed ? TELEMETRY_BUS_OK

@@ -49,29 +49,6 @@ class FdHandle {
     int fd_;
 };
 
-// A blobmsg buffer, initialised as an empty table.
-class BlobBuffer {
-  public:
-    BlobBuffer() {
-        memset(&buf_, 0, sizeof(buf_));
-        blob_buf_init(&buf_, 0);
-    }
-    ~BlobBuffer() {
-        blob_buf_free(&buf_);
-    }
-    BlobBuffer(const BlobBuffer &) = delete;
-    BlobBuffer &operator=(const BlobBuffer &) = delete;
-    blob_buf *get() {
-        return &buf_;
-    }
-    blob_attr *head() {
-        return buf_.head;
-    }
-
-  private:
-    blob_buf buf_;
-};
-
 // Length of the first `length` bytes of a longer text without the UTF-8 character that the cut parts.
 inline size_t whole_characters(const char *text, size_t length) {
     for (size_t back = 1; back <= 3 && back <= length; back++) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -74,6 +75,12 @@ LoadedPackage::~LoadedPackage() {
         unload();
 }
 
+static bool succeeded(int status) {
+    if (status == UCI_ERR_MEM)
+        telemetry_memory_refused();
+    return status == UCI_OK;
+}
+
 bool LoadedPackage::load() {
     if (uci_ == nullptr)
         return false;
@@ -89,9 +96,7 @@ bool LoadedPackage::load() {
         set_aside(path, name_, "cannot be read");
         status = uci_load(uci_, path.c_str(), &package_);
     }
-    if (status == UCI_ERR_MEM)
-        telemetry_memory_refused();
-    if (status != UCI_OK)
+    if (!succeeded(status))
         package_ = nullptr;
     return package_ != nullptr;
 }
@@ -104,9 +109,9 @@ void LoadedPackage::unload() {
 
 // A commit replaces the package; one that fails may have freed it without telling.
 bool LoadedPackage::commit() {
-    const int status = uci_commit(uci_, &package_, false);
+    const bool written = succeeded(uci_commit(uci_, &package_, false));
     package_ = uci_lookup_package(uci_, name_);
-    return status == UCI_OK && package_ != nullptr;
+    return written && package_ != nullptr;
 }
 
 bool telemetry_uci_is_name(const char *text) {
@@ -148,7 +153,7 @@ bool telemetry_uci_set_option(uci_context *uci, uci_section *section, const char
     place.section = section->e.name;
     place.option = option;
     place.value = value;
-    return uci_set(uci, &place) == UCI_OK;
+    return succeeded(uci_set(uci, &place));
 }
 
 bool telemetry_uci_has_value(uci_context *uci, const char *package, const char *section, const char *option,
@@ -190,14 +195,35 @@ TelemetryUciScope::TelemetryUciScope() {
 TelemetryUciScope::~TelemetryUciScope() {
     if (outermost != this)
         return;
-    // Who is left by an exception reports nothing, and nobody reads on in what it put.
-    const bool whole =
-        std::uncaught_exceptions() == exceptions_ && telemetry_guarded("commit", [] { commit(); });
+    const bool whole = telemetry_guarded("commit", false, [&] { return finish(); });
+    if (!whole)
+        telemetry_guarded("putting back", [&] { put_back(); });
     outermost = nullptr;
     if (cycle == nullptr || !whole)
         return;
     for (const uint32_t source : kOwnSources)
         cycle->kept[source] = std::move(sources_[source].uci);
+}
+
+bool TelemetryUciScope::finish() {
+    if (std::uncaught_exceptions() == exceptions_ && telemetry_memory_failures() == refused_)
+        commit();
+    return std::uncaught_exceptions() == exceptions_ && telemetry_memory_failures() == refused_;
+}
+
+void TelemetryUciScope::put_back() {
+    for (uint32_t number = 0; number < std::size(sources_); ++number) {
+        Source &source = sources_[number];
+        source.waiting.clear();
+        source.uci.reset(); // and what it put there
+        const Packages committed = std::move(source.committed);
+        for (const auto &[package, options] : committed) {
+            for (const Waiting &one : options)
+                put(number, package.c_str(), one.section.c_str(), one.option.c_str(), one.before.c_str(),
+                    one.type.c_str());
+        }
+    }
+    commit();
 }
 
 bool TelemetryUciScope::active() {
@@ -230,7 +256,7 @@ static uci_section *add_section(uci_context *uci, uci_package *package, const ch
     place.package = package->e.name;
     place.section = section;
     place.value = type;
-    if (!telemetry_uci_is_name(section) || uci_set(uci, &place) != UCI_OK) {
+    if (!telemetry_uci_is_name(section) || !succeeded(uci_set(uci, &place))) {
         LOG_ERROR("uci_add_section failed");
         return nullptr;
     }
@@ -257,6 +283,8 @@ bool TelemetryUciScope::put(uint32_t source, const char *package, const char *se
         if (target == nullptr)
             return false;
     }
+    uci_option *entry = uci_lookup_option(uci, target, option);
+    const std::string before = entry == nullptr ? std::string() : telemetry_uci_option_text(entry);
     if (!telemetry_uci_set_option(uci, target, option, value)) {
         LOG_DEBUG("uci_set %s.%s.%s=%s failed", package, section, option, value);
         return false;
@@ -268,12 +296,16 @@ bool TelemetryUciScope::put(uint32_t source, const char *package, const char *se
             return true;
         }
     }
-    waiting.push_back({section, option, value});
+    waiting.push_back({section, option, value, type, before});
     return true;
 }
 
-bool TelemetryUciScope::commit_package(uci_context *uci, const char *package,
+bool TelemetryUciScope::commit_package(Source *source, const std::string &name,
                                        const std::vector<Waiting> &waiting) {
+    std::vector<Waiting> &committed = source->committed[name];
+    committed.insert(committed.begin(), waiting.begin(), waiting.end()); // the oldest is put back last
+    uci_context *const uci = source->uci.get();
+    const char *const package = name.c_str();
     LoadedPackage loaded(uci, package);
     const bool written = loaded.get() != nullptr && loaded.commit() && loaded.reload();
     if (!written)
@@ -295,7 +327,7 @@ bool TelemetryUciScope::commit() {
     bool stored = true;
     for (Source &source : outermost->sources_) {
         for (const auto &[package, waiting] : source.waiting)
-            stored = commit_package(source.uci.get(), package.c_str(), waiting) && stored;
+            stored = commit_package(&source, package, waiting) && stored;
         source.waiting.clear();
     }
     return stored;
@@ -306,7 +338,7 @@ void TelemetryUciScope::give_up(uci_context *uci, const char *package) {
         const auto found = source.waiting.find(package);
         if (source.uci.get() != uci || found == source.waiting.end())
             continue;
-        commit_package(uci, package, found->second);
+        commit_package(&source, package, found->second);
         source.waiting.erase(found);
     }
     if (uci_package *loaded = uci_lookup_package(uci, package); loaded != nullptr)

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "telemetry_handles.h"
+#include "telemetry_memory.h"
 #include "telemetry_platform_libs.h"
 #include "telemetry_uci.h"
 
@@ -49,7 +50,8 @@ class LoadedPackage {
 class TelemetryUciScope {
   public:
     TelemetryUciScope();
-    // Commits what still waits; drops it when an exception ends the scope.
+    // Commits what still waits. When an exception ends the scope, or memory was short meanwhile, nothing of
+    // it is reported: what it has committed is put back as it was.
     ~TelemetryUciScope();
     TelemetryUciScope(const TelemetryUciScope &) = delete;
     TelemetryUciScope &operator=(const TelemetryUciScope &) = delete;
@@ -73,15 +75,20 @@ class TelemetryUciScope {
   private:
     struct Waiting {
         std::string section, option, value;
+        std::string type, before; // of the section; of the option
     };
+    using Packages = std::map<std::string, std::vector<Waiting>>;
     struct Source {
         UciContextPtr uci;
-        std::map<std::string, std::vector<Waiting>> waiting; // by package
+        Packages waiting, committed;
     };
-    static bool commit_package(uci_context *uci, const char *package, const std::vector<Waiting> &waiting);
+    bool finish();
+    void put_back();
+    static bool commit_package(Source *source, const std::string &name, const std::vector<Waiting> &waiting);
 
     Source sources_[TELEMETRY_UCI_PROFILE + 1];
     int exceptions_ = std::uncaught_exceptions();
+    uint32_t refused_ = telemetry_memory_failures();
 };
 
 // While one lives, scopes leave their contexts of our own directories, the backup's and the profile's, to the

@@ -6,7 +6,7 @@
 
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
-#include "telemetry_handles.h"
+#include "telemetry_blob.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
@@ -57,12 +57,11 @@ static void add_role(blob_buf *reply) {
 }
 
 static void add_strategy(blob_buf *reply, const TelemetryCtx *ctx) {
-    void *table = blobmsg_open_table(reply, "strategy");
+    const BlobTable table(reply, "strategy");
     add_text(reply, "id", ctx->strategy_id);
     blobmsg_add_u32(reply, "collect_interval", ctx->collect_interval_strategy1);
     blobmsg_add_u32(reply, "collect_interval_2", ctx->collect_interval_strategy2);
     blobmsg_add_u32(reply, "post_interval", ctx->post_interval);
-    blobmsg_close_table(reply, table);
 }
 
 // uloop's inquiry wants a timer that it may not change; -1: not pending.
@@ -71,16 +70,15 @@ static int64_t remaining_ms(const uloop_timeout &timer) {
 }
 
 static void add_timers(blob_buf *reply, const TelemetryCtx *ctx) {
-    void *table = blobmsg_open_table(reply, "next");
+    const BlobTable table(reply, "next");
     add_number(reply, "collect_ms", remaining_ms(ctx->collect_timer));
     add_number(reply, "upload_ms", remaining_ms(ctx->post_timer));
     add_number(reply, "retry_ms", remaining_ms(ctx->post_retry_timer));
     blobmsg_add_u32(reply, "retries", ctx->post_retry_count);
-    blobmsg_close_table(reply, table);
 }
 
 static void add_list(blob_buf *reply, const TelemetryCtx *ctx) {
-    void *table = blobmsg_open_table(reply, "list");
+    const BlobTable table(reply, "list");
     const cJSON *oldest = cJSON_GetArrayItem(ctx->collect_list, 0);
     const cJSON *collected = cJSON_GetObjectItemCaseSensitive(oldest, "ct");
     const long bytes = ctx->collect_list == nullptr ? 0 : telemetry_json_length(ctx->collect_list);
@@ -89,33 +87,29 @@ static void add_list(blob_buf *reply, const TelemetryCtx *ctx) {
     blobmsg_add_u32(reply, "bytes", static_cast<uint32_t>(std::max(bytes, 0L)));
     if (cJSON_IsNumber(collected))
         add_number(reply, "oldest_age", time(nullptr) - static_cast<int64_t>(collected->valuedouble));
-    blobmsg_close_table(reply, table);
 }
 
 static void add_last_collection(blob_buf *reply) {
     const TelemetryFigures &figures = telemetry_figures;
     if (figures.collected == 0)
         return;
-    void *table = blobmsg_open_table(reply, "last_collection");
+    const BlobTable table(reply, "last_collection");
     add_number(reply, "time", figures.collected);
     blobmsg_add_u32(reply, "ms", figures.collect_ms);
-    void *modules = blobmsg_open_table(reply, "modules");
+    const BlobTable modules(reply, "modules");
     for (int i = 0; i < figures.module_count; ++i) {
         const TelemetryModuleFigures &module = figures.modules[i];
-        void *entry = blobmsg_open_table(reply, module.name);
+        const BlobTable entry(reply, module.name);
         blobmsg_add_u32(reply, "result", static_cast<uint32_t>(module.result));
         blobmsg_add_u32(reply, "items", module.items);
         blobmsg_add_u32(reply, "ms", module.ms);
-        blobmsg_close_table(reply, entry);
     }
-    blobmsg_close_table(reply, modules);
-    blobmsg_close_table(reply, table);
 }
 
 static void add_upload(blob_buf *reply, const char *key, const TelemetryUploadFigures &upload) {
     if (upload.time == 0)
         return;
-    void *table = blobmsg_open_table(reply, key);
+    const BlobTable table(reply, key);
     add_number(reply, "time", upload.time);
     blobmsg_add_u32(reply, "records", upload.records);
     blobmsg_add_u32(reply, "bytes", upload.bytes);
@@ -124,7 +118,6 @@ static void add_upload(blob_buf *reply, const char *key, const TelemetryUploadFi
     blobmsg_add_u32(reply, "http_status", static_cast<uint32_t>(upload.http_status));
     if (upload.has_error_code)
         blobmsg_add_u32(reply, "error_code", static_cast<uint32_t>(upload.error_code));
-    blobmsg_close_table(reply, table);
 }
 
 void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
@@ -143,10 +136,9 @@ void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
     add_last_collection(reply);
     add_upload(reply, "last_upload", figures.accepted);
     add_upload(reply, "last_failed_upload", figures.failed);
-    void *table = blobmsg_open_table(reply, "counters");
+    const BlobTable counters(reply, "counters");
     for (const CounterRow &row : kCounters)
         blobmsg_add_u64(reply, row.key, figures.*row.value);
-    blobmsg_close_table(reply, table);
 }
 
 // --- Object ---
@@ -155,10 +147,11 @@ static int status_get(ubus_context *bus, ubus_object *, ubus_request_data *reque
                       blob_attr *) {
     if (status_ctx == nullptr)
         return UBUS_STATUS_NO_DATA;
-    BlobBuffer reply;
-    if (!telemetry_guarded("status", [&] { telemetry_status_fill(reply.get(), status_ctx); }))
-        return UBUS_STATUS_NO_MEMORY;
-    return ubus_send_reply(bus, request, reply.head());
+    return telemetry_guarded("status", static_cast<int>(UBUS_STATUS_NO_MEMORY), [&] {
+        BlobBuffer reply;
+        telemetry_status_fill(reply.get(), status_ctx);
+        return ubus_send_reply(bus, request, reply.head());
+    });
 }
 
 static const ubus_method kStatusMethods[] = {
@@ -182,11 +175,13 @@ static void notify_subscribers(const char *event) {
     if (status_bus == nullptr || status_ctx == nullptr || status_object.id == 0 ||
         !status_object.has_subscribers)
         return;
-    BlobBuffer message;
-    telemetry_status_fill(message.get(), status_ctx);
-    const int status = ubus_notify(status_bus, &status_object, event, message.head(), -1);
-    if (status != UBUS_STATUS_OK)
-        LOG_ERROR("notification %s was not sent: %s", event, ubus_strerror(status));
+    telemetry_guarded("notification", [&] {
+        BlobBuffer message;
+        telemetry_status_fill(message.get(), status_ctx);
+        const int status = ubus_notify(status_bus, &status_object, event, message.head(), -1);
+        if (status != UBUS_STATUS_OK)
+            LOG_ERROR("notification %s was not sent: %s", event, ubus_strerror(status));
+    });
 }
 
 void telemetry_status_register(ubus_context *bus, const TelemetryCtx *ctx) {

@@ -6,6 +6,7 @@
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
@@ -29,9 +30,11 @@ using BusCommand = int (*)(TelemetryCtx *ctx);
 template <BusCommand Command>
 static int ubus_run_command(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *method,
                             blob_attr *) {
-    BlobBuffer reply;
-    const int result = telemetry_guarded(method, -1, [] { return Command(telemetry_ubus_ctx); });
-    return telemetry_ubus_reply(bus, request, reply.get(), result);
+    return telemetry_guarded(method, static_cast<int>(UBUS_STATUS_NO_MEMORY), [&] {
+        BlobBuffer reply; // before the command runs: it is not done and refused
+        const int result = telemetry_guarded(method, -1, [] { return Command(telemetry_ubus_ctx); });
+        return telemetry_ubus_reply(bus, request, reply, result);
+    });
 }
 
 // A query is a topic of its own: what it misses again is no news, on nodes that have no cycles too.
@@ -172,7 +175,7 @@ static void set_log_level(const char *name) {
         LOG_ERROR("param error! debug/info/error");
 }
 
-static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
+static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *method,
                           blob_attr *message) {
     blob_attr *arguments[LEVEL_ARGUMENT_COUNT] = {};
     if (message == nullptr || blobmsg_parse(kLevelPolicy, LEVEL_ARGUMENT_COUNT, arguments, blob_data(message),
@@ -181,8 +184,10 @@ static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *r
     if (arguments[LEVEL_ARGUMENT] == nullptr)
         return UBUS_STATUS_INVALID_ARGUMENT;
     set_log_level(blobmsg_get_string(arguments[LEVEL_ARGUMENT]));
-    BlobBuffer reply;
-    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+    return telemetry_guarded(method, static_cast<int>(UBUS_STATUS_NO_MEMORY), [&] {
+        BlobBuffer reply;
+        return telemetry_ubus_reply(bus, request, reply, 0);
+    });
 }
 
 // --- Object ---

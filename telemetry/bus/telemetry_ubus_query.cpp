@@ -10,6 +10,7 @@
 #include "afc_info.h"
 #include "system_info.h"
 #include "usb_info.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_json_read.h"
@@ -22,14 +23,14 @@
 
 TelemetryCtx *telemetry_ubus_ctx;
 
-int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, blob_buf *reply, int err_code) {
-    blobmsg_add_u32(reply, "err_code", static_cast<uint32_t>(err_code));
-    return ubus_send_reply(bus, request, reply->head);
+int telemetry_ubus_reply(ubus_context *bus, ubus_request_data *request, BlobBuffer &reply, int err_code) {
+    blobmsg_add_u32(reply.get(), "err_code", static_cast<uint32_t>(err_code));
+    return ubus_send_reply(bus, request, reply.head());
 }
 
 static int reply_failure(ubus_context *bus, ubus_request_data *request) {
     BlobBuffer reply;
-    return telemetry_ubus_reply(bus, request, reply.get(), -1);
+    return telemetry_ubus_reply(bus, request, reply, -1);
 }
 
 // The asking node finds the record of the answer by this.
@@ -55,12 +56,17 @@ static void add_station(blob_buf *reply, const ClientStaInfo &station) {
     if (mac_uint8_to_char(digits, sizeof(digits), address, 6) != 0 ||
         mac_to_upper_short_line(mac, digits) != 0)
         return;
-    void *table = blobmsg_open_table(reply, nullptr);
+    const BlobTable table(reply);
     blobmsg_add_string(reply, "mac_addr", mac);
     blobmsg_add_u16(reply, "pymode", static_cast<uint16_t>(station.phymode));
     blobmsg_add_u64(reply, "ng_rxrate", station.rxrate);
     blobmsg_add_u64(reply, "ng_txrate", station.txrate);
-    blobmsg_close_table(reply, table);
+}
+
+static void add_stations(blob_buf *reply, const ClientStaInfo *stations, uint32_t count) {
+    const BlobArray array(reply, "client_sta_list");
+    for (uint32_t i = 0; i < count; ++i)
+        add_station(reply, stations[i]);
 }
 
 int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
@@ -85,11 +91,8 @@ int ubus_collect_client_info(ubus_context *bus, ubus_object *, ubus_request_data
         LOG_INFO("client num is 0");
     }
     BlobBuffer reply;
-    void *array = blobmsg_open_array(reply.get(), "client_sta_list");
-    for (uint32_t i = 0; i < std::min(found, kStationCapacity); ++i)
-        add_station(reply.get(), stations[i]);
-    blobmsg_close_array(reply.get(), array);
-    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+    add_stations(reply.get(), stations.get(), std::min(found, kStationCapacity));
+    return telemetry_ubus_reply(bus, request, reply, 0);
 }
 
 // --- System ---
@@ -114,11 +117,10 @@ static constexpr SystemMember kTemperatureMembers[] = {
 };
 
 static void add_lowpower(blob_buf *reply, const SystemInfoRecord &record, bool success) {
-    void *table = blobmsg_open_table(reply, "lowpower");
+    const BlobTable table(reply, "lowpower");
     blobmsg_add_string(reply, "res", success ? "success" : "fail");
     blobmsg_add_u32(reply, "associate_time", static_cast<uint32_t>(record.lowpower_associate_time));
     blobmsg_add_u32(reply, "associate_duration", static_cast<uint32_t>(record.lowpower_associate_duration));
-    blobmsg_close_table(reply, table);
 }
 
 int ubus_collect_system_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
@@ -142,7 +144,7 @@ int ubus_collect_system_info(ubus_context *bus, ubus_object *, ubus_request_data
     blobmsg_add_u32(reply.get(), "nat_num", static_cast<uint32_t>(record->nat_num));
     add_own_mac(reply.get());
     add_lowpower(reply.get(), *record, lowpower);
-    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+    return telemetry_ubus_reply(bus, request, reply, 0);
 }
 
 // --- USB and AFC ---
@@ -164,7 +166,7 @@ int ubus_collect_usb_info(ubus_context *bus, ubus_object *, ubus_request_data *r
     blobmsg_add_string(reply.get(), "vendor_id", record->vendor_id);
     blobmsg_add_string(reply.get(), "product_id", record->product_id);
     add_own_mac(reply.get());
-    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+    return telemetry_ubus_reply(bus, request, reply, 0);
 }
 
 int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *request, const char *,
@@ -185,7 +187,7 @@ int ubus_collect_afc_info(ubus_context *bus, ubus_object *, ubus_request_data *r
         return reply_failure(bus, request);
     }
     add_own_mac(reply.get());
-    return telemetry_ubus_reply(bus, request, reply.get(), 0);
+    return telemetry_ubus_reply(bus, request, reply, 0);
 }
 
 // --- Device ---
@@ -230,14 +232,12 @@ static bool add_wired_ports(blob_buf *reply) {
     while (count > 0 && ports[count - 1].port == 0 && ports[count - 1].speed == 0)
         --count;
     blobmsg_add_u32(reply, "wired_port_used_num", static_cast<uint32_t>(used));
-    void *array = blobmsg_open_array(reply, "port_info");
+    const BlobArray array(reply, "port_info");
     for (int i = 0; i < count; ++i) {
-        void *table = blobmsg_open_table(reply, nullptr);
+        const BlobTable table(reply);
         blobmsg_add_u64(reply, "port_num", static_cast<uint64_t>(static_cast<int64_t>(ports[i].port)));
         blobmsg_add_u64(reply, "port_speed", static_cast<uint64_t>(static_cast<int64_t>(ports[i].speed)));
-        blobmsg_close_table(reply, table);
     }
-    blobmsg_close_array(reply, array);
     return found;
 }
 
@@ -275,18 +275,16 @@ static bool add_backhaul(blob_buf *reply) {
     const bool found = telemetry_collect_backhaul_info(slots) == 0;
     if (!found)
         LOG_ERROR("get bakchaul info failed");
-    void *array = blobmsg_open_array(reply, "backhaul_info");
+    const BlobArray array(reply, "backhaul_info");
     for (int i = 0; i < kBackhaulBands; ++i) {
-        void *table = blobmsg_open_table(reply, nullptr);
+        const BlobTable table(reply);
         blobmsg_add_string(reply, "backhaul_type", slots[i].backhaul_type);
         blobmsg_add_u16(reply, "backhaul_rssi", slots[i].rssi);
         blobmsg_add_u16(reply, "backhaul_txrate", stats[i].tx);
         blobmsg_add_u16(reply, "backhaul_rxrate", stats[i].rx);
         blobmsg_add_u32(reply, "backhaul_channel", static_cast<uint32_t>(slots[i].channel));
         blobmsg_add_u16(reply, "backhaul_channle_util", slots[i].chan_util);
-        blobmsg_close_table(reply, table);
     }
-    blobmsg_close_array(reply, array);
     return found;
 }
 
@@ -302,5 +300,5 @@ int ubus_collect_device_info(ubus_context *bus, ubus_object *, ubus_request_data
     complete = add_link_texts(reply.get(), address) && complete;
     complete = add_backhaul(reply.get()) && complete;
     add_own_mac(reply.get());
-    return telemetry_ubus_reply(bus, request, reply.get(), complete ? 0 : -1);
+    return telemetry_ubus_reply(bus, request, reply, complete ? 0 : -1);
 }

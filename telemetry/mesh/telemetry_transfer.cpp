@@ -1,6 +1,7 @@
 #include "telemetry_transfer.h"
 
 #include "telemetry_bus_call.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
@@ -90,13 +91,11 @@ static void build_transfer_request(blob_buf *request, int32_t opcode, bool inclu
     blobmsg_add_string(request, "target_type", "RE");
     if (include_myself)
         blobmsg_add_u8(request, "include_myself", 1);
-    void *data = blobmsg_open_table(request, "data");
+    const BlobTable data(request, "data");
     if (ip_ap_addr != nullptr) {
-        void *params = blobmsg_open_table(request, "params");
+        const BlobTable params(request, "params");
         blobmsg_add_string(request, "ip_ap_addr", ip_ap_addr);
-        blobmsg_close_table(request, params);
     }
-    blobmsg_close_table(request, data);
 }
 
 int telemetry_transfer_call(int32_t opcode, bool include_myself, const char *ip_ap_addr,

@@ -308,6 +308,8 @@ static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_c
         const char *value = get_text_member(result, row.name, row.missing, row.not_text);
         if (value == nullptr)
             return -1;
+        if (&row == kCredentials)
+            telemetry_doubt_key_owner(ctx);
         copy_text(ctx->*row.field, value);
         if (telemetry_set_uci_value("telemetry", "cloud", row.name, ctx->*row.field, TELEMETRY_UCI_SYSTEM) !=
             0)

@@ -1,3 +1,4 @@
+#include "telemetry_blob.h"
 #include "telemetry_json.h"
 #include "telemetry_json_message.h"
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 
 static std::string take(char *text) {

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "telemetry_handles.h"
+#include "telemetry_blob.h"
 
 using namespace std::string_literals;
 

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 
 class BusDaemon {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "telemetry_bus_call.h"
+#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 
 struct ServiceAnswer {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -27,7 +28,8 @@ class HomeLab {
   public:
     static constexpr int kWaitMs = 60000;
 
-    explicit HomeLab(const std::string &changes = "{}", const std::string &scenario = "home")
+    explicit HomeLab(const std::string &changes = "{}", const std::string &scenario = "home",
+                     const std::function<void(lab::LabNode &)> &before_start = {})
         : lab(lab::scenario_load(scenario,
                                  {scenario == "stock"
                                       ? "{}"
@@ -36,6 +38,8 @@ class HomeLab {
         setenv("LAB_WALL_TIME", "1767225600", 1);
         for (size_t i = 0; i < lab.node_count(); ++i)
             lab.node(i).advance_clock(0);
+        if (before_start)
+            before_start(lab.node());
         lab.start();
         require(lab.node().wait_for_state("post state", lab::kReadyForUpload, kWaitMs),
                 "get key and strategy");

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <vector>
 
+#include "telemetry_blob.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_json_message.h"
 #include "telemetry_json_read.h"

@@ -1,0 +1,282 @@
+// One failure at a time of what the main node's daemon asks for, memory or a system call, where none has
+// failed yet: at its start with key and strategy to get, in a cycle with everything to report, and in an
+// upload whose key has expired.
+//
+// FAULTS=N strikes the first N places of each stretch instead of a few spread ones and goes on after a failure;
+// FAULTS=0 all. FAULTS_ERROR=ERRNO: calls with that error only.
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <map>
+#include <sys/mman.h>
+
+#include "../../lab/fakefail/fail_order.h"
+#include "home_lab.h"
+
+namespace {
+
+using Records = std::map<std::string, std::string>; // payloads by record
+
+constexpr char kPackages[][40] = {"/etc/config/telemetry", "/etc/config/telemetry_info",
+                                  "/tmp/telemetry/telemetry"};
+
+struct Faults : ::testing::Test {
+    void start(FailKind kind) {
+        home = std::make_unique<HomeLab>("{}", "home", [&](lab::LabNode &main) {
+            lab::write_file(main.fail_file(), std::string(sizeof(FailOrder), '\0'));
+            const int fd = open(main.fail_file().c_str(), O_RDWR | O_CLOEXEC);
+            order = static_cast<FailOrder *>(
+                mmap(nullptr, sizeof(FailOrder), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+            close(fd);
+            ASSERT_NE(order, MAP_FAILED);
+            order->kind = watched = kind;
+        });
+        node = &home->lab.node();
+        info = node->read("/etc/config/telemetry_info");
+        if (getenv("FAULTS_ALONE"))
+            node->write("/tmp/sync-server/mesh_dev_list", "{}");
+        collect(); // the other nodes tell of their settings' change once
+        whole = collect();
+        ASSERT_EQ(whole.size(), 17U);
+    }
+    void TearDown() override {
+        order->at = 0;
+        EXPECT_EQ(home->stop(), "");
+        munmap(order, sizeof(FailOrder));
+    }
+
+    // What the daemon is made to do, from where, and what must hold when something failed meanwhile.
+    struct Stretch {
+        void (Faults::*prepare)();
+        void (Faults::*run)();
+        void (Faults::*look)();
+    };
+    // Strikes a stretch once at each of `places`, of which each `step`th counts.
+    void strike(const Stretch &stretch, FailKind kind, int32_t error, int places, int step) {
+        const char *wanted = getenv("FAULTS");
+        if (wanted != nullptr)
+            places = atoi(wanted) == 0 ? INT_MAX : atoi(wanted), step = 1;
+        order->step = step;
+        for (int done = 0; done < places && (!HasFailure() || wanted != nullptr); ++done) {
+            (this->*stretch.prepare)();
+            order->seen = order->hit = 0;
+            order->unseen = 1;
+            order->error = error;
+            order->at = kFailUnseen;
+            order->kind = kind;
+            (this->*stretch.run)();
+            order->at = 0;
+            order->kind = watched;
+            if (order->hit == 0) {
+                EXPECT_GT(done, 0) << "nothing was struck of " << order->seen;
+                break;
+            }
+            SCOPED_TRACE(where());
+            if (error == kFailKill)
+                expect_killed();
+            else
+                (this->*stretch.look)();
+        }
+        if (!node->daemon.running())
+            start_daemon();
+    }
+    std::string where() const {
+        std::string text = "failed: " + std::to_string(order->hit - 1) + " of " +
+                           std::to_string(order->seen) + ", addr2line -Cfpe telemetry";
+        char frame[24];
+        for (const auto &address : order->from)
+            if (address != 0) {
+                snprintf(frame, sizeof(frame), " %#lx", static_cast<unsigned long>(address));
+                text += frame;
+            }
+        return text;
+    }
+
+    // --- Steps ---
+
+    // Nothing counts as reported, what is read once is there again, and no start is counted.
+    void everything_to_report() {
+        node->call("clear");
+        node->call("collect_all_next_time");
+        node->write("/tmp/telemetry/telemetry", "");
+        node->write("/tmp/telemetry/restart", "1\n");
+        node->write("/etc/config/telemetry_info", info);
+        node->write("/tmp/cloud_heartbeat_timeout_count", "4\n");
+    }
+    // A number of the status, -1 when the daemon does not answer.
+    int64_t figure(const char *table, const char *name) const {
+        const lab::BusReply reply = node->call_object("telemetry.status", "get", "{}", 2);
+        const cJSON *value = cJSON_GetObjectItem(cJSON_GetObjectItem(reply.json.get(), table), name);
+        return cJSON_IsNumber(value) ? static_cast<int64_t>(value->valuedouble) : -1;
+    }
+    bool wait(const std::function<bool()> &done) const {
+        for (int tries = 0; tries < 300 && node->daemon.running(); ++tries) {
+            if (done())
+                return true;
+            node->advance_clock(100);
+            usleep(2000);
+        }
+        return false;
+    }
+    // A cycle ends, when it comes about at all.
+    void cycle() {
+        node->call("collect_now", "{}", 2);
+        wait([&] { return figure("next", "collect_ms") > 60000; });
+    }
+    Records records() const {
+        Records records;
+        const lab::JsonTree list(cJSON_Parse(node->state()["list"].c_str()));
+        for (const cJSON *record = list ? list->child : nullptr; record != nullptr; record = record->next)
+            records[cJSON_GetObjectItem(record, "eid")->valuestring] =
+                lab::print_json(cJSON_GetObjectItem(record, "ep"));
+        return records;
+    }
+    // The key that the records of `whole` are to go out with has expired.
+    void key_expired() {
+        if (records() != whole)
+            collect();
+        home->lab.cloud().expire_keys();
+        posts = home->lab.cloud().count("posts");
+    }
+    bool uploaded() const {
+        return home->lab.cloud().count("posts") > posts && node->number("data_collect_count") == 0;
+    }
+    void upload() {
+        node->call("post_now", "{}", 2);
+        wait([&] { return uploaded(); });
+    }
+    // No key and no strategy is there, and the daemon does not run.
+    void first_start() {
+        EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
+        for (const char *option : {"accessKey", "accessSecret", "accessDevice"})
+            node->set_config("telemetry", "cloud", option, "");
+        for (const char *option : {"strategyID", "collect_interval", "collect_interval_2", "post_interval"})
+            node->set_config("telemetry", "strategy", option, "");
+    }
+    void start_daemon() {
+        node->start_daemon();
+        wait([&] { return ready(); });
+    }
+    bool ready() const {
+        return figure("next", "collect_ms") >= 0 && node->state()["post state"] == lab::kReadyForUpload;
+    }
+    Records collect() {
+        everything_to_report();
+        cycle();
+        return records();
+    }
+
+    // --- What must hold ---
+
+    void expect_running() {
+        ASSERT_TRUE(node->daemon.running())
+            << node->read("/lab/daemon.log")
+            << node->console(std::max<size_t>(node->console_length(), 4000) - 4000);
+    }
+    // A package is what it was or what it is to be, and ends with a line.
+    void expect_packages() const {
+        for (const char *package : kPackages) {
+            const std::string text = node->read(package);
+            EXPECT_TRUE(text.empty() || text.back() == '\n') << package << "\n" << text;
+        }
+    }
+    // What the cycle had recorded is right, and the next one brings what it had not.
+    void expect_recovery() {
+        expect_running();
+        expect_packages();
+        Records both = records();
+        if (both != whole) {
+            node->call("clear");
+            node->call("collect_all_next_time");
+            cycle();
+        }
+        for (const auto &[eid, payload] : records())
+            both.emplace(eid, payload);
+        for (const auto &[eid, payload] : whole)
+            EXPECT_EQ(both[eid], payload) << eid;
+    }
+    void expect_as_before() {
+        expect_running();
+        expect_packages();
+        EXPECT_EQ(collect(), whole);
+    }
+    void expect_key() const {
+        const std::vector<lab::CloudKey> keys = home->lab.cloud().keys();
+        ASSERT_FALSE(keys.empty());
+        EXPECT_EQ(node->config("telemetry", "cloud", "accessKey"), keys.back().access_key);
+        EXPECT_EQ(node->config("telemetry", "cloud", "accessSecret"), keys.back().access_secret);
+    }
+    // All records have arrived, once the daemon was told again.
+    void expect_uploaded() {
+        expect_running();
+        for (int tries = 0; tries < 3 && !uploaded(); ++tries)
+            upload();
+        EXPECT_TRUE(uploaded()) << node->state()["post state"];
+        Records missing = whole;
+        for (const lab::CloudRecord &record : home->lab.cloud().records(posts))
+            if (lab::print_json(lab::JsonTree(cJSON_Parse(record.payload.c_str())).get()) ==
+                whole[record.eid])
+                missing.erase(record.eid);
+        EXPECT_EQ(missing, Records());
+        expect_key();
+        expect_packages();
+    }
+    // It is ready, or has said why it ended, and is when it starts again.
+    void expect_started() {
+        if (!node->daemon.running()) {
+            EXPECT_GE(node->daemon.wait(0), 0) << node->read("/lab/daemon.log");
+            EXPECT_NE(node->console(), "");
+            node->start_daemon();
+        }
+        EXPECT_TRUE(wait([&] { return ready(); })) << node->log();
+        expect_key();
+        expect_packages();
+    }
+    void expect_killed() {
+        EXPECT_EQ(node->daemon.wait(5000), -SIGKILL);
+        expect_packages();
+        start_daemon();
+        EXPECT_TRUE(ready()) << node->log();
+        EXPECT_EQ(collect(), whole);
+    }
+
+    FailOrder *order = nullptr;
+    FailKind watched = FAIL_NOTHING; // calls, when that is said at the daemon's start
+    long posts = 0;                  // before an upload
+    std::unique_ptr<HomeLab> home;
+    lab::LabNode *node = nullptr;
+    std::string info; // the package as it was before the first cycle
+    Records whole;
+};
+
+constexpr Faults::Stretch kCycle = {&Faults::everything_to_report, &Faults::cycle, &Faults::expect_recovery};
+// One reading of a file may have failed, which is then told as not there.
+constexpr Faults::Stretch kRoughCycle = {&Faults::everything_to_report, &Faults::cycle,
+                                         &Faults::expect_as_before};
+constexpr Faults::Stretch kUpload = {&Faults::key_expired, &Faults::upload, &Faults::expect_uploaded};
+constexpr Faults::Stretch kFirstStart = {&Faults::first_start, &Faults::start_daemon,
+                                         &Faults::expect_started};
+
+// Errors of system calls, each in a turn of its own.
+constexpr int32_t kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, ENOMEM, kFailShort, kFailKill};
+
+TEST_F(Faults, OfMemory) {
+    start(FAIL_NOTHING);
+    strike(kCycle, FAIL_MEMORY, 0, 14, 25);
+    strike(kUpload, FAIL_MEMORY, 0, 6, 20);
+    strike(kFirstStart, FAIL_MEMORY, 0, 6, 20);
+}
+
+TEST_F(Faults, OfCalls) {
+    start(FAIL_CALLS);
+    const char *only = getenv("FAULTS_ERROR");
+    for (const int32_t error : kErrors) {
+        if (only != nullptr && atoi(only) != error)
+            continue;
+        strike(kRoughCycle, FAIL_CALLS, error, 2, 30);
+        strike(kUpload, FAIL_CALLS, error, 1, 10);
+        strike(kFirstStart, FAIL_CALLS, error, 1, 30);
+    }
+}
+
+} // namespace
