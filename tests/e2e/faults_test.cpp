@@ -271,13 +271,15 @@ constexpr Faults::Stretch kUpload = {&Faults::key_expired, &Faults::upload, &Fau
 constexpr Faults::Stretch kFirstStart = {&Faults::first_start, &Faults::start_daemon,
                                          &Faults::expect_started};
 
-// Errors of system calls, each in a turn of its own.
-constexpr int32_t kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, ENOMEM, kFailShort, kFailKill};
-
+// What system calls fail with, each in a turn of its own.
 #ifdef FAULTS_OF_LIBRARIES
 constexpr FailKind kMemory = FAIL_MEMORY;
+constexpr int32_t kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, ENOMEM, kFailShort, kFailKill};
 #else
-constexpr FailKind kMemory = FAIL_OWN_MEMORY; // the originals have a few requests that they do not look at
+// The originals have requests that they do not look at, and wait without limit for an answer that they did
+// not get.
+constexpr FailKind kMemory = FAIL_OWN_MEMORY;
+constexpr int32_t kErrors[] = {kFailKill};
 #endif
 
 TEST_F(Faults, OfMemory) {
