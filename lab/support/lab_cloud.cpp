@@ -38,8 +38,8 @@ std::string http_exchange(int port, const std::string &request) {
     std::string answer;
     char chunk[4096];
     ssize_t got;
-    while ((got = recv(connection.fd, chunk, sizeof(chunk), 0)) > 0)
-        answer.append(chunk, static_cast<size_t>(got));
+    while ((got = recv(connection.fd, chunk, sizeof(chunk), 0)) > 0 || (got < 0 && errno == EINTR))
+        answer.append(chunk, static_cast<size_t>(std::max<ssize_t>(got, 0)));
     size_t body = answer.find("\r\n\r\n");
     if (body == answer.npos)
         throw std::runtime_error("cloud control: no answer");
