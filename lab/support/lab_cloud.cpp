@@ -1,5 +1,7 @@
 #include "lab_cloud.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
