@@ -51,7 +51,7 @@ static int set_and_commit(uci_context *uci, LoadedPackage &loaded, uci_section *
 static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, const char *package,
                                    const char *section, const char *type) {
     uci_section *added = nullptr;
-    if (uci_add_section(uci, loaded.get(), type, &added) != UCI_OK || added == nullptr) {
+    if (!telemetry_uci_succeeded(uci_add_section(uci, loaded.get(), type, &added)) || added == nullptr) {
         LOG_ERROR("uci_add_section failed");
         return nullptr;
     }
@@ -63,7 +63,7 @@ static uci_section *create_section(uci_context *uci, LoadedPackage &loaded, cons
         LOG_ERROR("uci_lookup_ptr %s failed", text.c_str());
         return nullptr;
     }
-    if (!telemetry_uci_is_name(section) || uci_rename(uci, &place) != UCI_OK) {
+    if (!telemetry_uci_is_name(section) || !telemetry_uci_succeeded(uci_rename(uci, &place))) {
         LOG_ERROR("uci_rename %s failed", text.c_str());
         return nullptr;
     }

@@ -75,7 +75,7 @@ LoadedPackage::~LoadedPackage() {
         unload();
 }
 
-static bool succeeded(int status) {
+bool telemetry_uci_succeeded(int status) {
     if (status == UCI_ERR_MEM)
         telemetry_memory_refused();
     return status == UCI_OK;
@@ -96,7 +96,7 @@ bool LoadedPackage::load() {
         set_aside(path, name_, "cannot be read");
         status = uci_load(uci_, path.c_str(), &package_);
     }
-    if (!succeeded(status))
+    if (!telemetry_uci_succeeded(status))
         package_ = nullptr;
     return package_ != nullptr;
 }
@@ -109,7 +109,7 @@ void LoadedPackage::unload() {
 
 // A commit replaces the package; one that fails may have freed it without telling.
 bool LoadedPackage::commit() {
-    const bool written = succeeded(uci_commit(uci_, &package_, false));
+    const bool written = telemetry_uci_succeeded(uci_commit(uci_, &package_, false));
     package_ = uci_lookup_package(uci_, name_);
     return written && package_ != nullptr;
 }
@@ -153,7 +153,7 @@ bool telemetry_uci_set_option(uci_context *uci, uci_section *section, const char
     place.section = section->e.name;
     place.option = option;
     place.value = value;
-    return succeeded(uci_set(uci, &place));
+    return telemetry_uci_succeeded(uci_set(uci, &place));
 }
 
 bool telemetry_uci_has_value(uci_context *uci, const char *package, const char *section, const char *option,
@@ -218,9 +218,14 @@ void TelemetryUciScope::put_back() {
         source.uci.reset(); // and what it put there
         const Packages committed = std::move(source.committed);
         for (const auto &[package, options] : committed) {
-            for (const Waiting &one : options)
-                put(number, package.c_str(), one.section.c_str(), one.option.c_str(), one.before.c_str(),
-                    one.type.c_str());
+            for (const Waiting &one : options) {
+                const LoadedPackage loaded(context(number), package.c_str());
+                if (loaded.get() != nullptr && // and nobody else has set it since
+                    telemetry_uci_has_value(context(number), package.c_str(), one.section.c_str(),
+                                            one.option.c_str(), one.value.c_str()))
+                    put(number, package.c_str(), one.section.c_str(), one.option.c_str(), one.before.c_str(),
+                        one.type.c_str());
+            }
         }
     }
     commit();
@@ -256,7 +261,7 @@ static uci_section *add_section(uci_context *uci, uci_package *package, const ch
     place.package = package->e.name;
     place.section = section;
     place.value = type;
-    if (!telemetry_uci_is_name(section) || !succeeded(uci_set(uci, &place))) {
+    if (!telemetry_uci_is_name(section) || !telemetry_uci_succeeded(uci_set(uci, &place))) {
         LOG_ERROR("uci_add_section failed");
         return nullptr;
     }

@@ -51,7 +51,7 @@ class TelemetryUciScope {
   public:
     TelemetryUciScope();
     // Commits what still waits. When an exception ends the scope, or memory was short meanwhile, nothing of
-    // it is reported: what it has committed is put back as it was.
+    // it is reported: what put() has committed is put back as it was, as far as memory allows.
     ~TelemetryUciScope();
     TelemetryUciScope(const TelemetryUciScope &) = delete;
     TelemetryUciScope &operator=(const TelemetryUciScope &) = delete;
@@ -103,6 +103,8 @@ class TelemetryUciCycle {
     UciContextPtr kept[TELEMETRY_UCI_PROFILE + 1]; // by source; none of the system's
 };
 
+// Whether a call of the library did; what it found no memory for counts as refused.
+bool telemetry_uci_succeeded(int status);
 // Section of a loaded package by name or in the form "@type[index]"; null when there is none.
 uci_section *telemetry_uci_find_section(uci_context *uci, const char *package, const char *section);
 // Sets an option of a loaded section; an empty value removes it.

@@ -183,9 +183,9 @@ static int ubus_set_debug(ubus_context *bus, ubus_object *, ubus_request_data *r
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (arguments[LEVEL_ARGUMENT] == nullptr)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    set_log_level(blobmsg_get_string(arguments[LEVEL_ARGUMENT]));
     return telemetry_guarded(method, static_cast<int>(UBUS_STATUS_NO_MEMORY), [&] {
         BlobBuffer reply;
+        set_log_level(blobmsg_get_string(arguments[LEVEL_ARGUMENT]));
         return telemetry_ubus_reply(bus, request, reply, 0);
     });
 }

@@ -78,7 +78,8 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
         LOG_DEBUG("get heartbeat timeout count %d", timeouts);
         return 0;
     }
-    cJSON_AddNumberToObject(payload, "tch", timeouts);
+    if (cJSON_AddNumberToObject(payload, "tch", timeouts) == nullptr)
+        return -1; // and the count stays
     ++*count;
     rewind(file.get());
     fputs("0\n", file.get());

@@ -141,8 +141,10 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
     int result = telemetry_guarded(module, -1, [&] {
         const TelemetryUciScope scope;
         const int collected = collector(ctx, payload.get(), &count);
-        if (telemetry_memory_failures() != refused)
-            throw std::bad_alloc(); // the scope drops what it would record as reported
+        const bool whole = collected != 0 || count < 1 ||
+                           complete_record(record.get(), module, collected_at, std::move(payload), count);
+        if (!whole || telemetry_memory_failures() != refused)
+            throw std::bad_alloc(); // the scope puts back what it recorded as reported
         return collected;
     });
     if (telemetry_memory_failures() != refused) { // what is missing in it cannot be told
@@ -156,9 +158,8 @@ void telemetry_collect_data_by_module(TelemetryCtx *ctx, CollectedDataList *list
         return;
     }
     topic.ran();
-    if (!complete_record(record.get(), module, collected_at, std::move(payload), count) ||
-        !cJSON_AddItemToArray(list, record.get())) {
-        LOG_ERROR("no memory for the record of %s", module);
+    if (!cJSON_AddItemToArray(list, record.get())) {
+        LOG_ERROR("%s has no list for its record", module);
         return;
     }
     static_cast<void>(record.release()); // the list's now

@@ -39,8 +39,8 @@ void telemetry_check_key_owner(TelemetryCtx *ctx) {
         return telemetry_keep_key_owner(ctx);
     if (strcmp(owner, ctx->dev_id) == 0)
         return;
-    LOG_INFO("the access key in the configuration is %s: a new one is fetched",
-             strcmp(owner, kNobody) == 0 ? "half written" : "another device's");
+    LOG_INFO("the access key in the configuration %s: a new one is fetched",
+             strcmp(owner, kNobody) == 0 ? "may be half written" : "is another device's");
     memset(ctx->access_key, 0, sizeof(ctx->access_key));
     memset(ctx->access_secret, 0, sizeof(ctx->access_secret));
 }

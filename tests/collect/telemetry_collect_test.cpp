@@ -13,6 +13,7 @@
 #include "telemetry_memory.h"
 #include "telemetry_pre_collect.h"
 #include "telemetry_uci_backup.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 using Messages = std::vector<std::string>;
@@ -147,14 +148,19 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
     }
 }
 
-static enum { kEnough, kRefused, kThrown } memory;
+static enum { kEnough, kRefused, kThrown, kCommitted, kNoRecord } memory;
 
 // What changed waits to be recorded when memory runs out; a record that nobody gets has reported nothing.
 static int collect_change(TelemetryCtx *, cJSON *payload, uint32_t *count) {
     cJSON_AddStringToObject(payload, "setting", "new");
     *count = static_cast<uint32_t>(telemetry_update_tmp_backup_config_md5("package", "name", payload));
-    if (memory == kRefused)
+    if (memory == kCommitted)
+        TelemetryUciScope::commit();
+    if (memory == kRefused || memory == kCommitted)
         telemetry_memory_refused();
+    cJSON_Hooks none = {[](size_t) -> void * { return nullptr; }, free};
+    if (memory == kNoRecord)
+        cJSON_InitHooks(&none);
     if (memory == kThrown)
         throw std::bad_alloc();
     return 0;
@@ -163,9 +169,10 @@ static int collect_change(TelemetryCtx *, cJSON *payload, uint32_t *count) {
 TEST_F(TelemetryCollect, WhatMemoryWasShortForIsReportedNextTime) {
     root.write_backup("");
     ctx.collect_list = cJSON_CreateArray();
-    for (const auto state : {kRefused, kThrown, kEnough, kEnough}) {
+    for (const auto state : {kRefused, kThrown, kCommitted, kNoRecord, kEnough, kEnough}) {
         memory = state;
         telemetry_collect_data_by_module(&ctx, ctx.collect_list, "qos_info", collect_change);
+        cJSON_InitHooks(nullptr);
         EXPECT_EQ(records(), state == kEnough ? 1u : 0u) << state;
     }
     EXPECT_EQ(ctx.data_collect_count, 1u);

@@ -105,6 +105,7 @@ struct Faults : ::testing::Test {
         node->write("/tmp/telemetry/telemetry", "");
         node->write("/tmp/telemetry/restart", "1\n");
         node->write("/etc/config/telemetry_info", info);
+        node->remove("/tmp/.uci/telemetry_info"); // what a failed commit left staged
         node->write("/tmp/cloud_heartbeat_timeout_count", "4\n");
     }
     // A number of the status, -1 when the daemon does not answer.
