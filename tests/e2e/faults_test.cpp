@@ -285,9 +285,9 @@ constexpr int32_t kErrors[] = {kFailKill};
 
 TEST_F(Faults, OfMemory) {
     start(FAIL_NOTHING);
-    strike(kCycle, kMemory, 0, 6, 60);
-    strike(kUpload, kMemory, 0, 2, 40);
-    strike(kFirstStart, kMemory, 0, 3, 60);
+    strike(kCycle, kMemory, 0, 4, 90);
+    strike(kUpload, kMemory, 0, 1, 40);
+    strike(kFirstStart, kMemory, 0, 2, 60);
 }
 
 TEST_F(Faults, OfCalls) {
