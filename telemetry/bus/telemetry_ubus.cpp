@@ -3,10 +3,10 @@
 
 #include <iterator>
 
+#include "telemetry_blob.h"
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
-#include "telemetry_blob.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"

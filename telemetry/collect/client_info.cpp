@@ -6,8 +6,8 @@
 #include <string_view>
 #include <utility>
 
-#include "collectors.h"
 #include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "collectors.h"
 #include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_snapshot.h"

@@ -8,8 +8,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include "collectors.h"
 #include "collector_patterns.h"
+#include "collectors.h"
 #include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "telemetry_bus_call.h"
 #include "telemetry_blob.h"
+#include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_message.h"
 #include "telemetry_json_read.h"

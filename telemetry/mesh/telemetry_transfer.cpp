@@ -1,7 +1,7 @@
 #include "telemetry_transfer.h"
 
-#include "telemetry_bus_call.h"
 #include "telemetry_blob.h"
+#include "telemetry_bus_call.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_message.h"
 #include "telemetry_json_read.h"
