@@ -278,7 +278,7 @@ bool TelemetryUciScope::put(uint32_t source, const char *package, const char *se
     const LoadedPackage loaded(uci, package);
     uci_section *target =
         loaded.get() == nullptr ? nullptr : telemetry_uci_find_section(uci, package, section);
-    if (target == nullptr) {
+    if (target == nullptr && *type != '\0') {
         LOG_DEBUG("failed to find the specified section! add now");
         if (loaded.get() == nullptr) {
             LOG_ERROR("Failed to uci_load package %s", package);
@@ -288,7 +288,7 @@ bool TelemetryUciScope::put(uint32_t source, const char *package, const char *se
         if (target == nullptr)
             return false;
     }
-    uci_option *entry = uci_lookup_option(uci, target, option);
+    uci_option *entry = target == nullptr ? nullptr : uci_lookup_option(uci, target, option);
     const std::string before = entry == nullptr ? std::string() : telemetry_uci_option_text(entry);
     if (!telemetry_uci_set_option(uci, target, option, value)) {
         LOG_DEBUG("uci_set %s.%s.%s=%s failed", package, section, option, value);

@@ -56,11 +56,11 @@ class TelemetryUciScope {
     TelemetryUciScope(const TelemetryUciScope &) = delete;
     TelemetryUciScope &operator=(const TelemetryUciScope &) = delete;
 
-    // Sets an option for everybody in the scope, in a section that is made (of `type`) when it is not there.
-    // It is stored by the package's next commit, together with all others that wait. An empty value removes
-    // the option. False, with one line, when it cannot be set.
+    // Sets an option for everybody in the scope, in a section that is made, of `type`, when it is not there;
+    // without a type it must be. It is stored by the package's next commit, together with all others that
+    // wait. An empty value removes the option. False, with one line, when it cannot be set.
     bool put(uint32_t source, const char *package, const char *section, const char *option, const char *value,
-             const char *type);
+             const char *type = "");
     // Commits every package that something waits for, and reads it back. False, with two lines for each
     // option, when one was not stored: the scope then has what the file has.
     static bool commit();

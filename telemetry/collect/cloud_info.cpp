@@ -15,6 +15,7 @@
 #include "telemetry_paths.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 static constexpr int kFirstLineSize = 128;
@@ -144,7 +145,9 @@ int telemetry_update_upgrade_config(const char *node_id, const char *version) {
     if (telemetry_compare_fwver(recorded, version) != 1)
         return 0;
     LOG_DEBUG("the device upgrade successfully");
-    if (telemetry_set_uci_value("telemetry_info", node_id, "fwver", version, TELEMETRY_UCI_SYSTEM) != 0)
+    TelemetryUciScope scope; // around it, the record's: without the record, the old version is there again
+    if (!scope.put(TELEMETRY_UCI_SYSTEM, "telemetry_info", node_id, "fwver", version) ||
+        !TelemetryUciScope::commit())
         return 1;
     const char *const save[] = {"saveconfig", "user-config", nullptr};
     int status = 0;

@@ -18,6 +18,7 @@
 #include "telemetry_memory.h"
 #include "telemetry_post.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 static constexpr char kDeviceType[] = "HOMEWIFISYSTEM";
@@ -374,14 +375,16 @@ static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes
         {"collect_interval_2", std::to_string(minutes.collect2)},
         {"post_interval", std::to_string(minutes.post)},
     };
-    for (const auto &row : rows) {
-        if (telemetry_set_uci_value("telemetry", "strategy", row.option, row.value.c_str(),
-                                    TELEMETRY_UCI_SYSTEM) != 0) {
-            LOG_ERROR("telemetry_set_uci_value error");
-            return -1;
-        }
-    }
-    return 0;
+    // One commit: after a power cut no id stands beside the intervals of another.
+    TelemetryUciScope scope;
+    const auto *failed = std::find_if_not(std::begin(rows), std::end(rows), [&](const auto &row) {
+        return scope.put(TELEMETRY_UCI_SYSTEM, "telemetry", "strategy", row.option, row.value.c_str());
+    });
+    if (failed == std::end(rows) && TelemetryUciScope::commit())
+        return 0;
+    LOG_DEBUG("uci_set_value [%s] error", (failed == std::end(rows) ? rows : failed)->value.c_str());
+    LOG_ERROR("telemetry_set_uci_value error");
+    return -1;
 }
 
 // 32-bit arithmetic, which wraps; the timers refuse what makes no interval.
