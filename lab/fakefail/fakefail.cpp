@@ -17,6 +17,7 @@
 #include <new>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/personality.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <type_traits>
@@ -270,9 +271,10 @@ void answer_call(int, siginfo_t *info, void *context) {
     r[REG_RAX] = failed != 0 ? failed : system_call(number, r);
 }
 
-// The calls of the list come to answer_call when the C library makes them: of this process alone, since
-// another program's stands elsewhere.
+// The calls of the list come to answer_call when this process's C library makes them. A program that it
+// starts has its own elsewhere: at the fixed place, where the randomized one of this process is not.
 void watch_calls() {
+    personality(ADDR_NO_RANDOMIZE);
     struct sigaction action = {};
     action.sa_sigaction = answer_call;
     action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_RESTART;
