@@ -32,6 +32,8 @@ class NodeCall {
   public:
     NodeCall(Forward *owner, const std::string &socket) : owner_(owner), bus_(ubus_connect(socket.c_str())) {}
     ~NodeCall() {
+        if (waiting_) // or the connection's end completes it, and the owner counts calls that are gone
+            ubus_abort_request(bus_, &request_);
         if (bus_ != nullptr)
             ubus_free(bus_);
     }

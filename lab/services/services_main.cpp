@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -84,6 +85,7 @@ class Services {
     Scenario scenario_ = scenario_load(required("LAB_SCENARIO"));
     const ScenarioNode *self_ = scenario_.node(required("LAB_NODE"));
     FaultFile faults_{root_ + "/lab/faults.json"};
+    bool changed_ = false;
     ForwardLimits limits_;
     std::vector<std::unique_ptr<ServiceObject>> objects_;
     std::vector<std::unique_ptr<PendingCall>> pending_;
@@ -154,7 +156,8 @@ void Services::register_objects() {
 }
 
 void Services::check_faults() {
-    if (faults_.refresh())
+    changed_ |= faults_.refresh();
+    if (std::exchange(changed_, false))
         register_objects();
     std::erase_if(pending_, [](const auto &call) { return call->answered; });
     fault_timer_.set(kFaultCheckMs);
@@ -222,7 +225,7 @@ int Services::forward(PendingCall &call, blob_attr *message) {
 
 int Services::serve(ServiceObject &service, ubus_request_data *request, const char *method,
                     blob_attr *message) {
-    faults_.refresh();
+    changed_ |= faults_.refresh(); // what that puts on the bus or off it has to wait for the call's end
     auto call = std::make_unique<PendingCall>();
     call->fault = faults_.take(service.name, method);
     switch (call->fault.kind) {
