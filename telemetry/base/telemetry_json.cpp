@@ -1,5 +1,6 @@
 #include "telemetry_json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -214,18 +215,25 @@ struct LengthSink {
     }
 };
 
-// Writes to a buffer that LengthSink has measured.
+// Writes to a buffer, up to its end.
 struct TextSink {
     char *at;
+    char *end;
 
+    size_t room(size_t count) const {
+        return std::min(count, static_cast<size_t>(end - at));
+    }
     void put(char c) {
-        *at++ = c;
+        if (at < end)
+            *at++ = c;
     }
     void fill(char c, size_t count) {
+        count = room(count);
         memset(at, c, count);
         at += count;
     }
     void raw(const char *text, size_t count) {
+        count = room(count);
         memcpy(at, text, count);
         at += count;
     }
@@ -269,11 +277,10 @@ struct TextSink {
             return;
         }
         char digits[20];
-        char *const end = digits + sizeof(digits);
-        const char *const start = write_digits(end, form.magnitude);
+        const char *const start = write_digits(digits + sizeof(digits), form.magnitude);
         if (form.negative)
             put('-');
-        raw(start, static_cast<size_t>(end - start));
+        raw(start, static_cast<size_t>(digits + sizeof(digits) - start));
         if (form.fraction_zero)
             raw(".00", 3);
     }
@@ -386,7 +393,7 @@ template <bool Formatted> static TextPtr print_tree(const cJSON *item, size_t *l
         telemetry_memory_refused();
         return nullptr;
     }
-    TextSink write{text.get()};
+    TextSink write{text.get(), text.get() + measure.length};
     put_tree<Formatted>(write, item);
     *write.at = '\0';
     if (length != nullptr)
@@ -400,6 +407,14 @@ TextPtr telemetry_json_print(const cJSON *item, size_t *length) {
 
 TextPtr telemetry_json_print_formatted(const cJSON *item) {
     return print_tree<true>(item, nullptr);
+}
+
+size_t telemetry_json_print_to(const cJSON *item, char *buffer, size_t size) {
+    TextSink write{buffer, buffer + size};
+    if (!put_tree<false>(write, item) || write.at == write.end)
+        return 0;
+    *write.at = '\0';
+    return static_cast<size_t>(write.at - buffer);
 }
 
 long telemetry_json_length(const cJSON *item) {

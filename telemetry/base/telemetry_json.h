@@ -11,7 +11,10 @@
 // or invalid tree or when memory runs out.
 TextPtr telemetry_json_print(const cJSON *item, size_t *length = nullptr);
 
-// The same with line breaks and tabs, for people.
+// The same into `buffer` of `size` bytes, without measuring it first: its length, 0 when it does not fit.
+size_t telemetry_json_print_to(const cJSON *item, char *buffer, size_t size);
+
+// The same as telemetry_json_print with line breaks and tabs, for people.
 TextPtr telemetry_json_print_formatted(const cJSON *item);
 
 // Length of the compact text without making it: -1 for a null or invalid tree.

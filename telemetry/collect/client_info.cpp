@@ -9,7 +9,7 @@
 #include "collector_patterns.h"
 #include "collectors.h"
 #include "telemetry_handles.h"
-#include "telemetry_json_read.h"
+#include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_snapshot.h"
 #include "telemetry_utils.h"
@@ -45,68 +45,79 @@ static void count_client(const PreClientInfo *client, ClientCounters *counters) 
         ++counters->mlo;
 }
 
-// Keys are constant texts, which the tree only refers to: with hundreds of clients copies would be a quarter
-// of it.
-static void add_member(cJSON *object, const char *key, cJSON *item) {
-    if (!cJSON_AddItemToObjectCS(object, key, item))
-        cJSON_Delete(item);
-}
-
-static void add_number(cJSON *object, const char *key, double number) {
-    add_member(object, key, cJSON_CreateNumber(number));
-}
-
-// Null stands for a missing constant text.
-static void add_constant(cJSON *object, const char *key, const char *text) {
-    add_member(object, key, text != nullptr ? cJSON_CreateStringReference(text) : cJSON_CreateNull());
-}
-
-static void add_text(cJSON *object, const char *key, const char *text) {
-    add_member(object, key, cJSON_CreateString(text));
-}
-
-static void add_digest(cJSON *object, const char *key, const char *mac) {
-    telemetry_add_mac_md5_to_cJSON_object(object, key, mac);
-}
-
-// By what the snapshot says: the text that the first entry with it holds, and the later ones refer to. All go
-// together, with the list.
-using SharedTexts = std::map<std::string_view, const char *>;
-
-static void add_shared(cJSON *object, const char *key, const char *source,
-                       void (*add)(cJSON *, const char *, const char *), SharedTexts *texts) {
-    const char *&text = (*texts)[source];
-    if (text != nullptr) {
-        add_constant(object, key, text);
-        return;
+// One entry, printed from nodes that stand in it: what is allocated, and kept until the upload, is its text. A
+// tree of thirteen nodes would be five times as much. Texts outlive the entry.
+class ClientEntry {
+  public:
+    // Null stands for a missing text.
+    void add_text(const char *key, const char *text) {
+        add(key, text != nullptr ? cJSON_String : cJSON_NULL)->valuestring = const_cast<char *>(text);
     }
-    add(object, key, source);
-    text = json_text(object, key);
-}
+    void add_number(const char *key, double number) {
+        add(key, cJSON_Number)->valuedouble = number;
+    }
+    // Without the key when there is no digest.
+    void add_digest(const char *key, const char *digest) {
+        if (*digest != '\0')
+            add_text(key, digest);
+    }
+    JsonPtr as_text() {
+        object_.type = cJSON_Object;
+        object_.child = count_ > 0 ? members_ : nullptr;
+        char text[kTextSize];
+        return JsonPtr(telemetry_json_print_to(&object_, text, sizeof(text)) > 0 ? cJSON_CreateRaw(text) : nullptr);
+    }
 
-struct ClientTexts {
-    SharedTexts nodes;
-    SharedTexts connections;
+  private:
+    static constexpr int kMembers = 12;
+    // Keys, two digests, six numbers of at most 23 characters, and texts of which the longest is what a service
+    // says in at most 15 bytes, each of which may become six.
+    static constexpr size_t kTextSize = 768;
+
+    cJSON *add(const char *key, int type) {
+        cJSON *member = &members_[count_];
+        if (count_ > 0)
+            members_[count_ - 1].next = member;
+        ++count_;
+        member->type = type;
+        member->string = const_cast<char *>(key);
+        return member;
+    }
+
+    cJSON object_ = {};
+    cJSON members_[kMembers] = {};
+    int count_ = 0;
 };
 
-static JsonPtr build_client_entry(const PreClientInfo *client, ClientTexts *texts) {
-    JsonPtr entry(cJSON_CreateObject());
-    if (!entry)
-        return nullptr;
-    cJSON *object = entry.get();
-    add_digest(object, "mk", client->mac);
-    add_shared(object, "am", client->ap_mac, add_digest, &texts->nodes);
-    add_constant(object, "type", device_type_name(client->client_type));
-    add_constant(object, "iname", client->iot_module);
-    add_constant(object, "itype", client->iot_category);
-    add_shared(object, "ctype", client->connection_type, add_text, &texts->connections);
-    add_number(object, "ngtx", static_cast<int32_t>(client->txrate));
-    add_number(object, "ngrx", static_cast<int32_t>(client->rxrate));
-    add_number(object, "retx", static_cast<double>(client->retx_byte));
-    add_number(object, "rerx", static_cast<double>(client->rerx_byte));
-    add_number(object, "sl", std::max(client->signal_level_5g, client->signal_level_2g));
-    add_number(object, "sm", static_cast<int32_t>(client->phymode));
-    return entry;
+// Empty when there is no MAC.
+struct MacDigest {
+    char text[33];
+
+    explicit MacDigest(const char *mac) {
+        if (md5_encode_str(reinterpret_cast<const uint8_t *>(mac), static_cast<int32_t>(strlen(mac)), text) != 0)
+            text[0] = '\0';
+    }
+};
+
+// Of the nodes that clients hang from, by the MAC in the snapshot.
+using NodeDigests = std::map<std::string_view, MacDigest>;
+
+static JsonPtr build_client_entry(const PreClientInfo *client, NodeDigests *nodes) {
+    const MacDigest digest(client->mac);
+    ClientEntry entry;
+    entry.add_digest("mk", digest.text);
+    entry.add_digest("am", nodes->try_emplace(client->ap_mac, client->ap_mac).first->second.text);
+    entry.add_text("type", device_type_name(client->client_type));
+    entry.add_text("iname", client->iot_module);
+    entry.add_text("itype", client->iot_category);
+    entry.add_text("ctype", client->connection_type);
+    entry.add_number("ngtx", static_cast<int32_t>(client->txrate));
+    entry.add_number("ngrx", static_cast<int32_t>(client->rxrate));
+    entry.add_number("retx", static_cast<double>(client->retx_byte));
+    entry.add_number("rerx", static_cast<double>(client->rerx_byte));
+    entry.add_number("sl", std::max(client->signal_level_5g, client->signal_level_2g));
+    entry.add_number("sm", static_cast<int32_t>(client->phymode));
+    return entry.as_text();
 }
 
 int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
@@ -130,13 +141,13 @@ int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
         return -1;
     }
     ClientCounters counters = {};
-    ClientTexts texts;
+    NodeDigests nodes;
     uint32_t listed = 0;
     for (const PreClientInfo *client = clients; client < clients + client_num; ++client) {
         if (client->is_exist == 0)
             continue;
         count_client(client, &counters);
-        JsonPtr entry = build_client_entry(client, &texts);
+        JsonPtr entry = build_client_entry(client, &nodes);
         if (!entry) {
             LOG_ERROR("cJSON_CreateObject failed");
             return -1;
