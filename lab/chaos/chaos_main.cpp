@@ -44,6 +44,7 @@ class Day {
     void speak_again();
     void upload_all();
     void settle();
+    void collect_all();
     void expect_whole(const Payloads &records) const;
     void expect_levels();
 
@@ -103,10 +104,15 @@ void Day::expect_whole(const Payloads &records) const {
         if (!records.contains(eid))
             throw Finding("after all was put right, the cycle has no " + std::string(eid));
     }
+    // A cycle that was due by itself may have come before, and reports everything in place of the one asked
+    // for.
     for (const char *eid : kConstant) {
-        const std::string now = records.at(eid).back();
-        if (reference_.contains(eid) && !now.ends_with(reference_.at(eid).back().substr(1)))
-            throw Finding(std::string(eid) + " is not what it was: " + now + " not " +
+        const std::vector<std::string> &all = records.at(eid);
+        const auto is_whole = [&](const std::string &text) {
+            return text.ends_with(reference_.at(eid).back().substr(1));
+        };
+        if (reference_.contains(eid) && std::none_of(all.begin(), all.end(), is_whole))
+            throw Finding(std::string(eid) + " is not what it was: " + all.back() + " not " +
                           reference_.at(eid).back());
     }
     const std::string value = "\"ub\":" + std::to_string(world_.setting) + ",";
@@ -136,15 +142,7 @@ void Day::expect_levels() {
                       std::to_string(now.memory_kb));
 }
 
-void Day::recover() {
-    undo_all(world_);
-    for (size_t node = 0; node < world_.lab.node_count(); node++)
-        wait_for_node(node);
-    world_.drive("answer", answers);
-    speak_again();
-    world_.drive("become ready", [](const Status &now) { return now.state == "ready"; });
-    settle();
-
+void Day::collect_all() {
     change_setting(world_);
     model_.since_mark.clear();
     world_.ask("collect_all_next_time", "{}", kAnswerS);
@@ -155,6 +153,23 @@ void Day::recover() {
     const auto collected = [&](const Status &now) { return now.cycles > cycles; };
     world_.drive("collect", collected, World::GENTLY);
     settle();
+}
+
+void Day::recover() {
+    undo_all(world_);
+    for (size_t node = 0; node < world_.lab.node_count(); node++)
+        wait_for_node(node);
+    world_.drive("answer", answers);
+    speak_again();
+    world_.drive("become ready", [](const Status &now) { return now.state == "ready"; });
+    settle();
+
+    // On a busy machine the clock leaps while a command runs, which then has taken too long.
+    size_t before = 0;
+    do {
+        before = world_.main().console_length();
+        collect_all();
+    } while (world_.main().count_in_console("ms and is killed", before) > 0);
     if (!memory_.empty())
         expect_whole(model_.since_mark);
     if (memory_.size() == 1)
