@@ -24,6 +24,8 @@ namespace {
 constexpr int kMaxWaitMs = 10;
 // Above the descriptors that a program counts on.
 constexpr int kFirstDescriptor = 200;
+// Descriptors that a call of poll may have; with more it does not see a move.
+constexpr nfds_t kPolled = 31;
 // Sleeping is measuring something over real seconds; the lab has no need to be exact.
 constexpr unsigned kSleepScale = 50;
 constexpr int64_t kSecondNs = 1000000000;
@@ -124,17 +126,25 @@ int epoll_wait(int fd, epoll_event *events, int count, int timeout_ms) {
     return static_cast<int>(syscall(SYS_epoll_pwait, fd, events, count, timeout_ms, nullptr, 0));
 }
 
-// Waits in short turns, until the moved clock is past the time.
+// Ends when a descriptor is ready or the moved clock is past the time: a move has it looked at again.
 int poll(pollfd *fds, nfds_t count, int timeout_ms) {
-    if (ahead_ms == nullptr || timeout_ms == 0)
+    pollfd ends[kPolled + 1];
+    if (ahead_ms == nullptr || timeout_ms == 0 || count > kPolled)
         return static_cast<int>(syscall(SYS_poll, fds, count, timeout_ms));
     const int64_t end = monotonic_ms() + timeout_ms;
     for (;;) {
-        const int64_t left = timeout_ms < 0 ? kMaxWaitMs : std::max<int64_t>(end - monotonic_ms(), 0);
-        const int turn = static_cast<int>(std::min<int64_t>(left, kMaxWaitMs));
-        const int ready = static_cast<int>(syscall(SYS_poll, fds, count, turn));
-        if (ready != 0 || left == 0)
-            return ready;
+        std::copy_n(fds, count, ends);
+        ends[count] = {moves_fd, POLLIN, 0};
+        const int64_t left = timeout_ms < 0 ? -1 : std::max<int64_t>(end - monotonic_ms(), 0);
+        const bool short_turn = moves_fd < 0 && (left < 0 || left > kMaxWaitMs);
+        const long ready =
+            syscall(SYS_poll, ends, count + 1, short_turn ? kMaxWaitMs : static_cast<int>(left));
+        const bool moved = ready > 0 && ends[count].revents != 0;
+        if (moved)
+            forget_moves();
+        std::copy_n(ends, count, fds);
+        if (ready < 0 || ready > (moved ? 1 : 0) || left == 0)
+            return static_cast<int>(ready - (moved ? 1 : 0));
     }
 }
 
