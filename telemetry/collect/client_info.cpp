@@ -45,8 +45,8 @@ static void count_client(const PreClientInfo *client, ClientCounters *counters) 
         ++counters->mlo;
 }
 
-// One entry, printed from nodes that stand in it: what is allocated, and kept until the upload, is its text. A
-// tree of thirteen nodes would be five times as much. Texts outlive the entry.
+// One entry, printed from nodes that stand in it: what is allocated, and kept until the upload, is its text.
+// A tree of thirteen nodes would be five times as much. Texts outlive the entry.
 class ClientEntry {
   public:
     // Null stands for a missing text.
@@ -65,13 +65,14 @@ class ClientEntry {
         object_.type = cJSON_Object;
         object_.child = count_ > 0 ? members_ : nullptr;
         char text[kTextSize];
-        return JsonPtr(telemetry_json_print_to(&object_, text, sizeof(text)) > 0 ? cJSON_CreateRaw(text) : nullptr);
+        return JsonPtr(telemetry_json_print_to(&object_, text, sizeof(text)) > 0 ? cJSON_CreateRaw(text)
+                                                                                 : nullptr);
     }
 
   private:
     static constexpr int kMembers = 12;
-    // Keys, two digests, six numbers of at most 23 characters, and texts of which the longest is what a service
-    // says in at most 15 bytes, each of which may become six.
+    // Keys, two digests, six numbers of at most 23 characters, and texts of which the longest is what a
+    // service says in at most 15 bytes, each of which may become six.
     static constexpr size_t kTextSize = 768;
 
     cJSON *add(const char *key, int type) {
@@ -94,7 +95,8 @@ struct MacDigest {
     char text[33];
 
     explicit MacDigest(const char *mac) {
-        if (md5_encode_str(reinterpret_cast<const uint8_t *>(mac), static_cast<int32_t>(strlen(mac)), text) != 0)
+        if (md5_encode_str(reinterpret_cast<const uint8_t *>(mac), static_cast<int32_t>(strlen(mac)), text) !=
+            0)
             text[0] = '\0';
     }
 };
