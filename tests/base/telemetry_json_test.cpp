@@ -14,6 +14,10 @@ static std::string print(const cJSON *item) {
     if (text == nullptr)
         return "(null)";
     EXPECT_EQ(strlen(text.get()), length);
+    std::string room(length + 1, '~'); // and one byte less is not enough
+    EXPECT_EQ(telemetry_json_print_to(item, room.data(), length), 0u);
+    EXPECT_EQ(telemetry_json_print_to(item, room.data(), length + 1), length);
+    EXPECT_STREQ(room.c_str(), text.get());
     return text.get();
 }
 
