@@ -42,9 +42,10 @@ class Model {
     World &world_;
     Post last_;
     long last_request_ = 0, last_post_ = 0;
-    std::deque<long> sent_;             // of the accepted uploads that are not read yet
-    long cycles_ = 0;                   // that the records came from, at least
-    long lost_ = 0, dropped_items_ = 0; // at the last balance
+    std::deque<long> sent_;                           // of the accepted uploads that are not read yet
+    long cycles_ = 0;                                 // that the records came from, at least
+    long lost_ = 0, dropped_items_ = 0, unknown_ = 0; // at the last balance
+    long again_ = 0;                                  // records that came again, since then
     long setting_ = 0;
     int last_module_ = 99;
 };
