@@ -23,8 +23,6 @@ struct json_text {
     bool pretty;
     int indent;
     int depth;
-    blobmsg_json_format_t cb;
-    void *priv;
 };
 
 static void put_bytes(json_text *out, const char *bytes, size_t len) {
@@ -125,11 +123,6 @@ static void put_number(json_text *out, blob_attr *attr) {
 static void put_list(json_text *out, blob_attr *attr, bool array);
 
 static void put_value(json_text *out, blob_attr *attr) {
-    const char *custom = out->cb ? out->cb(out->priv, attr) : nullptr;
-    if (custom) {
-        put_text(out, custom);
-        return;
-    }
     const char *text = nullptr;
     switch (blobmsg_type(attr)) {
     case BLOBMSG_TYPE_UNSPEC:
@@ -186,8 +179,8 @@ static void put_list(json_text *out, blob_attr *attr, bool array) {
     put_text(out, array ? "]" : "}");
 }
 
-static json_text new_text(blobmsg_json_format_t cb, void *priv, int indent) {
-    return {nullptr, 0, 0, false, indent >= 0, indent < 0 ? 0 : indent, 0, cb, priv};
+static json_text new_text(int indent) {
+    return {nullptr, 0, 0, false, indent >= 0, indent < 0 ? 0 : indent, 0};
 }
 
 static char *finish_text(json_text *out) {
@@ -197,11 +190,10 @@ static char *finish_text(json_text *out) {
     return nullptr;
 }
 
-char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,
-                                  int indent) {
+char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent) {
     if (!attr || (!list && !blobmsg_check_attr(attr, false)))
         return nullptr;
-    json_text out = new_text(cb, priv, indent);
+    json_text out = new_text(indent);
     if (list) {
         put_list(&out, attr, blob_is_extended(attr) && blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
     } else {
@@ -212,11 +204,10 @@ char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_jso
     return finish_text(&out);
 }
 
-char *blobmsg_format_json_value_with_cb(struct blob_attr *attr, blobmsg_json_format_t cb, void *priv,
-                                        int indent) {
+char *blobmsg_format_json_value(struct blob_attr *attr) {
     if (!attr || !blobmsg_check_attr(attr, false))
         return nullptr;
-    json_text out = new_text(cb, priv, indent);
+    json_text out = new_text(-1);
     put_value(&out, attr);
     return finish_text(&out);
 }

@@ -93,10 +93,6 @@ bool blobmsg_add_object(struct blob_buf *b, struct json_object *obj) {
     return add_or_undo(b, [&] { return add_members(b, obj, 0); });
 }
 
-bool blobmsg_add_json_element(struct blob_buf *b, const char *name, struct json_object *obj) {
-    return add_or_undo(b, [&] { return add_element(b, name, obj, 0); });
-}
-
 bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str) {
     // The parser has a depth limit of its own and gives null beyond it.
     json_handle obj(str ? json_tokener_parse(str) : nullptr);

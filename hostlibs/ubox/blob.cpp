@@ -60,16 +60,6 @@ static void extend_head(blob_buf *buf, size_t bytes) {
     blob_set_raw_len(buf->head, static_cast<unsigned int>(blob_pad_len(buf->head) + bytes));
 }
 
-static bool fits_info(const blob_attr_info *info, blob_attr *attr) {
-    size_t len = blob_len(attr);
-    if (info->type < BLOB_ATTR_LAST && info->type != BLOB_ATTR_UNSPEC &&
-        !blob_check_type(blob_data(attr), static_cast<unsigned int>(len), static_cast<int>(info->type)))
-        return false;
-    if ((info->minlen && len < info->minlen) || (info->maxlen && len > info->maxlen))
-        return false;
-    return !info->validate || info->validate(info, attr);
-}
-
 int blob_buf_init(struct blob_buf *buf, int id) {
     if (!buf->grow)
         buf->grow = grow_by_realloc;
@@ -170,39 +160,20 @@ bool blob_check_type(const void *ptr, unsigned int len, int type) {
     return type != BLOB_ATTR_STRING || static_cast<const char *>(ptr)[len - 1] == 0;
 }
 
-int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
-                         const struct blob_attr_info *info, int max) {
+int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *, int max) {
     std::fill_n(data, max, nullptr);
-    if (!attr || attr_len < sizeof(blob_attr) || blob_raw_len(attr) > attr_len)
+    if (!attr)
         return 0;
     int found = 0;
     size_t rem = 0;
     blob_attr *pos = nullptr;
     blob_for_each_attr(pos, attr, rem) {
         int id = static_cast<int>(blob_id(pos));
-        if (id >= max || (info && !fits_info(&info[id], pos)))
+        if (id >= max)
             continue;
         if (!data[id])
             found++;
         data[id] = pos;
     }
     return found;
-}
-
-int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info, int max) {
-    return blob_parse_untrusted(attr, attr ? blob_raw_len(attr) : 0, data, info, max);
-}
-
-struct blob_attr *blob_memdup(struct blob_attr *attr) {
-    size_t size = std::max(blob_pad_len(attr), sizeof(blob_attr));
-    auto *copy = static_cast<blob_attr *>(std::calloc(1, size));
-    if (copy)
-        std::memcpy(copy, attr, std::max(blob_raw_len(attr), sizeof(blob_attr)));
-    return copy;
-}
-
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2) {
-    if (!a1 || !a2)
-        return a1 == a2;
-    return a1->id_len == a2->id_len && std::memcmp(a1->data, a2->data, blob_len(a1)) == 0;
 }

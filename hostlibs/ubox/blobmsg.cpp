@@ -73,11 +73,6 @@ template <typename F> static bool walk_list(void *data, size_t len, F &&visit) {
     return true;
 }
 
-// The attribute that blobmsg_alloc_string_buffer placed behind those that count already.
-static blob_attr *pending_string(const blob_buf *buf) {
-    return blob_next(buf->head);
-}
-
 const char *blobmsg_name(const struct blob_attr *attr) {
     attr_parts parts = split_attr(attr);
     return parts.name.data() ? parts.name.data() : "";
@@ -210,72 +205,6 @@ void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array) {
     blob_set_raw_len(buf->head, static_cast<unsigned int>(sizeof(blob_attr) + header));
     write_name(buf->head, text, header);
     return cookie;
-}
-
-void *blobmsg_alloc_string_buffer(struct blob_buf *buf, const char *name, unsigned int maxlen) {
-    std::string_view text = name ? name : "";
-    if (text.size() > max_name || maxlen >= max_value || !buf->head)
-        return nullptr;
-    size_t header = static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned int>(text.size())));
-    size_t raw = sizeof(blob_attr) + header + maxlen + 1;
-    if (raw > max_value || !blob_buf_grow(buf, static_cast<int>(raw + BLOB_ATTR_ALIGN)))
-        return nullptr;
-    blob_attr *attr = pending_string(buf);
-    attr->id_len = cpu_to_be32(static_cast<uint32_t>(BLOBMSG_TYPE_STRING) << BLOB_ATTR_ID_SHIFT);
-    blob_set_raw_len(attr, static_cast<unsigned int>(raw));
-    write_name(attr, text, header);
-    char *value = static_cast<char *>(blobmsg_data(attr));
-    value[0] = 0;
-    value[maxlen] = 0;
-    return value;
-}
-
-void *blobmsg_realloc_string_buffer(struct blob_buf *buf, unsigned int maxlen) {
-    blob_attr *attr = pending_string(buf);
-    size_t old_len = blobmsg_data_len(attr);
-    size_t raw = blob_raw_len(attr) - old_len + maxlen + 1;
-    if (maxlen >= max_value || raw > max_value ||
-        !blob_buf_grow(buf, static_cast<int>(raw + BLOB_ATTR_ALIGN)))
-        return nullptr;
-    attr = pending_string(buf);
-    blob_set_raw_len(attr, static_cast<unsigned int>(raw));
-    char *value = static_cast<char *>(blobmsg_data(attr));
-    value[maxlen] = 0;
-    return value;
-}
-
-void blobmsg_add_string_buffer(struct blob_buf *buf) {
-    blob_attr *attr = pending_string(buf);
-    size_t room = blobmsg_data_len(attr);
-    char *value = static_cast<char *>(blobmsg_data(attr));
-    size_t used = std::min(strnlen(value, room), room - 1);
-    value[used] = 0;
-    blob_set_raw_len(attr, static_cast<unsigned int>(blob_raw_len(attr) - room + used + 1));
-    blob_fill_pad(attr);
-    blob_set_raw_len(buf->head, static_cast<unsigned int>(blob_pad_len(buf->head) + blob_pad_len(attr)));
-}
-
-int blobmsg_vprintf(struct blob_buf *buf, const char *name, const char *format, va_list arg) {
-    va_list measured;
-    va_copy(measured, arg);
-    int len = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (len < 0)
-        return -1;
-    auto *text = static_cast<char *>(blobmsg_alloc_string_buffer(buf, name, static_cast<unsigned int>(len)));
-    if (!text)
-        return -1;
-    std::vsnprintf(text, static_cast<size_t>(len) + 1, format, arg);
-    blobmsg_add_string_buffer(buf);
-    return len;
-}
-
-int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, ...) {
-    va_list arg;
-    va_start(arg, format);
-    int len = blobmsg_vprintf(buf, name, format, arg);
-    va_end(arg);
-    return len;
 }
 
 uint8_t blobmsg_get_u8(struct blob_attr *attr) {

@@ -286,10 +286,6 @@ static void handle_connection_lost(ubus_context *bus) {
 
 // --- Public ---
 
-const ubus_object *telemetry_ubus_object() {
-    return &telemetry_object;
-}
-
 int telemetry_init_ubus(TelemetryCtx *ctx) {
     telemetry_free_ubus();
     telemetry_bus = ubus_connect(telemetry_bus_default_socket());

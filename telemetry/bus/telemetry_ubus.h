@@ -7,5 +7,3 @@
 int telemetry_init_ubus(TelemetryCtx *ctx);
 // Frees the connection, if there is one.
 void telemetry_free_ubus();
-// The object with its methods, registered or not.
-const ubus_object *telemetry_ubus_object();

@@ -36,13 +36,8 @@ struct blob_attr {
     char data[];
 } __attribute__((packed));
 
-/* Limits of an attribute for blob_parse; a zero length means no limit. */
-struct blob_attr_info {
-    unsigned int type;
-    unsigned int minlen;
-    unsigned int maxlen;
-    bool (*validate)(const struct blob_attr_info *info, struct blob_attr *attr);
-};
+/* Limits of attributes, which blob_parse does not know here: none can be made. */
+struct blob_attr_info;
 
 /* `head` is the attribute being filled. Starts as all zeros; `buf` keeps its memory from one init to the
  * next. */
@@ -166,20 +161,10 @@ void blob_nest_end(struct blob_buf *buf, void *cookie);
 bool blob_check_type(const void *ptr, unsigned int len, int type);
 
 /*
- * Sorts the attributes inside `attr` into `data[0..max)` by id; of several with one id the last stays. Those
- * that do not fit `info[id]` (null: take all) are left out. Returns how many entries were filled.
+ * Sorts the attributes inside `attr` into `data[0..max)` by id; of several with one id the last stays. `info`
+ * is null. Returns how many entries were filled.
  */
 int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info, int max);
-
-/* The same for an attribute that came in `attr_len` bytes from outside. */
-int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
-                         const struct blob_attr_info *info, int max);
-
-/* A copy to be released with free; null without memory. */
-struct blob_attr *blob_memdup(struct blob_attr *attr);
-
-/* Same id and data. */
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2);
 
 static inline struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *str) {
     return blob_put(buf, id, str, (unsigned int)strlen(str) + 1);

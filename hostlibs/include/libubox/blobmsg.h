@@ -99,19 +99,6 @@ int blobmsg_add_double(struct blob_buf *buf, const char *name, double val);
 /* Opens a table or array that takes what is added until it is closed. The cookie is null on failure. */
 void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array);
 
-/*
- * Room for a text of up to `maxlen` bytes and its zero, to be filled in and then added. Nothing else may be
- * added in between. Realloc keeps what was written. Null without memory.
- */
-void *blobmsg_alloc_string_buffer(struct blob_buf *buf, const char *name, unsigned int maxlen);
-void *blobmsg_realloc_string_buffer(struct blob_buf *buf, unsigned int maxlen);
-void blobmsg_add_string_buffer(struct blob_buf *buf);
-
-/* Adds formatted text; returns its length or -1. */
-int blobmsg_vprintf(struct blob_buf *buf, const char *name, const char *format, va_list arg);
-int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
-
 static inline int blobmsg_add_u8(struct blob_buf *buf, const char *name, uint8_t val) {
     return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &val, sizeof(val));
 }

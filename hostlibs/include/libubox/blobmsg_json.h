@@ -17,35 +17,19 @@ bool blobmsg_add_object(struct blob_buf *b, struct json_object *obj);
 bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str);
 bool blobmsg_add_json_from_file(struct blob_buf *b, const char *file);
 
-/* One value of any kind under a name (null: none, as in an array). */
-bool blobmsg_add_json_element(struct blob_buf *b, const char *name, struct json_object *obj);
-
-/* Text for a value, or null to have it printed the usual way. */
-typedef const char *(*blobmsg_json_format_t)(void *priv, struct blob_attr *attr);
-
 /*
  * The JSON text of a message or value, to be released with free. `list`: the contents as an object (an array
  * for a value that is one); else the value with its name in front. `indent` < 0: compact; else that many tabs
  * around it. int8 prints as true or false. Malformed values are left out; null without memory or when nested
  * too deeply.
  */
-char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,
-                                  int indent);
-
-/* The value alone, without its name. */
-char *blobmsg_format_json_value_with_cb(struct blob_attr *attr, blobmsg_json_format_t cb, void *priv,
-                                        int indent);
+char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent);
 
 static inline char *blobmsg_format_json(struct blob_attr *attr, bool list) {
-    return blobmsg_format_json_with_cb(attr, list, NULL, NULL, -1);
+    return blobmsg_format_json_indent(attr, list, -1);
 }
 
-static inline char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent) {
-    return blobmsg_format_json_with_cb(attr, list, NULL, NULL, indent);
-}
-
-static inline char *blobmsg_format_json_value(struct blob_attr *attr) {
-    return blobmsg_format_json_value_with_cb(attr, NULL, NULL, -1);
-}
+/* The value alone, without its name, compact. */
+char *blobmsg_format_json_value(struct blob_attr *attr);
 
 #endif
