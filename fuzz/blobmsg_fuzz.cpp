@@ -25,8 +25,8 @@ static void read_all(blob_attr *list, int depth) {
         sink = sink + static_cast<uint64_t>(blobmsg_cast_s64(pos));
         if (blobmsg_check_attr_len(pos, true, rem) &&
             blobmsg_check_attr_list_len(pos, BLOBMSG_TYPE_UNSPEC, rem))
-            require(blobmsg_check_attr_list(pos, BLOBMSG_TYPE_UNSPEC) && blob_attr_equal(pos, pos));
-        TextPtr value(blobmsg_format_json_value(pos));
+            require(blobmsg_check_attr_list(pos, BLOBMSG_TYPE_UNSPEC));
+        TextPtr value(blobmsg_format_json_value(pos)), named(blobmsg_format_json(pos, false));
         if (depth < 4)
             read_all(pos, depth + 1);
     }
@@ -45,7 +45,7 @@ static void run_message(const uint8_t *data, size_t size) {
     if (sound && tb[0])
         require(strlen(blobmsg_get_string(tb[0])) < blobmsg_data_len(tb[0]));
     blobmsg_parse_array(policy, policy_len, tb, blob_data(head), static_cast<unsigned int>(size));
-    blob_parse_untrusted(head, exact.size(), tb, nullptr, policy_len);
+    blob_parse(head, tb, nullptr, policy_len);
     read_all(head, 0);
     TextPtr compact(blobmsg_format_json(head, true));
     TextPtr indented(blobmsg_format_json_indent(head, true, 0));

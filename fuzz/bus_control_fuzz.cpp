@@ -46,8 +46,10 @@ static void lay_out(std::string_view input) {
     cJSON_AddItemToArray(ctx.collect_list, cJSON_Parse(R"({"eid":1,"ep":{},"cnt":1})"));
     fuzz_answers = {{"client_mgmt.get_myself", {R"({"02:00:00:02:00:01":{"mac":"02:00:00:02:00:01"}})"}},
                     {"!ping", {"1.5\n"}},
+                    {"!getfirm", {"1.0\n"}},
                     {"!wire_port_info.sh", {"1\n"}}};
     fuzz_driver_answer = &kStation;
+    fuzz_root().write("/etc/profile.d/interfaces", "config interface\n\toption type eth\n\toption port 1\n");
     bus_sends = input;
 }
 
@@ -55,7 +57,9 @@ static void run(const uint8_t *data, size_t size) {
     if (size > 16384)
         return;
     lay_out({reinterpret_cast<const char *>(data), size});
-    if (telemetry_init_ubus(&ctx) == 0) {
+    if (size % 4 == 1) // frames are whole words
+        fuzz_answers.clear();
+    if (telemetry_init_ubus(size == 0 ? nullptr : &ctx) == 0) {
         for (int turn = 0; turn < 6; turn++)
             uloop_run_timeout(0);
     }

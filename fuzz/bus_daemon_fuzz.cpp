@@ -38,6 +38,8 @@ static void run_frames(const uint8_t *data, size_t size) {
         const auto client = server.clients.find(1025 + data[3] % 3u);
         if (client != server.clients.end())
             ubusd_client_input(*client->second, frame);
+        if (data[2] == 1) // of the sequence number
+            ubusd_announce_rights(server);
         ubusd_reap(server);
         for (auto &[id, receiver] : server.clients) {
             receiver->queue.clear();

@@ -114,6 +114,12 @@ static void take_step(const FuzzPiece &piece) {
 }
 
 static void run_sequence(const uint8_t *data, size_t size) {
+    if (size == 0)
+        call_without_arguments<telemetry_post_state_FSM, telemetry_post_init_state, telemetry_post_retry,
+                               post_state_FSM_retry_cb, get_strategy_handle_error_code, post_refresh_key_cb,
+                               post_get_strategy_cb, post_upload_data_cb, get_post_refresh_key_content,
+                               get_post_get_strategy_content, get_post_collect_data_content,
+                               telemetry_post_refresh_key, telemetry_post_data, telemetry_update_strategy>();
     write_configuration();
     set_clock(true);
     copy_text(ctx.post_api, "https://cloud.example/");

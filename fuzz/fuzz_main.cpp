@@ -118,7 +118,7 @@ TelemetryBusError telemetry_bus_call(const char *, const char *object, const cha
     if (!answer)
         return TELEMETRY_BUS_NO_OBJECT;
     if (answer->starts_with('!'))
-        return TELEMETRY_BUS_CALL_FAILED;
+        return *answer == "!!" ? TELEMETRY_BUS_NO_CONNECTION : TELEMETRY_BUS_CALL_FAILED;
     if (answer->empty())
         return TELEMETRY_BUS_OK;
     BlobBuffer message;

@@ -54,7 +54,7 @@ static void try_line(const std::string &text) {
 
 static void run_values(const uint8_t *data, size_t size) {
     if (size == 0)
-        return;
+        return call_without_arguments<telemetry_flag_of_word>();
     // A zero byte ends a text: what follows it is no input.
     const std::string text(std::string(reinterpret_cast<const char *>(data + 1), size - 1).c_str());
     try_values(text, data[0]);

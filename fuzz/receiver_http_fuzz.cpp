@@ -31,7 +31,7 @@ static void run_head(const uint8_t *data, size_t size) {
     require(again.headers == request.headers && again.body_size == request.body_size &&
             again.keeps == request.keeps && again.expects == request.expects);
     require(request.parameter("from").size() <= request.query.size());
-    const HttpAnswer answer = {.body = request.header("host")};
+    const HttpAnswer answer = {.body = request.header("host"), .headers = request.headers};
     require(http_print(answer, request.keeps, true).ends_with("\r\n\r\n" + answer.body));
 }
 

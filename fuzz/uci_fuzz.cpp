@@ -21,29 +21,30 @@ std::string export_of(uci_context *uci, uci_package *package) {
     return exported;
 }
 
-void require_same(const std::string &read, const std::string &written) {
-    if (read != written)
-        fprintf(stderr, "<<<\n%s>>>\n%s\n", written.c_str(), read.c_str());
-    require(read == written);
-}
-
-uci_package *import_of(uci_context *uci, std::string_view text) {
+// Without a name: of several packages the last.
+uci_package *import_of(uci_context *uci, std::string_view text, const char *name = "p",
+                       uci_package *package = nullptr) {
     const FilePtr stream(fmemopen(const_cast<char *>(text.data()), text.size(), "r"));
-    uci_package *package = nullptr;
-    return stream && uci_import(uci, stream.get(), "p", &package, true) == UCI_OK ? package : nullptr;
+    const bool single = name != nullptr;
+    return stream && uci_import(uci, stream.get(), name, &package, single) == UCI_OK ? package : nullptr;
 }
 
 void run_file(const uint8_t *data, size_t size) {
-    const UciContextPtr uci(uci_alloc_context()), again(uci_alloc_context());
-    uci_package *package =
-        size == 0 || !again ? nullptr : import_of(uci.get(), {reinterpret_cast<const char *>(data), size});
+    const UciContextPtr uci(uci_alloc_context()), again(uci_alloc_context()), loose(uci_alloc_context());
+    if (size == 0 || !again || !loose)
+        return;
+    const std::string_view input(reinterpret_cast<const char *>(data), size);
+    loose->flags = UCI_FLAG_PERROR; // and not strict
+    import_of(loose.get(), input, nullptr);
+    uci_package *package = import_of(uci.get(), input);
     if (package == nullptr)
         return;
     const std::string text = export_of(uci.get(), package);
     uci_package *read = import_of(again.get(), text);
     require_with_memory(read != nullptr);
     if (read != nullptr)
-        require_same(export_of(again.get(), read), text);
+        require(export_of(again.get(), read) == text);
+    import_of(uci.get(), input, "p", package); // once more, into itself
 }
 
 using Change = int (*)(uci_context *uci, uci_ptr *place);
@@ -89,7 +90,7 @@ void commit(uci_context *uci, bool overwrite) {
     const int status = fresh ? uci_load(fresh.get(), "p", &read) : UCI_ERR_MEM;
     require_with_memory(status == UCI_OK);
     if (status == UCI_OK)
-        require_same(export_of(fresh.get(), read), text);
+        require(export_of(fresh.get(), read) == text);
 }
 
 void take_step(uci_context *uci, char kind, std::string text) {

@@ -10,6 +10,7 @@
 #include "collectors.h"
 #include "restart_info.h"
 #include "support/fuzz_target.h"
+#include "system_info.h"
 #include "telemetry_collect.h"
 #include "telemetry_handles.h"
 #include "telemetry_json.h"
@@ -82,6 +83,23 @@ template <int (*...Collectors)(TelemetryCtx *, cJSON *, uint32_t *)> void report
 
 // --- Runs ---
 
+// An input without a piece: a router with nothing.
+void run_without_anything() {
+    const FuzzPlenty plenty;
+    char name[16] = {};
+    for (const WlanPlatformOps *ops : {&wlan_platform_ops_iwinfo, &wlan_platform_ops_mtk}) {
+        wlan_platform_ops = ops;
+        call_without_arguments<wlan_get_device_temperature, wlan_get_cpu_temperature,
+                               wlan_get_backhaul_ap_channel, wlan_get_uplink_rate, wlan_get_channel_util,
+                               wlan_get_sta_if_name, wlan_get_band_if_name, wlan_get_wifi_bandwidth,
+                               wlan_get_band_client_sta_info>();
+        require(wlan_get_sta_if_name(9, name, 16) == 0 && wlan_get_band_if_name(9, 0, name, 16) == 0);
+    }
+    call_without_arguments<collect_data_for_system_info, telemetry_collect_wired_port_num,
+                           telemetry_collect_backhaul_info, telemetry_pre_device_info,
+                           telemetry_collect_RE_device_info, telemetry_get_client_sta_info>();
+}
+
 // Records for the input to meet: two nodes, three clients.
 void lay_out() {
     const FuzzPlenty plenty;
@@ -115,6 +133,7 @@ void run_devices() {
     char parent[18] = {};
     telemetry_collect_device_parent_mac(parent);
     require_terminated(parent);
+    report<collect_system_info>();
     leave();
 }
 
@@ -217,7 +236,9 @@ std::vector<std::string> sources; // by kind of piece: "/a/file", "object.method
 
 void place(const std::string &source, std::string_view text) {
     static std::string driver;
-    if (source[0] == '/') {
+    if (source.ends_with("/driver")) {
+        static_cast<void>(symlink(std::string(text).c_str(), fuzz_root().path(source).c_str()));
+    } else if (source[0] == '/') {
         fuzz_root().write(source, text);
     } else if (source != "driver") {
         fuzz_answers[source].emplace_back(text);
@@ -241,6 +262,8 @@ void make_world(std::string_view input) {
 void run_world(const uint8_t *data, size_t size) {
     make_world({reinterpret_cast<const char *>(data), size});
     ctx.collect_stgy2_now = ctx.collect_periodic_now = size % 8 != 0;
+    if (size == 0)
+        run_without_anything();
     run();
 }
 

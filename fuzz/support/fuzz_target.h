@@ -31,6 +31,11 @@ struct FuzzTargets {
     }
 };
 
+// For an input of nothing: no arguments, at which nothing falls.
+template <auto... Called> void call_without_arguments() {
+    ([]<typename... Arguments>(auto(*called)(Arguments...)) { return called(Arguments{}...); }(Called), ...);
+}
+
 // The byte in front of each piece of an input that has several: no text in UTF-8 holds it. The next byte says
 // what the piece is.
 constexpr char kPieceMark = '\xff';
@@ -56,8 +61,8 @@ size_t mutate_pieces(uint8_t *data, size_t size, size_t max_size, unsigned seed)
 
 // fuzz_main.cpp, in the place of the platform. Answers of services ("object.method") and outputs of commands
 // (the last part of a word of theirs, behind a '!'), the first of several first; the last one stays. An
-// answer is JSON, "" for one without data, '!' for a call that failed, or else a message's bytes. Whatever is
-// not there does not exist.
+// answer is JSON, "" for one without data, '!' for a call that failed, "!!" without a bus, or else a
+// message's bytes. Whatever is not there does not exist.
 inline std::map<std::string, std::deque<std::string>> fuzz_answers;
 // What the Wi-Fi driver answers; null: no driver.
 inline const std::string *fuzz_driver_answer;
