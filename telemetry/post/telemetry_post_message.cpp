@@ -305,6 +305,7 @@ static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_c
         LOG_ERROR("parse expiresIn failed");
         return -1;
     }
+    bool written = true;
     for (const CredentialRow &row : kCredentials) {
         const char *value = get_text_member(result, row.name, row.missing, row.not_text);
         if (value == nullptr)
@@ -313,9 +314,13 @@ static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_c
             telemetry_doubt_key_owner(ctx);
         copy_text(ctx->*row.field, value);
         if (telemetry_set_uci_value("telemetry", "cloud", row.name, ctx->*row.field, TELEMETRY_UCI_SYSTEM) !=
-            0)
+            0) {
             LOG_ERROR("telemetry_set_uci_value error");
+            written = false;
+        }
     }
+    if (written) // else a key may stand there beside another one's secret
+        telemetry_guarded(kRefreshKeyCall.name, [&] { telemetry_keep_key_owner(ctx); });
     return 0;
 }
 
@@ -458,7 +463,6 @@ void post_refresh_key_cb(PostRequest *request) {
         telemetry_post_retry(request->owner);
         return;
     }
-    telemetry_guarded(kRefreshKeyCall.name, [&] { telemetry_keep_key_owner(request->owner); });
     telemetry_figures.keys_fetched++;
     LOG_INFO("new access key");
     telemetry_post_enter_state(request->owner, TELEMETRY_POST_STATE_GET_STRATEGY);
