@@ -165,11 +165,12 @@ void Day::recover() {
     settle();
 
     // On a busy machine the clock leaps while a command runs, which then has taken too long.
-    size_t before = 0;
-    do {
-        before = world_.main().console_length();
+    for (int tries = 0; tries < 3; tries++) {
+        const size_t before = world_.main().console_length();
         collect_all();
-    } while (world_.main().count_in_console("ms and is killed", before) > 0);
+        if (world_.main().count_in_console("ms and is killed", before) == 0)
+            break;
+    }
     if (!memory_.empty())
         expect_whole(model_.since_mark);
     if (memory_.size() == 1)

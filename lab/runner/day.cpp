@@ -93,6 +93,8 @@ void day_run(lab::Lab &lab, long cycles) {
         if (cycle % 4 == 1)
             node.call("collect_all_next_time");
         const long before = number_of(node, "counters", "cycles");
+        if (before < 0)
+            throw std::runtime_error("the daemon does not answer");
         advance(lab, kQuarterMs - kBeforeMs);
         wait_calmly([&] { return is_idle(node); });
         advance(lab, kBeforeMs + 1000);
@@ -104,7 +106,7 @@ void day_run(lab::Lab &lab, long cycles) {
     }
     const long posts = lab.cloud().count("posts");
     node.call("post_now");
-    if (number_of(node, "list", "records") > 0)
+    if (number_of(node, "list", "records") != 0)
         lab.cloud().wait_for_count("posts", posts + 1, kCycleMs);
     printf("\ra day has passed: %ld cycles, %ld uploads, %ld questions\n", cycles, lab.cloud().count("posts"),
            questions);

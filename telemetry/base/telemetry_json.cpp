@@ -349,13 +349,23 @@ static void put_close(Sink &out, bool object, bool empty, size_t outer_depth) {
     out.put(object ? '}' : ']');
 }
 
+template <bool Formatted, typename Sink>
+static bool put_tree(Sink &out, const cJSON *root, size_t outer_depth = 0);
+
+// What a tree keeps as text is laid out like the rest. It holds no such text itself.
+template <typename Sink> static bool put_read_again(Sink &out, const cJSON *item, size_t depth) {
+    const JsonPtr tree(type_of(item) == cJSON_Raw ? cJSON_Parse(item->valuestring) : nullptr);
+    return tree != nullptr && put_tree<true>(out, tree.get(), depth);
+}
+
 // The open containers stand in an array of fixed size, so that no tree, however deep, can exhaust the stack.
-template <bool Formatted, typename Sink> static bool put_tree(Sink &out, const cJSON *root) {
+template <bool Formatted, typename Sink>
+static bool put_tree(Sink &out, const cJSON *root, size_t outer_depth) {
     const cJSON *open[kMaxDepth];
     size_t depth = 0;
     for (const cJSON *item = root; item != nullptr;) {
         if (depth > 0 && type_of(open[depth - 1]) == cJSON_Object)
-            put_key<Formatted>(out, item, depth);
+            put_key<Formatted>(out, item, outer_depth + depth);
         const int type = type_of(item);
         if (type == cJSON_Array || type == cJSON_Object) {
             if (depth == kMaxDepth)
@@ -368,13 +378,14 @@ template <bool Formatted, typename Sink> static bool put_tree(Sink &out, const c
                 item = item->child;
                 continue;
             }
-            put_close<Formatted>(out, type == cJSON_Object, true, --depth);
-        } else if (!put_scalar(out, item)) {
+            --depth;
+            put_close<Formatted>(out, type == cJSON_Object, true, outer_depth + depth);
+        } else if (!(Formatted && put_read_again(out, item, outer_depth + depth)) && !put_scalar(out, item)) {
             return false;
         }
         while (depth > 0 && item->next == nullptr) {
             item = open[--depth];
-            put_close<Formatted>(out, type_of(item) == cJSON_Object, false, depth);
+            put_close<Formatted>(out, type_of(item) == cJSON_Object, false, outer_depth + depth);
         }
         if (depth == 0)
             return true;

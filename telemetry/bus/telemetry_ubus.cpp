@@ -120,12 +120,10 @@ static void print_ctx(const TelemetryCtx *ctx) {
 static void print_collect_list(const CollectedDataList *list) {
     TELEMETRY_PRINT("-----------telemetry data start-----------");
     if (list != nullptr) {
-        // What a record keeps as text gets lines of its own by being read again.
-        size_t length = 0;
-        const TextPtr compact = telemetry_json_print(list, &length);
-        const JsonPtr tree(compact ? cJSON_Parse(compact.get()) : nullptr);
-        const TextPtr text = telemetry_json_print_formatted(tree.get());
-        TELEMETRY_PRINT("backup data total str len: %lu", static_cast<unsigned long>(length));
+        const long length = telemetry_json_length(list);
+        const TextPtr text = telemetry_json_print_formatted(list);
+        TELEMETRY_PRINT("backup data total str len: %lu",
+                        static_cast<unsigned long>(length < 0 ? 0 : length));
         TELEMETRY_PRINT("%s", text ? text.get() : "");
     }
     TELEMETRY_PRINT("-----------telemetry data end-----------");

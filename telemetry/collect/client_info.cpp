@@ -46,7 +46,7 @@ static void count_client(const PreClientInfo *client, ClientCounters *counters) 
 }
 
 // One entry, printed from nodes that stand in it: what is allocated, and kept until the upload, is its text.
-// A tree of thirteen nodes would be five times as much. Texts outlive the entry.
+// A tree of thirteen nodes would be three times as much. Texts outlive the entry.
 class ClientEntry {
   public:
     // Null stands for a missing text.

@@ -380,13 +380,15 @@ static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes
         {"collect_interval_2", std::to_string(minutes.collect2)},
         {"post_interval", std::to_string(minutes.post)},
     };
-    // One commit: after a power cut no id stands beside the intervals of another.
+    // One commit, or none: after a power cut, or with an id that the library does not store, no id stands
+    // beside the intervals of another.
     TelemetryUciScope scope;
     const auto *failed = std::find_if_not(std::begin(rows), std::end(rows), [&](const auto &row) {
         return scope.put(TELEMETRY_UCI_SYSTEM, "telemetry", "strategy", row.option, row.value.c_str());
     });
     if (failed == std::end(rows) && TelemetryUciScope::commit())
         return 0;
+    scope.put_back();
     LOG_DEBUG("uci_set_value [%s] error", (failed == std::end(rows) ? rows : failed)->value.c_str());
     LOG_ERROR("telemetry_set_uci_value error");
     return -1;

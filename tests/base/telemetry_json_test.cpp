@@ -125,6 +125,13 @@ TEST(TelemetryJson, TreesPrintAsByCJson) {
     EXPECT_EQ(print(tree.get()), "(null)");
     EXPECT_EQ(telemetry_json_print_formatted(tree.get()), nullptr);
     EXPECT_EQ(print(nullptr), "(null)");
+
+    // What is kept as text is laid out as the tree that it was.
+    const JsonPtr was(cJSON_Parse(R"({"l":[{"a":1,"b":[{}]},{}]})")), kept(cJSON_CreateObject());
+    cJSON *list = cJSON_AddArrayToObject(kept.get(), "l");
+    for (const char *text : {R"({"a":1,"b":[{}]})", "{}"})
+        cJSON_AddItemToArray(list, cJSON_CreateRaw(text));
+    EXPECT_STREQ(telemetry_json_print_formatted(kept.get()).get(), TextPtr(cJSON_Print(was.get())).get());
 }
 
 TEST(TelemetryJson, DepthIsBounded) {

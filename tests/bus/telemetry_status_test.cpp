@@ -12,6 +12,7 @@
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_post.h"
 #include "telemetry_ubus.h"
 
 using ::testing::HasSubstr;
@@ -68,7 +69,11 @@ TEST_F(TelemetryStatusTest, TellsWhatItDoesAndNeverTheKey) {
     telemetry_figures.accepted = {1700000002, 1, 2, 60, 12, 200, 0, true, "No error"};
     ctx.collect_timer.cb = [](uloop_timeout *) {};
     uloop_timeout_set(&ctx.collect_timer, 900000);
+    PostRequest under_way = {};
+    under_way.in_use = 1;
+    ctx.post_requests[3] = &under_way;
     const std::string status = get(R"({"any":["argument"]})");
+    EXPECT_THAT(status, HasSubstr(R"("requests":1,)"));
     uloop_timeout_cancel(&ctx.collect_timer);
     EXPECT_THAT(status, HasSubstr(R"("list":{"records":1,"items":2,"bytes":)"));
     EXPECT_THAT(status, HasSubstr(R"("modules":{"x":{"result":0,"items":2,"ms":)"));

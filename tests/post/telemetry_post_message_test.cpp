@@ -84,6 +84,13 @@ TEST_F(PostMessageTest, strategy_contents) {
         EXPECT_EQ(option("strategy", name), value);
     EXPECT_TRUE(armed_for(&ctx.collect_timer, 420000));
 
+    // With an id that the library does not store nothing is.
+    const std::string stored = root.read("/etc/config/telemetry");
+    copy_text(ctx.strategy_id, "a\1b");
+    EXPECT_EQ(telemetry_update_strategy(&ctx, content("1", "2", "3").c_str()), -1);
+    EXPECT_EQ(root.read("/etc/config/telemetry"), stored);
+    copy_text(ctx.strategy_id, "id7");
+
     // More than a timer can wait is told, also where the product wraps to something short.
     expect_logged(
         0,
