@@ -7,8 +7,8 @@
 
 // Every mesh node's load, memory, temperatures (system_info.cpp). Runs on periodic cycles.
 int collect_system_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count);
-// Every confirmed client of the mesh (client_info.cpp). Runs on periodic cycles. The entries of "cl" are texts in
-// the tree (cJSON_Raw), which print as objects.
+// Every confirmed client of the mesh (client_info.cpp). Runs on periodic cycles. The entries of "cl" are
+// texts in the tree (cJSON_Raw), which print as objects.
 int collect_client_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count);
 // Every mesh node's links (device_info.cpp). Runs on strategy-2 cycles.
 int collect_device_list(TelemetryCtx *ctx, cJSON *payload, uint32_t *count);
