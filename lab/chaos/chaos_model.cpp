@@ -14,6 +14,7 @@ constexpr const char *kModules[] = {
     "wireless_iot_info", "cloud_info",        "advanced_info", "restart_info",       "usb_info",
     "afc_info",          "havenguard_info_v2"};
 constexpr int kKeyExpired = -10304;
+constexpr int64_t kLimitMs = 8000;     // of one upload: a later one is not under way beside it
 constexpr int64_t kTransferMs = 20000; // an upload has ended by then, by the lab's clock
 
 int module_of(const std::string &eid) {
@@ -78,7 +79,7 @@ void Model::take(const Post &post) {
     const size_t again = repeated(last_.records, post.records);
     const int64_t apart = world_.advanced_at(post.sent) - world_.advanced_at(last_.sent + 1);
     repeated_posts += again > 0 && apart > kTransferMs ? 1 : 0;
-    again_ += static_cast<long>(again);
+    again_ += apart > kLimitMs ? static_cast<long>(again) : 0;
     for (size_t i = again; i < post.records.size(); i++)
         take_record(post.records[i]);
     last_ = post;

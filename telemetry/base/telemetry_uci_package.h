@@ -64,8 +64,6 @@ class TelemetryUciScope {
     // Commits every package that something waits for, and reads it back. False, with two lines for each
     // option, when one was not stored: the scope then has what the file has.
     static bool commit();
-    // What put() has committed is as it was, as far as nobody else has set it meanwhile; what waits is dropped.
-    void put_back();
 
     // The scope's context for a source, made at its first use; null when memory ran out.
     static uci_context *context(uint32_t source);
@@ -85,6 +83,7 @@ class TelemetryUciScope {
         Packages waiting, committed;
     };
     bool finish();
+    void put_back();
     static bool commit_package(Source *source, const std::string &name, const std::vector<Waiting> &waiting);
 
     Source sources_[TELEMETRY_UCI_PROFILE + 1];

@@ -146,8 +146,11 @@ int telemetry_update_upgrade_config(const char *node_id, const char *version) {
         return 0;
     LOG_DEBUG("the device upgrade successfully");
     TelemetryUciScope scope; // around it, the record's: without the record, the old version is there again
-    if (!scope.put(TELEMETRY_UCI_SYSTEM, "telemetry_info", node_id, "fwver", version) ||
-        !TelemetryUciScope::commit())
+    if (!scope.put(TELEMETRY_UCI_SYSTEM, "telemetry_info", node_id, "fwver", version))
+        return 1;
+    TelemetryUciScope::commit(); // and what else waits, which may fail by itself
+    if (!telemetry_uci_has_value(TelemetryUciScope::context(TELEMETRY_UCI_SYSTEM), "telemetry_info", node_id,
+                                 "fwver", version))
         return 1;
     const char *const save[] = {"saveconfig", "user-config", nullptr};
     int status = 0;

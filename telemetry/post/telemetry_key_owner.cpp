@@ -8,16 +8,21 @@
 static constexpr char kOwnerOption[] = "accessDevice";
 static constexpr char kNobody[] = "-";
 
+enum class OwnerOption { there, missing, unreadable };
+
 // A character more than an id has, so that a longer text is no id.
-static bool read_owner(char (&owner)[sizeof(TelemetryCtx::dev_id) + 1]) {
-    return telemetry_get_uci_value("telemetry", "cloud", kOwnerOption, owner, sizeof(owner),
-                                   TELEMETRY_UCI_SYSTEM) == 0;
+static OwnerOption read_owner(char (&owner)[sizeof(TelemetryCtx::dev_id) + 1]) {
+    const TelemetryUciPtr uci = telemetry_uci_context(TELEMETRY_UCI_SYSTEM);
+    const int result =
+        uci ? uci_get_value(uci.get(), "telemetry", "cloud", kOwnerOption, owner, sizeof(owner)) : -1;
+    return result == 0 ? OwnerOption::there : result == -1 ? OwnerOption::unreadable : OwnerOption::missing;
 }
 
-// A device without an id leaves the option alone.
+// A device without an id adds no option, but a key that is nobody's is so there too.
 static void write_owner(const TelemetryCtx *ctx, const char *owner) {
     char written[sizeof(ctx->dev_id) + 1] = {};
-    if (ctx->dev_id[0] == '\0' || (read_owner(written) && strcmp(written, owner) == 0))
+    const OwnerOption option = read_owner(written);
+    if (option == OwnerOption::there ? strcmp(written, owner) == 0 : ctx->dev_id[0] == '\0')
         return;
     if (telemetry_set_uci_value("telemetry", "cloud", kOwnerOption, owner, TELEMETRY_UCI_SYSTEM) != 0)
         LOG_ERROR("telemetry.cloud.%s was not written", kOwnerOption);
@@ -28,15 +33,23 @@ void telemetry_doubt_key_owner(const TelemetryCtx *ctx) {
 }
 
 void telemetry_keep_key_owner(const TelemetryCtx *ctx) {
-    write_owner(ctx, ctx->dev_id);
+    if (ctx->dev_id[0] != '\0')
+        write_owner(ctx, ctx->dev_id);
 }
 
 void telemetry_check_key_owner(TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
     if (ctx->access_key[0] == '\0')
         return;
-    if (!read_owner(owner))
+    switch (read_owner(owner)) {
+    case OwnerOption::missing:
         return telemetry_keep_key_owner(ctx);
+    case OwnerOption::unreadable: // whose it is stays as it is written
+        LOG_ERROR("telemetry.cloud.%s cannot be read", kOwnerOption);
+        return;
+    case OwnerOption::there:
+        break;
+    }
     if (strcmp(owner, ctx->dev_id) == 0)
         return;
     LOG_INFO("the access key in the configuration %s: a new one is fetched",

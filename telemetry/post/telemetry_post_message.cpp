@@ -18,7 +18,6 @@
 #include "telemetry_memory.h"
 #include "telemetry_post.h"
 #include "telemetry_uci.h"
-#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 static constexpr char kDeviceType[] = "HOMEWIFISYSTEM";
@@ -319,8 +318,9 @@ static int store_credentials(TelemetryCtx *ctx, const cJSON *answer, int error_c
             written = false;
         }
     }
-    if (written) // else a key may stand there beside another one's secret
-        telemetry_guarded(kRefreshKeyCall.name, [&] { telemetry_keep_key_owner(ctx); });
+    // Without both a key may stand there beside another one's secret.
+    telemetry_guarded(kRefreshKeyCall.name,
+                      [&] { (written ? telemetry_keep_key_owner : telemetry_doubt_key_owner)(ctx); });
     return 0;
 }
 
@@ -380,18 +380,15 @@ static int save_strategy(const TelemetryCtx *ctx, const StrategyMinutes &minutes
         {"collect_interval_2", std::to_string(minutes.collect2)},
         {"post_interval", std::to_string(minutes.post)},
     };
-    // One commit, or none: after a power cut, or with an id that the library does not store, no id stands
-    // beside the intervals of another.
-    TelemetryUciScope scope;
-    const auto *failed = std::find_if_not(std::begin(rows), std::end(rows), [&](const auto &row) {
-        return scope.put(TELEMETRY_UCI_SYSTEM, "telemetry", "strategy", row.option, row.value.c_str());
-    });
-    if (failed == std::end(rows) && TelemetryUciScope::commit())
-        return 0;
-    scope.put_back();
-    LOG_DEBUG("uci_set_value [%s] error", (failed == std::end(rows) ? rows : failed)->value.c_str());
-    LOG_ERROR("telemetry_set_uci_value error");
-    return -1;
+    // One by one: what was written before a failure stays.
+    for (const auto &row : rows) {
+        if (telemetry_set_uci_value("telemetry", "strategy", row.option, row.value.c_str(),
+                                    TELEMETRY_UCI_SYSTEM) != 0) {
+            LOG_ERROR("telemetry_set_uci_value error");
+            return -1;
+        }
+    }
+    return 0;
 }
 
 // 32-bit arithmetic, which wraps; the timers refuse what makes no interval.

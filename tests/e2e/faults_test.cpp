@@ -180,15 +180,13 @@ struct Faults : ::testing::Test {
             ++count;
         return count;
     }
-    // A package is what it was or is to be: no section is gone, it ends with a line; a strategy is whole.
+    // A package is what it was or is to be: no section is gone, and it ends with a line.
     void expect_packages() const {
         for (const auto &[package, least] : packages) {
             const std::string text = node->read(package);
             EXPECT_GE(sections(text), least) << package << "\n" << text;
             EXPECT_TRUE(text.empty() || text.back() == '\n') << package << "\n" << text;
         }
-        EXPECT_EQ(node->config("telemetry", "strategy", "strategyID").empty(),
-                  node->config("telemetry", "strategy", "post_interval").empty());
     }
     // What the cycle had recorded is right, and the next one brings what it had not.
     void expect_recovery() {

@@ -35,6 +35,7 @@ TEST_F(PostMessageTest, credentials_are_kept_in_the_configuration) {
     EXPECT_EQ(option("cloud", "accessKey"), std::string(128, 'k'));
     EXPECT_EQ(option("cloud", "accessSecret"), "it's");
     EXPECT_EQ(option("cloud", "cloud_url"), "cloud");
+    EXPECT_EQ(option("cloud", "accessDevice"), ctx.dev_id);
 
     // Without a place to keep them they still serve; a strategy that cannot be kept is not applied.
     root.remove("/etc/config/telemetry");
@@ -84,7 +85,7 @@ TEST_F(PostMessageTest, strategy_contents) {
         EXPECT_EQ(option("strategy", name), value);
     EXPECT_TRUE(armed_for(&ctx.collect_timer, 420000));
 
-    // With an id that the library does not store nothing is.
+    // After an id that the library does not store nothing else is.
     const std::string stored = root.read("/etc/config/telemetry");
     copy_text(ctx.strategy_id, "a\1b");
     EXPECT_EQ(telemetry_update_strategy(&ctx, content("1", "2", "3").c_str()), -1);
