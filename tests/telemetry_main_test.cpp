@@ -299,6 +299,13 @@ TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
             root.read("/etc/config/telemetry").find(std::string("accessDevice '") + row.owner_after + "'"),
             std::string::npos);
     }
+    // An owner that cannot be read stays as it is written, and the key serves on.
+    root.write_config("telemetry", "config cloud 'cloud\n");
+    copy_text(ctx.access_key, "key");
+    EXPECT_EQ(logged_messages([&] { telemetry_check_key_owner(&ctx); }),
+              std::vector<std::string>{"telemetry.cloud.accessDevice cannot be read"});
+    EXPECT_STREQ(ctx.access_key, "key");
+    root.write_config("telemetry", "config cloud 'cloud'\n");
     copy_text(ctx.dev_id, "D3");
     telemetry_keep_key_owner(&ctx);
     EXPECT_NE(root.read("/etc/config/telemetry").find("accessDevice 'D3'"), std::string::npos);

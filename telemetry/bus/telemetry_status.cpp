@@ -4,9 +4,9 @@
 #include <ctime>
 #include <iterator>
 
+#include "telemetry_blob.h"
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
-#include "telemetry_blob.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"

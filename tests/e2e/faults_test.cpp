@@ -158,7 +158,11 @@ struct Faults : ::testing::Test {
         wait([&] { return ready(); });
     }
     bool ready() const {
-        return figure("next", "collect_ms") >= 0 && node->state()["post state"] == lab::kReadyForUpload;
+        if (figure("next", "collect_ms") < 0)
+            return false;
+        // Not by the dump: the console may be what was struck.
+        const lab::BusReply status = node->call_object("telemetry.status", "get", "{}", 5);
+        return lab::json_text(status.json.get(), "state") == "ready";
     }
     Records collect() {
         everything_to_report();
