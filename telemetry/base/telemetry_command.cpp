@@ -136,25 +136,31 @@ static int start_command(const char *const argv[], int output, pid_t *pid) {
     return error == ENOEXEC ? start_script(setup, argv, pid) : error;
 }
 
-static bool out_of_resources(int error) {
-    return error == EAGAIN || error == ENOMEM || error == EMFILE || error == ENFILE;
+// What exec finds wrong with a program, as a shell would; any other error is one of starting it.
+static bool is_not_runnable(int error) {
+    static constexpr int kErrors[] = {ENOENT,       EACCES, EPERM,   ENOTDIR, EISDIR, ELOOP,
+                                      ENAMETOOLONG, E2BIG,  ENOEXEC, ETXTBSY, EINVAL, ELIBBAD};
+    return std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
 }
 
-// False when the time is over.
-static bool read_output(int fd, const TelemetryCommandOutput &output, int64_t until) {
+enum OutputEnd { OUTPUT_READ, OUTPUT_TOO_LATE, OUTPUT_UNREADABLE };
+
+static OutputEnd read_output(int fd, const TelemetryCommandOutput &output, int64_t until) {
     for (size_t used = 0; used < output.size;) {
         pollfd ready = {fd, POLLIN, 0};
         const int found = poll(&ready, 1, static_cast<int>(std::max<int64_t>(until - now_ms(), 0)));
         if (found == 0)
-            return false;
+            return OUTPUT_TOO_LATE;
         const ssize_t got = found < 0 ? -1 : read(fd, output.text + used, output.size - used);
         if (got < 0 && errno == EINTR)
             continue;
-        if (got <= 0 || output.read == TELEMETRY_READ_FIRST)
-            return true;
+        if (got < 0)
+            return OUTPUT_UNREADABLE;
+        if (got == 0 || output.read == TELEMETRY_READ_FIRST)
+            return OUTPUT_READ;
         used += static_cast<size_t>(got);
     }
-    return true;
+    return OUTPUT_READ;
 }
 
 // False when the time is over.
@@ -205,7 +211,7 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
         error = start_command(argv, pipe.writing(), &pid);
     if (error == ENOMEM)
         telemetry_memory_refused();
-    if (out_of_resources(error)) {
+    if (error != 0 && !is_not_runnable(error)) {
         LOG_ERROR("error: popen exe [%s] failed", text);
         return TELEMETRY_COMMAND_NOT_STARTED;
     }
@@ -217,14 +223,18 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
         return TELEMETRY_COMMAND_ENDED;
     }
     pipe.close_writing();
-    const bool read = output == nullptr || read_output(pipe.reading(), *output, until);
+    const OutputEnd end = output == nullptr ? OUTPUT_READ : read_output(pipe.reading(), *output, until);
     pipe.close_reading(); // whoever has more to say ends
-    if (read && wait_for_end(pid, until, ended))
+    if (end == OUTPUT_READ && wait_for_end(pid, until, ended))
         return TELEMETRY_COMMAND_ENDED;
-    ++killed;
-    LOG_ERROR("[%s] has not ended in %d ms and is killed", text, limit_ms);
+    if (end == OUTPUT_UNREADABLE) {
+        LOG_ERROR("error: popen exe [%s] failed", text);
+    } else {
+        ++killed;
+        LOG_ERROR("[%s] has not ended in %d ms and is killed", text, limit_ms);
+    }
     kill(-pid, SIGKILL);
     if (!wait_for_end(pid, now_ms() + kKilledLimitMs, ended))
         abandon(pid);
-    return TELEMETRY_COMMAND_TOO_LONG;
+    return end == OUTPUT_UNREADABLE ? TELEMETRY_COMMAND_NOT_STARTED : TELEMETRY_COMMAND_TOO_LONG;
 }

@@ -12,7 +12,7 @@ inline constexpr int kSaveLimitMs = 60000;
 
 enum TelemetryCommandResult : int {
     TELEMETRY_COMMAND_ENDED = 0,
-    TELEMETRY_COMMAND_NOT_STARTED = -1, // no process or descriptor for it
+    TELEMETRY_COMMAND_NOT_STARTED = -1, // no process or descriptor for it, or nothing can be read of it
     TELEMETRY_COMMAND_TOO_LONG = -2,    // it and its children were ended at the limit
 };
 

@@ -8,13 +8,13 @@
 #include "sysroot.h"
 #include "telemetry_paths.h"
 
-// Stands before the C library's: the test says when a command cannot be started.
-static bool spawn_fails;
+// Stands before the C library's: the test says with which errno no command can be started.
+static int spawn_fails;
 
 extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actions_t *actions,
                             const posix_spawnattr_t *attributes, char *const argv[], char *const envp[]) {
-    if (spawn_fails)
-        return EAGAIN;
+    if (spawn_fails != 0)
+        return spawn_fails;
     const auto real = reinterpret_cast<decltype(&posix_spawnp)>(dlsym(RTLD_NEXT, "posix_spawnp"));
     return real(pid, file, actions, attributes, argv, envp);
 }
@@ -66,10 +66,12 @@ TEST_F(TelemetryUtils, ShellValueIsCutAndPadded) {
     char output[4] = "old";
     for (const auto &[command, size] : {std::pair<const char *, int>{nullptr, 4}, {"", 4}, {"true", 0}})
         EXPECT_EQ(shell_get_value(command, output, size), -1);
-    spawn_fails = true;
-    expect_logged(-1, {"error: popen exe [board x] failed"},
-                  [&] { return shell_get_value("board x", output, 4); });
-    spawn_fails = false;
+    for (const int error : {EAGAIN, EINTR, EIO}) {
+        spawn_fails = error;
+        expect_logged(-1, {"error: popen exe [board x] failed"},
+                      [&] { return shell_get_value("board x", output, 4); });
+    }
+    spawn_fails = 0;
     EXPECT_STREQ(output, "old");
 }
 
@@ -197,9 +199,9 @@ TEST_F(TelemetryUtils, PingDelayIsAFieldOfTheSummary) {
     answer("echo '///1e300'");
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
     EXPECT_EQ(strlen(output), 127u);
-    spawn_fails = true;
+    spawn_fails = EAGAIN;
     EXPECT_EQ(telemetry_ping_delay_v4(output, "192.168.0.2"), 0);
-    spawn_fails = false;
+    spawn_fails = 0;
     EXPECT_EQ(strlen(output), 127u); // as it was
 }
 
