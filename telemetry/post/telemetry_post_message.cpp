@@ -80,14 +80,29 @@ static bool add_source(const TelemetryCtx *ctx, cJSON *body) {
     return source != nullptr && add_texts(source, members);
 }
 
+// cJSON_AddItemReferenceToObject() loses the reference when there is no memory for its key.
+static bool add_reference(cJSON *object, const cJSON *member) {
+    JsonPtr reference(cJSON_CreateNull());
+    if (!reference)
+        return false;
+    reference->type = (member->type & ~cJSON_StringIsConst) | cJSON_IsReference;
+    reference->child = member->child;
+    reference->valuestring = member->valuestring;
+    reference->valueint = member->valueint;
+    reference->valuedouble = member->valuedouble;
+    if (!cJSON_AddItemToObject(object, member->string, reference.get()))
+        return false;
+    static_cast<void>(reference.release()); // the object's now
+    return true;
+}
+
 // The counts are bookkeeping: the list keeps them, the cloud never sees them. The body only refers to the
 // rest of each record: a copy would be as large as all that was collected.
 static bool add_record(cJSON *records, const cJSON *record) {
     JsonPtr sent(cJSON_CreateObject());
     cJSON *member = nullptr;
     cJSON_ArrayForEach(member, record) {
-        if (strcmp(member->string, "cnt") != 0 &&
-            !cJSON_AddItemReferenceToObject(sent.get(), member->string, member))
+        if (strcmp(member->string, "cnt") != 0 && !add_reference(sent.get(), member))
             return false;
     }
     if (!cJSON_AddItemToArray(records, sent.get()))
