@@ -27,7 +27,7 @@ struct FailOrder {
     std::atomic<int32_t> kind;
     std::atomic<int32_t> error;     // of system calls: errno, or one of the above
     std::atomic<int64_t> at;        // the number of the one that fails, from 1; 0: none
-    std::atomic<int64_t> seen;      // calls so far; who changes the order sets it to 0
+    std::atomic<int64_t> seen;      // calls up to the one that failed; who changes the order sets it to 0
     std::atomic<int64_t> hit;       // size or system call of the one that failed; 0: none has
     std::atomic<uint64_t> from[12]; // where: addresses in the program's file, the innermost first
     // For kFailUnseen, kept over restarts of the daemon:

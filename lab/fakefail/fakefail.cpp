@@ -122,11 +122,16 @@ bool note_stack(uint64_t hash) {
     return false;
 }
 
+// Whether one is still to fail: only then is the stack looked at, which takes most of the time.
+bool is_armed(FailKind kind, FailKind other) {
+    const int32_t wanted = order == nullptr ? int32_t{FAIL_NOTHING} : order->kind.load();
+    return wanted != FAIL_NOTHING && (wanted == kind || wanted == other) && order->at != 0 && order->hit == 0;
+}
+
 // Whether it is the one that fails, by its number or by where it comes from.
 bool is_due(int64_t number, const Stack &stack) {
-    const int64_t at = order->at.load();
-    if (order->hit != 0 || at != kFailUnseen)
-        return order->hit == 0 && number == at;
+    if (const int64_t at = order->at.load(); at != kFailUnseen)
+        return number == at;
     const uint64_t hash = stack.hash + static_cast<uint64_t>(order->error.load()) * 7919;
     return note_stack(hash == 0 ? 1 : hash) && order->unseen.fetch_add(1) % order->step == 0;
 }
@@ -146,15 +151,13 @@ thread_local bool inside; // of a call that has been counted
 
 bool refused(size_t size) {
     static std::atomic<bool> started; // what libraries ask for before the program runs is not its own matter
-    if (order == nullptr || inside)
-        return false;
-    const int32_t kind = order->kind.load();
-    if (kind != FAIL_MEMORY && kind != FAIL_OWN_MEMORY)
+    // `inside` last: a sanitizer asks before it is there.
+    if (!is_armed(FAIL_MEMORY, FAIL_OWN_MEMORY) || inside)
         return false;
     inside = true;
     const Stack stack = stack_here();
     started = started || stack.asker == PROGRAM;
-    const bool counts = stack.asker == PROGRAM || (kind == FAIL_MEMORY && started);
+    const bool counts = stack.asker == PROGRAM || (order->kind == FAIL_MEMORY && started);
     const bool now = counts && fails(stack, static_cast<int64_t>(size) + 1);
     inside = false;
     return now;
@@ -262,7 +265,7 @@ void answer_call(int, siginfo_t *info, void *context) {
     greg_t *r = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
     const int number = info->si_syscall;
     bool now = false;
-    if (order->kind.load() == FAIL_CALLS && !inside) {
+    if (!inside && is_armed(FAIL_CALLS, FAIL_CALLS)) {
         inside = true;
         now = fails(stack_here(), number + 1);
         inside = false;
@@ -309,7 +312,7 @@ void watch_calls() {
 extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file_actions_t *actions,
                             const posix_spawnattr_t *attributes, char *const argv[], char *const env[]) {
     static auto *const real = next("posix_spawnp", posix_spawnp);
-    if (order == nullptr || order->kind.load() != FAIL_CALLS || !fails(stack_here(), SYS_clone + 1))
+    if (!is_armed(FAIL_CALLS, FAIL_CALLS) || !fails(stack_here(), SYS_clone + 1))
         return real(pid, file, actions, attributes, argv, env);
     greg_t none[NGREG] = {};
     return static_cast<int>(-failed_result(SYS_clone, none));

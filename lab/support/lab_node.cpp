@@ -234,7 +234,9 @@ void LabNode::set_faults(const std::string &json) const {
 std::string LabNode::console(size_t from) const {
     std::ifstream file(root_ + "/dev/console", std::ios::binary);
     file.seekg(static_cast<std::streamoff>(from));
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 size_t LabNode::console_length() const {

@@ -1,13 +1,13 @@
 // One failure at a time of what the main node's daemon asks for, memory or a system call, where none has
-// failed yet: at its start with key and strategy to get, in a cycle with everything to report, and in an
-// upload whose key has expired.
+// failed yet: in a cycle with everything to report, in an upload whose key has expired, and at its start with
+// key and strategy to get.
 //
-// FAULTS=N strikes the first N places of each stretch instead of a few spread ones and goes on after a
-// failure; FAULTS=0 all. FAULTS_ERROR=ERRNO: calls with that error only.
+// FAULTS=N strikes the first N places instead of a few spread ones and goes on after a failure; FAULTS=0 all.
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <map>
+#include <tuple>
 #include <sys/mman.h>
 
 #include "../../lab/fakefail/fail_order.h"
@@ -17,17 +17,44 @@ namespace {
 
 using Records = std::map<std::string, std::string>; // payloads by record
 
-struct Faults : ::testing::Test {
-    void start(FailKind kind) {
-        home = std::make_unique<HomeLab>("{}", "home", [&](lab::LabNode &main) {
-            lab::write_file(main.fail_file(), std::string(sizeof(FailOrder), '\0'));
-            const int fd = open(main.fail_file().c_str(), O_RDWR | O_CLOEXEC);
-            order = static_cast<FailOrder *>(
-                mmap(nullptr, sizeof(FailOrder), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-            close(fd);
-            ASSERT_NE(order, MAP_FAILED);
-            order->kind = watched = kind;
-        });
+struct Fault {
+    const char *name;
+    FailKind kind;
+    int32_t error; // of a call
+};
+
+// What the daemon is made to do, from where, and what must hold when memory or a call failed meanwhile.
+struct Faults;
+struct Stretch {
+    const char *name;
+    void (Faults::*prepare)();
+    void (Faults::*run)();
+    void (Faults::*look_memory)();
+    void (Faults::*look_calls)();
+    int places, step; // so many are struck, each the so manieth
+};
+[[maybe_unused]] void PrintTo(const Stretch &stretch, std::ostream *out) {
+    *out << stretch.name;
+}
+[[maybe_unused]] void PrintTo(const Fault &fault, std::ostream *out) {
+    *out << fault.name;
+}
+
+struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
+    // One lab for all, unless something is not as it should be.
+    void SetUp() override {
+        if (home)
+            return;
+        home =
+            std::make_unique<HomeLab>(R"({"sync": {"own_limit_ms": 20}})", "home", [&](lab::LabNode &main) {
+                lab::write_file(main.fail_file(), std::string(sizeof(FailOrder), '\0'));
+                const int fd = open(main.fail_file().c_str(), O_RDWR | O_CLOEXEC);
+                order = static_cast<FailOrder *>(
+                    mmap(nullptr, sizeof(FailOrder), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+                close(fd);
+                ASSERT_NE(order, MAP_FAILED);
+                order->kind = FAIL_CALLS;
+            });
         node = &home->lab.node();
         info = node->read("/etc/config/telemetry_info");
         for (auto &[package, least] : packages)
@@ -37,45 +64,48 @@ struct Faults : ::testing::Test {
         ASSERT_EQ(whole.size(), 17U);
     }
     void TearDown() override {
+        if (HasFailure())
+            TearDownTestSuite();
+    }
+    static void TearDownTestSuite() {
         if (!home)
             return;
         order->at = 0;
         EXPECT_EQ(home->stop(), "");
         munmap(order, sizeof(FailOrder));
+        home.reset();
     }
 
-    // What the daemon is made to do, from where, and what must hold when something failed meanwhile.
-    struct Stretch {
-        void (Faults::*prepare)();
-        void (Faults::*run)();
-        void (Faults::*look)();
-    };
-    // Strikes a stretch once at each of `places`, of which each `step`th counts.
-    void strike(const Stretch &stretch, FailKind kind, int32_t error, int places, int step) {
+    // Strikes a stretch at each of its places, or at some that lie apart.
+    void strike(const Stretch &stretch, const Fault &fault) {
         const char *wanted = getenv("FAULTS");
-        if (wanted != nullptr)
-            places = atoi(wanted) == 0 ? INT_MAX : atoi(wanted);
-        order->step = wanted != nullptr ? 1 : step;
-        for (int done = 0; done < places && (!HasFailure() || wanted != nullptr); ++done) {
+        const int most = wanted == nullptr ? stretch.places : atoi(wanted) == 0 ? INT_MAX : atoi(wanted);
+        order->step = wanted == nullptr ? stretch.step : 1;
+        int done = 0, none = 0; // in a row without a place that is new
+        while (done < most && none < 3 && (!HasFailure() || wanted != nullptr)) {
             (this->*stretch.prepare)();
             order->seen = order->hit = 0;
             order->unseen = 1;
-            order->error = error;
+            order->error = fault.error;
             order->at = kFailUnseen;
-            order->kind = kind;
+            order->kind = fault.kind;
             (this->*stretch.run)();
             order->at = 0;
-            order->kind = watched;
+            order->kind = FAIL_CALLS; // for one that starts
             if (order->hit == 0) {
-                EXPECT_GT(done, 0) << "nothing was struck of " << order->seen;
-                break;
+                ++none;
+                continue;
             }
+            none = 0;
+            ++done;
             SCOPED_TRACE(where());
-            if (error == kFailKill)
+            if (fault.error == kFailKill)
                 expect_killed();
             else
-                (this->*stretch.look)();
+                (this->*(fault.kind == FAIL_CALLS ? stretch.look_calls : stretch.look_memory))();
         }
+        EXPECT_GT(done, 0) << "nothing was struck of " << order->seen;
+        printf("%d places\n", done);
         if (!node->daemon.running())
             start_daemon();
     }
@@ -103,25 +133,33 @@ struct Faults : ::testing::Test {
         node->remove("/tmp/.uci/telemetry_info"); // what a failed commit left staged
         node->write("/tmp/cloud_heartbeat_timeout_count", "4\n");
     }
-    // A number of the status, -1 when the daemon does not answer.
-    int64_t figure(const char *table, const char *name) const {
-        const lab::BusReply reply = node->call_object("telemetry.status", "get", "{}", 2);
-        const cJSON *value = cJSON_GetObjectItem(cJSON_GetObjectItem(reply.json.get(), table), name);
+    // What telemetry.status tells; null when the daemon does not answer.
+    lab::JsonTree status() const {
+        return std::move(node->call_object("telemetry.status", "get", "{}", 2).json);
+    }
+    static int64_t figure(const lab::JsonTree &status, const char *table, const char *name) {
+        const cJSON *value = cJSON_GetObjectItem(cJSON_GetObjectItem(status.get(), table), name);
         return cJSON_IsNumber(value) ? static_cast<int64_t>(value->valuedouble) : -1;
     }
-    bool wait(const std::function<bool()> &done) const {
+    // Moves the daemon's clock until the status is as wanted: as fast as it answers, slower while a transfer
+    // is under way, whose time-out should not come from a busy machine.
+    bool wait(const std::function<bool(const lab::JsonTree &)> &done) const {
         for (int tries = 0; tries < 300 && node->daemon.running(); ++tries) {
-            if (done())
+            const lab::JsonTree now = status();
+            if (done(now))
                 return true;
-            node->advance_clock(100);
-            usleep(2000 + 50 * tries); // slower, as a busy machine may be
+            const cJSON *requests = cJSON_GetObjectItem(now.get(), "requests");
+            const bool idle = cJSON_IsNumber(requests) && requests->valuedouble == 0;
+            node->advance_clock(idle ? 500 : 100);
+            if (!idle)
+                usleep(4000 + 50 * tries);
         }
         return false;
     }
     // A cycle ends, when it comes about at all.
     void cycle() {
-        node->call("collect_now", "{}", 2);
-        wait([&] { return figure("next", "collect_ms") > 60000; });
+        node->call("collect_now", "{}", 0.5);
+        wait([](const lab::JsonTree &now) { return figure(now, "next", "collect_ms") > 60000; });
     }
     Records records() const {
         Records records;
@@ -138,12 +176,12 @@ struct Faults : ::testing::Test {
         home->lab.cloud().expire_keys();
         posts = home->lab.cloud().count("posts");
     }
-    bool uploaded() const {
-        return home->lab.cloud().count("posts") > posts && node->number("data_collect_count") == 0;
+    bool uploaded(const lab::JsonTree &now) const {
+        return figure(now, "list", "items") == 0 && home->lab.cloud().count("posts") > posts;
     }
     void upload() {
-        node->call("post_now", "{}", 2);
-        wait([&] { return uploaded(); });
+        node->call("post_now", "{}", 0.5);
+        wait([&](const lab::JsonTree &now) { return uploaded(now); });
     }
     // No key and no strategy is there, and the daemon does not run.
     void first_start() {
@@ -155,14 +193,10 @@ struct Faults : ::testing::Test {
     }
     void start_daemon() {
         node->start_daemon();
-        wait([&] { return ready(); });
+        wait(ready);
     }
-    bool ready() const {
-        if (figure("next", "collect_ms") < 0)
-            return false;
-        // Not by the dump: the console may be what was struck.
-        const lab::BusReply status = node->call_object("telemetry.status", "get", "{}", 5);
-        return lab::json_text(status.json.get(), "state") == "ready";
+    static bool ready(const lab::JsonTree &now) {
+        return figure(now, "next", "collect_ms") >= 0 && lab::json_text(now.get(), "state") == "ready";
     }
     Records collect() {
         everything_to_report();
@@ -223,9 +257,9 @@ struct Faults : ::testing::Test {
     // All records have arrived, once the daemon was told again.
     void expect_uploaded() {
         expect_running();
-        for (int tries = 0; tries < 3 && !uploaded(); ++tries)
+        for (int tries = 0; tries < 3 && !uploaded(status()); ++tries)
             upload();
-        EXPECT_TRUE(uploaded()) << node->state()["post state"];
+        EXPECT_TRUE(uploaded(status())) << node->state()["post state"];
         Records missing = whole;
         for (const lab::CloudRecord &record : home->lab.cloud().records(posts))
             if (lab::print_json(lab::JsonTree(cJSON_Parse(record.payload.c_str())).get()) ==
@@ -242,12 +276,12 @@ struct Faults : ::testing::Test {
             node->start_daemon();
         }
         // A TLS library that found no memory when it was loaded has none until the next start.
-        if (!wait([&] { return ready(); }) && node->daemon.running() &&
+        if (!wait(ready) && node->daemon.running() &&
             node->log().find("SSL connect error") != std::string::npos) {
             EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
             node->start_daemon();
         }
-        EXPECT_TRUE(wait([&] { return ready(); })) << node->log();
+        EXPECT_TRUE(wait(ready)) << node->log();
         expect_key();
         expect_packages();
     }
@@ -255,63 +289,57 @@ struct Faults : ::testing::Test {
         EXPECT_EQ(node->daemon.wait(5000), -SIGKILL);
         expect_packages();
         start_daemon();
-        EXPECT_TRUE(ready()) << node->log();
+        EXPECT_TRUE(ready(status())) << node->log();
         expect_as_before();
     }
 
-    FailOrder *order = nullptr;
-    FailKind watched = FAIL_NOTHING; // calls, when that is said at the daemon's start
-    long posts = 0;                  // before an upload
-    std::unique_ptr<HomeLab> home;
-    lab::LabNode *node = nullptr;
+    static inline std::unique_ptr<HomeLab> home;
+    static inline FailOrder *order;
+    static inline lab::LabNode *node;
     // Sections at the start, before anything was recorded.
-    std::map<std::string, size_t> packages = {{"/etc/config/telemetry", 0},
-                                              {"/etc/config/telemetry_info", 0}};
-    std::string info; // the package as it was before the first cycle
-    Records whole;
+    static inline std::map<std::string, size_t> packages = {{"/etc/config/telemetry", 0},
+                                                            {"/etc/config/telemetry_info", 0}};
+    static inline std::string info; // the package as it was before the first cycle
+    static inline Records whole;
+    long posts = 0; // before an upload
 };
 
-constexpr Faults::Stretch kCycle = {&Faults::everything_to_report, &Faults::cycle, &Faults::expect_recovery};
-// One reading of a file may have failed, which is then told as not there.
-constexpr Faults::Stretch kRoughCycle = {&Faults::everything_to_report, &Faults::cycle,
-                                         &Faults::expect_as_before};
-constexpr Faults::Stretch kUpload = {&Faults::key_expired, &Faults::upload, &Faults::expect_uploaded};
-constexpr Faults::Stretch kFirstStart = {&Faults::first_start, &Faults::start_daemon,
-                                         &Faults::expect_started};
+// After a call that failed one reading of a file may be missing, which is then told as not there.
+constexpr Stretch kStretches[] = {
+    {"cycle", &Faults::everything_to_report, &Faults::cycle, &Faults::expect_recovery,
+     &Faults::expect_as_before, 14, 40},
+    {"upload", &Faults::key_expired, &Faults::upload, &Faults::expect_uploaded, &Faults::expect_uploaded, 4,
+     25},
+    {"start", &Faults::first_start, &Faults::start_daemon, &Faults::expect_started, &Faults::expect_started,
+     7, 20},
+};
 
-// What system calls fail with, each in a turn of its own.
 #ifdef FAULTS_OF_LIBRARIES
-constexpr FailKind kMemory = FAIL_MEMORY;
-constexpr int32_t kErrors[] = {ENOSPC, EIO, EMFILE, EINTR, ENOMEM, kFailShort, kFailKill};
+constexpr Fault kFaults[] = {
+    {"memory", FAIL_MEMORY, 0},       {"ENOSPC", FAIL_CALLS, ENOSPC},    {"EIO", FAIL_CALLS, EIO},
+    {"EMFILE", FAIL_CALLS, EMFILE},   {"EINTR", FAIL_CALLS, EINTR},      {"ENOMEM", FAIL_CALLS, ENOMEM},
+    {"half", FAIL_CALLS, kFailShort}, {"killed", FAIL_CALLS, kFailKill},
+};
 #else
 // The originals have requests that they do not look at, and wait without limit for an answer that they did
 // not get.
-constexpr FailKind kMemory = FAIL_OWN_MEMORY;
-constexpr int32_t kErrors[] = {kFailKill};
+constexpr Fault kFaults[] = {{"memory", FAIL_OWN_MEMORY, 0}, {"killed", FAIL_CALLS, kFailKill}};
 #endif
 
-TEST_F(Faults, OfMemory) {
-    start(FAIL_NOTHING);
-    strike(kCycle, kMemory, 0, 4, 90);
-    strike(kUpload, kMemory, 0, 1, 40);
-    strike(kFirstStart, kMemory, 0, 2, 60);
-}
-
-TEST_F(Faults, OfCalls) {
+TEST_P(Faults, OneAtATime) {
+    const auto &[stretch, fault] = GetParam();
 #ifndef __x86_64__
-    GTEST_SKIP() << "no calls are watched on this architecture";
+    if (fault.kind == FAIL_CALLS)
+        GTEST_SKIP() << "no calls are watched on this architecture";
 #endif
-    start(FAIL_CALLS);
-    const char *only = getenv("FAULTS_ERROR");
-    for (size_t i = 0; i < std::size(kErrors); ++i) {
-        if (only != nullptr && atoi(only) != kErrors[i])
-            continue;
-        strike(kRoughCycle, FAIL_CALLS, kErrors[i], 1, 30 + 20 * static_cast<int>(i));
-        if (only != nullptr || i % 3 == 0)
-            strike(kUpload, FAIL_CALLS, kErrors[i], 1, 10 + 5 * static_cast<int>(i));
-        if (only != nullptr || i % 3 == 1)
-            strike(kFirstStart, FAIL_CALLS, kErrors[i], 1, 20 + 20 * static_cast<int>(i));
-    }
+    strike(stretch, fault);
 }
+
+INSTANTIATE_TEST_SUITE_P(Home, Faults,
+                         ::testing::Combine(::testing::ValuesIn(kStretches), ::testing::ValuesIn(kFaults)),
+                         [](const auto &row) {
+                             return std::get<0>(row.param).name + std::string("_") +
+                                    std::get<1>(row.param).name;
+                         });
 
 } // namespace

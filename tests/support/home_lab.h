@@ -2,6 +2,7 @@
 // figures: what its first upload carries is the same bytes on every machine.
 #pragma once
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <stdexcept>
@@ -64,12 +65,14 @@ class HomeLab {
         return uploaded;
     }
     // Ends the daemons in order. One built with sanitizers ends with another status when something was not
-    // given back: their output is returned then.
+    // given back: what it wrote last, to its console, is returned then.
     std::string stop() {
         std::string failures;
         for (size_t i = 0; i < lab.node_count(); ++i)
-            if (lab.node(i).daemon.stop() != 0)
-                failures += lab.node(i).read("/lab/daemon.log") + "ended badly\n";
+            if (lab::LabNode &node = lab.node(i); node.daemon.stop() != 0)
+                failures += node.read("/lab/daemon.log") +
+                            node.console(std::max<size_t>(node.console_length(), 4000) - 4000) +
+                            "ended badly\n";
         return failures;
     }
 
