@@ -48,8 +48,8 @@ void telemetry_watch_reload(TelemetryCtx *ctx, void (*answer)(TelemetryCtx *ctx)
     reload = answer;
     wish_watch.fd = wish_ends[0];
     wish_watch.cb = answer_wishes;
-    if (wish_watch.fd >= 0)
-        uloop_fd_add(&wish_watch, ULOOP_READ);
+    if (wish_watch.fd >= 0 && uloop_fd_add(&wish_watch, ULOOP_READ) != 0)
+        LOG_ERROR("the loop cannot watch the pipe for SIGHUP, the configuration is read at the start only");
 }
 
 void telemetry_unwatch_reload() {

@@ -12,6 +12,9 @@
 #include "telemetry_post.h"
 #include "telemetry_utils.h"
 
+// Whoever holds the name, or has no memory for the object, may not have it then.
+static constexpr int kRegisterAgainMs = 10000;
+
 static const TelemetryCtx *status_ctx;
 static ubus_context *status_bus;
 
@@ -191,6 +194,23 @@ static void notify_subscribers(const char *event) {
     });
 }
 
+// --- Registration ---
+
+static uloop_timeout register_timer;
+
+static void register_object(int level) {
+    if (status_object.id != 0)
+        return;
+    const int status = ubus_add_object(status_bus, &status_object);
+    if (status == UBUS_STATUS_OK)
+        return;
+    TELEMETRY_LOG(level, "registration of telemetry.status failed: %s", ubus_strerror(status));
+    register_timer.cb = [](uloop_timeout *) {
+        telemetry_guarded("status", [] { register_object(TELEMETRY_LOG_DEBUG); });
+    };
+    uloop_timeout_set(&register_timer, kRegisterAgainMs);
+}
+
 void telemetry_status_register(ubus_context *bus, const TelemetryCtx *ctx) {
     if (bus == nullptr || ctx == nullptr) {
         LOG_ERROR("param error");
@@ -199,14 +219,11 @@ void telemetry_status_register(ubus_context *bus, const TelemetryCtx *ctx) {
     status_bus = bus;
     status_ctx = ctx;
     telemetry_figures_listener = notify_subscribers;
-    if (status_object.id != 0)
-        return;
-    const int status = ubus_add_object(bus, &status_object);
-    if (status != UBUS_STATUS_OK)
-        LOG_ERROR("registration of telemetry.status failed: %s", ubus_strerror(status));
+    register_object(TELEMETRY_LOG_ERROR);
 }
 
 void telemetry_status_release() {
+    uloop_timeout_cancel(&register_timer);
     status_bus = nullptr;
     status_ctx = nullptr;
     status_object.id = 0;

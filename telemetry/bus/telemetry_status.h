@@ -4,8 +4,8 @@
 #include "telemetry_ctx.h"
 
 // Registers the object on the connection; notifications "collected" and "uploaded" go to its subscribers from
-// then on. The connection's owner calls it after each (re)connection. A failure costs a line and nothing
-// else.
+// then on. The connection's owner calls it after each (re)connection. A failure costs a line and is
+// tried again every 10 s.
 void telemetry_status_register(ubus_context *bus, const TelemetryCtx *ctx);
 // Forgets the connection, which is about to be freed.
 void telemetry_status_release();

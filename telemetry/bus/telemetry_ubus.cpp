@@ -234,6 +234,14 @@ static int64_t connected_at_ms;
 static bool reconnecting;
 static int told_status; // of the last try that failed with a line
 
+// What others call and the connection's end come through the loop alone.
+static bool watch_connection() {
+    ubus_add_uloop(telemetry_bus);
+    if (!telemetry_bus->sock.registered)
+        LOG_ERROR("the loop cannot watch the ubus connection");
+    return telemetry_bus->sock.registered;
+}
+
 // A connection without the object is of no use: it counts as lost, and the next try starts afresh.
 static bool restore_connection() {
     reconnecting = true;
@@ -255,7 +263,8 @@ static bool restore_connection() {
         return false;
     }
     told_status = UBUS_STATUS_OK;
-    ubus_add_uloop(telemetry_bus);
+    if (!watch_connection())
+        return false;
     connected_at_ms = telemetry_monotonic_ms();
     telemetry_figures.bus_reconnections++;
     LOG_INFO("ubus connection is back");
@@ -298,7 +307,8 @@ int telemetry_init_ubus(TelemetryCtx *ctx) {
         return -1;
     }
     connected_at_ms = telemetry_monotonic_ms();
-    ubus_add_uloop(telemetry_bus);
+    if (!watch_connection())
+        return -1;
     const int status = ubus_add_object(telemetry_bus, &telemetry_object);
     if (status != UBUS_STATUS_OK) {
         LOG_ERROR("registration of the bus object failed: %s", ubus_strerror(status));
