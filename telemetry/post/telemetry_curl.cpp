@@ -114,7 +114,10 @@ int telemetry_init_post_request(TelemetryCtx *ctx) {
         LOG_ERROR("param error");
         return -1;
     }
-    curl_global_init(CURL_GLOBAL_ALL);
+    if (const CURLcode code = curl_global_init(CURL_GLOBAL_ALL); code != CURLE_OK) {
+        LOG_ERROR("curl_global_init failed: %s", curl_easy_strerror(code));
+        return -1;
+    }
     if (multi_handle == nullptr)
         multi_handle = curl_multi_init();
     if (multi_handle == nullptr) {
