@@ -136,7 +136,7 @@ static int start_command(const char *const argv[], int output, pid_t *pid) {
     return error == ENOEXEC ? start_script(setup, argv, pid) : error;
 }
 
-// What exec finds wrong with a program, as a shell would; any other error is one of starting it.
+// What is wrong with the program itself; any other error is one of starting it.
 static bool is_not_runnable(int error) {
     static constexpr int kErrors[] = {ENOENT,       EACCES, EPERM,   ENOTDIR, EISDIR, ELOOP,
                                       ENAMETOOLONG, E2BIG,  ENOEXEC, ETXTBSY, EINVAL, ELIBBAD};
@@ -206,12 +206,11 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
     const int64_t until = now_ms() + limit_ms;
     OutputPipe pipe;
     pid_t pid = -1;
-    int error = output == nullptr || pipe.open() ? 0 : errno;
-    if (error == 0)
-        error = start_command(argv, pipe.writing(), &pid);
+    const bool piped = output == nullptr || pipe.open();
+    const int error = piped ? start_command(argv, pipe.writing(), &pid) : errno;
     if (error == ENOMEM)
         telemetry_memory_refused();
-    if (error != 0 && !is_not_runnable(error)) {
+    if (error != 0 && (!piped || !is_not_runnable(error))) {
         LOG_ERROR("error: popen exe [%s] failed", text);
         return TELEMETRY_COMMAND_NOT_STARTED;
     }
