@@ -64,6 +64,10 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         ASSERT_EQ(whole.size(), 17U);
     }
     void TearDown() override {
+        // Here what was not given back is seen, before the next sweep kills.
+        EXPECT_EQ(node->daemon.stop(), 0)
+            << node->console(std::max<size_t>(node->console_length(), 4000) - 4000);
+        start_daemon();
         if (HasFailure())
             TearDownTestSuite();
     }
@@ -87,27 +91,25 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
             order->seen = order->hit = 0;
             order->unseen = 1;
             order->error = fault.error;
-            order->at = kFailUnseen;
             order->kind = fault.kind;
+            order->at = kFailUnseen;
             (this->*stretch.run)();
             order->at = 0;
             order->kind = FAIL_CALLS; // for one that starts
-            if (order->hit == 0) {
-                ++none;
-                continue;
-            }
-            none = 0;
-            ++done;
-            SCOPED_TRACE(where());
-            if (fault.error == kFailKill)
+            ASSERT_GE(order->hit, 0) << "no calls are watched";
+            const bool struck = order->hit != 0;
+            none = struck ? 0 : none + 1;
+            done += struck ? 1 : 0;
+            SCOPED_TRACE(struck ? where() : "nothing failed");
+            if (struck && fault.error == kFailKill)
                 expect_killed();
             else
                 (this->*(fault.kind == FAIL_CALLS ? stretch.look_calls : stretch.look_memory))();
+            if (!node->daemon.running())
+                start_daemon();
         }
-        EXPECT_GT(done, 0) << "nothing was struck of " << order->seen;
         printf("%d places\n", done);
-        if (!node->daemon.running())
-            start_daemon();
+        EXPECT_GT(done, wanted == nullptr ? stretch.places / 2 : 0) << "struck of " << order->seen;
     }
     std::string where() const {
         std::string text = "failed: " + std::to_string(order->hit - 1) + " of " +
@@ -185,7 +187,6 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
     }
     // No key and no strategy is there, and the daemon does not run.
     void first_start() {
-        start_from = node->console_length();
         EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log") << node->log();
         for (const char *option : {"accessKey", "accessSecret", "accessDevice"})
             node->set_config("telemetry", "cloud", option, "");
@@ -272,15 +273,13 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
     // It is ready, or has said why it ended, and is when it starts again.
     void expect_started() {
         if (!node->daemon.running()) {
-            EXPECT_GE(node->daemon.wait(0), 0) << node->read("/lab/daemon.log");
+            EXPECT_EQ(node->daemon.wait(0), 0) << node->read("/lab/daemon.log");
             EXPECT_NE(node->console(), "");
             node->start_daemon();
         }
         // A TLS library that found no memory when it was loaded has none until the next start, and who cannot
         // read the configuration asks the cloud that is built in.
-        const auto told = [&](const char *text) {
-            return node->console(start_from).find(text) != std::string::npos;
-        };
+        const auto told = [](const char *text) { return node->console().find(text) != std::string::npos; };
         if (!wait(ready) && node->daemon.running() &&
             (told("SSL connect error") || told("uci_get_value buffer error"))) {
             EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
@@ -306,14 +305,13 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
                                                             {"/etc/config/telemetry_info", 0}};
     static inline std::string info; // the package as it was before the first cycle
     static inline Records whole;
-    long posts = 0;        // before an upload
-    size_t start_from = 0; // in the console
+    long posts = 0; // before an upload
 };
 
 // After a call that failed one reading of a file may be missing, which is then told as not there.
 constexpr Stretch kStretches[] = {
     {"cycle", &Faults::everything_to_report, &Faults::cycle, &Faults::expect_recovery,
-     &Faults::expect_as_before, 14, 40},
+     &Faults::expect_as_before, 14, 36},
     {"upload", &Faults::key_expired, &Faults::upload, &Faults::expect_uploaded, &Faults::expect_uploaded, 4,
      25},
     {"start", &Faults::first_start, &Faults::start_daemon, &Faults::expect_started, &Faults::expect_started,
