@@ -198,7 +198,7 @@ static void notify_subscribers(const char *event) {
 
 static uloop_timeout register_timer;
 
-static void register_object(int level) {
+static void register_object(uint32_t level) {
     if (status_object.id != 0)
         return;
     const int status = ubus_add_object(status_bus, &status_object);
