@@ -311,11 +311,11 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
 // After a call that failed one reading of a file may be missing, which is then told as not there.
 constexpr Stretch kStretches[] = {
     {"cycle", &Faults::everything_to_report, &Faults::cycle, &Faults::expect_recovery,
-     &Faults::expect_as_before, 14, 36},
-    {"upload", &Faults::key_expired, &Faults::upload, &Faults::expect_uploaded, &Faults::expect_uploaded, 4,
+     &Faults::expect_as_before, 9, 36},
+    {"upload", &Faults::key_expired, &Faults::upload, &Faults::expect_uploaded, &Faults::expect_uploaded, 3,
      25},
     {"start", &Faults::first_start, &Faults::start_daemon, &Faults::expect_started, &Faults::expect_started,
-     7, 20},
+     5, 20},
 };
 
 #ifdef FAULTS_OF_LIBRARIES
