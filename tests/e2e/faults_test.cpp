@@ -64,6 +64,8 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         ASSERT_EQ(whole.size(), 17U);
     }
     void TearDown() override {
+        if (!home)
+            return;
         // Here what was not given back is seen, before the next sweep kills.
         EXPECT_EQ(node->daemon.stop(), 0)
             << node->console(std::max<size_t>(node->console_length(), 4000) - 4000);
