@@ -211,7 +211,14 @@ bool TelemetryUciScope::finish() {
     return std::uncaught_exceptions() == exceptions_ && telemetry_memory_failures() == refused_;
 }
 
+void TelemetryUciScope::on_put_back(std::function<void()> undo) {
+    if (outermost != nullptr)
+        outermost->undo_.push_back(std::move(undo));
+}
+
 void TelemetryUciScope::put_back() {
+    for (const std::function<void()> &undo : undo_)
+        telemetry_guarded("putting back", undo);
     for (uint32_t number = 0; number < std::size(sources_); ++number) {
         Source &source = sources_[number];
         source.waiting.clear();

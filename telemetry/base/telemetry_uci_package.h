@@ -2,6 +2,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -71,6 +72,9 @@ class TelemetryUciScope {
     // Stores what waits for a package of a scope's context and unloads it there.
     static void give_up(uci_context *uci, const char *package);
     static bool active();
+    // What is done besides when the scope is put back, for what a collector reported elsewhere. Nothing
+    // without a scope.
+    static void on_put_back(std::function<void()> undo);
 
   private:
     struct Waiting {
@@ -87,6 +91,7 @@ class TelemetryUciScope {
     static bool commit_package(Source *source, const std::string &name, const std::vector<Waiting> &waiting);
 
     Source sources_[TELEMETRY_UCI_PROFILE + 1];
+    std::vector<std::function<void()>> undo_;
     int exceptions_ = std::uncaught_exceptions();
     uint32_t refused_ = telemetry_memory_failures();
 };

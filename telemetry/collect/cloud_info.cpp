@@ -8,7 +8,6 @@
 #include "cloud_info.h"
 #include "collectors.h"
 #include "telemetry_command.h"
-#include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_json_read.h"
 #include "telemetry_log.h"
@@ -83,26 +82,13 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
     if (cJSON_AddNumberToObject(payload, "tch", timeouts) == nullptr)
         return -1; // and the count stays
     ++*count;
+    // The count restarts with its record: when that is given up, what was read is there again.
+    TelemetryUciScope::on_put_back(
+        [timeouts] { telemetry_write_number_file(kHeartbeatTimeoutPath, timeouts); });
     rewind(file.get());
     fputs("0\n", file.get());
     return 0;
 }
-
-// The count restarts with its record: when memory was refused meanwhile the record is given up, and what was
-// read is there again.
-struct HeartbeatCount {
-    const cJSON *payload;
-    uint32_t refused = telemetry_memory_failures();
-    ~HeartbeatCount() {
-        const cJSON *count = cJSON_GetObjectItemCaseSensitive(payload, "tch");
-        if (count == nullptr || telemetry_memory_failures() == refused)
-            return;
-        telemetry_guarded("heartbeat count", [&] {
-            if (const FilePtr file = open_file(kHeartbeatTimeoutPath, O_WRONLY, "w"))
-                fprintf(file.get(), "%d\n", count->valueint);
-        });
-    }
-};
 
 // --- Versions ---
 
@@ -232,7 +218,6 @@ int collect_cloud_info(TelemetryCtx *, cJSON *payload, uint32_t *count) {
         LOG_ERROR("param error");
         return 0;
     }
-    const HeartbeatCount heartbeat = {payload};
     telemetry_get_heartbeat_timeout_count_in_file(payload, count);
     telemetry_get_duration_config_cJSON_object_by_telemetry_index(kCloudActionTable, rows(kCloudActionTable),
                                                                   count, payload);

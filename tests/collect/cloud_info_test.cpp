@@ -2,7 +2,9 @@
 #include "cloud_info.h"
 
 #include "collector_test.h"
+#include "telemetry_memory.h"
 #include "telemetry_uci.h"
+#include "telemetry_uci_package.h"
 
 namespace {
 
@@ -76,6 +78,13 @@ TEST_F(CloudInfo, ReportsHeartbeatTimeoutsAndStartsAnew) {
         EXPECT_EQ(cycle(), one.record) << one.content;
         EXPECT_EQ(root.read(kHeartbeats), one.left) << one.content;
     }
+    {
+        const TelemetryUciScope given_up;
+        root.write(kHeartbeats, "7\n");
+        EXPECT_EQ(cycle(), cases[0].record);
+        telemetry_memory_refused();
+    }
+    EXPECT_EQ(root.read(kHeartbeats), "7\n");
     expect_no_file(kHeartbeats, "{}", "open file /tmp/cloud_heartbeat_timeout_count failed", false);
 }
 

@@ -149,11 +149,13 @@ TEST_F(TelemetryCollect, ARecordNeedsSuccessAndItems) {
 }
 
 static enum { kEnough, kRefused, kThrown, kCommitted, kNoRecord } memory;
+static int undone;
 
 // What changed waits to be recorded when memory runs out; a record that nobody gets has reported nothing.
 static int collect_change(TelemetryCtx *, cJSON *payload, uint32_t *count) {
     cJSON_AddStringToObject(payload, "setting", "new");
     *count = static_cast<uint32_t>(telemetry_update_tmp_backup_config_md5("package", "name", payload));
+    TelemetryUciScope::on_put_back([] { ++undone; });
     if (memory == kCommitted)
         TelemetryUciScope::commit();
     if (memory == kRefused || memory == kCommitted)
@@ -176,6 +178,7 @@ TEST_F(TelemetryCollect, WhatMemoryWasShortForIsReportedNextTime) {
         EXPECT_EQ(records(), state == kEnough ? 1u : 0u) << state;
     }
     EXPECT_EQ(ctx.data_collect_count, 1u);
+    EXPECT_EQ(undone, 4);
 }
 
 TEST_F(TelemetryCollect, ACycleRunsEveryModule) {
