@@ -315,7 +315,7 @@ extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file
     if (!is_armed(FAIL_CALLS, FAIL_CALLS) || !fails(stack_here(), SYS_clone + 1))
         return real(pid, file, actions, attributes, argv, env);
     greg_t none[NGREG] = {};
-    return static_cast<int>(-failed_result(SYS_clone, none));
+    return failed_result(SYS_clone, none) == -ENOMEM ? ENOMEM : EAGAIN; // there are no others
 }
 #else
 static void watch_calls() {}

@@ -136,11 +136,9 @@ static int start_command(const char *const argv[], int output, pid_t *pid) {
     return error == ENOEXEC ? start_script(setup, argv, pid) : error;
 }
 
-// What is wrong with the program itself; any other error is one of starting it.
-static bool is_not_runnable(int error) {
-    static constexpr int kErrors[] = {ENOENT,       EACCES, EPERM,   ENOTDIR, EISDIR, ELOOP,
-                                      ENAMETOOLONG, E2BIG,  ENOEXEC, ETXTBSY, EINVAL, ELIBBAD};
-    return std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
+// Of a process that cannot be made; other errors are the program's.
+static bool out_of_resources(int error) {
+    return error == EAGAIN || error == ENOMEM || error == EMFILE || error == ENFILE;
 }
 
 enum OutputEnd { OUTPUT_READ, OUTPUT_TOO_LATE, OUTPUT_UNREADABLE };
@@ -154,8 +152,10 @@ static OutputEnd read_output(int fd, const TelemetryCommandOutput &output, int64
         const ssize_t got = found < 0 ? -1 : read(fd, output.text + used, output.size - used);
         if (got < 0 && errno == EINTR)
             continue;
-        if (got < 0)
+        if (got < 0) {
+            telemetry_memory_refused_by_errno();
             return OUTPUT_UNREADABLE;
+        }
         if (got == 0 || output.read == TELEMETRY_READ_FIRST)
             return OUTPUT_READ;
         used += static_cast<size_t>(got);
@@ -210,7 +210,7 @@ int telemetry_command_run(const char *const argv[], int limit_ms, const Telemetr
     const int error = piped ? start_command(argv, pipe.writing(), &pid) : errno;
     if (error == ENOMEM)
         telemetry_memory_refused();
-    if (error != 0 && (!piped || !is_not_runnable(error))) {
+    if (!piped || out_of_resources(error)) {
         LOG_ERROR("error: popen exe [%s] failed", text);
         return TELEMETRY_COMMAND_NOT_STARTED;
     }

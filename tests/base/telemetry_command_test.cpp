@@ -2,6 +2,7 @@
 
 #include <regex>
 
+#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -18,6 +19,17 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
     const long result = syscall(SYS_clock_gettime, clock, now);
     now->tv_sec += ahead += leap;
     return static_cast<int>(result);
+}
+
+static int pipe_fails, poll_fails; // errno
+
+extern "C" int pipe2(int *ends, int flags) noexcept {
+    errno = pipe_fails;
+    return pipe_fails != 0 ? -1 : static_cast<int>(syscall(SYS_pipe2, ends, flags));
+}
+extern "C" int poll(pollfd *ends, nfds_t count, int timeout_ms) {
+    errno = poll_fails;
+    return poll_fails != 0 && count > 0 ? -1 : static_cast<int>(syscall(SYS_poll, ends, count, timeout_ms));
 }
 
 class TelemetryCommand : public SysrootTest {
@@ -89,6 +101,18 @@ TEST_F(TelemetryCommand, EndsAtItsLimitWithItsChildren) {
     expect_logged(TELEMETRY_COMMAND_ENDED, {"nothing-here cannot be run: No such file or directory"},
                   [&] { return run({"nothing-here"}); });
     EXPECT_EQ(WEXITSTATUS(status), 127);
+}
+
+// A device id that is not there for want of a pipe is none that is empty.
+TEST_F(TelemetryCommand, WhatCannotBeStartedOrReadPrintsNotNothing) {
+    for (int *fails : {&pipe_fails, &poll_fails}) {
+        *fails = EIO;
+        expect_logged(TELEMETRY_COMMAND_NOT_STARTED, {"error: popen exe [sleep 1000] failed"}, [&] {
+            return run({"sleep", "1000"});
+        });
+        *fails = 0;
+    }
+    EXPECT_EQ(waitid(P_ALL, 0, nullptr, WEXITED | WNOHANG), -1);
 }
 
 // What does not end in time after its kill is taken note of with a later command.
