@@ -206,7 +206,8 @@ static void register_object(uint32_t level) {
         return;
     TELEMETRY_LOG(level, "registration of telemetry.status failed: %s", ubus_strerror(status));
     register_timer.cb = [](uloop_timeout *) {
-        telemetry_guarded("status", [] { register_object(TELEMETRY_LOG_DEBUG); });
+        if (status_bus->sock.registered) // else whoever connects again comes by
+            telemetry_guarded("status", [] { register_object(TELEMETRY_LOG_DEBUG); });
     };
     uloop_timeout_set(&register_timer, kRegisterAgainMs);
 }

@@ -237,8 +237,6 @@ static int told_status; // of the last try that failed with a line
 // What others call and the connection's end come through the loop alone.
 static bool watch_connection() {
     ubus_add_uloop(telemetry_bus);
-    if (!telemetry_bus->sock.registered)
-        LOG_ERROR("the loop cannot watch the ubus connection");
     return telemetry_bus->sock.registered;
 }
 
@@ -252,6 +250,8 @@ static bool restore_connection() {
         telemetry_bus->sock.fd = -1;
     else if (telemetry_object.id == 0)
         status = ubus_add_object(telemetry_bus, &telemetry_object);
+    if (status == UBUS_STATUS_OK && !watch_connection())
+        status = UBUS_STATUS_UNKNOWN_ERROR;
     reconnecting = false;
     if (status != UBUS_STATUS_OK) {
         // An absent bus has been told as a lost one; anything else, such as a name that another process
@@ -263,8 +263,6 @@ static bool restore_connection() {
         return false;
     }
     told_status = UBUS_STATUS_OK;
-    if (!watch_connection())
-        return false;
     connected_at_ms = telemetry_monotonic_ms();
     telemetry_figures.bus_reconnections++;
     LOG_INFO("ubus connection is back");
@@ -307,8 +305,10 @@ int telemetry_init_ubus(TelemetryCtx *ctx) {
         return -1;
     }
     connected_at_ms = telemetry_monotonic_ms();
-    if (!watch_connection())
+    if (!watch_connection()) {
+        LOG_ERROR("the loop cannot watch the ubus connection");
         return -1;
+    }
     const int status = ubus_add_object(telemetry_bus, &telemetry_object);
     if (status != UBUS_STATUS_OK) {
         LOG_ERROR("registration of the bus object failed: %s", ubus_strerror(status));

@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/epoll.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -41,6 +42,15 @@ extern "C" int clock_gettime(clockid_t id, timespec *now) noexcept {
     if (result == 0 && id == CLOCK_MONOTONIC)
         now->tv_sec += clock_ahead_s;
     return static_cast<int>(result);
+}
+
+static bool watch_fails;
+
+extern "C" int epoll_ctl(int loop, int operation, int fd, epoll_event *event) noexcept {
+    if (!watch_fails || operation != EPOLL_CTL_ADD)
+        return static_cast<int>(syscall(SYS_epoll_ctl, loop, operation, fd, event));
+    errno = ENOSPC;
+    return -1;
 }
 
 class TelemetryUbusTest : public SysrootTest {
@@ -171,6 +181,9 @@ TEST_F(TelemetryUbusTest, StartFailsWithoutBusOrFreePath) {
         EXPECT_EQ(result, -1);
         EXPECT_THAT(log, ElementsAre(::testing::HasSubstr("registration")));
     }
+    watch_fails = true;
+    expect_logged(-1, {"the loop cannot watch the ubus connection"}, start);
+    watch_fails = false;
     bus.kill();
     expect_logged(-1, {"param error"}, start);
 }
@@ -268,20 +281,45 @@ TEST_F(TelemetryUbusTest, AFailedGreetingCostsNobodyADescriptor) {
     }
 }
 
-TEST_F(TelemetryUbusTest, ATakenNameIsToldOnce) {
-    ASSERT_EQ(telemetry_init_ubus(&ctx), 0);
-    bus.kill();
-    bus.start();
+static void run_loop_for_a_while() {
+    for (int tick = 0; tick < 4; ++tick) {
+        clock_ahead_s += 3;
+        run_loop_shortly();
+    }
+}
+
+TEST_F(TelemetryUbusTest, ATakenNameAndALoopThatIsFullAreToldOnce) {
+    const auto told = ElementsAre("ubus connection is lost", HasSubstr("reconnect failed"));
+    const auto back = ElementsAre("ubus connection is back");
+    restart_bus();
     {
         const Squatter other(bus.socket());
-        EXPECT_THAT(logged_messages([] {
-                        for (int tick = 0; tick < 4; ++tick) {
-                            clock_ahead_s += 3;
-                            run_loop_shortly();
-                        }
-                    }),
-                    ElementsAre("ubus connection is lost", HasSubstr("reconnect failed")));
+        EXPECT_THAT(logged_messages(run_loop_for_a_while), told);
     }
     clock_ahead_s += 3;
-    EXPECT_THAT(logged_messages(run_loop_shortly), ElementsAre("ubus connection is back"));
+    EXPECT_THAT(logged_messages(run_loop_shortly), back);
+    const ptrdiff_t descriptors = open_descriptors();
+    restart_bus();
+    watch_fails = true;
+    EXPECT_THAT(logged_messages(run_loop_for_a_while), told);
+    watch_fails = false;
+    clock_ahead_s += 3;
+    EXPECT_THAT(logged_messages(run_loop_shortly), back);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(call("clear").json, kDone);
+}
+
+TEST_F(TelemetryUbusTest, TheStatusIsThereOnceItsNameIsFree) {
+    telemetry_free_ubus();
+    {
+        const Squatter other(bus.socket(), "telemetry.status");
+        EXPECT_EQ(logged_messages([&] {
+                      EXPECT_EQ(telemetry_init_ubus(&ctx), 0);
+                      run_loop_for_a_while();
+                  }).size(),
+                  1u);
+        EXPECT_EQ(call("clear").json, kDone);
+    }
+    run_loop_for_a_while();
+    EXPECT_THAT(LoopClient(bus.socket()).call("telemetry.status", "get", "{}").json, HasSubstr("version"));
 }
