@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/md5.h>
@@ -96,4 +97,12 @@ int hmac_sha1_encode(const char *message, int n, char *output, const char *key) 
     }
     write_hex(output, digest, static_cast<size_t>(n < kSha1Length ? n : kSha1Length));
     return 0;
+}
+
+bool telemetry_crypto_ready() {
+#if defined(OPENSSL_VERSION_MAJOR) && OPENSSL_VERSION_MAJOR >= 3
+    return OSSL_LIB_CTX_get0_global_default() != nullptr;
+#else
+    return true;
+#endif
 }

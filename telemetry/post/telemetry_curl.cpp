@@ -9,6 +9,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_post.h"
+#include "telemetry_utils.h"
 
 // Shared by all slots for the whole run.
 static CURLM *multi_handle;
@@ -116,6 +117,10 @@ int telemetry_init_post_request(TelemetryCtx *ctx) {
     }
     if (const CURLcode code = curl_global_init(CURL_GLOBAL_ALL); code != CURLE_OK) {
         LOG_ERROR("curl_global_init failed: %s", curl_easy_strerror(code));
+        return -1;
+    }
+    if (!telemetry_crypto_ready()) {
+        LOG_ERROR("no memory for libcrypto");
         return -1;
     }
     if (multi_handle == nullptr)
