@@ -95,6 +95,8 @@ int ubus_register_objects(ubus_context *ctx) {
             status == UBUS_STATUS_NO_MEMORY)
             return status;
     }
+    // What the bus has refused may be added again.
+    std::erase_if(ctx->conn->objects, [](const ubus_object *obj) { return obj->id == 0; });
     return UBUS_STATUS_OK;
 }
 

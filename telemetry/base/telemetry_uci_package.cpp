@@ -217,8 +217,8 @@ void TelemetryUciScope::on_put_back(std::function<void()> undo) {
 }
 
 void TelemetryUciScope::put_back() {
-    for (const std::function<void()> &undo : undo_)
-        telemetry_guarded("putting back", undo);
+    for (auto undo = undo_.rbegin(); undo != undo_.rend(); ++undo)
+        telemetry_guarded("putting back", *undo);
     for (uint32_t number = 0; number < std::size(sources_); ++number) {
         Source &source = sources_[number];
         source.waiting.clear();

@@ -250,7 +250,8 @@ static bool restore_connection() {
         telemetry_bus->sock.fd = -1;
     else if (telemetry_object.id == 0)
         status = ubus_add_object(telemetry_bus, &telemetry_object);
-    if (status == UBUS_STATUS_OK && !watch_connection())
+    const bool watched = status != UBUS_STATUS_OK || watch_connection();
+    if (!watched)
         status = UBUS_STATUS_UNKNOWN_ERROR;
     reconnecting = false;
     if (status != UBUS_STATUS_OK) {
@@ -259,7 +260,7 @@ static bool restore_connection() {
         const bool told = status == told_status || status == UBUS_STATUS_CONNECTION_FAILED;
         told_status = status;
         TELEMETRY_LOG(told ? TELEMETRY_LOG_DEBUG : TELEMETRY_LOG_ERROR, "ubus reconnect failed: %s",
-                      ubus_strerror(status));
+                      watched ? ubus_strerror(status) : "the loop cannot watch it");
         return false;
     }
     told_status = UBUS_STATUS_OK;

@@ -1,4 +1,6 @@
 // "cloud_info": cloud heartbeats, firmware events, finished upgrades, automatic upgrade settings.
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,15 @@ static FilePtr open_file(const char *path, int flags, const char *mode) {
     return file;
 }
 
+// Adds what has been read to what the cloud client has counted since.
+static void give_back_timeouts(int timeouts) {
+    const TextPtr text = telemetry_read_text(kHeartbeatTimeoutPath, kFirstLineSize);
+    const int since = text ? std::max(telemetry_text_to_int(text.get()), 0) : 0;
+    const int all = static_cast<int>(std::min<int64_t>(int64_t{timeouts} + since, INT32_MAX));
+    if (telemetry_write_number_file(kHeartbeatTimeoutPath, all) != 0)
+        LOG_ERROR("%d heartbeat time-outs could not be put back", timeouts);
+}
+
 int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *count) {
     if (payload == nullptr || count == nullptr) {
         LOG_ERROR("param error");
@@ -83,10 +94,10 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
         return -1; // and the count stays
     ++*count;
     // The count restarts with its record: when that is given up, what was read is there again.
-    TelemetryUciScope::on_put_back(
-        [timeouts] { telemetry_write_number_file(kHeartbeatTimeoutPath, timeouts); });
+    TelemetryUciScope::on_put_back([timeouts] { give_back_timeouts(timeouts); });
     rewind(file.get());
-    fputs("0\n", file.get());
+    if (fputs("0\n", file.get()) < 0 || fflush(file.get()) != 0)
+        LOG_ERROR("reset of %s failed", kHeartbeatTimeoutPath);
     return 0;
 }
 

@@ -6,10 +6,10 @@
 #include <ctime>
 #include <filesystem>
 
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/epoll.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -25,6 +25,7 @@
 #include "telemetry_paths.h"
 #include "telemetry_post.h"
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -310,21 +311,27 @@ TEST_F(TelemetryUbusTest, ATakenNameAndALoopThatIsFullAreToldOnce) {
 }
 
 TEST_F(TelemetryUbusTest, TheStatusIsThereOnceItsNameIsFree) {
-    telemetry_free_ubus();
-    {
-        const Squatter other(bus.socket(), "telemetry.status");
-        EXPECT_EQ(logged_messages([&] {
-                      EXPECT_EQ(telemetry_init_ubus(&ctx), 0);
-                      run_loop_for_a_while();
-                  }).size(),
-                  1u);
-        EXPECT_EQ(call("clear").json, kDone);
+    for (const bool at_start : {true, false}) {
+        SCOPED_TRACE(at_start);
+        if (at_start)
+            telemetry_free_ubus();
+        else
+            restart_bus();
+        {
+            const Squatter other(bus.socket(), "telemetry.status");
+            EXPECT_THAT(logged_messages([&] {
+                            EXPECT_EQ(at_start ? telemetry_init_ubus(&ctx) : 0, 0);
+                            run_loop_for_a_while();
+                        }),
+                        Contains(HasSubstr("registration of telemetry.status failed")).Times(1));
+            EXPECT_EQ(call("clear").json, kDone);
+        }
+        // The bus may not have seen yet that the holder is gone.
+        BusReply status;
+        for (int tries = 0; tries < 50 && status.json.empty(); ++tries) {
+            run_loop_for_a_while();
+            status = LoopClient(bus.socket()).call("telemetry.status", "get", "{}");
+        }
+        EXPECT_THAT(status.json, HasSubstr("version"));
     }
-    // The bus may not have seen yet that the holder is gone.
-    BusReply status;
-    for (int tries = 0; tries < 50 && status.json.empty(); ++tries) {
-        run_loop_for_a_while();
-        status = LoopClient(bus.socket()).call("telemetry.status", "get", "{}");
-    }
-    EXPECT_THAT(status.json, HasSubstr("version"));
 }

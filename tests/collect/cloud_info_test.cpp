@@ -82,9 +82,10 @@ TEST_F(CloudInfo, ReportsHeartbeatTimeoutsAndStartsAnew) {
         const TelemetryUciScope given_up;
         root.write(kHeartbeats, "7\n");
         EXPECT_EQ(cycle(), cases[0].record);
+        root.write(kHeartbeats, "2\n"); // counted meanwhile
         telemetry_memory_refused();
     }
-    EXPECT_EQ(root.read(kHeartbeats), "7\n");
+    EXPECT_EQ(root.read(kHeartbeats), "9\n");
     expect_no_file(kHeartbeats, "{}", "open file /tmp/cloud_heartbeat_timeout_count failed", false);
 }
 
