@@ -36,7 +36,7 @@ enum Owner {
     PROGRAM,
     C_LIBRARY,
     BETWEEN, // a program's code and its request: this library, C++'s, a sanitizer's
-    STAND_IN // for a driver, the log: not to fail on its own
+    STAND_IN // for a driver, the log; or a sanitizer's check: not to fail on its own
 };
 
 struct Code {
@@ -55,7 +55,7 @@ Owner owner_of(const char *name) {
     for (const char *between : {"libfakefail", "libstdc++", "libasan"})
         if (strstr(name, between) != nullptr)
             return BETWEEN;
-    return strstr(name, "libfake") != nullptr ? STAND_IN : OTHER;
+    return strstr(name, "libfake") != nullptr || strstr(name, "libubsan") != nullptr ? STAND_IN : OTHER;
 }
 
 int find_code(dl_phdr_info *info, size_t, void *) {
