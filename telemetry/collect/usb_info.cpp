@@ -21,6 +21,7 @@
 #include "telemetry_transfer.h"
 #include "telemetry_uci.h"
 #include "telemetry_uci_backup.h"
+#include "telemetry_uci_package.h"
 #include "telemetry_utils.h"
 
 static constexpr TelemetryIndexEntry kUsbRows[] = {
@@ -259,6 +260,17 @@ static bool has_changed(const cJSON *list) {
     return telemetry_collect_digest_changed("usb", "usb_info", sorted.get(), "md5 same, don't collect!") == 1;
 }
 
+// This node's change, whose record was given up: an answer to somebody else may have taken note of it since.
+static bool change_untold;
+
+static void keep_change(UsbInfoRecord *record) {
+    if (change_untold)
+        record->config_is_change = 1;
+    if (record->config_is_change != 0)
+        TelemetryUciScope::on_put_back([] { change_untold = true; });
+    change_untold = false;
+}
+
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     if (ctx == nullptr || payload == nullptr || count == nullptr) {
         LOG_ERROR("param error");
@@ -267,7 +279,12 @@ int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     JsonPtr list(cJSON_CreateArray());
     JsonPtr own(cJSON_CreateObject());
     UsbInfoRecord record = {};
-    if (!list || !own || collect_myself_usb_info(&record) != 0 || !fill_entry(own.get(), record)) {
+    if (!list || !own || collect_myself_usb_info(&record) != 0) {
+        LOG_ERROR("cJSON_CreateObject failed");
+        return -1;
+    }
+    keep_change(&record);
+    if (!fill_entry(own.get(), record)) {
         LOG_ERROR("cJSON_CreateObject failed");
         return -1;
     }

@@ -7,6 +7,9 @@
 #include "collector_test.h"
 #include "fake_services.h"
 #include "restart_info.h"
+#include "telemetry_memory.h"
+#include "telemetry_uci_package.h"
+#include "usb_info.h"
 
 using ::testing::HasSubstr;
 
@@ -322,6 +325,20 @@ TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
         }
         EXPECT_THAT(collect(kUsb), HasSubstr(entry));
     }
+}
+
+TEST_F(FurtherInfo, AChangeWhoseRecordIsGivenUpIsInTheNextWhoeverAsksMeanwhile) {
+    lay_out(kUsb);
+    {
+        const TelemetryUciScope given_up;
+        EXPECT_EQ(collect(kUsb), kUsb.reported);
+        telemetry_memory_refused();
+    }
+    UsbInfoRecord answer;
+    EXPECT_EQ(collect_myself_usb_info(&answer), 0);
+    EXPECT_EQ(answer.config_is_change, 1);
+    EXPECT_EQ(collect(kUsb), kUsb.reported);
+    EXPECT_EQ(collect(kUsb), "{}");
 }
 
 TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
