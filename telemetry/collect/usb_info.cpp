@@ -182,6 +182,10 @@ static TelemetryUsbType find_usb_type(const std::string &directory, const std::v
     return best != nullptr ? best->type : TELEMETRY_USB_OTHER;
 }
 
+// After a record that was given up a change is still to be told, also when an answer to another node has
+// taken note of it meanwhile.
+static bool given_up, change_untold;
+
 int collect_myself_usb_info(UsbInfoRecord *record) {
     if (record == nullptr) {
         LOG_ERROR("param error");
@@ -193,6 +197,7 @@ int collect_myself_usb_info(UsbInfoRecord *record) {
     record->usb_enable = enabled;
     record->config_is_change =
         telemetry_update_tmp_backup_config_by_telemetry_index(kUsbRows, 1) == 1 ? 1 : 0;
+    change_untold = change_untold || (given_up && record->config_is_change != 0);
     const std::string directory = telemetry_path(kUsbDeviceDir);
     const std::vector<std::string> entries = list_entries(directory);
     const std::string device = find_usb_device(entries);
@@ -260,17 +265,6 @@ static bool has_changed(const cJSON *list) {
     return telemetry_collect_digest_changed("usb", "usb_info", sorted.get(), "md5 same, don't collect!") == 1;
 }
 
-// This node's change, whose record was given up: an answer to somebody else may have taken note of it since.
-static bool change_untold;
-
-static void keep_change(UsbInfoRecord *record) {
-    if (change_untold)
-        record->config_is_change = 1;
-    if (record->config_is_change != 0)
-        TelemetryUciScope::on_put_back([] { change_untold = true; });
-    change_untold = false;
-}
-
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     if (ctx == nullptr || payload == nullptr || count == nullptr) {
         LOG_ERROR("param error");
@@ -279,11 +273,16 @@ int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     JsonPtr list(cJSON_CreateArray());
     JsonPtr own(cJSON_CreateObject());
     UsbInfoRecord record = {};
+    TelemetryUciScope::on_put_back([] { given_up = true; });
     if (!list || !own || collect_myself_usb_info(&record) != 0) {
         LOG_ERROR("cJSON_CreateObject failed");
         return -1;
     }
-    keep_change(&record);
+    if (change_untold)
+        record.config_is_change = 1;
+    if (record.config_is_change != 0)
+        TelemetryUciScope::on_put_back([] { change_untold = true; });
+    given_up = change_untold = false;
     if (!fill_entry(own.get(), record)) {
         LOG_ERROR("cJSON_CreateObject failed");
         return -1;

@@ -38,6 +38,9 @@ static bool set_options(PostRequest *request) {
     const auto set = [&](CURLoption option, auto value) {
         return curl_easy_setopt(request->easy, option, value) == CURLE_OK;
     };
+    // What a handle remembers of TLS sessions goes with it, and libcurl 7 frees one twice for which it finds
+    // no memory.
+    curl_easy_setopt(request->easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     // Without a text libcurl would read the body from standard input.
     return add_header_list(request) && set(CURLOPT_POST, 1L) && set(CURLOPT_URL, request->url) &&
            set(CURLOPT_POSTFIELDS, request->body.data != nullptr ? request->body.data : "") &&

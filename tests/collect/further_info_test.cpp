@@ -328,17 +328,24 @@ TEST_F(FurtherInfo, UsbNamesTheFirstDeviceThatIsNoHub) {
 }
 
 TEST_F(FurtherInfo, AChangeWhoseRecordIsGivenUpIsInTheNextWhoeverAsksMeanwhile) {
-    lay_out(kUsb);
-    {
-        const TelemetryUciScope given_up;
+    for (const bool seen : {true, false}) { // by the record that is given up
+        lay_out(kUsb);
+        {
+            const TelemetryUciScope given_up;
+            if (!seen)
+                put("usb", "");
+            EXPECT_EQ(collect(kUsb), seen ? kUsb.reported : NO_USB);
+            telemetry_memory_refused();
+        }
+        put("usb", kUsb.sources[0].content);
+        UsbInfoRecord answer;
+        for (const int changed : {1, 0}) {
+            EXPECT_EQ(collect_myself_usb_info(&answer), 0);
+            EXPECT_EQ(answer.config_is_change, changed);
+        }
         EXPECT_EQ(collect(kUsb), kUsb.reported);
-        telemetry_memory_refused();
+        EXPECT_EQ(collect(kUsb), "{}");
     }
-    UsbInfoRecord answer;
-    EXPECT_EQ(collect_myself_usb_info(&answer), 0);
-    EXPECT_EQ(answer.config_is_change, 1);
-    EXPECT_EQ(collect(kUsb), kUsb.reported);
-    EXPECT_EQ(collect(kUsb), "{}");
 }
 
 TEST_F(FurtherInfo, SatellitesAreListedOnceAndOnlyByWhatIsKnown) {
