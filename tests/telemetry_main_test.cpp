@@ -223,6 +223,15 @@ TEST_F(TelemetryMain, BackupAndHeartbeatFile) {
     expect_logged(-1, {"create /tmp/telemetry/telemetry failed"}, create);
 }
 
+TEST_F(TelemetryMain, OutputStaysWhereItWasWhenThereIsNoConsole) {
+    const OutputCapture out, err(stderr);
+    root.remove("/dev");
+    EXPECT_EQ(telemetry_redirect_output("/dev/console"), -1);
+    printf("still here");
+    EXPECT_EQ(err.text(), "Failed to redirect stdout/stderr to /dev/console: No such file or directory");
+    EXPECT_EQ(out.text(), "still here");
+}
+
 // What is said of the certificates and the address, and which file transfers use.
 TEST_F(TelemetryMain, CertificatesAndTheWayThere) {
     const std::string option = "config cloud 'cloud'\n\toption cloud_url 'https://x'\n\toption ca_file ";

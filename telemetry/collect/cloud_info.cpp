@@ -62,13 +62,18 @@ static FilePtr open_file(const char *path, int flags, const char *mode) {
     return file;
 }
 
-// Adds what has been read to what the cloud client has counted since.
-static void give_back_timeouts(int timeouts) {
+// Of the last record: what the file was restarted from.
+static int taken_timeouts;
+
+// Adds it to what the cloud client has counted since.
+static void give_back_timeouts() {
+    if (taken_timeouts == 0)
+        return;
     const TextPtr text = telemetry_read_text(kHeartbeatTimeoutPath, kFirstLineSize);
     const int since = text ? std::max(telemetry_text_to_int(text.get()), 0) : 0;
-    const int all = static_cast<int>(std::min<int64_t>(int64_t{timeouts} + since, INT32_MAX));
+    const int all = static_cast<int>(std::min<int64_t>(int64_t{taken_timeouts} + since, INT32_MAX));
     if (telemetry_write_number_file(kHeartbeatTimeoutPath, all) != 0)
-        LOG_ERROR("%d heartbeat time-outs could not be put back", timeouts);
+        LOG_ERROR("%d heartbeat time-outs could not be put back", taken_timeouts);
 }
 
 int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *count) {
@@ -94,10 +99,13 @@ int telemetry_get_heartbeat_timeout_count_in_file(cJSON *payload, uint32_t *coun
         return -1; // and the count stays
     ++*count;
     // The count restarts with its record: when that is given up, what was read is there again.
-    TelemetryUciScope::on_put_back([timeouts] { give_back_timeouts(timeouts); });
+    taken_timeouts = 0;
+    TelemetryUciScope::on_put_back(give_back_timeouts);
     rewind(file.get());
     if (fputs("0\n", file.get()) < 0 || fflush(file.get()) != 0)
         LOG_ERROR("reset of %s failed", kHeartbeatTimeoutPath);
+    else
+        taken_timeouts = timeouts;
     return 0;
 }
 

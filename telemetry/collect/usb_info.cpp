@@ -265,6 +265,18 @@ static bool has_changed(const cJSON *list) {
     return telemetry_collect_digest_changed("usb", "usb_info", sorted.get(), "md5 same, don't collect!") == 1;
 }
 
+static int collect_for_record(UsbInfoRecord *record) {
+    TelemetryUciScope::on_put_back([] { given_up = true; });
+    if (collect_myself_usb_info(record) != 0)
+        return -1;
+    if (change_untold)
+        record->config_is_change = 1;
+    if (record->config_is_change != 0)
+        TelemetryUciScope::on_put_back([] { change_untold = true; });
+    given_up = change_untold = false;
+    return 0;
+}
+
 int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     if (ctx == nullptr || payload == nullptr || count == nullptr) {
         LOG_ERROR("param error");
@@ -273,17 +285,7 @@ int collect_usb_info(TelemetryCtx *ctx, cJSON *payload, uint32_t *count) {
     JsonPtr list(cJSON_CreateArray());
     JsonPtr own(cJSON_CreateObject());
     UsbInfoRecord record = {};
-    TelemetryUciScope::on_put_back([] { given_up = true; });
-    if (!list || !own || collect_myself_usb_info(&record) != 0) {
-        LOG_ERROR("cJSON_CreateObject failed");
-        return -1;
-    }
-    if (change_untold)
-        record.config_is_change = 1;
-    if (record.config_is_change != 0)
-        TelemetryUciScope::on_put_back([] { change_untold = true; });
-    given_up = change_untold = false;
-    if (!fill_entry(own.get(), record)) {
+    if (!list || !own || collect_for_record(&record) != 0 || !fill_entry(own.get(), record)) {
         LOG_ERROR("cJSON_CreateObject failed");
         return -1;
     }

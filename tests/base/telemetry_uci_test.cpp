@@ -9,14 +9,8 @@
 #include "telemetry_log.h"
 #include "telemetry_uci_package.h"
 
-// The linker sends the daemon's calls here: a memory that is too short for a directory's name.
-static bool no_room_for_directories;
-extern "C" int __real_uci_set_confdir(uci_context *uci, const char *directory);
-extern "C" int __wrap_uci_set_confdir(uci_context *uci, const char *directory) {
-    return no_room_for_directories ? static_cast<int>(UCI_ERR_MEM) : __real_uci_set_confdir(uci, directory);
-}
-
-// And here: what another program does to the file between a load and the commit.
+// The linker sends the daemon's calls here: what another program does to the file between a load and the
+// commit.
 static std::function<void()> before_commit = [] {};
 extern "C" int __real_uci_commit(uci_context *uci, uci_package **package, bool overwrite);
 extern "C" int __wrap_uci_commit(uci_context *uci, uci_package **package, bool overwrite) {
@@ -222,20 +216,6 @@ TEST_F(TelemetryUciTest, ACycleKeepsItsOwnDirectoriesUntilAnException) {
         EXPECT_EQ(seen(), "32");
     }
     EXPECT_EQ(seen(), "33");
-}
-
-// A context whose directories could not be set is used for nothing: a backup must not end up in /etc/config.
-TEST_F(TelemetryUciTest, WithoutItsDirectoriesNothingIsReadOrWritten) {
-    root.write_config("telemetry", "config a 's'\n");
-    no_room_for_directories = true;
-    for (const uint32_t source : {TELEMETRY_UCI_BACKUP, TELEMETRY_UCI_SYSTEM})
-        expect_logged(-1, {"uci_alloc_context failed"},
-                      [&] { return telemetry_set_uci_value("telemetry", "s", "o", "v", source); });
-    expect_logged(-1, {"no memory for the directories of /etc/config"}, [&] {
-        return _telemetry_set_value_in_telemetry_config_with_create(uci.get(), "telemetry", "s", "o", "v");
-    });
-    no_room_for_directories = false;
-    EXPECT_EQ(root.read("/etc/config/telemetry"), "config a 's'\n");
 }
 
 // The library reads the file anew for a commit, and may have freed the package when that fails.
