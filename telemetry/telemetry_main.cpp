@@ -416,8 +416,11 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
     bool initialised = telemetry_init_ctx(ctx) == 0;
+    // A satellite signs and sends nothing.
+    if (initialised && telemetry_memory_failures() == 0 && check_if_device_is_FAP())
+        telemetry_crypto_prepare();
     if (telemetry_memory_failures() != 0) {
-        // Options may have been missed: whoever starts daemons tries again.
+        // Options may have been missed, or methods of libcrypto: whoever starts daemons tries again.
         LOG_ERROR("no memory for the start");
         initialised = false;
     }

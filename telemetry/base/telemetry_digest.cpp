@@ -6,10 +6,14 @@
 
 #include <cstring>
 #include <memory>
-#include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/md5.h>
+#if defined(OPENSSL_VERSION_MAJOR) && OPENSSL_VERSION_MAJOR >= 3
+#include <openssl/decoder.h>
+#include <openssl/kdf.h>
+#endif
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
@@ -99,10 +103,34 @@ int hmac_sha1_encode(const char *message, int n, char *output, const char *key) 
     return 0;
 }
 
-bool telemetry_crypto_ready() {
 #if defined(OPENSSL_VERSION_MAJOR) && OPENSSL_VERSION_MAJOR >= 3
-    return OSSL_LIB_CTX_get0_global_default() != nullptr;
-#else
-    return true;
-#endif
+// The first fetch of a kind makes all methods of that kind.
+template <auto fetch, auto release> static void make_methods(const char *one) {
+    release(fetch(nullptr, one, nullptr));
 }
+
+struct MethodKind {
+    void (*make)(const char *one);
+    const char *one;
+};
+static constexpr MethodKind kMethodKinds[] = {
+    {make_methods<EVP_MD_fetch, EVP_MD_free>, "SHA1"},
+    {make_methods<EVP_CIPHER_fetch, EVP_CIPHER_free>, "AES-128-GCM"},
+    {make_methods<EVP_MAC_fetch, EVP_MAC_free>, "HMAC"},
+    {make_methods<EVP_KDF_fetch, EVP_KDF_free>, "HKDF"},
+    {make_methods<EVP_RAND_fetch, EVP_RAND_free>, "CTR-DRBG"},
+    {make_methods<EVP_KEYMGMT_fetch, EVP_KEYMGMT_free>, "RSA"},
+    {make_methods<EVP_KEYEXCH_fetch, EVP_KEYEXCH_free>, "ECDH"},
+    {make_methods<EVP_SIGNATURE_fetch, EVP_SIGNATURE_free>, "RSA"},
+    {make_methods<EVP_ASYM_CIPHER_fetch, EVP_ASYM_CIPHER_free>, "RSA"},
+    {make_methods<OSSL_DECODER_fetch, OSSL_DECODER_free>, "RSA"},
+};
+
+void telemetry_crypto_prepare() {
+    for (const MethodKind &kind : kMethodKinds)
+        kind.make(kind.one);
+    ERR_clear_error(); // a library may have been built without one
+}
+#else
+void telemetry_crypto_prepare() {}
+#endif

@@ -5,14 +5,34 @@
 #include <new>
 
 #include <cjson/cJSON.h>
+#include <openssl/crypto.h>
 
 static uint32_t failures;
 
-static void *allocate_for_json(size_t size) {
+static void *allocate(size_t size) {
     void *const block = malloc(size);
     if (block == nullptr)
         telemetry_memory_refused();
     return block;
+}
+
+static void *allocate_for_crypto(size_t size, const char * /*file*/, int /*line*/) {
+    return size == 0 ? nullptr : allocate(size);
+}
+
+static void *reallocate_for_crypto(void *block, size_t size, const char * /*file*/, int /*line*/) {
+    if (size == 0) {
+        free(block);
+        return nullptr;
+    }
+    void *const moved = realloc(block, size);
+    if (moved == nullptr)
+        telemetry_memory_refused();
+    return moved;
+}
+
+static void free_for_crypto(void *block, const char * /*file*/, int /*line*/) {
+    free(block);
 }
 
 void telemetry_memory_watch() {
@@ -20,8 +40,9 @@ void telemetry_memory_watch() {
         telemetry_memory_refused();
         throw std::bad_alloc();
     });
-    cJSON_Hooks hooks = {allocate_for_json, free};
+    cJSON_Hooks hooks = {allocate, free};
     cJSON_InitHooks(&hooks);
+    CRYPTO_set_mem_functions(allocate_for_crypto, reallocate_for_crypto, free_for_crypto);
 }
 
 void telemetry_memory_refused() {

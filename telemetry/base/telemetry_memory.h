@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-// From here on every refused request of C++ and of cJSON counts.
+// From here on every refused request of C++, of cJSON and of libcrypto counts; before the latter's first one.
 void telemetry_memory_watch();
 // Counts what another library could not get, by its result.
 void telemetry_memory_refused();

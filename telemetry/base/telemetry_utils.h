@@ -101,9 +101,9 @@ int md5_encode_str(const uint8_t *input, int32_t length, char *output);
 // First n (1 to 20) bytes of HMAC-SHA1(key, message) as lower case hexadecimal; `output` holds 2n + 1, 41 at
 // most.
 int hmac_sha1_encode(const char *message, int n, char *output, const char *key);
-// Whether libcrypto, which TLS may use too, has what it makes at its first use; what found no memory then is
-// missing until the process ends, and the library falls over it.
-bool telemetry_crypto_ready();
+// Makes now what libcrypto would at the first signature and connection: what finds no memory then is missing
+// until the process ends. Requests that were refused count (telemetry_memory.h).
+void telemetry_crypto_prepare();
 // One-shot MD5 of `length` bytes into 16 bytes.
 void md5_calc(uint8_t *digest, const void *data, size_t length);
 

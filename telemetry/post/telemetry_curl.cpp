@@ -122,10 +122,6 @@ int telemetry_init_post_request(TelemetryCtx *ctx) {
         LOG_ERROR("curl_global_init failed: %s", curl_easy_strerror(code));
         return -1;
     }
-    if (!telemetry_crypto_ready()) {
-        LOG_ERROR("no memory for libcrypto");
-        return -1;
-    }
     if (multi_handle == nullptr)
         multi_handle = curl_multi_init();
     if (multi_handle == nullptr) {
