@@ -416,8 +416,8 @@ static void start_and_run(TelemetryCtx *ctx) {
     telemetry_create_heartbeat_timeout_file();
     uloop_init();
     bool initialised = telemetry_init_ctx(ctx) == 0;
-    // A satellite signs and sends nothing.
-    if (initialised && telemetry_memory_failures() == 0 && check_if_device_is_FAP())
+    const bool main_node = initialised && check_if_device_is_FAP() != 0;
+    if (main_node && telemetry_memory_failures() == 0) // a satellite signs and sends nothing
         telemetry_crypto_prepare();
     if (telemetry_memory_failures() != 0) {
         // Options may have been missed, or methods of libcrypto: whoever starts daemons tries again.
@@ -439,7 +439,7 @@ static void start_and_run(TelemetryCtx *ctx) {
         return;
     }
     LOG_INFO("telemetry %s on the %s node, uploads go to %.256s", TELEMETRY_VERSION,
-             check_if_device_is_FAP() ? "main" : "satellite", ctx->post_api);
+             main_node ? "main" : "satellite", ctx->post_api);
     signals.release_in_loop();
     telemetry_watch_reload(ctx, telemetry_reload);
     telemetry_post_state_FSM(ctx);

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <openssl/crypto.h>
+#include <openssl/kdf.h>
+
 #include "sysroot.h"
 
 #include "telemetry_ca.h"
@@ -24,7 +27,7 @@ int telemetry_main();
 // --- The subsystems that start-up calls, as the test wants them ---
 
 static std::vector<std::string> calls;
-static bool pool_fails, bus_fails;
+static bool pool_fails, bus_fails, methods_fail;
 static bool terminated; // while the bus is connected
 static std::string spawn_fails_for;
 static uloop_timeout far_timer; // armed until the loop is taken down
@@ -36,6 +39,17 @@ extern "C" int posix_spawnp(pid_t *pid, const char *file, const posix_spawn_file
         return EAGAIN;
     const auto real = reinterpret_cast<decltype(&posix_spawnp)>(dlsym(RTLD_NEXT, "posix_spawnp"));
     return real(pid, file, actions, attributes, argv, envp);
+}
+
+// The address sanitizer refuses like the C library.
+extern "C" const char *__asan_default_options() {
+    return "allocator_may_return_null=1";
+}
+
+extern "C" EVP_KDF *EVP_KDF_fetch(OSSL_LIB_CTX *, const char *, const char *) {
+    calls.push_back("methods");
+    OPENSSL_free(OPENSSL_malloc(methods_fail ? PTRDIFF_MAX : 16));
+    return nullptr;
 }
 
 int telemetry_init_post_request(TelemetryCtx *) {
@@ -78,7 +92,7 @@ class TelemetryMain : public SysrootTest {
   protected:
     void SetUp() override {
         calls.clear();
-        pool_fails = bus_fails = terminated = false;
+        pool_fails = bus_fails = methods_fail = terminated = false;
         spawn_fails_for.clear();
         memset(&ctx, 0, sizeof(ctx));
         add_getfirm("echo aa:bb:cc:dd:ee:0f");
@@ -370,9 +384,10 @@ TEST_F(TelemetryMain, MainStartsRunsAndEnds) {
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
 
     calls.clear();
+    root.write("/tmp/work_mode", R"({"work_mode":"FAP"})");
     terminated = true; // while the bus is waited for
     run_main();
-    EXPECT_EQ(calls, (Messages{"pool", "bus", "free bus"}));
+    EXPECT_EQ(calls, (Messages{"pool", "methods", "bus", "free bus"}));
     EXPECT_FALSE(root.exists("/tmp/cloud_heartbeat_timeout_count"));
 }
 
@@ -404,4 +419,13 @@ TEST_F(TelemetryMain, MainEndsWithoutLoopWhenStartUpFails) {
     EXPECT_EQ(log.back(), "telemetry end");
     EXPECT_EQ(calls, (Messages{"pool", "bus"}));
     EXPECT_EQ(root.read("/tmp/cloud_heartbeat_timeout_count"), "0");
+}
+
+// The last one: a refused request stays counted.
+TEST_F(TelemetryMain, MainEndsWhenLibcryptoFindsNoMemory) {
+    root.write("/tmp/work_mode", R"({"work_mode":"FAP"})");
+    methods_fail = true;
+    const Messages log = run_main();
+    EXPECT_EQ(log[log.size() - 2], "no memory for the start");
+    EXPECT_EQ(calls, (Messages{"pool", "methods"}));
 }

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -17,6 +18,7 @@
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 
 using HmacPtr = std::unique_ptr<HMAC_CTX, HandleRelease<HMAC_CTX_free>>;
 
@@ -127,6 +129,10 @@ static constexpr MethodKind kMethodKinds[] = {
 };
 
 void telemetry_crypto_prepare() {
+    if (OSSL_LIB_CTX_get0_global_default() == nullptr) { // a fetch would fall over it
+        telemetry_memory_refused();
+        return;
+    }
     for (const MethodKind &kind : kMethodKinds)
         kind.make(kind.one);
     ERR_clear_error(); // a library may have been built without one

@@ -7,6 +7,8 @@
 #include <cjson/cJSON.h>
 #include <openssl/crypto.h>
 
+#include "telemetry_log.h"
+
 static uint32_t failures;
 
 static void *allocate(size_t size) {
@@ -42,7 +44,8 @@ void telemetry_memory_watch() {
     });
     cJSON_Hooks hooks = {allocate, free};
     cJSON_InitHooks(&hooks);
-    CRYPTO_set_mem_functions(allocate_for_crypto, reallocate_for_crypto, free_for_crypto);
+    if (CRYPTO_set_mem_functions(allocate_for_crypto, reallocate_for_crypto, free_for_crypto) != 1)
+        LOG_ERROR("libcrypto's requests for memory are not counted");
 }
 
 void telemetry_memory_refused() {

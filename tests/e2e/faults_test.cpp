@@ -69,6 +69,7 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         // Here what was not given back is seen, before the next sweep kills.
         EXPECT_EQ(node->daemon.stop(), 0)
             << node->console(std::max<size_t>(node->console_length(), 4000) - 4000);
+        unsetenv("LSAN_OPTIONS");
         start_daemon();
         if (HasFailure())
             TearDownTestSuite();
@@ -154,11 +155,15 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
     // Moves the daemon's clock until the status is as wanted: as fast as it answers, slower while a transfer
     // is under way, whose time-out should not come from a busy machine.
     bool wait(const std::function<bool(const lab::JsonTree &)> &done) const {
-        for (int tries = 0; tries < 300 && node->daemon.running(); ++tries) {
+        int64_t moved = 0;
+        for (int tries = 0; tries < 300 && moved < 180000 && node->daemon.running(); ++tries) {
             const lab::JsonTree now = status();
             if (done(now))
                 return true;
-            node->advance_clock(idle(now) ? std::max<int64_t>(500, figure(now, "next", "retry_ms")) : 100);
+            const int64_t step =
+                idle(now) ? std::clamp<int64_t>(figure(now, "next", "retry_ms"), 500, 60000) : 100;
+            node->advance_clock(step);
+            moved += step;
             if (!idle(now))
                 usleep(4000 + 50 * tries);
         }
@@ -188,7 +193,7 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         return figure(now, "list", "items") == 0 && home->lab.cloud().count("posts") > posts;
     }
     static bool given_up(const lab::JsonTree &now) {
-        return idle(now) && figure(now, "next", "retry_ms") < 0 && figure(now, "next", "upload_ms") > 60000;
+        return idle(now) && figure(now, "next", "retry_ms") == -1 && figure(now, "next", "upload_ms") > 60000;
     }
     void upload() {
         node->call("post_now", "{}", 0.5);
@@ -196,8 +201,8 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
     }
     // No key and no strategy is there, and the daemon does not run.
     void first_start() {
-        setenv("LSAN_OPTIONS",
-               "print_suppressions=0:suppressions=" TEST_SOURCE_DIR "/tests/e2e/first_start.leaks", 1);
+        if (std::get<1>(GetParam()).kind != FAIL_CALLS)
+            setenv("LSAN_OPTIONS", "suppressions='" TEST_SOURCE_DIR "/tests/e2e/first_start.leaks'", 1);
         EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log") << node->log();
         for (const char *option : {"accessKey", "accessSecret", "accessDevice"})
             node->set_config("telemetry", "cloud", option, "");
@@ -298,8 +303,7 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         // A TLS library that found no memory when it was loaded has none until the next start, and who cannot
         // read the configuration asks the cloud that is built in.
         if (!wait(ready) && node->daemon.running() &&
-            has_said({"curl failed! code: 27", "curl failed! code: 35", "curl failed! code: 60",
-                      "uci_get_value buffer error"})) {
+            has_said({"curl failed! code: 27", "curl failed! code: 35", "uci_get_value buffer error"})) {
             EXPECT_EQ(node->daemon.stop(), 0) << node->read("/lab/daemon.log");
             node->start_daemon();
         }
@@ -344,8 +348,8 @@ constexpr Fault kFaults[] = {
     {"half", FAIL_CALLS, kFailShort}, {"killed", FAIL_CALLS, kFailKill},
 };
 #else
-// The originals have requests that they do not look at, and wait without limit for an answer that they did
-// not get.
+// What the daemon's own code asks for, and libcrypto through it: the originals have requests that they do not
+// look at, and wait without limit for an answer that they did not get.
 constexpr Fault kFaults[] = {{"memory", FAIL_OWN_MEMORY, 0}, {"killed", FAIL_CALLS, kFailKill}};
 #endif
 
