@@ -418,7 +418,7 @@ static void start_and_run(TelemetryCtx *ctx) {
     bool initialised = telemetry_init_ctx(ctx) == 0;
     const bool main_node = initialised && check_if_device_is_FAP() != 0;
     if (main_node && telemetry_memory_failures() == 0) // a satellite signs and sends nothing
-        telemetry_crypto_prepare();
+        telemetry_crypto_prepare(telemetry_post_uses_libcrypto());
     if (telemetry_memory_failures() != 0) {
         // Options may have been missed, or methods of libcrypto: whoever starts daemons tries again.
         LOG_ERROR("no memory for the start");

@@ -57,6 +57,10 @@ int telemetry_init_post_request(TelemetryCtx *) {
     return pool_fails ? -1 : 0;
 }
 
+bool telemetry_post_uses_libcrypto() {
+    return true;
+}
+
 int telemetry_init_ubus(TelemetryCtx *) {
     calls.push_back("bus");
     free_descriptor = open("/dev/null", O_RDONLY);

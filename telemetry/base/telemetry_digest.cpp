@@ -15,6 +15,7 @@
 #include <openssl/decoder.h>
 #include <openssl/kdf.h>
 #endif
+#include <span>
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
@@ -116,7 +117,7 @@ struct MethodKind {
     const char *one;
 };
 static constexpr MethodKind kMethodKinds[] = {
-    {make_methods<EVP_MD_fetch, EVP_MD_free>, "SHA1"},
+    {make_methods<EVP_MD_fetch, EVP_MD_free>, "SHA1"}, // signatures need no other
     {make_methods<EVP_CIPHER_fetch, EVP_CIPHER_free>, "AES-128-GCM"},
     {make_methods<EVP_MAC_fetch, EVP_MAC_free>, "HMAC"},
     {make_methods<EVP_KDF_fetch, EVP_KDF_free>, "HKDF"},
@@ -128,15 +129,15 @@ static constexpr MethodKind kMethodKinds[] = {
     {make_methods<OSSL_DECODER_fetch, OSSL_DECODER_free>, "RSA"},
 };
 
-void telemetry_crypto_prepare() {
+void telemetry_crypto_prepare(bool connections) {
     if (OSSL_LIB_CTX_get0_global_default() == nullptr) { // a fetch would fall over it
         telemetry_memory_refused();
         return;
     }
-    for (const MethodKind &kind : kMethodKinds)
+    for (const MethodKind &kind : std::span(kMethodKinds).first(connections ? std::size(kMethodKinds) : 1))
         kind.make(kind.one);
     ERR_clear_error(); // a library may have been built without one
 }
 #else
-void telemetry_crypto_prepare() {}
+void telemetry_crypto_prepare(bool) {}
 #endif

@@ -113,6 +113,11 @@ static void read_finished_transfers() {
     }
 }
 
+bool telemetry_post_uses_libcrypto() {
+    const char *const library = curl_version_info(CURLVERSION_NOW)->ssl_version;
+    return library != nullptr && strstr(library, "OpenSSL/") != nullptr;
+}
+
 int telemetry_init_post_request(TelemetryCtx *ctx) {
     if (ctx == nullptr) {
         LOG_ERROR("param error");

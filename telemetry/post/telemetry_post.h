@@ -72,6 +72,8 @@ int add_curl_request_signature(PostRequest *request, const char *body, const cha
 
 // Starts libcurl and allocates the slots.
 int telemetry_init_post_request(TelemetryCtx *ctx);
+// Whether libcurl's TLS library is OpenSSL and not another one, by its own word.
+bool telemetry_post_uses_libcrypto();
 // Starts the transfer of a prepared slot and its polling, every 100 ms.
 void telemetry_request_send(PostRequest *request);
 // Callback of a slot's poll timer.
