@@ -101,8 +101,8 @@ int md5_encode_str(const uint8_t *input, int32_t length, char *output);
 // First n (1 to 20) bytes of HMAC-SHA1(key, message) as lower case hexadecimal; `output` holds 2n + 1, 41 at
 // most.
 int hmac_sha1_encode(const char *message, int n, char *output, const char *key);
-// Makes now what libcrypto would at the first signature and, when they are its work, the first connection: what
-// finds no memory then is missing until the process ends. Requests that were refused count
+// Makes now what libcrypto would at the first signature and, when they are its work, the first connection:
+// what finds no memory then is missing until the process ends. Requests that were refused count
 // (telemetry_memory.h).
 void telemetry_crypto_prepare(bool connections);
 // One-shot MD5 of `length` bytes into 16 bytes.
