@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <malloc.h>
 #include <sys/stat.h>
 
 #include "restart_info.h"
@@ -449,29 +448,18 @@ static void start_and_run(TelemetryCtx *ctx) {
     end_loop();
 }
 
-// For a process that sleeps between cycles. From 16 KiB on a buffer gets pages of its own: it leaves no hole
-// in the heap when it goes, and what an idle slot never writes to takes no memory. The heap grows by little
-// more than it needs, and what is free at its end goes back. Other C libraries decide by themselves.
-static void keep_heap_small() {
-#ifdef M_MMAP_THRESHOLD
-    mallopt(M_MMAP_THRESHOLD, 16384);
-    mallopt(M_TOP_PAD, 4096);
-    mallopt(M_TRIM_THRESHOLD, 16384);
-#endif
-}
-
 // Not on the stack, so that its slots and list stay reachable until the process is gone.
 static TelemetryCtx telemetry_ctx;
 
 int main() {
     memset(&telemetry_ctx, 0, sizeof(telemetry_ctx));
-    keep_heap_small();
+    telemetry_memory_keep_small();
     fill_standard_descriptors();
     telemetry_catch_reload_signal();
     setenv("PATH", kDefaultPath, 0); // the commands stand in the system's folders, too
-    telemetry_memory_watch();
     telemetry_guarded("start", [] { telemetry_redirect_output(kConsolePath); });
     telemetry_log_open_syslog();
+    telemetry_memory_watch();
     telemetry_figures_start();
     LOG_DEBUG("telemetry start");
     telemetry_guarded("start", [] {

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <new>
 
+#include <malloc.h>
+
 #include <cjson/cJSON.h>
 #include <openssl/crypto.h>
 
@@ -35,6 +37,24 @@ static void *reallocate_for_crypto(void *block, size_t size, const char * /*file
 
 static void free_for_crypto(void *block, const char * /*file*/, int /*line*/) {
     free(block);
+}
+
+// From 16 KiB on a buffer gets pages of its own: it leaves no hole in the heap when it goes, and what an idle
+// slot never writes to takes no memory. The heap grows by little more than it needs, and what is free at its
+// end goes back.
+void telemetry_memory_keep_small() {
+#ifdef M_MMAP_THRESHOLD
+    mallopt(M_MMAP_THRESHOLD, 16384);
+    mallopt(M_TOP_PAD, 4096);
+    mallopt(M_TRIM_THRESHOLD, 16384);
+#endif
+}
+
+// A small block at its end keeps the heap as long as it was.
+void telemetry_memory_give_back() {
+#ifdef M_MMAP_THRESHOLD
+    malloc_trim(0);
+#endif
 }
 
 void telemetry_memory_watch() {

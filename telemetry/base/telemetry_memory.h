@@ -1,10 +1,16 @@
-// Requests for memory that were refused: counted where they are made, so that what was being built meanwhile
-// can be given up as a whole instead of going out with a part missing.
+// Memory of a process that sleeps between cycles, and requests for it that were refused: counted where they
+// are made, so that what was being built meanwhile can be given up as a whole instead of going out with a
+// part missing.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+
+// Before anything has been allocated: how the heap grows. C libraries other than glibc decide by themselves.
+void telemetry_memory_keep_small();
+// Free pages within the heap go back to the system: after work that took much more than what stays.
+void telemetry_memory_give_back();
 
 // From here on every refused request of C++, of cJSON and of libcrypto counts; before the latter's first one.
 void telemetry_memory_watch();

@@ -263,5 +263,6 @@ void telemetry_collect_data(uloop_timeout *timer) {
     }
     TelemetryCtx *ctx = TELEMETRY_RECORD_OF(timer, TelemetryCtx, collect_timer);
     telemetry_guarded("collection", [&] { run_cycle(ctx); });
+    telemetry_memory_give_back();
     telemetry_arm_collect_timer(ctx, ctx->collect_interval_strategy1);
 }
