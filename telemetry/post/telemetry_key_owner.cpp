@@ -37,20 +37,20 @@ void telemetry_keep_key_owner(const TelemetryCtx *ctx) {
         write_owner(ctx, ctx->dev_id);
 }
 
+void telemetry_note_key_owner(const TelemetryCtx *ctx) {
+    char owner[sizeof(ctx->dev_id) + 1] = {};
+    if (read_owner(owner) == OwnerOption::missing)
+        telemetry_keep_key_owner(ctx);
+}
+
 void telemetry_check_key_owner(TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
     if (ctx->access_key[0] == '\0')
         return;
-    switch (read_owner(owner)) {
-    case OwnerOption::missing:
-        return telemetry_keep_key_owner(ctx);
-    case OwnerOption::unreadable: // whose it is stays as it is written
+    const OwnerOption option = read_owner(owner);
+    if (option == OwnerOption::unreadable) // whose it is stays as it is written
         LOG_ERROR("telemetry.cloud.%s cannot be read", kOwnerOption);
-        return;
-    case OwnerOption::there:
-        break;
-    }
-    if (strcmp(owner, ctx->dev_id) == 0)
+    if (option != OwnerOption::there || strcmp(owner, ctx->dev_id) == 0)
         return;
     LOG_INFO("the access key in the configuration %s: a new one is fetched",
              strcmp(owner, kNobody) == 0 ? "may be half written" : "is another device's");

@@ -4,11 +4,12 @@
 #include "telemetry_ctx.h"
 
 // Drops key and secret from the record when option `telemetry`.`cloud`.`accessDevice` names another device:
-// the state machine then fetches new ones. A key without the option counts as this device's own, which is
-// written down where the device has an id.
+// the state machine then fetches new ones. A key without the option counts as this device's own.
 void telemetry_check_key_owner(TelemetryCtx *ctx);
 // Says there, before a new key and its secret are written one by one, that they are nobody's: a start in
 // between fetches others.
 void telemetry_doubt_key_owner(const TelemetryCtx *ctx);
 // Writes this device's id to that option, unless it holds it already.
 void telemetry_keep_key_owner(const TelemetryCtx *ctx);
+// The same where the option is missing: the cloud took what was signed with a key that came without it.
+void telemetry_note_key_owner(const TelemetryCtx *ctx);

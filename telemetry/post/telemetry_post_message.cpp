@@ -213,7 +213,7 @@ static bool send_upload(TelemetryCtx *ctx) {
         return false;
     }
     if (ctx->post_state != TELEMETRY_POST_STATE_READY_FOR_UPLOAD || ctx->data_collect_count == 0) {
-        LOG_DEBUG("insufficient state or no data, skip upload");
+        LOG_ERROR("insufficient state or no data, skip upload");
         LOG_DEBUG("reason: state %u, %u items", ctx->post_state, ctx->data_collect_count);
         return false;
     }
@@ -519,6 +519,7 @@ void post_upload_data_cb(PostRequest *request) {
         telemetry_figures.items_in_flight += items_since_sending(request);
         telemetry_clear_collect_list(request->owner);
         telemetry_post_reset_retry(request->owner);
+        telemetry_guarded(kUploadCall.name, [&] { telemetry_note_key_owner(request->owner); });
     }
     telemetry_figures_tell("uploaded");
 }

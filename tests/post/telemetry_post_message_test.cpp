@@ -36,6 +36,10 @@ TEST_F(PostMessageTest, credentials_are_kept_in_the_configuration) {
     EXPECT_EQ(option("cloud", "accessSecret"), "it's");
     EXPECT_EQ(option("cloud", "cloud_url"), "cloud");
     EXPECT_EQ(option("cloud", "accessDevice"), ctx.dev_id);
+    // A key that came without it is this device's once the cloud took what it signed.
+    telemetry_set_uci_value("telemetry", "cloud", "accessDevice", "", TELEMETRY_UCI_SYSTEM);
+    answer(post_upload_data_cb, POST_REQUEST_OK, R"({"error_code":0})");
+    EXPECT_EQ(option("cloud", "accessDevice"), ctx.dev_id);
 
     // Without a place to keep them they still serve; a strategy that cannot be kept is not applied.
     root.remove("/etc/config/telemetry");
