@@ -21,7 +21,8 @@ static void add_preferred_uplink(cJSON *entry, const MeshDeviceInfo *device) {
 }
 
 static void add_uplink(cJSON *entry, const MeshDeviceInfo *device) {
-    if (telemetry_add_mac_md5_to_cJSON_object(entry, "pm", device->parent_mac) != 0)
+    if (device->parent_mac[0] == '\0' ||
+        telemetry_add_mac_md5_to_cJSON_object(entry, "pm", device->parent_mac) != 0)
         cJSON_AddStringToObject(entry, "pm", "");
     // A satellite's text; "inf" and "nan" are no numbers to JSON.
     const double delay = device->ping_delay[0] != '\0' ? strtod(device->ping_delay, nullptr) : -1;

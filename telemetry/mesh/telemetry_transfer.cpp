@@ -67,9 +67,11 @@ void telemetry_transfer_handle_reply(blob_attr *message, TelemetryTransferApply 
         }
         apply_answer(answer, apply, user);
     }
-    if (seen < success)
+    if (seen < success) {
+        apply_answer(nullptr, apply, user); // once for all that are missing
         LOG_ERROR("%lld answers announced, %lld there", static_cast<long long>(success),
                   static_cast<long long>(seen));
+    }
 }
 
 namespace {

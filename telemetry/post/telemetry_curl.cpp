@@ -8,13 +8,14 @@
 #include "telemetry_guarded.h"
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
+#include "telemetry_memory.h"
 #include "telemetry_post.h"
 #include "telemetry_utils.h"
 
 // Shared by all slots for the whole run.
 static CURLM *multi_handle;
 
-static bool add_header_list(PostRequest *request) {
+static bool set_headers(PostRequest *request) {
     for (uint32_t i = 0; i < request->header_count; i++) {
         curl_slist *longer = curl_slist_append(request->header_list, request->headers[i]);
         if (longer == nullptr) {
@@ -23,7 +24,8 @@ static bool add_header_list(PostRequest *request) {
         }
         request->header_list = longer;
     }
-    return true;
+    return request->header_list == nullptr ||
+           curl_easy_setopt(request->easy, CURLOPT_HTTPHEADER, request->header_list) == CURLE_OK;
 }
 
 // A libcurl whose TLS library knows no directories of certificates has none to forget.
@@ -42,11 +44,11 @@ static bool set_options(PostRequest *request) {
     // no memory.
     curl_easy_setopt(request->easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     // Without a text libcurl would read the body from standard input.
-    return add_header_list(request) && set(CURLOPT_POST, 1L) && set(CURLOPT_URL, request->url) &&
+    return set(CURLOPT_POST, 1L) && set(CURLOPT_URL, request->url) &&
            set(CURLOPT_POSTFIELDS, request->body.data != nullptr ? request->body.data : "") &&
-           set(CURLOPT_HTTPHEADER, request->header_list) &&
-           set(CURLOPT_WRITEFUNCTION, write_response_data_) && set(CURLOPT_WRITEDATA, request) &&
-           set(CURLOPT_PRIVATE, request) && set(CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms)) &&
+           set_headers(request) && set(CURLOPT_WRITEFUNCTION, write_response_data_) &&
+           set(CURLOPT_WRITEDATA, request) && set(CURLOPT_PRIVATE, request) &&
+           set(CURLOPT_TIMEOUT_MS, static_cast<long>(request->timeout_ms)) &&
            set(CURLOPT_CAINFO, certificate.c_str()) &&
            (!telemetry_ca_file_is_configured() || forget_ca_directory(request->easy));
 }
@@ -171,10 +173,12 @@ void poll_curl_status(uloop_timeout *timer) {
     int running = 0;
     curl_multi_perform(multi_handle, &running);
     read_finished_transfers();
-    if (request->finished != 0)
-        telemetry_post_free_request(request);
-    else
+    if (request->finished == 0) {
         uloop_timeout_set(&request->poll_timer, kPostPollMs);
+        return;
+    }
+    telemetry_post_free_request(request);
+    telemetry_memory_give_back();
 }
 
 size_t write_response_data_(const char *data, size_t size, size_t count, PostRequest *request) {

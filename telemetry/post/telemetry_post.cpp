@@ -158,7 +158,7 @@ void telemetry_post_retry(TelemetryCtx *ctx) {
     LOG_DEBUG("telemetry_ctx->telemetry_post_state:%d,", static_cast<int>(ctx->post_state));
     if (ctx->post_retry_count >= kRetryMax && !handle_retry_limit(ctx))
         return;
-    LOG_DEBUG("retry %d times, interval = %d ms", static_cast<int>(ctx->post_retry_count),
+    LOG_ERROR("retry %d times, interval = %d ms", static_cast<int>(ctx->post_retry_count),
               static_cast<int>(ctx->post_retry_interval));
     if (ctx->post_state == TELEMETRY_POST_STATE_READY_FOR_UPLOAD)
         telemetry_arm_post_timer(ctx, ctx->post_retry_interval);

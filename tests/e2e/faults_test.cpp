@@ -279,10 +279,11 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
             upload();
         EXPECT_TRUE(uploaded(status())) << node->state()["post state"];
         Records missing = whole;
-        for (const lab::CloudRecord &record : home->lab.cloud().records(posts))
-            if (lab::print_json(lab::JsonTree(cJSON_Parse(record.payload.c_str())).get()) ==
-                whole[record.eid])
-                missing.erase(record.eid);
+        for (const lab::CloudRecord &record : home->lab.cloud().records(posts)) {
+            EXPECT_EQ(lab::print_json(lab::JsonTree(cJSON_Parse(record.payload.c_str())).get()),
+                      whole[record.eid]);
+            missing.erase(record.eid);
+        }
         EXPECT_EQ(missing, Records());
         expect_key();
     }
