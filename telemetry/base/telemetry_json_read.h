@@ -49,8 +49,9 @@ template <typename T> bool json_number(const cJSON *object, const char *key, T *
 }
 
 // Visits the elements of the array that a text holds, one after the other, each a tree of its own: that of a
-// long list is ten times as large as its text. False when it is no array; elements before the mistake have
-// been visited then.
+// long list is ten times as large as its text. False when it is no JSON; elements before the mistake have
+// been visited then. Of another value, such as the object that some languages write for an empty list, the
+// members.
 template <typename Visit> bool json_each_element(const char *text, Visit visit) {
     const char *const end = text + strlen(text) + 1; // the terminator counts
     const auto skip_blanks = [&text] {
@@ -60,8 +61,12 @@ template <typename Visit> bool json_each_element(const char *text, Visit visit) 
     if (strncmp(text, "\xEF\xBB\xBF", 3) == 0) // as cJSON does
         text += 3;
     skip_blanks();
-    if (*text != '[')
-        return false;
+    if (*text != '[') {
+        const JsonPtr other(cJSON_Parse(text));
+        for (const cJSON *member = other ? other->child : nullptr; member != nullptr; member = member->next)
+            visit(member);
+        return other != nullptr;
+    }
     ++text;
     skip_blanks();
     if (*text == ']')
