@@ -171,7 +171,7 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
     }
     // A cycle ends, when it comes about at all.
     void cycle() {
-        node->call("collect_now", "{}", 0.5);
+        node->call("collect_now", "{}", 2);
         wait([](const lab::JsonTree &now) { return figure(now, "next", "collect_ms") > 60000; });
     }
     Records records() const {
@@ -196,7 +196,7 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         return idle(now) && figure(now, "next", "retry_ms") == -1 && figure(now, "next", "upload_ms") > 60000;
     }
     void upload() {
-        node->call("post_now", "{}", 0.5);
+        node->call("post_now", "{}", 2);
         wait([&](const lab::JsonTree &now) { return uploaded(now) || given_up(now); });
     }
     // No key and no strategy is there, and the daemon does not run.
