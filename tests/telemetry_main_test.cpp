@@ -300,7 +300,7 @@ TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
         const char *owner, *device, *key, *owner_after;
         bool dropped;
     } cases[] = {{"", "D1", "key", "D1", false},    {"D1", "D1", "key", "D1", false},
-                 {"D10", "D1", "key", "D10", true}, {"", "D1", "", "D1", false},
+                 {"D10", "D1", "key", "D10", true}, {"", "D1", "", "", false},
                  {"", "", "key", "", false},        {"D2", "", "key", "D2", true},
                  {"-", "D1", "key", "-", true}};
     for (const auto &row : cases) {

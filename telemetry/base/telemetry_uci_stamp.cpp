@@ -35,7 +35,7 @@ TelemetryUciStamp::TelemetryUciStamp(const char *package) {
             files_[i] = {info.st_dev, info.st_ino, info.st_size, to_ns(info.st_mtim), to_ns(info.st_ctim)};
             settled_ = settled_ && to_ns(now) - files_[i].changed_ns > kSecondNs;
         } else {
-            settled_ = settled_ && errno == ENOENT && i != 0;
+            settled_ = settled_ && errno == ENOENT;
         }
     }
 }

@@ -9,8 +9,7 @@ class TelemetryUciStamp {
     TelemetryUciStamp() = default; // of nothing
     explicit TelemetryUciStamp(const char *package);
     // Whether what was loaded after this one is what would be loaded after the later one. Never, when a file
-    // was younger than the clock of the file system could tell from its next change, or without a
-    // configuration, which then lies elsewhere.
+    // was younger than the clock of the file system could tell from its next change.
     bool holds(const TelemetryUciStamp &later) const;
 
   private:

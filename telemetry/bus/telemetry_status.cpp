@@ -80,12 +80,6 @@ static void add_timers(blob_buf *reply, const TelemetryCtx *ctx) {
     blobmsg_add_u32(reply, "retries", ctx->post_retry_count);
 }
 
-static uint32_t requests_under_way(const TelemetryCtx *ctx) {
-    return static_cast<uint32_t>(
-        std::count_if(std::begin(ctx->post_requests), std::end(ctx->post_requests),
-                      [](const PostRequest *request) { return request != nullptr && request->in_use != 0; }));
-}
-
 static void add_list(blob_buf *reply, const TelemetryCtx *ctx) {
     const BlobTable table(reply, "list");
     const cJSON *oldest = cJSON_GetArrayItem(ctx->collect_list, 0);
@@ -139,7 +133,7 @@ void telemetry_status_fill(blob_buf *reply, const TelemetryCtx *ctx) {
     add_text(reply, "state",
              ctx->post_state < std::size(kStateNames) ? kStateNames[ctx->post_state] : "unknown");
     add_text(reply, "cloud", ctx->post_api);
-    blobmsg_add_u32(reply, "requests", requests_under_way(ctx));
+    blobmsg_add_u32(reply, "requests", telemetry_post_requests_in_use(ctx));
     add_strategy(reply, ctx);
     add_timers(reply, ctx);
     add_list(reply, ctx);

@@ -177,8 +177,10 @@ void poll_curl_status(uloop_timeout *timer) {
         uloop_timeout_set(&request->poll_timer, kPostPollMs);
         return;
     }
+    const TelemetryCtx *const ctx = request->owner;
     telemetry_post_free_request(request);
-    telemetry_memory_give_back();
+    if (telemetry_post_requests_in_use(ctx) == 0)
+        telemetry_memory_give_back();
 }
 
 size_t write_response_data_(const char *data, size_t size, size_t count, PostRequest *request) {

@@ -1,12 +1,14 @@
 #include "telemetry_key_owner.h"
 
 #include <cstring>
+#include <utility>
 
 #include "telemetry_log.h"
 #include "telemetry_uci.h"
 
 static constexpr char kOwnerOption[] = "accessDevice";
 static constexpr char kNobody[] = "-";
+static bool owner_missing; // beside the key that this run began with
 
 enum class OwnerOption { there, missing, unreadable };
 
@@ -29,6 +31,7 @@ static void write_owner(const TelemetryCtx *ctx, const char *owner) {
 }
 
 void telemetry_doubt_key_owner(const TelemetryCtx *ctx) {
+    owner_missing = false;
     write_owner(ctx, kNobody);
 }
 
@@ -38,16 +41,17 @@ void telemetry_keep_key_owner(const TelemetryCtx *ctx) {
 }
 
 void telemetry_note_key_owner(const TelemetryCtx *ctx) {
-    char owner[sizeof(ctx->dev_id) + 1] = {};
-    if (read_owner(owner) == OwnerOption::missing)
+    if (std::exchange(owner_missing, false))
         telemetry_keep_key_owner(ctx);
 }
 
 void telemetry_check_key_owner(TelemetryCtx *ctx) {
     char owner[sizeof(ctx->dev_id) + 1] = {};
+    owner_missing = false;
     if (ctx->access_key[0] == '\0')
         return;
     const OwnerOption option = read_owner(owner);
+    owner_missing = option == OwnerOption::missing;
     if (option == OwnerOption::unreadable) // whose it is stays as it is written
         LOG_ERROR("telemetry.cloud.%s cannot be read", kOwnerOption);
     if (option != OwnerOption::there || strcmp(owner, ctx->dev_id) == 0)

@@ -11,5 +11,5 @@ void telemetry_check_key_owner(TelemetryCtx *ctx);
 void telemetry_doubt_key_owner(const TelemetryCtx *ctx);
 // Writes this device's id to that option, unless it holds it already.
 void telemetry_keep_key_owner(const TelemetryCtx *ctx);
-// The same where the option is missing: the cloud took what was signed with a key that came without it.
+// The same once, when the key that the run began with came without it: the cloud took what it signed.
 void telemetry_note_key_owner(const TelemetryCtx *ctx);

@@ -56,6 +56,8 @@ static_assert(std::is_standard_layout_v<PostRequest>, "the poll timer finds its 
 
 // First free slot, taken; null when all are busy.
 PostRequest *telemetry_post_alloc_request(TelemetryCtx *ctx);
+// Slots that are taken; 0 without a context.
+uint32_t telemetry_post_requests_in_use(const TelemetryCtx *ctx);
 // Returns a slot to the pool; buffers keep their allocation.
 void telemetry_post_free_request(PostRequest *request);
 void telemetry_post_set_timeout(PostRequest *request, uint32_t ms);

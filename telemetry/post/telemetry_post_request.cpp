@@ -37,6 +37,13 @@ PostRequest *telemetry_post_alloc_request(TelemetryCtx *ctx) {
     return nullptr;
 }
 
+uint32_t telemetry_post_requests_in_use(const TelemetryCtx *ctx) {
+    uint32_t count = 0;
+    for (int i = 0; ctx != nullptr && i < kPostRequestCount; ++i)
+        count += ctx->post_requests[i] != nullptr ? ctx->post_requests[i]->in_use : 0;
+    return count;
+}
+
 void telemetry_post_free_request(PostRequest *request) {
     if (request == nullptr) {
         LOG_ERROR("param error");

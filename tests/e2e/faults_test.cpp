@@ -280,8 +280,10 @@ struct Faults : ::testing::TestWithParam<std::tuple<Stretch, Fault>> {
         EXPECT_TRUE(uploaded(status())) << node->state()["post state"];
         Records missing = whole;
         for (const lab::CloudRecord &record : home->lab.cloud().records(posts)) {
+            const auto sent = whole.find(record.eid);
             EXPECT_EQ(lab::print_json(lab::JsonTree(cJSON_Parse(record.payload.c_str())).get()),
-                      whole[record.eid]);
+                      sent == whole.end() ? "nothing" : sent->second)
+                << record.eid;
             missing.erase(record.eid);
         }
         EXPECT_EQ(missing, Records());

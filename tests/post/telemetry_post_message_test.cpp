@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "post_test.h"
+#include "telemetry_key_owner.h"
 #include "telemetry_uci.h"
 
 using ::testing::Contains;
@@ -38,8 +39,11 @@ TEST_F(PostMessageTest, credentials_are_kept_in_the_configuration) {
     EXPECT_EQ(option("cloud", "accessDevice"), ctx.dev_id);
     // A key that came without it is this device's once the cloud took what it signed.
     telemetry_set_uci_value("telemetry", "cloud", "accessDevice", "", TELEMETRY_UCI_SYSTEM);
-    answer(post_upload_data_cb, POST_REQUEST_OK, R"({"error_code":0})");
-    EXPECT_EQ(option("cloud", "accessDevice"), ctx.dev_id);
+    telemetry_check_key_owner(&ctx);
+    for (const auto &[code, owner] : {std::pair("-10306", ""), {"0", ctx.dev_id}}) {
+        answer(post_upload_data_cb, POST_REQUEST_OK, R"({"error_code":)" + std::string(code) + "}");
+        EXPECT_EQ(option("cloud", "accessDevice"), owner);
+    }
 
     // Without a place to keep them they still serve; a strategy that cannot be kept is not applied.
     root.remove("/etc/config/telemetry");

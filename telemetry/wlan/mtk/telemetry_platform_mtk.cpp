@@ -13,6 +13,7 @@
 #include "telemetry_handles.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
+#include "telemetry_repeat.h"
 #include "telemetry_utils.h"
 
 static_assert(kMtkPrivateRequest == SIOCIWFIRSTPRIV + 1);
@@ -244,7 +245,7 @@ int wlan_get_band_client_sta_info_mtk(const char *ifname, ClientStaList *list, u
             static_cast<unsigned long>(station.rx), station.phymode, mac[0], mac[1], mac[2], mac[3], mac[4],
             mac[5]);
         if (station.tx == 0)
-            LOG_ERROR("driver get rate fail!!!");
+            LOG_MISSING("driver get rate fail!!!");
         ClientStaInfo &entry = list->stations[*count + i];
         memcpy(entry.mac, mac, sizeof(entry.mac));
         entry.txrate = static_cast<uint32_t>(station.tx);
