@@ -327,10 +327,6 @@ TEST_F(TelemetryMain, AKeyThatABackupBroughtIsDropped) {
     EXPECT_EQ(logged_messages([&] { telemetry_check_key_owner(&ctx); }),
               std::vector<std::string>{"telemetry.cloud.accessDevice cannot be read"});
     EXPECT_STREQ(ctx.access_key, "key");
-    root.write_config("telemetry", "config cloud 'cloud'\n");
-    copy_text(ctx.dev_id, "D3");
-    telemetry_keep_key_owner(&ctx);
-    EXPECT_NE(root.read("/etc/config/telemetry").find("accessDevice 'D3'"), std::string::npos);
 }
 
 TEST_F(TelemetryMain, AHundredSignalsAreOneReloadInTheLoop) {
