@@ -76,13 +76,16 @@ void Model::read() {
 
 void Model::take(const Post &post) {
     posts++;
-    const size_t again = repeated(last_.records, post.records);
     const int64_t apart = world_.advanced_at(post.sent) - world_.advanced_at(last_.sent + 1);
+    // The second of two that were under way may reach the cloud when the daemon waits for neither.
+    const bool known = balanced_ && apart > kTransferMs;
+    const size_t again = known ? 0 : repeated(last_.records, post.records);
     repeated_posts += again > 0 && apart > kTransferMs ? 1 : 0;
     again_ += apart > kLimitMs ? static_cast<long>(again) : 0;
     for (size_t i = again; i < post.records.size(); i++)
         take_record(post.records[i]);
     last_ = post;
+    balanced_ = false;
 }
 
 void Model::take_record(const lab::CloudRecord &record) {
@@ -127,7 +130,7 @@ void Model::balance(const Status &status) {
     lost_ = lost;
     unknown_ = unknown;
     again_ = 0;
-    last_ = {}; // nothing comes again
+    balanced_ = true;
     dropped_items_ = status.dropped_items;
 }
 

@@ -41,6 +41,7 @@ class Model {
 
     World &world_;
     Post last_;
+    bool balanced_ = false; // since the last one: nothing of it comes again
     long last_request_ = 0, last_post_ = 0;
     std::deque<long> sent_;                           // of the accepted uploads that are not read yet
     long cycles_ = 0;                                 // that the records came from, at least
