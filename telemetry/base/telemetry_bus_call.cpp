@@ -1,8 +1,10 @@
 #include "telemetry_bus_call.h"
 
 #include <cerrno>
+#include <optional>
 
 #include "telemetry_blob.h"
+#include "telemetry_bus_limit.h"
 #include "telemetry_guarded.h"
 #include "telemetry_memory.h"
 
@@ -30,14 +32,17 @@ static TelemetryBusError failed(int status, TelemetryBusError error) {
 TelemetryBusError telemetry_bus_call(const char *socket, const char *object, const char *method,
                                      blob_attr *arguments, int timeout_ms, TelemetryBusReply reply,
                                      void *user) {
+    std::optional<TelemetryBusLimit> limit(std::in_place);
     errno = 0;
     const BusContextPtr bus(ubus_connect(socket));
     if (!bus) {
         telemetry_memory_refused_by_errno();
         return TELEMETRY_BUS_NO_CONNECTION;
     }
+    TelemetryBusLimit::watch(bus->sock.fd);
     uint32_t id = 0;
     const int found = ubus_lookup_id(bus.get(), object, &id);
+    limit.reset(); // the call has a time-out
     if (found != UBUS_STATUS_OK)
         return failed(found, TELEMETRY_BUS_NO_OBJECT);
 

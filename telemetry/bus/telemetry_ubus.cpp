@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "telemetry_blob.h"
+#include "telemetry_bus_limit.h"
 #include "telemetry_collect.h"
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
@@ -243,12 +244,14 @@ static bool watch_connection() {
 // A connection without the object is of no use: it counts as lost, and the next try starts afresh.
 static bool restore_connection() {
     reconnecting = true;
+    const TelemetryBusLimit limit;
     int status = ubus_reconnect(telemetry_bus, telemetry_bus_default_socket());
     // The library has closed its socket then, and would close the number again, whoever has it by the next
     // try.
     if (status != UBUS_STATUS_OK)
         telemetry_bus->sock.fd = -1;
-    else if (telemetry_object.id == 0)
+    TelemetryBusLimit::watch(telemetry_bus->sock.fd);
+    if (status == UBUS_STATUS_OK && telemetry_object.id == 0)
         status = ubus_add_object(telemetry_bus, &telemetry_object);
     const bool watched = status != UBUS_STATUS_OK || watch_connection();
     if (!watched)
@@ -294,11 +297,13 @@ static void handle_connection_lost(ubus_context *bus) {
 
 int telemetry_init_ubus(TelemetryCtx *ctx) {
     telemetry_free_ubus();
+    const TelemetryBusLimit limit;
     telemetry_bus = ubus_connect(telemetry_bus_default_socket());
     if (telemetry_bus == nullptr) {
         LOG_ERROR("param error");
         return -1;
     }
+    TelemetryBusLimit::watch(telemetry_bus->sock.fd);
     telemetry_bus->connection_lost = handle_connection_lost;
     telemetry_ubus_ctx = ctx;
     if (ctx == nullptr) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <thread>
 
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -20,6 +21,8 @@
 #include "bus_daemon.h"
 #include "sysroot.h"
 #include "telemetry_bus_call.h"
+#include "telemetry_bus_limit.h"
+#include "telemetry_handles.h"
 #include "telemetry_json.h"
 #include "telemetry_log.h"
 #include "telemetry_paths.h"
@@ -169,6 +172,30 @@ TEST_F(TelemetryUbusTest, PrintShowsContextListAndSlots) {
     EXPECT_EQ(Messages(messages.end() - 12, messages.end()), last);
     telemetry_debug_level = TELEMETRY_LOG_ERROR;
     EXPECT_THAT(logged_messages([&] { call("print"); }), IsEmpty());
+}
+
+TEST_F(TelemetryUbusTest, ABusThatSaysNothingHoldsACallNoLongerThanItsLimit) {
+    TelemetryBusLimit::wait_ms = 300;
+    sockaddr_un address = {AF_UNIX, {}};
+    copy_text(address.sun_path, root.path("/silent").c_str());
+    const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.get(), 1), 0);
+    const auto call = [&] {
+        return telemetry_bus_call(address.sun_path, "o", "m", nullptr, 1000, nullptr, nullptr);
+    };
+    EXPECT_EQ(call(), TELEMETRY_BUS_NO_CONNECTION);
+    std::thread silent([&] { // greets the second
+        close(accept(listener.get(), nullptr, nullptr));
+        const FdHandle second(accept(listener.get(), nullptr, nullptr));
+        send(second.get(), "\0\0\0\0\0\1\2\3\0\0\0\4", 12, MSG_NOSIGNAL);
+        char request[64];
+        while (recv(second.get(), request, sizeof(request), 0) > 0) {
+        }
+    });
+    EXPECT_EQ(call(), TELEMETRY_BUS_NO_OBJECT);
+    silent.join();
+    TelemetryBusLimit::wait_ms = 10000;
 }
 
 TEST_F(TelemetryUbusTest, StartFailsWithoutBusOrFreePath) {
