@@ -8,12 +8,12 @@
 
 // Again and again: the first signal may come just before the library begins to wait.
 static constexpr int kAgainMs = 200;
-static volatile sig_atomic_t watched = -1;
+static const volatile int *volatile watched;
 
 static void end_wait(int) {
     const int before = errno;
-    if (watched >= 0)
-        shutdown(watched, SHUT_RDWR);
+    if (watched != nullptr && *watched >= 0)
+        shutdown(*watched, SHUT_RDWR);
     errno = before;
 }
 
@@ -30,17 +30,21 @@ TelemetryBusLimit::TelemetryBusLimit() {
         struct sigaction action = {};
         action.sa_handler = end_wait; // without SA_RESTART: a system call ends with EINTR
         sigaction(SIGALRM, &action, nullptr);
+        sigset_t alarm; // the starter may have held it back
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
         ready = true;
     }
-    watched = -1;
+    watched = nullptr;
     set_timer(wait_ms, kAgainMs);
 }
 
 TelemetryBusLimit::~TelemetryBusLimit() {
     set_timer(0, 0);
-    watched = -1;
+    watched = nullptr;
 }
 
-void TelemetryBusLimit::watch(int socket) {
-    watched = socket;
+void TelemetryBusLimit::watch(const int &socket) {
+    watched = &socket;
 }

@@ -2,15 +2,16 @@
 // loses an answer would hold the loop for as long as it stays so.
 #pragma once
 
-// Lives around connecting and what follows with the connection; one at a time. After `wait_ms` a signal ends
-// the wait to connect; a wait with a connection ends because that is shut down.
+// Lives around connecting and what follows with the connection; one at a time, and not longer than what it
+// watches. After `wait_ms` a signal ends the wait to connect; a wait with a connection ends because that is
+// shut down.
 class TelemetryBusLimit {
   public:
     TelemetryBusLimit();
     ~TelemetryBusLimit();
     TelemetryBusLimit(const TelemetryBusLimit &) = delete;
     TelemetryBusLimit &operator=(const TelemetryBusLimit &) = delete;
-    // The connection's socket, from when it is known.
-    static void watch(int socket);
+    // Where the library keeps the connection's socket; below 0 while there is none.
+    static void watch(const int &socket);
     inline static int wait_ms = 10000;
 };

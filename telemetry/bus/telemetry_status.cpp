@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "telemetry_blob.h"
+#include "telemetry_bus_limit.h"
 #include "telemetry_figures.h"
 #include "telemetry_guarded.h"
 #include "telemetry_json.h"
@@ -195,6 +196,8 @@ static uloop_timeout register_timer;
 static void register_object(uint32_t level) {
     if (status_object.id != 0)
         return;
+    const TelemetryBusLimit limit;
+    TelemetryBusLimit::watch(status_bus->sock.fd);
     const int status = ubus_add_object(status_bus, &status_object);
     if (status == UBUS_STATUS_OK)
         return;

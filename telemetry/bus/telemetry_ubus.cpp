@@ -2,6 +2,8 @@
 #include "telemetry_ubus.h"
 
 #include <iterator>
+#include <optional>
+#include <unistd.h>
 
 #include "telemetry_blob.h"
 #include "telemetry_bus_limit.h"
@@ -232,7 +234,7 @@ static ubus_object telemetry_object = [] {
 
 static uloop_timeout reconnect_timer;
 static int64_t connected_at_ms;
-static bool reconnecting;
+static bool connecting;
 static int told_status; // of the last try that failed with a line
 
 // What others call and the connection's end come through the loop alone.
@@ -243,20 +245,29 @@ static bool watch_connection() {
 
 // A connection without the object is of no use: it counts as lost, and the next try starts afresh.
 static bool restore_connection() {
-    reconnecting = true;
-    const TelemetryBusLimit limit;
+    connecting = true;
+    // The library registers its objects again while it connects: the limit is to see the new socket, not the
+    // old one's number.
+    uloop_fd &socket = telemetry_bus->sock;
+    if (socket.registered)
+        uloop_fd_delete(&socket);
+    if (socket.fd >= 0)
+        close(socket.fd);
+    socket.fd = -1;
+    std::optional<TelemetryBusLimit> limit(std::in_place);
+    TelemetryBusLimit::watch(socket.fd);
     int status = ubus_reconnect(telemetry_bus, telemetry_bus_default_socket());
     // The library has closed its socket then, and would close the number again, whoever has it by the next
     // try.
     if (status != UBUS_STATUS_OK)
-        telemetry_bus->sock.fd = -1;
-    TelemetryBusLimit::watch(telemetry_bus->sock.fd);
-    if (status == UBUS_STATUS_OK && telemetry_object.id == 0)
+        socket.fd = -1;
+    else if (telemetry_object.id == 0)
         status = ubus_add_object(telemetry_bus, &telemetry_object);
     const bool watched = status != UBUS_STATUS_OK || watch_connection();
     if (!watched)
         status = UBUS_STATUS_UNKNOWN_ERROR;
-    reconnecting = false;
+    limit.reset();
+    connecting = false;
     if (status != UBUS_STATUS_OK) {
         // An absent bus has been told as a lost one; anything else, such as a name that another process
         // holds, would go unseen.
@@ -281,7 +292,7 @@ static void handle_reconnect_timer(uloop_timeout *timer) {
 
 static void handle_connection_lost(ubus_context *bus) {
     // The library may notice the loss of a connection that is just being made: its caller sees that too.
-    if (reconnecting)
+    if (connecting)
         return;
     LOG_ERROR("ubus connection is lost");
     if (bus->sock.registered)
@@ -295,8 +306,7 @@ static void handle_connection_lost(ubus_context *bus) {
 
 // --- Public ---
 
-int telemetry_init_ubus(TelemetryCtx *ctx) {
-    telemetry_free_ubus();
+static int connect_and_register(TelemetryCtx *ctx) {
     const TelemetryBusLimit limit;
     telemetry_bus = ubus_connect(telemetry_bus_default_socket());
     if (telemetry_bus == nullptr) {
@@ -320,8 +330,17 @@ int telemetry_init_ubus(TelemetryCtx *ctx) {
         LOG_ERROR("registration of the bus object failed: %s", ubus_strerror(status));
         return -1;
     }
-    telemetry_status_register(telemetry_bus, ctx);
     return 0;
+}
+
+int telemetry_init_ubus(TelemetryCtx *ctx) {
+    telemetry_free_ubus();
+    connecting = true; // a loss ends the start
+    const int result = connect_and_register(ctx);
+    connecting = false;
+    if (result == 0)
+        telemetry_status_register(telemetry_bus, ctx);
+    return result;
 }
 
 void telemetry_free_ubus() {
