@@ -13,5 +13,5 @@ class TelemetryBusLimit {
     TelemetryBusLimit &operator=(const TelemetryBusLimit &) = delete;
     // Where the library keeps the connection's socket; below 0 while there is none.
     static void watch(const int &socket);
-    inline static int wait_ms = 10000;
+    inline static int wait_ms = 10000; // tests have less patience
 };

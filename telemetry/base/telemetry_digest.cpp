@@ -11,11 +11,11 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/md5.h>
+#include <span>
 #if defined(OPENSSL_VERSION_MAJOR) && OPENSSL_VERSION_MAJOR >= 3
 #include <openssl/decoder.h>
 #include <openssl/kdf.h>
 #endif
-#include <span>
 
 #include "telemetry_handles.h"
 #include "telemetry_log.h"

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <thread>
 
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -175,31 +174,6 @@ TEST_F(TelemetryUbusTest, PrintShowsContextListAndSlots) {
     EXPECT_THAT(logged_messages([&] { call("print"); }), IsEmpty());
 }
 
-TEST_F(TelemetryUbusTest, ABusThatSaysNothingHoldsACallNoLongerThanItsLimit) {
-    TelemetryBusLimit::wait_ms = 1000;
-    timeval patience = {20, 0};
-    sockaddr_un address = {AF_UNIX, {}};
-    copy_text(address.sun_path, root.path("/silent").c_str());
-    const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    ASSERT_EQ(listen(listener.get(), 1), 0);
-    setsockopt(listener.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    const auto call = [&] {
-        return telemetry_bus_call(address.sun_path, "o", "m", nullptr, 1000, nullptr, nullptr);
-    };
-    EXPECT_EQ(call(), TELEMETRY_BUS_NO_CONNECTION);
-    std::thread silent([&] { // greets the second
-        close(accept(listener.get(), nullptr, nullptr));
-        const FdHandle second(accept(listener.get(), nullptr, nullptr));
-        send(second.get(), "\0\0\0\0\0\1\2\3\0\0\0\4", 12, MSG_NOSIGNAL);
-        char request[64];
-        while (recv(second.get(), request, sizeof(request), 0) > 0) {
-        }
-    });
-    EXPECT_EQ(call(), TELEMETRY_BUS_NO_OBJECT);
-    silent.join();
-}
-
 TEST_F(TelemetryUbusTest, StartFailsWithoutBusOrFreePath) {
     EXPECT_EQ(telemetry_bus_call(bus.socket().c_str(), "nobody", "m", nullptr, 1000, nullptr, nullptr),
               TELEMETRY_BUS_NO_OBJECT);
@@ -275,28 +249,69 @@ TEST_F(TelemetryUbusTest, ALossRightAfterTheConnectionWaitsForTheTimer) {
     EXPECT_EQ(call("clear").json, kDone);
 }
 
-// In the place of the bus stands what accepts and hangs up; the number that the lost connection had is
-// another's.
+// What stands in the place of the bus: a process that hands each connection to `serve`.
+class StandIn {
+  public:
+    StandIn(const std::string &path, void (*serve)(int connection, int number)) {
+        sockaddr_un address = {AF_UNIX, {}};
+        copy_text(address.sun_path, path.c_str());
+        unlink(address.sun_path);
+        const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
+        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener.get(), 8), 0);
+        process_ = fork();
+        if (process_ == 0)
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (int number = 0; process_ == 0; ++number) {
+            const FdHandle connection(accept(listener.get(), nullptr, nullptr));
+            serve(connection.get(), number);
+        }
+    }
+    ~StandIn() {
+        kill(process_, SIGKILL);
+        waitpid(process_, nullptr, 0);
+    }
+    StandIn(const StandIn &) = delete;
+    StandIn &operator=(const StandIn &) = delete;
+
+  private:
+    pid_t process_;
+};
+
+// Neither a call nor the connection that is made anew, whose objects the library registers itself.
+TEST_F(TelemetryUbusTest, ABusThatSaysNothingHoldsNobodyLongerThanTheLimit) {
+    TelemetryBusLimit::wait_ms = 1000;
+    bus.kill();
+    clock_ahead_s += 1;
+    {
+        const StandIn silent(bus.socket(), [](int connection, int number) {
+            if (number > 0)
+                send(connection, "\0\0\0\0\0\1\2\3\0\0\0\4", 12, MSG_NOSIGNAL);
+            char request[64];
+            while (recv(connection, request, sizeof(request), 0) > 0) {
+            }
+        });
+        const auto call_it = [this] {
+            return telemetry_bus_call(bus.socket().c_str(), "o", "m", nullptr, 1000, nullptr, nullptr);
+        };
+        EXPECT_EQ(call_it(), TELEMETRY_BUS_NO_CONNECTION);
+        EXPECT_EQ(call_it(), TELEMETRY_BUS_NO_OBJECT);
+        EXPECT_THAT(logged_messages(run_loop_shortly), Contains("ubus connection is lost"));
+    }
+    bus.start();
+    clock_ahead_s += 4;
+    EXPECT_THAT(logged_messages(run_loop_shortly), Contains("ubus connection is back"));
+    EXPECT_EQ(call("clear").json, kDone);
+}
+
+// The number that the lost connection had is another's.
 TEST_F(TelemetryUbusTest, AFailedGreetingCostsNobodyADescriptor) {
     const OutputCapture quiet;
     bus.kill();
     clock_ahead_s += 1;
     {
-        sockaddr_un address = {AF_UNIX, {}};
-        copy_text(address.sun_path, bus.socket().c_str());
-        unlink(address.sun_path);
-        const FdHandle listener(socket(AF_UNIX, SOCK_STREAM, 0));
-        ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-        ASSERT_EQ(listen(listener.get(), 8), 0);
-        const pid_t rude = fork();
-        ASSERT_GE(rude, 0);
-        if (rude == 0)
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-        while (rude == 0)
-            close(accept(listener.get(), nullptr, nullptr));
+        const StandIn rude(bus.socket(), [](int, int) {});
         run_loop_shortly();
-        kill(rude, SIGKILL);
-        waitpid(rude, nullptr, 0);
     }
     int others[2]; // an upload's, say
     ASSERT_EQ(pipe(others), 0);
